@@ -1,0 +1,138 @@
+#!/usr/bin/env bash
+# Installs what building zorv needs and finds (or fetches) ONNX Runtime.
+#
+#   scripts/setup.sh            packages + ONNX Runtime
+#   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
+#
+# ONNXRUNTIME_ROOT=DIR (with include/ and lib/) replaces the fetched one; so does an
+# installed development package. Everything fetched lands in ZORV_CACHE
+# (default ${XDG_CACHE_HOME:-~/.cache}/zorv), outside the checkout, checked by SHA-256.
+set -euo pipefail
+
+ORT_VERSION=1.21.0
+ORT_NPM_SHA256=c711a4048a8b460a70de25a5008b1628e3773878ef9deec1dd4a4ccab46de01a
+ORT_DEB_SHA256=14f7d959d5deacbcf1504830d4189f91fc67382b399ed9ae9d3aa9c4050ced08
+CACHE="${ZORV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zorv}"
+ORT_DIR="$CACHE/onnxruntime-$ORT_VERSION"
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
+                libgtest-dev libgmock-dev libbenchmark-dev libstb-dev
+                libcli11-dev nlohmann-json3-dev libfmt-dev
+                libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
+DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
+
+say() { printf '[setup] %s\n' "$*" >&2; }
+die() { printf '[setup] %s\n' "$*" >&2; exit 1; }
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then "$@"
+    elif command -v sudo >/dev/null; then sudo "$@"
+    else die "need root for: $* (run as root or install sudo)"; fi
+}
+
+is_debian() {
+    [ -r /etc/os-release ] || return 1
+    (. /etc/os-release && [ "${ID:-}" = debian ] &&
+        { [ "${VERSION_ID:-}" = 12 ] || [ "${VERSION_ID:-}" = 13 ]; })
+}
+
+missing_packages() {
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+            echo "$package"
+    done
+}
+
+install_packages() {
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    [ "${#missing[@]}" -eq 0 ] && return
+    say "installing ${missing[*]}"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+explain_manual_setup() {
+    die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
+  CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, CLI11, nlohmann-json, fmt,
+  FFmpeg's development libraries, python3 with onnx, numpy and Pillow, and espeak-ng; unpack an
+  official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
+  (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
+}
+
+valid_root() { [ -f "$1/include/onnxruntime_cxx_api.h" ] || [ -f "$1/include/onnxruntime/onnxruntime_cxx_api.h" ] ||
+               [ -f "$1/include/onnxruntime/core/session/onnxruntime_cxx_api.h" ]; }
+
+check_sha256() { # file, expected
+    echo "$2  $1" | sha256sum -c --quiet - >&2 || die "checksum mismatch: $1"
+}
+
+# The shared library comes from the runtime's npm package (CPU build, glibc >= 2.27).
+fetch_library() { # work dir, destination lib dir
+    say "fetching the ONNX Runtime $ORT_VERSION shared library"
+    (cd "$1" && npm pack --silent "onnxruntime-node@$ORT_VERSION" >/dev/null)
+    local archive="$1/onnxruntime-node-$ORT_VERSION.tgz"
+    check_sha256 "$archive" "$ORT_NPM_SHA256"
+    tar -xzf "$archive" -C "$1" --wildcards 'package/bin/napi-v3/linux/x64/libonnxruntime.so*'
+    cp -L "$1/package/bin/napi-v3/linux/x64/libonnxruntime.so.1" "$2/libonnxruntime.so.$ORT_VERSION"
+    ln -sf "libonnxruntime.so.$ORT_VERSION" "$2/libonnxruntime.so.1"
+    ln -sf libonnxruntime.so.1 "$2/libonnxruntime.so"
+}
+
+# The matching headers come from the Debian release that ships this version, fetched under
+# private apt state so that the machine's own sources stay as they are.
+fetch_headers() { # work dir, destination include dir
+    say "fetching the ONNX Runtime $ORT_VERSION headers"
+    local site apt="$1/apt"
+    site=$(apt-get indextargets --format '$(SITE)' | grep -v security | sort -u | head -n 1)
+    [ -n "$site" ] || die "no Debian mirror configured in apt"
+    mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial"
+    echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $site trixie main" >"$apt/sources.list"
+    local options=(-o "Dir::Etc::sourcelist=$apt/sources.list" -o Dir::Etc::sourceparts=-
+                   -o "Dir::State::lists=$apt/lists" -o "Dir::Cache=$apt/cache"
+                   -o APT::Sandbox::User=root -o Acquire::Languages=none)
+    apt-get "${options[@]}" update -qq >&2
+    (cd "$1" && apt-get "${options[@]}" download -qq libonnxruntime-dev >&2)
+    local deb
+    deb=$(ls "$1"/libonnxruntime-dev_*.deb)
+    check_sha256 "$deb" "$ORT_DEB_SHA256"
+    dpkg -x "$deb" "$1/deb"
+    cp -RL "$1/deb/usr/include/onnxruntime/." "$2/"
+}
+
+fetch_onnxruntime() {
+    valid_root "$ORT_DIR" && [ -f "$ORT_DIR/lib/libonnxruntime.so.1" ] && return
+    is_debian || explain_manual_setup
+    command -v npm >/dev/null || install_packages npm
+    mkdir -p "$CACHE"
+    local work
+    work=$(mktemp -d "$CACHE/fetch.XXXXXX")
+    trap 'rm -rf "$work"' RETURN
+    mkdir -p "$work/root/lib" "$work/root/include"
+    fetch_library "$work" "$work/root/lib"
+    fetch_headers "$work" "$work/root/include"
+    rm -rf "$ORT_DIR"
+    mv "$work/root" "$ORT_DIR"
+}
+
+find_onnxruntime() {
+    if [ -n "${ONNXRUNTIME_ROOT:-}" ]; then
+        valid_root "$ONNXRUNTIME_ROOT" || die "ONNXRUNTIME_ROOT=$ONNXRUNTIME_ROOT has no ONNX Runtime headers under include/"
+        echo "$ONNXRUNTIME_ROOT"
+    elif [ -f /usr/include/onnxruntime/onnxruntime_cxx_api.h ]; then
+        echo /usr
+    else
+        echo "$ORT_DIR"
+    fi
+}
+
+if [ "${1:-}" != --print ]; then
+    if [ "${ZORV_SKIP_PACKAGES:-0}" != 1 ]; then
+        is_debian || explain_manual_setup
+        install_packages "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}"
+    fi
+    [ "$(find_onnxruntime)" != "$ORT_DIR" ] || fetch_onnxruntime
+fi
+find_onnxruntime
