@@ -1,0 +1,274 @@
+/* zorv_core: speech to talking-face video of one prepared subject, on a CPU, in real time.
+ *
+ * Conventions that hold for every function:
+ *
+ *  1. Handles are opaque. A create function returns NULL on failure; the matching destroy
+ *     function accepts NULL.
+ *  2. Other results are 1 for success and 0 for failure, or a count with a negative value for
+ *     failure; each function says which. The result tells whether a call failed, the last-error
+ *     string says why.
+ *  3. Each family (the functions under one heading) keeps one last-error string per thread. It
+ *     belongs to the calling thread and is valid until that thread's next call of the family.
+ *     "" means none.
+ *  4. Pointers that a function returns belong to the library; the text says which call ends
+ *     their life. Pointers that a host passes in stay the host's and are not kept after the call
+ *     returns, unless the text says otherwise.
+ *  5. Audio is mono at 16,000 Hz. Video runs at 25 frames per second: one frame per 640 samples,
+ *     a started block of 640 counting as a frame.
+ *  6. Frames are row-major bytes, R G B per pixel (R G B 255 for RGBA), W x H of the bundle.
+ *     Crops are three float planes R, G, B of crop x crop values, nominally in [0, 1].
+ *  7. A keypoint set is 63 floats: 21 keypoints x (x, y, z), keypoint after keypoint.
+ *  8. Thread-safety is stated per function: "one thread at a time per handle" means that the host
+ *     must not overlap calls on one handle; different handles never disturb each other.
+ *  9. Allocation failures and failures of the model runtime are reported like any other failure.
+ *
+ * Environment variables are listed in docs/environment.md.
+ */
+#ifndef ZORV_CORE_H
+#define ZORV_CORE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#define ZORV_VERSION_MAJOR 0
+#define ZORV_VERSION_MINOR 1
+#define ZORV_VERSION_PATCH 0
+/** The header's version as one number: 10000 x major + 100 x minor + patch. */
+#define ZORV_VERSION (ZORV_VERSION_MAJOR * 10000 + ZORV_VERSION_MINOR * 100 + ZORV_VERSION_PATCH)
+
+#if defined(_WIN32)
+#define ZORV_API
+#elif defined(__GNUC__)
+#define ZORV_API __attribute__((visibility("default")))
+#else
+#define ZORV_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** The loaded library's version, in the form of ZORV_VERSION. Any thread. */
+ZORV_API int zorv_version(void);
+
+/* ------------------------------------------------------------------------------------------
+ * Rendering context: keypoints become a face crop, the crop becomes part of a full frame
+ *
+ *     zorv_ctx* ctx = zorv_create("subject", "render", 2, NULL);
+ *     if (!ctx) { puts(zorv_last_error()); return 1; }
+ *     size_t size = (size_t)zorv_width(ctx) * (size_t)zorv_height(ctx) * 4;
+ *     uint8_t* rgba = malloc(size);
+ *     for (int k = 0; k < zorv_drive_frames(ctx); ++k) {
+ *         if (!zorv_render_drive_rgba(ctx, k, rgba, size)) { puts(zorv_last_error()); break; }
+ *         show(rgba);
+ *     }
+ *     free(rgba);
+ *     zorv_destroy(ctx);
+ *
+ * A context stays usable after a failed call. A batch stream owns a context of its own.
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_ctx zorv_ctx;
+
+/**
+ * Opens a bundle with one face renderer and one compositor.
+ *
+ * bundle_dir  the subject's directory; file names are appended with "/".
+ * model_key   names the renderer model: bundle_dir/model_<model_key>.onnx.
+ * threads     threads of the model runtime inside one render; below 1 means 1.
+ * ep          execution provider: NULL or "" for the CPU, "xnnpack[:N]", "coreml[:unit]", "neon".
+ *
+ * Returns a context that the caller destroys, or NULL: "zorv_create: " and what was wrong with
+ * which file. Target frames are decoded on first use and kept; memory is used for decoded
+ * frames only (W x H x 3 bytes each).
+ * Thread-safety: any thread.
+ */
+ZORV_API zorv_ctx* zorv_create(const char* bundle_dir, const char* model_key, int threads,
+                               const char* ep);
+
+/** Frees the context and every pointer obtained from it. NULL is allowed. No other call on the
+ *  context may be running. */
+ZORV_API void zorv_destroy(zorv_ctx* ctx);
+
+/** This family's last error on the calling thread, "" if none. Valid until the thread's next
+ *  call of this family. Any thread. */
+ZORV_API const char* zorv_last_error(void);
+
+/** Number of target frames of the bundle; 0 for NULL. Any thread. */
+ZORV_API int zorv_nt(const zorv_ctx* ctx);
+/** Frame width in pixels; 0 for NULL. Any thread. */
+ZORV_API int zorv_width(const zorv_ctx* ctx);
+/** Frame height in pixels; 0 for NULL. Any thread. */
+ZORV_API int zorv_height(const zorv_ctx* ctx);
+/** Side of the square face crop in pixels; 0 for NULL. Any thread. */
+ZORV_API int zorv_crop(const zorv_ctx* ctx);
+/** Number of frames of the stored driving sequence; 0 for NULL. Any thread. */
+ZORV_API int zorv_drive_frames(const zorv_ctx* ctx);
+
+/**
+ * Renders one face crop.
+ *
+ * frame  target frame, 0 <= frame < zorv_nt(ctx).
+ * kp_a   source keypoint set (63 floats): the target frame's own.
+ * kp_b   driving keypoint set (63 floats): where the keypoints shall be.
+ *
+ * Returns 3 x crop x crop floats (planes R, G, B), not clamped, valid until the next render on
+ * this context or its destruction; NULL on failure.
+ * Thread-safety: one thread at a time per context.
+ */
+ZORV_API const float* zorv_render_kp_crop(zorv_ctx* ctx, int frame, const float* kp_a,
+                                          const float* kp_b);
+
+/** zorv_render_kp_crop for frame k of the stored driving sequence, 0 <= k < zorv_drive_frames. */
+ZORV_API const float* zorv_render_drive_crop(zorv_ctx* ctx, int k);
+
+/**
+ * Copies target frame `frame` into `out` and pastes the crop into it.
+ *
+ * crop      3 x crop x crop floats (planes R, G, B) in [0, 1], from any source.
+ * out       receives W x H x 3 RGB bytes.
+ * out_size  bytes available at `out`, at least W x H x 3.
+ *
+ * Returns 1, or 0 on failure. A placement that cannot be inverted or that falls wholly outside
+ * the frame leaves the plain target frame.
+ * Thread-safety: one paste at a time per context; a paste may run beside a render of the same
+ * context when its target frame has been loaded before (zorv_target_frame).
+ */
+ZORV_API int zorv_paste_crop(zorv_ctx* ctx, int frame, const float* crop, uint8_t* out,
+                             size_t out_size);
+
+/**
+ * Pastes the crop of the last successful render into target frame `frame`.
+ * Returns W x H x 3 RGB bytes, valid until the next zorv_paste_last or RGBA call on this context
+ * or its destruction; NULL on failure, also before any successful render.
+ * Thread-safety: one thread at a time per context.
+ */
+ZORV_API const uint8_t* zorv_paste_last(zorv_ctx* ctx, int frame);
+
+/**
+ * Renders as zorv_render_kp_crop does, pastes into target frame `frame` and writes W x H x 4
+ * bytes R G B 255 to `out`. Returns 1, or 0 on failure; with a null context 0 and an empty error.
+ * Thread-safety: one thread at a time per context.
+ */
+ZORV_API int zorv_render_kp_rgba(zorv_ctx* ctx, int frame, const float* kp_a, const float* kp_b,
+                                 uint8_t* out, size_t out_size);
+
+/** zorv_render_kp_rgba for frame k of the stored driving sequence, on that frame's own target. */
+ZORV_API int zorv_render_drive_rgba(zorv_ctx* ctx, int k, uint8_t* out, size_t out_size);
+
+/**
+ * Target frame `frame` without a face pasted: W x H x 3 RGB bytes, valid until the context is
+ * destroyed; NULL on failure (a file that is missing, damaged or of another size).
+ * Thread-safety: one thread at a time per frame that has not been loaded yet; any thread after.
+ */
+ZORV_API const uint8_t* zorv_target_frame(zorv_ctx* ctx, int frame);
+
+/* ------------------------------------------------------------------------------------------
+ * Delta model: a whole clip of speech becomes keypoint offsets
+ *
+ *     zorv_fca* fca = zorv_fca_create("encoder.onnx", "subject/fca_stream.onnx", 2);
+ *     int frames = (samples + 639) / 640;
+ *     float* offsets = malloc((size_t)frames * 63 * sizeof(float));
+ *     if (zorv_fca_deltas(fca, audio, samples, offsets, frames) != frames)
+ *         puts(zorv_fca_last_error());
+ *     zorv_fca_destroy(fca);
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_fca zorv_fca;
+
+/**
+ * Loads the speech encoder and the streaming delta model.
+ * encoder_path    ONNX file: "input_values" [1, 128000] -> "audio_emb" (layers x 200 x 768).
+ * streaming_path  ONNX file: "cond" [1, 5376], "prev" [1, 63], "h" [1, 1, 384] -> "m", "hn".
+ * threads         threads of the model runtime; below 1 means 1.
+ * Returns a handle that the caller destroys, or NULL on failure. Thread-safety: any thread.
+ */
+ZORV_API zorv_fca* zorv_fca_create(const char* encoder_path, const char* streaming_path,
+                                   int threads);
+
+/**
+ * Turns a clip into one set of keypoint offsets per frame; time and memory are linear in n.
+ *
+ * audio       n float samples, mono, 16,000 Hz, in [-1, 1].
+ * out         receives frames x 63 floats, frames = ceil(n / 640).
+ * max_frames  frames that fit at `out`.
+ *
+ * Returns the frames written; 0 when n < 1; -1 on failure and, without a text and with nothing
+ * written, when max_frames is too small.
+ * Thread-safety: one thread at a time per handle.
+ */
+ZORV_API int zorv_fca_deltas(zorv_fca* fca, const float* audio, int n, float* out, int max_frames);
+
+/** Frees the handle. NULL is allowed. */
+ZORV_API void zorv_fca_destroy(zorv_fca* fca);
+
+/** This family's last error on the calling thread, "" if none. Any thread. */
+ZORV_API const char* zorv_fca_last_error(void);
+
+/* ------------------------------------------------------------------------------------------
+ * Batch stream: a whole clip of speech becomes finished frames
+ *
+ *     int on_frame(void* user, int index, const uint8_t* rgb, int W, int H) {
+ *         return fwrite(rgb, 1, (size_t)W * H * 3, (FILE*)user) ? 0 : 1;
+ *     }
+ *     zorv_stream* stream = zorv_stream_create("subject", "encoder.onnx", 2, 0, 1.0f);
+ *     if (!stream) { puts(zorv_stream_last_error()); return 1; }
+ *     int frames = zorv_stream_run(stream, audio, samples, on_frame, file);
+ *     if (frames < 0) puts(zorv_stream_last_error());
+ *     zorv_stream_destroy(stream);
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_stream zorv_stream;
+
+/**
+ * Receives one finished frame: W x H x 3 RGB bytes, valid during the call only. Called on the
+ * thread that called zorv_stream_run, in order 0, 1, 2, ...; the result is ignored. It may call
+ * any function of the library except those on this stream. An exception thrown from it ends the
+ * run; its worker is stopped first.
+ */
+typedef int (*zorv_frame_callback)(void* user, int frame_index, const uint8_t* rgb, int W, int H);
+
+/**
+ * Opens a bundle for whole-clip runs with renderer model "render", bundle_dir/fca_stream.onnx and
+ * bundle_dir/xs_target.bin (zorv_nt x 63 floats: the target frames' own keypoints).
+ *
+ * encoder_path  the speech encoder (see zorv_fca_create).
+ * threads       threads of the model runtime; below 1 means 1.
+ * skipFrames    leading frames that are computed but not delivered; negative means 0.
+ * deltaGain     multiplies every keypoint offset; 1 is the model's own strength.
+ *
+ * Returns a stream that the caller destroys, or NULL on failure. Thread-safety: any thread.
+ */
+ZORV_API zorv_stream* zorv_stream_create(const char* bundle_dir, const char* encoder_path,
+                                         int threads, int skipFrames, float deltaGain);
+
+/**
+ * Renders a clip. Target frames are walked 0, 1, ..., NT-1, NT-2, ..., 1, 0, 1, ...
+ *
+ * audio      n_samples float samples, mono, 16,000 Hz, in [-1, 1].
+ * callback   receives every frame, see zorv_frame_callback; NULL renders without delivering.
+ * user       handed to the callback.
+ *
+ * Returns the number of frames delivered, ceil(n_samples / 640) - skipFrames; 0 when that is
+ * below 1; -1 on failure, with the frames before the failure delivered.
+ * Thread-safety: one thread at a time per stream; the stream must not be NULL.
+ */
+ZORV_API int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
+                             zorv_frame_callback callback, void* user);
+
+/** Frame width in pixels. The stream must not be NULL. Any thread. */
+ZORV_API int zorv_stream_width(zorv_stream* stream);
+/** Frame height in pixels. The stream must not be NULL. Any thread. */
+ZORV_API int zorv_stream_height(zorv_stream* stream);
+
+/** Frees the stream. NULL is allowed. No run may be in progress. */
+ZORV_API void zorv_stream_destroy(zorv_stream* stream);
+
+/** This family's last error on the calling thread, "" if none. Any thread. */
+ZORV_API const char* zorv_stream_last_error(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZORV_CORE_H */

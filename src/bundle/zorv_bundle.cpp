@@ -1,0 +1,222 @@
+#include "bundle/zorv_bundle.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "common/file.h"
+#include "common/key_finder.h"
+
+namespace zorv {
+namespace {
+
+constexpr std::size_t kPooledBytes = 64 * 32 * 32 * 2;
+constexpr std::size_t kFsRedBytes = 64 * 64 * 64 * 2;
+
+/// a x b; an overflowing size is an allocation that cannot be had.
+std::size_t checkedProduct(std::size_t a, std::size_t b) {
+    std::size_t product = 0;
+    if (__builtin_mul_overflow(a, b, &product)) throw std::bad_alloc();
+    return product;
+}
+
+std::size_t toCount(std::int32_t value) {
+    if (value < 0) throw std::bad_alloc();
+    return static_cast<std::size_t>(value);
+}
+
+std::size_t findKey(const std::string& text, const std::string& key) {
+    const KeyPosition position = findKeyPosition(text, key);
+    switch (position.status) {
+        case KeyStatus::kMissing:
+            throw std::runtime_error("manifest: missing key " + key);
+        case KeyStatus::kNoColon:
+            throw std::runtime_error("manifest: malformed key " + key);
+        case KeyStatus::kFound:
+            break;
+    }
+    return position.afterColon;
+}
+
+std::string strField(const std::string& text, const std::string& key) {
+    const auto value = quotedFrom(text, findKey(text, key));
+    if (!value) throw std::runtime_error("manifest: bad string " + key);
+    return *value;
+}
+
+double numField(const std::string& text, const std::string& key) {
+    return numberFrom(text, findKey(text, key));
+}
+
+double numFieldOpt(const std::string& text, const std::string& key, double fallback) {
+    const KeyPosition position = findKeyPosition(text, key);
+    return position.status == KeyStatus::kFound ? numberFrom(text, position.afterColon) : fallback;
+}
+
+bool canOpen(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+/// Reads n elements of T; the file must end there.
+template <class T>
+std::vector<T> readElements(const std::string& path, std::size_t n) {
+    struct stat status {};
+    // Ask for the size first: an absurd count must not allocate before the file proves it.
+    if (::stat(path.c_str(), &status) != 0 || !canOpen(path)) {
+        throw std::runtime_error("cannot open " + path);
+    }
+    const std::size_t bytes = checkedProduct(n, sizeof(T));
+    if (S_ISREG(status.st_mode) && static_cast<std::size_t>(status.st_size) != bytes) {
+        throw std::runtime_error("size mismatch " + path);
+    }
+    std::vector<T> values(n);
+    switch (readExactly(path, values.data(), bytes)) {
+        case ReadStatus::kOk:
+            return values;
+        case ReadStatus::kCannotOpen:
+            throw std::runtime_error("cannot open " + path);
+        default:
+            throw std::runtime_error("size mismatch " + path);
+    }
+}
+
+}  // namespace
+
+std::string Manifest::modelPath(const std::string& key) const {
+    return dir + "/model_" + key + ".onnx";
+}
+
+Manifest loadManifest(const std::string& dir) {
+    const std::string path = dir + "/manifest.json";
+    std::string text;
+    switch (readWholeFile(path, text)) {
+        case ReadStatus::kOk:
+            break;
+        case ReadStatus::kCannotOpen:
+            throw std::runtime_error("cannot open " + path);
+        default:
+            throw std::runtime_error("short read " + path);
+    }
+    if (strField(text, "format") != "zorv-bundle-v0") {
+        throw std::runtime_error("not an zorv-bundle-v0: " + dir);
+    }
+    Manifest manifest;
+    manifest.dir = dir;
+    manifest.agent = strField(text, "agent");
+    manifest.NT = toInt32(numField(text, "NT"));
+    manifest.H = toInt32(numField(text, "H"));
+    manifest.W = toInt32(numField(text, "W"));
+    manifest.crop = toInt32(numField(text, "crop"));
+    manifest.unsharp.amount = static_cast<float>(numField(text, "amount"));
+    manifest.unsharp.sigma = static_cast<float>(numField(text, "sigma"));
+    manifest.unsharp.ksize = toInt32(numField(text, "ksize"));
+    manifest.frames = toInt32(numField(text, "frames"));
+    manifest.M_src_w = toInt32(numFieldOpt(text, "M_src_w", manifest.W));
+    manifest.M_src_h = toInt32(numFieldOpt(text, "M_src_h", manifest.H));
+    if (manifest.NT < 1 || manifest.H < 1 || manifest.W < 1 || manifest.crop <= 0) {
+        throw std::runtime_error("manifest: bad dims");
+    }
+    return manifest;
+}
+
+MappedFile::~MappedFile() {
+    if (base_) ::munmap(base_, length_);
+}
+
+MappedFile::MappedFile(MappedFile&& other) noexcept
+    : base_(std::exchange(other.base_, nullptr)), length_(std::exchange(other.length_, 0)) {}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+    std::swap(base_, other.base_);
+    std::swap(length_, other.length_);
+    return *this;
+}
+
+MappedFile mapFile(const std::string& path, std::size_t length) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw std::runtime_error("cannot open " + path);
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || static_cast<std::size_t>(status.st_size) != length) {
+        ::close(fd);
+        throw std::runtime_error("size mismatch " + path);
+    }
+    void* base = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
+    ::close(fd);  // the mapping keeps the file
+    if (base == MAP_FAILED) throw std::runtime_error("mmap failed " + path);
+    return MappedFile(base, length);
+}
+
+template <>
+std::vector<float> readRaw<float>(const std::string& path, std::size_t n) {
+    return readElements<float>(path, n);
+}
+
+Identity::Identity(const Manifest& manifest) : NT_(manifest.NT), crop_(manifest.crop) {
+    const std::string dir = manifest.dir + "/";
+    const std::size_t frames = toCount(NT_);
+    const std::size_t side = toCount(crop_);
+    const std::size_t imageBytes = checkedProduct(checkedProduct(side, side), 3 * 2);
+
+    pooled64Map_ = mapFile(dir + "pooled64.f16", checkedProduct(frames, kPooledBytes));
+    if (canOpen(dir + "P.f16")) {
+        pMap_ = mapFile(dir + "P.f16", checkedProduct(frames, imageBytes));
+    }
+    if (canOpen(dir + "fs_red.f16")) {
+        fsRedMap_ = mapFile(dir + "fs_red.f16", checkedProduct(frames, kFsRedBytes));
+    }
+    mVec_ = readRaw<float>(dir + "M.f32", checkedProduct(frames, 6));
+    rescaleM(manifest);
+}
+
+const std::uint16_t* Identity::pooled64(int i) const {
+    return reinterpret_cast<const std::uint16_t*>(pooled64Map_.data() +
+                                                  static_cast<std::size_t>(i) * kPooledBytes);
+}
+
+const std::uint16_t* Identity::P(int i) const {
+    const std::size_t side = static_cast<std::size_t>(crop_);
+    return reinterpret_cast<const std::uint16_t*>(pMap_.data() +
+                                                  static_cast<std::size_t>(i) * side * side * 6);
+}
+
+const std::uint16_t* Identity::fsRed(int i) const {
+    return reinterpret_cast<const std::uint16_t*>(fsRedMap_.data() +
+                                                  static_cast<std::size_t>(i) * kFsRedBytes);
+}
+
+void Identity::rescaleM(const Manifest& manifest) {
+    if (manifest.M_src_w < 1 || manifest.M_src_h < 1) return;
+    if (manifest.M_src_w == manifest.W && manifest.M_src_h == manifest.H) return;
+    const double sx = static_cast<double>(manifest.W) / manifest.M_src_w;
+    const double sy = static_cast<double>(manifest.H) / manifest.M_src_h;
+    for (std::size_t k = 0; k < mVec_.size(); ++k) {
+        const double scale = k % 6 < 3 ? sx : sy;  // a, b, tx across; c, d, ty down
+        mVec_[k] = static_cast<float>(mVec_[k] * scale);
+    }
+}
+
+Drive loadDrive(const Manifest& manifest) {
+    const std::string dir = manifest.dir + "/drive/";
+    Drive drive;
+    drive.frames = manifest.frames;
+    const std::size_t frames = toCount(drive.frames);
+    drive.xs = readRaw<float>(dir + "xs.f32", checkedProduct(frames, kKeypointFloats));
+    drive.xd = readRaw<float>(dir + "xd.f32", checkedProduct(frames, kKeypointFloats));
+    drive.si = readElements<std::int32_t>(dir + "si.i32", frames);
+    for (const std::int32_t target : drive.si) {
+        if (target < 0 || target >= manifest.NT) {
+            throw std::runtime_error("drive: si out of range");
+        }
+    }
+    return drive;
+}
+
+}  // namespace zorv

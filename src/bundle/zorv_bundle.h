@@ -1,0 +1,108 @@
+// A prepared subject's directory: manifest, identity tensors, stored driving sequence.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/half.h"
+
+namespace zorv {
+
+constexpr int kKeypointFloats = 63;  ///< 21 keypoints x (x, y, z)
+
+/// Sharpening that the compositor applies to a crop.
+struct Unsharp {
+    float amount = 1.3f;
+    float sigma = 2.0f;  ///< of the Gaussian, in crop pixels
+    std::int32_t ksize = 13;
+};
+
+/// What manifest.json says. Immutable after loading.
+struct Manifest {
+    std::string dir;    ///< the bundle directory as given
+    std::string agent;  ///< free-text subject label
+    std::int32_t NT = 0;
+    std::int32_t H = 0;
+    std::int32_t W = 0;
+    std::int32_t M_src_w = 0;  ///< frame space in which the placements were computed
+    std::int32_t M_src_h = 0;
+    std::int32_t crop = 512;
+    Unsharp unsharp;
+    std::int32_t frames = 0;  ///< length of the stored driving sequence
+
+    /// dir/model_<key>.onnx
+    std::string modelPath(const std::string& key) const;
+};
+
+/// Reads and validates dir/manifest.json. Throws std::runtime_error with a one-line text.
+Manifest loadManifest(const std::string& dir);
+
+/// A read-only private mapping of a headerless tensor file; empty when default-made.
+class MappedFile {
+  public:
+    MappedFile() = default;
+    MappedFile(void* base, std::size_t length) : base_(base), length_(length) {}
+    ~MappedFile();
+    MappedFile(MappedFile&& other) noexcept;
+    MappedFile& operator=(MappedFile&& other) noexcept;
+
+    const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(base_); }
+    std::size_t length() const { return length_; }
+    bool empty() const { return base_ == nullptr; }
+
+  private:
+    void* base_ = nullptr;
+    std::size_t length_ = 0;
+};
+
+/// Maps a file that must be exactly `length` bytes long.
+MappedFile mapFile(const std::string& path, std::size_t length);
+
+/// Reads a file that must hold exactly `n` elements. Instantiated for float.
+template <class T>
+std::vector<T> readRaw(const std::string& path, std::size_t n);
+
+/// Per-target-frame tensors of one subject; any thread may read them. Indices are not checked.
+class Identity {
+  public:
+    explicit Identity(const Manifest& manifest);
+
+    /// 64 x 32 x 32 half-precision pooled features of frame i.
+    const std::uint16_t* pooled64(int i) const;
+    /// 3 x crop x crop half-precision planes R, G, B of the source crop; only when hasP().
+    const std::uint16_t* P(int i) const;
+    /// 64 x 64 x 64 half-precision reduced features; only when hasFsRed().
+    const std::uint16_t* fsRed(int i) const;
+    /// Placement (a, b, tx, c, d, ty): crop pixel (x, y) lands on frame pixel
+    /// (a x + b y + tx, c x + d y + ty).
+    const float* M(int i) const { return mVec_.data() + std::size_t{6} * static_cast<unsigned>(i); }
+
+    bool hasP() const { return !pMap_.empty(); }
+    bool hasFsRed() const { return !fsRedMap_.empty(); }
+
+  private:
+    /// Carries placements over from the frame space they were computed in to W x H.
+    void rescaleM(const Manifest& manifest);
+
+    int NT_;
+    int crop_;
+    MappedFile pooled64Map_;
+    MappedFile pMap_;
+    MappedFile fsRedMap_;
+    std::vector<float> mVec_;
+};
+
+/// The stored driving sequence: `frames` source and driving keypoint sets and the target frame
+/// that each is drawn on.
+struct Drive {
+    std::vector<float> xs;         ///< frames x 63, source keypoints
+    std::vector<float> xd;         ///< frames x 63, driving keypoints
+    std::vector<std::int32_t> si;  ///< frames, each in [0, NT)
+    int frames = 0;
+};
+
+Drive loadDrive(const Manifest& manifest);
+
+}  // namespace zorv

@@ -1,0 +1,39 @@
+// Last-error strings of the C interface and the guard around every C function.
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace zorv {
+
+/// One last-error string per thread for one family of C functions (`Family` is only a tag).
+template <class Family>
+class LastError {
+  public:
+    static const char* get() { return text().c_str(); }
+    static void clear() { text().clear(); }
+    static void set(std::string message) { text() = std::move(message); }
+    static void set(const char* function, const std::exception& error) {
+        text() = std::string(function) + ": " + error.what();
+    }
+
+  private:
+    static std::string& text() {
+        thread_local std::string value;
+        return value;
+    }
+};
+
+/// Runs `body`; a standard exception becomes "function: text" in `Errors` and `failure` is
+/// returned. Exceptions of other kinds pass through to the host.
+template <class Errors, class Result, class Body>
+Result guarded(const char* function, Result failure, Body&& body) {
+    try {
+        return body();
+    } catch (const std::exception& error) {
+        Errors::set(function, error);
+        return failure;
+    }
+}
+
+}  // namespace zorv
