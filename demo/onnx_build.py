@@ -19,6 +19,8 @@ IR_VERSION = 8
 class Value:
     """A named tensor of a graph under construction."""
 
+    __array_ufunc__ = None    # numpy arrays on the left leave the arithmetic to this class
+
     def __init__(self, graph, name):
         self.graph, self.name = graph, name
 
@@ -45,11 +47,11 @@ class GraphBuilder:
         return Value(self, name)
 
     def output(self, name, value, shape):
-        self.nodes.append(helper.make_node("Identity", [value.name], [name]))
+        self.nodes.append(helper.make_node("Identity", [value.name], [name], name=f"n_{name}"))
         self.outputs.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, shape))
 
     def constant(self, array, dtype=np.float32):
-        array = np.ascontiguousarray(array, dtype)
+        array = np.asarray(array, dtype, order="C")
         key = (array.dtype.str, array.shape, array.tobytes())
         if key not in self.constants:
             self.constants[key] = numpy_helper.from_array(array, f"c{len(self.constants)}")
@@ -59,7 +61,7 @@ class GraphBuilder:
         """Append a node; inputs are Values, numbers, arrays or None for an absent one."""
         names = ["" if i is None else (i if isinstance(i, Value) else self.constant(i)).name for i in inputs]
         results = [f"v{len(self.nodes)}_{k}" for k in range(outputs)]
-        self.nodes.append(helper.make_node(kind, names, results, **attributes))
+        self.nodes.append(helper.make_node(kind, names, results, name=f"n{len(self.nodes)}", **attributes))
         values = [Value(self, name) for name in results]
         return values[0] if outputs == 1 else values
 

@@ -13,6 +13,7 @@ on a GRID x GRID raster and enlarged:
 With driving = source every displacement is exactly zero and the picture comes back unchanged.
 """
 import numpy as np
+from PIL import Image
 
 import mouth
 import rig
@@ -223,12 +224,16 @@ def synth_graph(side, batch):
 LUMA_WEIGHTS = (0.299, 0.587, 0.114)
 
 
+def _resized(plane, side):
+    """A plane [S, S] resampled to [side, side], pixel areas aligned."""
+    return np.asarray(Image.fromarray(plane.astype(np.float32), "F").resize((side, side), Image.LANCZOS))
+
+
 def pack_features(picture):
     """[262144] float32 from a picture [3, S, S]."""
-    from bundle import resize_plane
     luma = np.tensordot(LUMA_WEIGHTS, picture, 1)
-    planes = [resize_plane(luma, LUMA), resize_plane(picture[0] - luma, CHROMA),
-              resize_plane(picture[2] - luma, CHROMA)]
+    planes = [_resized(luma, LUMA), _resized(picture[0] - luma, CHROMA),
+              _resized(picture[2] - luma, CHROMA)]
     values = np.concatenate([p.ravel() for p in planes])
     return np.pad(values, (0, 64 ** 3 - values.size)).astype(np.float32)
 
