@@ -6,6 +6,8 @@ unit variance. A Hann-windowed DFT gives the power in five bands per frame, and 
     level  0 .. 1      loudness in dB below the window's loudest frame; 0 from the floor down
     width -1 .. 1      round .. spread: 1.7-3.4 kHz (front vowels) against 0.45-1.7 kHz
     jaw    0 .. 1      close .. open vowel: 0.45-1.7 kHz against 0.15-0.45 kHz
+A window of steady noise alone (no pitch, hardly any change of loudness) has level 0 throughout;
+its normalised samples cannot tell it from speech otherwise.
 The embedding carries level, level * width and level * jaw, 256 values each, so that silence is
 exactly zero. They alternate in sign from frame to frame (windows start at even frames, so the
 sign is one pattern over the whole clip). The caller subtracts a slowly changing mean, and the
@@ -44,6 +46,9 @@ HIGHEST_FLOOR_DB = -20.0   # the floor rises up to here above steady background 
 NOISE_MARGIN_DB = 6.0
 QUIETEST_REFERENCE = 1e-2  # mean square; the window's is 1 unless it is silent
 
+VOICE_HZ = (100, 1400)     # band in which pitch is sought
+PITCH_LAGS = np.arange(40, 201)    # samples: 400 .. 80 Hz
+
 # Gains of the layers 4..9, which callers average (their mean is 1).
 LAYER_GAINS = (0.5, 0.7, 0.9, 1.1, 1.3, 1.5)
 
@@ -78,6 +83,14 @@ class _Graph:
     def reshape(self, x, *shape, out=None):
         return self("Reshape", x, self.ints(*shape), out=out)
 
+    def top(self, x, count, largest):
+        """The count largest (or smallest) values along axis 2, in order."""
+        self.count += 1
+        out = f"top{self.count}"
+        self.nodes.append(helper.make_node("TopK", [x, self.ints(count)], [out, out + "_at"],
+                                           axis=2, largest=largest))
+        return out
+
     def clip(self, x, low, high):
         return self("Clip", x, low, high)
 
@@ -91,20 +104,24 @@ class _Graph:
         save(model, path)
 
 
-def _dft_filters():
-    """Hann-windowed DFT rows [2K, 1, 256] and the band sums [5, 2K] over their squares.
+def _dft_filters(size, hertz_ranges):
+    """Hann-windowed DFT of the K bins (numbers [K]) inside the ranges.
 
-    The sum over all bins of a block would be its mean square; bins start above 100 Hz, where a
-    Hann window lets no constant through.
+    Returns the numbers, filters [2K, 1, size] (cosines, then sines) and the matrix
+    [ranges, 2K] that adds up their squares per range. The sum over all bins of a block would be its mean square; bins start above the Hann
+    window's main lobe, so that no constant gets through.
     """
-    hann = 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(SPECTRUM) / SPECTRUM)
-    hertz = np.arange(SPECTRUM // 2) * SAMPLE_RATE / SPECTRUM
-    used = np.flatnonzero([any(a <= f < b for a, b in BANDS_HZ) for f in hertz])
-    phase = 2 * np.pi * np.outer(used, np.arange(SPECTRUM)) / SPECTRUM
-    scale = np.sqrt(2 / (SPECTRUM * np.sum(hann ** 2)))
-    filters = np.concatenate([np.cos(phase), np.sin(phase)]) * hann * scale
-    sums = np.array([(hertz[used] >= a) & (hertz[used] < b) for a, b in BANDS_HZ])
-    return filters[:, None, :], np.concatenate([sums, sums], axis=1)
+    hertz = np.arange(size // 2) * SAMPLE_RATE / size
+    within = np.array([(hertz >= a) & (hertz < b) for a, b in hertz_ranges])
+    used = np.flatnonzero(within.any(axis=0))
+    phase = 2 * np.pi * np.outer(used, np.arange(size)) / size
+    hann = _hann(size)
+    filters = np.concatenate([np.cos(phase), np.sin(phase)]) * hann * np.sqrt(2 / (size * np.sum(hann ** 2)))
+    return used, filters[:, None, :], np.tile(within[:, used], 2)
+
+
+def _hann(size):
+    return 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(size) / size)
 
 
 def _decibel(g, power):
@@ -113,37 +130,61 @@ def _decibel(g, power):
 
 def _band_powers(g):
     """Mean square of each frame in each band: five tensors [1, 1, 200]."""
-    filters, sums = _dft_filters()
-    audio = g.reshape("input_values", 1, 1, WINDOW)
-    spectrum = g("Conv", audio, filters, strides=[STEP], pads=[0, SPECTRUM - STEP])
+    _, filters, sums = _dft_filters(SPECTRUM, BANDS_HZ)
+    spectrum = g("Conv", g.reshape("input_values", 1, 1, WINDOW), filters, strides=[STEP], pads=[0, SPECTRUM - STEP])
     bands = g("MatMul", sums, g("Mul", spectrum, spectrum))       # [1, 5, 1000]
     blocks = g.reshape(bands, 1, len(BANDS_HZ), FRAMES, 5)
     frames = g("ReduceMean", g.rows(blocks, 3, 0, 4), axes=[3], keepdims=0)
     return [g.rows(frames, 1, i, i + 1) for i in range(len(BANDS_HZ))]
 
 
+def _periodicity(g):
+    """[1, 1, 200]: highest autocorrelation of each frame at a pitch lag, about 1 where voiced."""
+    size = WINDOW // FRAMES
+    bins, filters, every = _dft_filters(size, (VOICE_HZ,))
+    spectrum = g("Conv", g.reshape("input_values", 1, 1, WINDOW), filters, strides=[size])
+    power = g("Mul", spectrum, spectrum)
+    hann = _hann(size)
+    overlap = np.array([np.sum(hann * np.roll(hann, lag)) for lag in PITCH_LAGS]) / np.sum(hann ** 2)
+    cosines = np.cos(2 * np.pi * np.outer(PITCH_LAGS, bins) / size) / overlap[:, None]
+    at_lags = g("MatMul", np.tile(cosines, 2), power)             # [1, lags, 200]
+    best = g("ReduceMax", at_lags, axes=[1], keepdims=1)
+    return g("Div", best, g("Add", g("MatMul", every, power), 1e-6))
+
+
+def _ranked(g, x, rank, largest):
+    """The rank-th largest or smallest of [1, 1, 200] values, as [1, 1, 1]."""
+    return g.rows(g.top(x, rank, largest), 2, rank - 1, rank)
+
+
+def _speech_likeness(g, range_db):
+    """0..1: whether the window holds speech, by pitch or by the range of its loudness."""
+    pitch = g("Sub", _ranked(g, _periodicity(g), 5, 1), 0.85)
+    change = g("Sub", range_db, 9.0)
+    return g.clip(g("Max", g("Mul", pitch, 1 / 0.08), g("Mul", change, 1 / 5)), 0.0, 1.0)
+
+
 def _level(g, loudness):
     """0..1 per frame: dB above the floor over the dB from floor to the loudest frame."""
     smooth = g("Conv", loudness, np.full((1, 1, 3), 1 / 3), pads=[1, 1])
     reference = g("Max", g("ReduceMax", smooth, axes=[2], keepdims=1), QUIETEST_REFERENCE)
-    ratio = g("Div", g("Add", loudness, 1e-6), reference)
-    decibel = _decibel(g, ratio)
+    decibel = _decibel(g, g("Div", g("Add", loudness, 1e-6), reference))
     # Background: the eighth quietest frame of those that are not silent.
     silent = g("Less", decibel, FLOOR_DB - 12)
-    g.nodes.append(helper.make_node("TopK", [g("Where", silent, 0.0, decibel), g.ints(8)],
-                                    ["quietest", "quietest_at"], axis=2, largest=0))
-    noise = g("Add", g.rows("quietest", 2, 7, 8), NOISE_MARGIN_DB)
-    floor = g.clip(noise, FLOOR_DB, HIGHEST_FLOOR_DB)
-    return g.clip(g("Div", g("Sub", decibel, floor), g("Neg", floor)), 0.0, 1.0)
+    background = _ranked(g, g("Where", silent, 0.0, decibel), 8, 0)
+    floor = g.clip(g("Add", background, NOISE_MARGIN_DB), FLOOR_DB, HIGHEST_FLOOR_DB)
+    level = g.clip(g("Div", g("Sub", decibel, floor), g("Neg", floor)), 0.0, 1.0)
+    return g("Mul", level, _speech_likeness(g, g("Neg", background)))
 
 
 def _mouth_features(g):
     """level, width and jaw of the header comment, each [1, 1, 200]."""
-    close, open_, mid, front, _ = _band_powers(g)
+    close, open_, mid, front, hiss = _band_powers(g)
     body = g("Add", open_, mid)
     voiced = g("Add", close, body)
     # What is above 1.7 kHz without a voice below it is a sibilant and opens little.
-    loudness = g("Add", g("Add", g("Mul", close, 0.7), body), g("Min", front, voiced))
+    loudness = g("Sum", g("Mul", close, 0.7), body, g("Min", front, voiced),
+                 g("Mul", g("Add", front, hiss), 0.04))
     level = _level(g, loudness)
 
     # Ratios are bounded: a band counts at least 1e-4 of the frame (and 1e-6 of the window).
@@ -201,7 +242,7 @@ def _neighbour_sums(g):
 def write_stream_model(path):
     """fca_stream: "cond" [1, 5376], "prev" [1, 63], "h" [1, 1, 384] -> "m" [1, 63], "hn".
 
-    opening = level^2 * (close .. open vowel), rising at most 0.6 a frame and falling by no more
+    opening = level^1.5 * (close .. open vowel), rising at most 0.6 a frame and falling by no more
     than 70 % (both read from "prev"), and zero whenever the level is. The width follows the
     vowel's by halves; the hidden state holds it, in every value.
     """
@@ -213,7 +254,7 @@ def write_stream_model(path):
     total = g("Add", g("Mul", g("Add", before[0], after[0]), 0.5), 1e-6)
     wide, jaw = (g.clip(g("Div", v, total), low, 1.0) for v, low in ((wide, -1.0), (jaw, 0.0)))
 
-    target = g("Mul", g("Mul", level, level), g("Add", g("Mul", jaw, 0.45), 0.55))
+    target = g("Mul", g("Pow", level, 1.5), g("Add", g("Mul", jaw, 0.45), 0.55))
     basis = rig.LIP_BASIS.reshape(2, -1)
     last = g("MatMul", "prev", np.linalg.pinv(basis)[:, :1])       # opening of the frame before
     target = g("Min", g("Max", target, g("Mul", last, 0.3)), g("Add", last, 0.6))
