@@ -1,0 +1,147 @@
+#!/usr/bin/python3
+"""Writes the ONNX models of the tests into a directory: make_models.py DIR.
+
+Each model is a formula that a test can compute again or that fails in a known way. Renderers are
+made for crops of 16 x 16; they tell all their inputs apart:
+    rgb = image / 2 + mean(pooled) / 4 + sum(kd * KD) - sum(ks * KS)
+with image = P_rgb, or the corner fs_red[:, 0:3, 0:16, 0:16]; KD[i] = (1 + i) / 10000 and
+KS[i] = (64 - i) / 20000 over the 63 values of a keypoint set.
+"""
+import os
+import sys
+
+import numpy as np
+from onnx import TensorProto, checker, helper, numpy_helper, save
+
+CROP = 16
+
+
+class Graph:
+    """Collects nodes and constants of one graph; calls return the output's name."""
+
+    def __init__(self, opset=13):
+        self.nodes, self.constants, self.count, self.opset = [], [], 0, opset
+
+    def const(self, value, dtype=np.float32):
+        self.count += 1
+        name = f"const{self.count}"
+        self.constants.append(numpy_helper.from_array(np.asarray(value, dtype), name))
+        return name
+
+    def ints(self, *values):
+        return self.const(values, np.int64)
+
+    def __call__(self, op, *inputs, out=None, **attributes):
+        self.count += 1
+        out = out or f"t{self.count}"
+        inputs = [i if isinstance(i, str) else self.const(i) for i in inputs]
+        self.nodes.append(helper.make_node(op, inputs, [out], name=f"n{self.count}", **attributes))
+        return out
+
+    def save(self, path, inputs, outputs, types=None):
+        """inputs and outputs: name -> shape. types: element types other than float."""
+        def infos(entries):
+            return [helper.make_tensor_value_info(n, (types or {}).get(n, TensorProto.FLOAT), s)
+                    for n, s in entries.items()]
+        graph = helper.make_graph(self.nodes, "test", infos(inputs), infos(outputs), self.constants)
+        model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", self.opset)],
+                                  ir_version=7, producer_name="zorv tests")
+        checker.check_model(model)
+        save(model, path)
+
+
+def weighted_sum(g, keypoints, weights):
+    """[B, 21, 3] keypoints -> [B, 1, 1, 1]."""
+    product = g("Mul", keypoints, np.reshape(weights, (1, 21, 3)))
+    total = g("ReduceSum", product, g.ints(1, 2), keepdims=1)
+    return g("Unsqueeze", total, g.ints(3))
+
+
+def motion(g, kd, ks):
+    index = np.arange(63)
+    return g("Sub", weighted_sum(g, kd, (1 + index) / 10000), weighted_sum(g, ks, (64 - index) / 20000))
+
+
+def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None):
+    """The standard graph. fail_at: runs fail when kp_driving[0] lies outside -fail_at .. fail_at."""
+    g = Graph()
+    mean = g("ReduceMean", "pooled64", axes=list(range(1, 1 + len(pooled_shape))), keepdims=0)
+    mean = g("Reshape", mean, g.ints(-1, 1, 1, 1))
+    base = g("Add", g("Mul", "P_rgb", 0.5), g("Mul", mean, 0.25))
+    moved = motion(g, "kp_driving", "kp_source")
+    if fail_at is not None:
+        first = g("Slice", g("Reshape", "kp_driving", g.ints(-1)), g.ints(0), g.ints(1))
+        row = g("Cast", g("Floor", g("Div", first, float(fail_at))), to=TensorProto.INT64)
+        moved = g("Add", moved, g("Gather", g.const([0.0]), row))  # only rows -1 and 0 exist
+    g("Add", base, moved, out="rgb")
+    g.save(path,
+           {"pooled64": [batch, *pooled_shape], "P_rgb": [batch, 3, crop, crop],
+            "kp_driving": [batch, 21, 3], "kp_source": [batch, 21, 3]},
+           {"rgb": [batch, 3, crop, crop]})
+
+
+def feat_synth(path, batch=1):
+    g = Graph()
+    corner = g("Slice", "fs_red", g.ints(0, 0, 0), g.ints(3, CROP, CROP), g.ints(1, 2, 3))
+    mean = g("ReduceMean", "pooled", axes=[1, 2, 3], keepdims=1)
+    g("Add", g("Add", g("Mul", corner, 0.5), g("Mul", mean, 0.25)), motion(g, "kd", "ks"), out="rgb")
+    g.save(path,
+           {"fs_red": [batch, 64, 64, 64], "pooled": [batch, 64, 32, 32],
+            "kd": [batch, 21, 3], "ks": [batch, 21, 3]},
+           {"rgb": [batch, 3, CROP, CROP]})
+
+
+def encoder(path, layers=10, dtype=TensorProto.FLOAT, input_name="input_values"):
+    """Per frame of 640 samples 768 fixed random mixtures, plus the place in the window, so that a
+    frame's embedding depends on the window that it is taken from; every layer scaled its own way.
+    """
+    g = Graph()
+    mix = np.random.default_rng(7).normal(size=(640, 768)) / 25
+    frames = g("MatMul", g("Reshape", input_name, g.ints(1, 200, 640)), mix)
+    frames = g("Add", frames, np.arange(200).reshape(1, 200, 1) / 500)
+    scales = 1 + np.arange(layers).reshape(layers, 1, 1) * 0.3 - 0.002 * np.arange(768)
+    g("Cast", g("Mul", frames, scales), to=dtype, out="audio_emb")
+    g.save(path, {input_name: [1, 128000]}, {"audio_emb": [layers, 200, 768]}, {"audio_emb": dtype})
+
+
+def fca_stream(path, m_values=63, hidden=384):
+    """m = tanh(cond W) / 20 + prev / 2 - h[:63] / 100; hn = h / 2 + mean(prev) + pattern * mean(cond)."""
+    g = Graph()
+    mix = np.random.default_rng(8).normal(size=(5376, m_values)) / 200
+    now = g("Mul", g("Tanh", g("MatMul", "cond", mix)), 0.05)
+    memory = g("Mul", g("Slice", g("Reshape", "h", g.ints(1, 384)), g.ints(0), g.ints(m_values), g.ints(1)), 0.01)
+    past = g("Slice", g("Mul", "prev", 0.5), g.ints(0), g.ints(m_values), g.ints(1))
+    g("Sub", g("Add", now, past), memory, out="m")
+    drive = g("Mul", g("ReduceMean", "cond", axes=[1], keepdims=1), np.cos(np.arange(384)).reshape(1, 384))
+    state = g("Add", g("Mul", "h", 0.5), g("Add", drive, g("ReduceMean", "prev", axes=[1], keepdims=1)))
+    g("Slice", state, g.ints(0), g.ints(hidden), g.ints(2), out="hn")
+    g.save(path, {"cond": [1, 5376], "prev": [1, 63], "h": [1, 1, 384]},
+           {"m": [1, m_values], "hn": [1, 1, hidden]})
+
+
+def main(directory):
+    os.makedirs(directory, exist_ok=True)
+
+    def path(name):
+        return os.path.join(directory, name + ".onnx")
+
+    renderer(path("render"))
+    renderer(path("render_b4"), batch=4)
+    renderer(path("render_fails"), fail_at=100)
+    renderer(path("render_symbolic_batch"), batch="N")
+    renderer(path("render_pooled_3d"), pooled_shape=(64, 1024))
+    renderer(path("render_pooled_small"), pooled_shape=(64, 16, 32))
+    renderer(path("render_crop_8"), crop=8)
+    feat_synth(path("feat_synth"))
+    feat_synth(path("feat_synth_b4"), batch=4)
+    encoder(path("encoder"))
+    encoder(path("encoder_9_layers"), layers=9)
+    encoder(path("encoder_double"), dtype=TensorProto.DOUBLE)
+    encoder(path("encoder_other_input"), input_name="audio")
+    fca_stream(path("fca_stream"))
+    fca_stream(path("fca_stream_short_m"), m_values=62)
+    fca_stream(path("fca_stream_short_hn"), hidden=383)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])
