@@ -5,30 +5,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "common/file.h"
 #include "common/key_finder.h"
+#include "common/memory.h"
 
 namespace zorv {
 namespace {
 
 constexpr std::size_t kPooledBytes = 64 * 32 * 32 * 2;
 constexpr std::size_t kFsRedBytes = 64 * 64 * 64 * 2;
-
-/// a x b; an overflowing size is an allocation that cannot be had.
-std::size_t checkedProduct(std::size_t a, std::size_t b) {
-    std::size_t product = 0;
-    if (__builtin_mul_overflow(a, b, &product)) throw std::bad_alloc();
-    return product;
-}
-
-std::size_t toCount(std::int32_t value) {
-    if (value < 0) throw std::bad_alloc();
-    return static_cast<std::size_t>(value);
-}
 
 std::size_t findKey(const std::string& text, const std::string& key) {
     const KeyPosition position = findKeyPosition(text, key);

@@ -1,0 +1,17 @@
+// RGB bytes to RGBA bytes with an alpha of 255.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zorv {
+
+/// Reads 3 x pixels bytes, writes 4 x pixels bytes; the ranges must not overlap.
+void rgbToRgba(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
+
+namespace kernels {
+void rgbToRgbaPortable(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
+void rgbToRgbaAvx2(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
+}  // namespace kernels
+
+}  // namespace zorv

@@ -1,0 +1,61 @@
+// Sizes that cannot overflow, and large zeroed buffers that cost memory only where touched.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <utility>
+
+namespace zorv {
+
+/// a x b; a product that does not fit is an allocation that cannot be had.
+inline std::size_t checkedProduct(std::size_t a, std::size_t b) {
+    std::size_t product = 0;
+    if (__builtin_mul_overflow(a, b, &product)) throw std::bad_alloc();
+    return product;
+}
+
+/// A count read from a file as a size; a negative one is an allocation that cannot be had.
+inline std::size_t toCount(std::int32_t value) {
+    if (value < 0) throw std::bad_alloc();
+    return static_cast<std::size_t>(value);
+}
+
+/// Anonymous zeroed pages; physical memory is used only for pages that are written.
+class ZeroedPages {
+  public:
+    ZeroedPages() = default;
+    explicit ZeroedPages(std::size_t bytes);
+    ~ZeroedPages();
+    ZeroedPages(ZeroedPages&& other) noexcept
+        : base_(std::exchange(other.base_, nullptr)), bytes_(std::exchange(other.bytes_, 0)) {}
+    ZeroedPages& operator=(ZeroedPages&& other) noexcept {
+        std::swap(base_, other.base_);
+        std::swap(bytes_, other.bytes_);
+        return *this;
+    }
+
+    void* data() const { return base_; }
+
+  private:
+    void* base_ = nullptr;
+    std::size_t bytes_ = 0;
+};
+
+/// A fixed array of n zeroed T on ZeroedPages.
+template <class T>
+class ZeroedArray {
+  public:
+    ZeroedArray() = default;
+    explicit ZeroedArray(std::size_t n) : pages_(checkedProduct(n, sizeof(T))), size_(n) {}
+
+    T* data() { return static_cast<T*>(pages_.data()); }
+    const T* data() const { return static_cast<const T*>(pages_.data()); }
+    std::size_t size() const { return size_; }
+
+  private:
+    ZeroedPages pages_;
+    std::size_t size_ = 0;
+};
+
+}  // namespace zorv
