@@ -1,0 +1,39 @@
+// The streaming delta model: a whole clip of speech becomes keypoint offsets.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "common/ort.h"
+#include "stream/delta_math.h"
+
+namespace zorv {
+
+/// Owns the speech encoder and the recurrent model. One thread at a time.
+///
+/// A clip flows through window by window: encoder -> embeddings of the window's frames -> centred
+/// embeddings in a short ring -> recurrent model, as soon as a frame's context is there. Of the
+/// whole clip only the energies are kept, one float per frame.
+class DeltaModel {
+  public:
+    DeltaModel(const std::string& encoderPath, const std::string& streamingPath, int threads);
+
+    /// Writes frameCount(n) x 63 offsets. n >= 1.
+    void deltas(const float* audio, int n, float* out);
+
+  private:
+    struct Recurrence;
+
+    /// Encodes one window; the pointer into the returned tensor holds its layers.
+    Ort::Value encode(float* window);
+    /// One frame: context, previous offsets and state become the frame's offsets and next state.
+    void step(Recurrence& state, float* out);
+
+    // Released in reverse order: sessions before options and environment.
+    Ort::Env env_;
+    Ort::SessionOptions options_;
+    Ort::Session encoder_{nullptr};
+    Ort::Session streaming_{nullptr};
+};
+
+}  // namespace zorv

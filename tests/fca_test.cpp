@@ -1,0 +1,336 @@
+#include <gtest/gtest.h>
+#include <zorv_core.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <random>
+
+#include "common/ort.h"
+#include "stream/delta_math.h"
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+using test::modelFile;
+
+using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
+
+FcaPtr openFca(const std::string& encoder = "encoder", const std::string& stream = "fca_stream") {
+    return {zorv_fca_create(modelFile(encoder).c_str(), modelFile(stream).c_str(), 1),
+            &zorv_fca_destroy};
+}
+
+/// Noise whose loudness wanders, with stretches of digital silence.
+std::vector<float> speechLike(int n) {
+    std::mt19937 random(3);
+    std::uniform_real_distribution<float> noise(-1.f, 1.f);
+    std::vector<float> audio(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+        const double loud = std::cos(i * 6e-6) * std::sin(i * 1.3e-4 + 1);
+        audio[i] = noise(random) * static_cast<float>(loud > 0.05   ? loud * 0.5
+                                                      : loud < -0.5 ? 0.01
+                                                                    : 0);
+    }
+    return audio;
+}
+
+/// The algorithm as a whole-clip computation: every array at full length, every threshold from a
+/// sorted copy, every window run whether or not it provides a frame.
+class Reference {
+  public:
+    std::vector<float> deltas(const std::vector<float>& audio) {
+        const int n = static_cast<int>(audio.size());
+        const int F = (n + 639) / 640;
+        return recur(context(centre(embeddings(audio, F)), F), F);
+    }
+
+  private:
+    using Rows = std::vector<std::vector<float>>;
+
+    static std::vector<float> run(Ort::Session& session, std::vector<const char*> names,
+                                  std::vector<std::vector<float>*> values,
+                                  std::vector<std::vector<std::int64_t>> shapes,
+                                  std::vector<const char*> outputs, std::vector<float>* second) {
+        std::vector<Ort::Value> inputs;
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            inputs.push_back(tensorOver(values[i]->data(), values[i]->size(), shapes[i]));
+        }
+        auto results = session.Run(Ort::RunOptions{nullptr}, names.data(), inputs.data(),
+                                   inputs.size(), outputs.data(), outputs.size());
+        const auto copy = [](Ort::Value& value) {
+            const float* data = value.GetTensorData<float>();
+            return std::vector<float>(data,
+                                      data + value.GetTensorTypeAndShapeInfo().GetElementCount());
+        };
+        if (second) *second = copy(results[1]);
+        return copy(results[0]);
+    }
+
+    Rows embeddings(const std::vector<float>& audio, int F) {
+        Rows rows(F);
+        for (int s = 0; s < F; s += 100) {
+            std::vector<float> window(128000);
+            for (std::size_t i = 0; i < 128000 && s * 640 + i < audio.size(); ++i) {
+                window[i] = audio[s * 640 + i];
+            }
+            double mean = 0, var = 0;
+            for (const float x : window) mean += x;
+            mean /= 128000;
+            for (const float x : window) var += (x - mean) * (x - mean);
+            var /= 128000;
+            const float inv = 1.f / std::sqrt(static_cast<float>(var + 1e-7));
+            for (float& x : window) x = static_cast<float>((x - mean) * inv);
+            const auto emb =
+                run(encoder_, {"input_values"}, {&window}, {{1, 128000}}, {"audio_emb"}, nullptr);
+            for (int t = s == 0 ? 0 : 50; t < 200 && s + t < F; ++t) {
+                if (!rows[s + t].empty()) continue;
+                for (int d = 0; d < 768; ++d) {
+                    double sum = 0;
+                    for (int L = 4; L <= 9; ++L) sum += emb[(L * 200 + t) * 768 + d];
+                    rows[s + t].push_back(static_cast<float>(sum / 6.0));
+                }
+            }
+        }
+        return rows;
+    }
+
+    static double threshold(std::vector<float> energies) {  // by value: sorted
+        const int f = static_cast<int>(energies.size()) - 1;
+        if (f <= 6) return 0;
+        std::sort(energies.begin(), energies.end());
+        const double p = 0.2 * f;
+        const double lo = std::floor(p), hi = std::ceil(p);
+        const double low = energies[static_cast<int>(lo)], high = energies[static_cast<int>(hi)];
+        return low + (high - low) * (p - lo);
+    }
+
+    Rows centre(Rows rows) {
+        std::vector<float> sum(768), energies;
+        int count = 0;
+        for (auto& row : rows) {
+            double squares = 0;
+            for (const float v : row) squares += static_cast<double>(v) * v;
+            energies.push_back(static_cast<float>(std::sqrt(squares)));
+            const bool voiced = energies.back() > threshold(energies);
+            count += voiced;
+            ++(voiced ? voiced_ : unvoiced_);
+            const float scale = 1.f / static_cast<float>(std::max(count, 1));
+            for (int d = 0; d < 768; ++d) {
+                if (voiced) sum[d] += row[d];
+                row[d] -= sum[d] * scale;
+            }
+        }
+        return rows;
+    }
+
+    static Rows context(const Rows& centred, int F) {
+        Rows conds(F);
+        for (int f = 0; f < F; ++f) {
+            for (const int o : {-1, 0, 1, 2, 3, 4, 5}) {
+                const auto& row = centred[std::clamp(f + o, 0, F - 1)];
+                conds[f].insert(conds[f].end(), row.begin(), row.end());
+            }
+        }
+        return conds;
+    }
+
+    std::vector<float> recur(Rows conds, int F) {
+        std::vector<float> prev(63), h(384), all;
+        for (int f = 0; f < F; ++f) {
+            std::vector<float> next;
+            prev = run(stream_, {"cond", "prev", "h"}, {&conds[f], &prev, &h},
+                       {{1, 5376}, {1, 63}, {1, 1, 384}}, {"m", "hn"}, &next);
+            h = next;
+            all.insert(all.end(), prev.begin(), prev.end());
+        }
+        return all;
+    }
+
+    Ort::Env env_ = makeOrtEnv("reference");
+    Ort::SessionOptions options_ = makeSessionOptions(1);
+    Ort::Session encoder_{env_, modelFile("encoder").c_str(), options_};
+    Ort::Session stream_{env_, modelFile("fca_stream").c_str(), options_};
+
+  public:
+    int voiced_ = 0, unvoiced_ = 0;
+};
+
+TEST(FcaDeltas, EqualsTheWholeClipComputationAroundEveryEdge) {
+    const FcaPtr fca = openFca();
+    ASSERT_TRUE(fca) << zorv_fca_last_error();
+    Reference reference;
+    // Around one frame, the warm-up, the context, and the frames at which windows take over.
+    std::vector<int> lengths = {1, 639, 640, 641};
+    for (const int frames :
+         {2, 5, 6, 7, 8, 9, 50, 99, 100, 101, 149, 150, 151, 199, 200, 201, 299, 300, 301, 555}) {
+        lengths.push_back(frames * 640 - (frames % 3) * 100);
+    }
+    for (const int n : lengths) {
+        const std::vector<float> audio = speechLike(n);
+        const int frames = (n + 639) / 640;
+        std::vector<float> out(static_cast<std::size_t>(frames) * 63 + 1, 99.f);
+        ASSERT_EQ(zorv_fca_deltas(fca.get(), audio.data(), n, out.data(), frames), frames)
+            << zorv_fca_last_error();
+        EXPECT_EQ(out.back(), 99.f) << "wrote behind the last frame";
+        out.pop_back();
+        const std::vector<float> expected = reference.deltas(audio);
+        ASSERT_EQ(expected.size(), out.size());
+        for (std::size_t i = 0; i < out.size(); ++i) {
+            ASSERT_EQ(out[i], expected[i])
+                << "n " << n << " frame " << i / 63 << " value " << i % 63;
+        }
+    }
+    // The clips exercised both outcomes, so an inverted or constant threshold would have shown.
+    EXPECT_GT(reference.voiced_, 100);
+    EXPECT_GT(reference.unvoiced_, 100);
+}
+
+TEST(FcaDeltas, ArgumentsThatYieldNoFrames) {
+    const FcaPtr fca = openFca();
+    ASSERT_TRUE(fca);
+    const std::vector<float> audio = speechLike(641);
+    std::vector<float> out(126, 7.f);
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 0, out.data(), 2), 0);
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), nullptr, INT32_MIN, nullptr, 0), 0);
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 641, out.data(), 1), -1);
+    EXPECT_STREQ(zorv_fca_last_error(), "");
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), INT32_MAX, out.data(), 2), -1);
+    EXPECT_EQ(out, std::vector<float>(126, 7.f)) << "a refused call wrote";
+    for (const auto& [handle, samples, to] :
+         {std::tuple{static_cast<zorv_fca*>(nullptr), audio.data(), out.data()},
+          std::tuple{fca.get(), static_cast<const float*>(nullptr), out.data()},
+          std::tuple{fca.get(), audio.data(), static_cast<float*>(nullptr)}}) {
+        EXPECT_EQ(zorv_fca_deltas(handle, samples, 641, to, 2), -1);
+        EXPECT_STREQ(zorv_fca_last_error(), "zorv_fca_deltas: NULL fca/audio/out");
+    }
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 641, out.data(), 2), 2);
+    EXPECT_STREQ(zorv_fca_last_error(), "") << "a good call keeps an old text";
+}
+
+TEST(FcaDeltas, NanInTheAudioIsContained) {
+    const FcaPtr fca = openFca();
+    ASSERT_TRUE(fca);
+    std::vector<float> audio = speechLike(640 * 420);
+    audio[640 * 390] = NAN;  // heard by the windows at 200 and 300 only
+    std::vector<float> out(420 * 63);
+    ASSERT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 640 * 420, out.data(), 420), 420);
+    EXPECT_TRUE(
+        std::all_of(out.begin(), out.begin() + 295 * 63, [](float v) { return std::isfinite(v); }));
+}
+
+TEST(FcaModels, WhatDoesNotFitIsReportedAndTheHandleStaysUsable) {
+    const std::vector<float> audio = speechLike(640);
+    std::vector<float> out(63);
+    const auto failure = [&](const std::string& encoder, const std::string& stream) -> std::string {
+        const FcaPtr fca = openFca(encoder, stream);
+        if (!fca) return zorv_fca_last_error();
+        for (int i = 0; i < 2; ++i) {  // fails the same way every time
+            EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 640, out.data(), 1), -1);
+        }
+        return zorv_fca_last_error();
+    };
+    EXPECT_EQ(failure("encoder_9_layers", "fca_stream"),
+              "zorv_fca_deltas: output audio_emb: expected at least 1536000 float32 values, found "
+              "1382400");
+    EXPECT_EQ(failure("encoder_double", "fca_stream"),
+              "zorv_fca_deltas: output audio_emb: expected at least 1536000 float32 values, found "
+              "another element type");
+    EXPECT_EQ(failure("encoder", "fca_stream_short_m"),
+              "zorv_fca_deltas: output m: expected at least 63 float32 values, found 62");
+    EXPECT_EQ(failure("encoder", "fca_stream_short_hn"),
+              "zorv_fca_deltas: output hn: expected at least 384 float32 values, found 383");
+    // The runtime's own texts, behind the function's name.
+    EXPECT_TRUE(failure("encoder_other_input", "fca_stream").starts_with("zorv_fca_deltas: "));
+    EXPECT_TRUE(failure("encoder", "encoder").starts_with("zorv_fca_deltas: "));
+    EXPECT_TRUE(failure("missing", "fca_stream").starts_with("zorv_fca_create: "));
+    EXPECT_TRUE(failure("encoder", "missing").starts_with("zorv_fca_create: "));
+
+    test::TempDir dir;
+    const std::string damaged = dir.path() + "/damaged.onnx";
+    std::string bytes = test::readFile(modelFile("encoder"));
+    test::writeFile(damaged, bytes.substr(0, bytes.size() / 2));
+    EXPECT_EQ(zorv_fca_create(damaged.c_str(), modelFile("fca_stream").c_str(), 0), nullptr);
+    EXPECT_EQ(zorv_fca_create(nullptr, damaged.c_str(), 1), nullptr);
+    EXPECT_STREQ(zorv_fca_last_error(), "zorv_fca_create: NULL encoder_path/streaming_path");
+    EXPECT_EQ(zorv_fca_create(damaged.c_str(), nullptr, 1), nullptr);
+    zorv_fca_destroy(nullptr);
+}
+
+TEST(DeltaMath, FrameCountIsExactUpToTheLargestInt) {
+    EXPECT_EQ(delta::frameCount(INT32_MIN), 0);
+    EXPECT_EQ(delta::frameCount(0), 0);
+    EXPECT_EQ(delta::frameCount(1), 1);
+    EXPECT_EQ(delta::frameCount(640), 1);
+    EXPECT_EQ(delta::frameCount(641), 2);
+    EXPECT_EQ(delta::frameCount(INT32_MAX), 3355444);
+}
+
+TEST(DeltaMath, WindowsCoverEveryFrameOnceInOrder) {
+    for (int frames = 1; frames <= 1000; ++frames) {
+        int next = 0;
+        for (int w = 0; w < delta::windowCount(frames); ++w) {
+            const delta::Window window = delta::windowAt(w, frames);
+            ASSERT_EQ(window.begin, next) << "frames " << frames << " window " << w;
+            ASSERT_GT(window.end, window.begin) << "a window for nothing, frames " << frames;
+            ASSERT_GE(window.begin - window.start, w == 0 ? 0 : delta::kWindowLeadFrames);
+            ASSERT_LE(window.end - window.start, delta::kWindowFrames);
+            next = window.end;
+        }
+        ASSERT_EQ(next, frames);
+    }
+}
+
+TEST(DeltaMath, PercentileEqualsTheOneOfASortedCopy) {
+    std::mt19937 random(5);
+    for (int kind = 0; kind < 6; ++kind) {
+        delta::CausalPercentile percentile;
+        std::vector<float> sorted;
+        for (int f = 0; f < 2000; ++f) {
+            const float r = static_cast<float>(random() % 100000) / 7;
+            const float kinds[] = {r,                                 // spread
+                                   static_cast<float>(random() % 5),  // mostly ties
+                                   static_cast<float>(f),             // rising
+                                   static_cast<float>(-f),            // falling
+                                   1.f,                               // constant
+                                   f % 11 == 0 ? NAN : r};            // NaN behind the rest
+            float e = kinds[kind];
+            const double got = percentile.add(e);
+            if (std::isnan(e)) e = std::numeric_limits<float>::infinity();
+            sorted.insert(std::upper_bound(sorted.begin(), sorted.end(), e), e);
+            const double p = 0.2 * f;
+            const double low = sorted[static_cast<int>(std::floor(p))];
+            const double high = sorted[static_cast<int>(std::ceil(p))];
+            const double expected =
+                p == std::floor(p) ? low : low + (high - low) * (p - std::floor(p));
+            ASSERT_EQ(got, expected) << "kind " << kind << " frame " << f;
+        }
+    }
+    // So many NaN that the percentile falls among them: nothing exceeds it.
+    delta::CausalPercentile percentile;
+    for (int f = 0; f < 50; ++f) EXPECT_FALSE(5.f > percentile.add(NAN));
+}
+
+TEST(DeltaMath, NormalisedWindowHasMeanZeroAndVarianceOneIncludingItsPadding) {
+    std::vector<float> audio = speechLike(100000);
+    for (float& x : audio) x += 0.3f;
+    std::vector<float> window(delta::kWindowSamples, 5.f);
+    delta::normalizedWindow(audio.data(), 100000, 0, window.data());
+    double sum = 0, squares = 0;
+    for (const float x : window) {
+        sum += x;
+        squares += static_cast<double>(x) * x;
+    }
+    EXPECT_NEAR(sum / delta::kWindowSamples, 0, 1e-6);
+    EXPECT_NEAR(squares / delta::kWindowSamples, 1, 1e-4);
+    EXPECT_LT(window[100000], -0.1f) << "silence lies below a clip with an offset";
+    // Silence stays silence: the constant added to the variance keeps it from becoming noise.
+    const std::vector<float> silence(640, 0.f);
+    delta::normalizedWindow(silence.data(), 640, 0, window.data());
+    EXPECT_EQ(window, std::vector<float>(delta::kWindowSamples, 0.f));
+}
+
+}  // namespace
+}  // namespace zorv
