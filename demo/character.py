@@ -5,9 +5,11 @@ lays them over each other through the pose of that moment and draws the eyes on 
 canvas first. Everything is in crop units (rig.py): the head canvas uses the face crop's own
 coordinates, the body canvas those of the resting crop.
 """
+import copy
+
 import numpy as np
 
-from drawing import Canvas, box_blur, bump, mirrored, mix, polygon_sdf, smoothstep, spline
+from drawing import Canvas, box_blur, bump, mirrored, mix, smoothstep, spline
 import rig
 
 WIDTH, HEIGHT = 1280, 720
@@ -16,15 +18,17 @@ CENTRE_PX = (640.0, 338.0)      # the resting crop's centre in the frame
 PPU = 2 * UNIT_PX               # canvases are drawn at twice the frame's resolution
 SOFT = 1.5 / UNIT_PX            # width of an anti-aliased edge
 
-SKIN_LIGHT, SKIN_MID, SKIN_DARK = (1.00, 0.85, 0.745), (0.95, 0.725, 0.60), (0.70, 0.42, 0.36)
+SKIN_LIGHT, SKIN_MID, SKIN_DARK = (0.995, 0.845, 0.760), (0.945, 0.715, 0.605), (0.72, 0.44, 0.385)
 HAIR_DARK, HAIR_MID, HAIR_LIGHT = (0.17, 0.075, 0.07), (0.42, 0.185, 0.12), (0.86, 0.50, 0.28)
 LIP_DARK, LIP_MID, LIP_LIGHT = (0.56, 0.20, 0.22), (0.80, 0.37, 0.36), (0.94, 0.58, 0.54)
 LIGHT = np.array((-0.45, -0.50, 0.74), np.float32)
 LIGHT /= np.linalg.norm(LIGHT)
 
-EYE_X, EYE_Y, EYE_HALF, EYE_OPEN = 0.230, -0.150, 0.118, 0.078
+EYE_X, EYE_Y = 0.230, -0.140
+HALF = 0.118                    # half width of an eye as drawn by paint_eye ...
+EYE_SCALE = 1.17                # ... which enlarges it by this
 FACE = mirrored([(0, -0.84), (0.30, -0.76), (0.46, -0.55), (0.515, -0.28), (0.515, 0.0),
-                 (0.487, 0.22), (0.430, 0.42), (0.335, 0.58), (0.215, 0.695), (0.10, 0.74), (0, 0.748)])
+                 (0.478, 0.22), (0.408, 0.42), (0.310, 0.58), (0.195, 0.69), (0.095, 0.738), (0, 0.748)])
 
 
 # ---------------------------------------------------------------------------- painting once
@@ -45,7 +49,7 @@ def face_relief(x, y):
     r2 = (x / 0.60) ** 2 + ((y + 0.06) / 0.88) ** 2
     height = 0.50 * np.sqrt(np.clip(1 - r2, 0.015, 1))
     ridge = bump(x, y, 0, -0.06, 0.050, 0.17)
-    height += 0.040 * ridge + 0.075 * bump(x, y, 0, 0.085, 0.075, 0.075)
+    height += 0.024 * ridge + 0.066 * bump(x, y, 0, 0.085, 0.080, 0.078)
     for side in (-1, 1):
         height += 0.022 * bump(x, y, side * 0.062, 0.115, 0.036, 0.036)
         height -= 0.035 * bump(x, y, side * EYE_X, EYE_Y + 0.01, 0.14, 0.10)
@@ -65,15 +69,20 @@ def skin_colour(light):
     return mix(shadowed, SKIN_LIGHT, smoothstep(0.72, 1.0, light))
 
 
-def strands(angle, radius, seed, count=26):
-    """Hair streaks in [-1, 1]: waves across the strand direction that drift slowly along it."""
+def strands(across, along, width, seed, count=20):
+    """Hair streaks in [-1, 1]: waves across the strands that drift slowly along them.
+
+    across, along: strand coordinates; width: units per unit of `across`. Waves too fine for the
+    frame's resolution are left out where they are too fine.
+    """
     rng = np.random.default_rng(seed)
-    total = np.zeros(angle.shape, np.float32)
+    total = np.zeros(across.shape, np.float32)
     for k in range(count):
-        frequency = 6.0 * 1.17 ** k
-        phase, drift = rng.uniform(0, 2 * np.pi), rng.uniform(-2.2, 2.2)
-        total += np.sin(angle * frequency + phase + drift * radius * (1 + 0.08 * k)) / (1 + 0.06 * k)
-    return np.tanh(total / 3.2)
+        frequency = 6.0 * 1.22 ** k
+        phase, drift = rng.uniform(0, 2 * np.pi), rng.uniform(-2.5, 2.5)
+        visible = np.clip(width * 2 * np.pi / frequency / 0.009 - 0.5, 0, 1)
+        total += visible * np.sin(across * frequency + phase + drift * along * (1 + 0.08 * k)) / (1 + 0.05 * k)
+    return np.tanh(total / 2.8)
 
 
 def hair_colour(canvas, streaks, band, light):
@@ -92,13 +101,13 @@ def paint_face(canvas):
     light -= 0.05 * smoothstep(0.45, 0.75, y)
     canvas.paint(skin_colour(light), canvas.cover(sdf))
     for side in (-1, 1):
-        canvas.tint((0.98, 0.62, 0.58), 0.50 * bump(x, y, side * 0.315, 0.135, 0.13, 0.10))
+        canvas.tint((0.98, 0.62, 0.58), (0.42 - 0.06 * side) * bump(x, y, side * 0.315, 0.135, 0.13, 0.10))
         canvas.tint((0.90, 0.66, 0.62), 0.45 * bump(x, y, side * EYE_X, EYE_Y - 0.055, 0.14, 0.07))
         canvas.tint((0.93, 0.72, 0.66), 0.30 * bump(x, y, side * EYE_X, EYE_Y + 0.085, 0.11, 0.03))
     canvas.tint((0.98, 0.70, 0.64), 0.40 * bump(x, y, 0.01, 0.09, 0.085, 0.07))
-    canvas.glow((1.0, 0.94, 0.86), 0.17 * gloss ** 60)
-    canvas.glow((1.0, 0.97, 0.92), 0.26 * bump(x, y, -0.014, 0.070, 0.020, 0.026))
-    canvas.glow((1.0, 0.95, 0.90), 0.09 * bump(x, y, -0.010, -0.05, 0.014, 0.09))
+    canvas.glow((1.0, 0.90, 0.84), 0.09 * gloss ** 60)
+    canvas.glow((1.0, 0.97, 0.92), 0.24 * bump(x, y, -0.016, 0.068, 0.022, 0.024))
+    canvas.glow((1.0, 0.95, 0.90), 0.06 * bump(x, y, -0.010, -0.05, 0.018, 0.09))
     rim = smoothstep(-0.05, -0.004, sdf) * smoothstep(0.1, 0.5, x) * smoothstep(-0.3, 0.2, y)
     canvas.glow((0.55, 0.62, 0.80), 0.22 * rim)
     paint_freckles(canvas)
@@ -108,10 +117,12 @@ def paint_freckles(canvas):
     """A light sprinkle of freckles over nose and cheeks."""
     rng = np.random.default_rng(4)
     for _ in range(46):
-        cx, cy = rng.normal(0, 0.19), 0.06 + rng.normal(0, 0.045) + 0.02
+        cx, cy = rng.normal(0, 0.17), 0.075 + rng.normal(0, 0.040)
         size = rng.uniform(0.0045, 0.0085)
+        if np.hypot(cx, cy - 0.09) < 0.075:       # the tip of the nose stays clear
+            continue
         part = canvas.part(cx - 0.04, cy - 0.04, cx + 0.04, cy + 0.04)
-        part.tint((0.72, 0.46, 0.36), rng.uniform(0.25, 0.55) * bump(part.x, part.y, cx, cy, size, size))
+        part.tint((0.72, 0.46, 0.36), rng.uniform(0.18, 0.42) * bump(part.x, part.y, cx, cy, size, size))
 
 
 def paint_nose(canvas):
@@ -120,20 +131,28 @@ def paint_nose(canvas):
     x, y = part.x, part.y
     part.tint((0.80, 0.52, 0.46), 0.55 * bump(x, y, 0.012, 0.168, 0.075, 0.026))
     for side in (-1, 1):
-        part.tint((0.45, 0.16, 0.15), 0.80 * bump(x, y, side * 0.040, 0.152 - abs(x) * 0.12, 0.023, 0.0105))
-        wing = np.hypot((x - side * 0.068) / 0.9, y - 0.118)
-        arc = smoothstep(0.012, 0.002, np.abs(wing - 0.034)) * smoothstep(0.0, 0.03, side * (x - side * 0.068))
-        part.tint((0.74, 0.46, 0.40), 0.50 * arc)
+        part.tint((0.45, 0.16, 0.15), 0.66 * bump(x, y, side * 0.038, 0.154 - abs(x) * 0.12, 0.021, 0.0095))
+        wing = np.hypot((x - side * 0.056) / 0.95, y - 0.122)
+        arc = smoothstep(0.014, 0.0, np.abs(wing - 0.036)) * smoothstep(0.010, 0.034, side * (x - side * 0.056))
+        part.tint((0.78, 0.50, 0.44), 0.42 * arc * smoothstep(0.085, 0.12, y))
+
+
+def lip_line(x):
+    """Height of the line between the closed lips: the parabola through corners and middle."""
+    half, corner = -rig.REST[rig.LEFT_CORNER, 0], rig.REST[rig.LEFT_CORNER, 1]
+    middle = 0.5 * (rig.REST[rig.UPPER_INNER, 1] + rig.REST[rig.LOWER_INNER, 1])
+    return corner + (middle - corner) * (1 - (x / half) ** 2)
 
 
 def lip_outlines():
     """Upper and lower lip at rest as outlines that share the line between the lips."""
-    corner, line = -rig.REST[rig.LEFT_CORNER, 0], rig.REST[rig.LEFT_CORNER, 1]
+    half, corner = -rig.REST[rig.LEFT_CORNER, 0], rig.REST[rig.LEFT_CORNER, 1]
     top, bottom = rig.REST[rig.UPPER_OUTER, 1], rig.REST[rig.LOWER_OUTER, 1]
-    upper = mirrored([(0, top + 0.006), (0.042, top - 0.007), (0.10, top + 0.018), (0.155, top + 0.046),
-                      (corner, line - 0.001), (0.14, line + 0.003), (0.06, line - 0.002), (0, line + 0.002)])
-    lower = mirrored([(0, line + 0.001), (0.06, line - 0.003), (0.14, line + 0.002), (corner - 0.004, line + 0.001),
-                      (0.145, line + 0.040), (0.080, bottom - 0.008), (0, bottom)])
+    seam = [(x, lip_line(x)) for x in (0.14, 0.07, 0)]
+    upper = mirrored([(0, top + 0.006), (0.042, top - 0.006), (0.10, top + 0.014), (0.155, top + 0.036),
+                      (half, corner), *seam])
+    lower = mirrored([*seam[::-1], (half, corner), (0.145, lip_line(0.145) + 0.038), (0.080, bottom - 0.009),
+                      (0, bottom)])
     return upper, lower
 
 
@@ -144,34 +163,32 @@ def paint_lips(canvas):
     upper, lower = lip_outlines()
     part.tint((0.80, 0.52, 0.46), 0.50 * bump(x, y, 0, 0.512, 0.105, 0.022))
     up, low = part.outline(upper), part.outline(lower)
-    line = rig.REST[rig.LEFT_CORNER, 1]
-    part.paint(mix(LIP_MID, LIP_DARK, smoothstep(0.33, 0.41, y) * 0.85), part.cover(up, 2.2 * SOFT))
-    body = mix(LIP_MID, LIP_DARK, 0.75 * smoothstep(0.445, 0.485, y) + 0.45 * smoothstep(0.425, 0.40, y))
+    above = y - lip_line(np.clip(x, -0.2, 0.2))                # height below the line, units
+    part.paint(mix(LIP_MID, LIP_DARK, 0.75 * smoothstep(-0.06, 0.0, above)), part.cover(up, 2.2 * SOFT))
+    body = mix(LIP_MID, LIP_DARK, 0.70 * smoothstep(0.045, 0.085, above) + 0.45 * smoothstep(0.022, 0.0, above))
     part.paint(body, part.cover(low, 2.2 * SOFT))
-    both = np.minimum(up, low)
-    inside = part.cover(both, 3 * SOFT)
+    inside = part.cover(np.minimum(up, low), 3 * SOFT)
     creases = 0.5 + 0.5 * np.sin(x * 210 + 3 * np.sin(x * 47))
-    part.tint((0.80, 0.55, 0.55), 0.16 * inside * creases * smoothstep(0.2, 0.05, np.abs(x)))
-    part.glow(LIP_LIGHT, 0.42 * inside * bump(x, y, -0.035, 0.436, 0.085, 0.013))
-    part.glow((1, 0.92, 0.9), 0.30 * inside * bump(x, y, -0.045, 0.436, 0.030, 0.007))
-    part.glow(LIP_LIGHT, 0.16 * inside * bump(x, y, -0.04, 0.352, 0.05, 0.010))
-    half = -rig.REST[rig.LEFT_CORNER, 0]
-    seam = np.abs(y - (line + 0.001 - 0.004 * np.sin(np.abs(x) / half * np.pi)))
-    ends = smoothstep(half + 0.016, half - 0.03, np.abs(x))
-    part.tint((0.42, 0.13, 0.15), 0.78 * ends * smoothstep(0.0085, 0.0, seam))
+    part.tint((0.80, 0.55, 0.55), 0.12 * inside * creases * smoothstep(0.2, 0.05, np.abs(x)))
+    part.glow(LIP_LIGHT, 0.38 * inside * bump(x, above, -0.030, 0.036, 0.085, 0.013))
+    part.glow((1, 0.92, 0.9), 0.26 * inside * bump(x, above, -0.040, 0.036, 0.030, 0.007))
+    part.glow(LIP_LIGHT, 0.14 * inside * bump(x, above, -0.04, -0.046, 0.05, 0.010))
+    half, corner = -rig.REST[rig.LEFT_CORNER, 0], rig.REST[rig.LEFT_CORNER, 1]
+    ends = smoothstep(half + 0.018, half - 0.03, np.abs(x))
+    part.tint((0.42, 0.13, 0.15), 0.72 * ends * smoothstep(0.0080, 0.0, np.abs(above)))
     for side in (-1, 1):
-        part.tint((0.66, 0.36, 0.32), 0.40 * bump(x, y, side * (half + 0.012), line - 0.004, 0.020, 0.020))
+        part.tint((0.66, 0.36, 0.32), 0.42 * bump(x, y, side * (half + 0.010), corner - 0.004, 0.017, 0.022))
 
 
 def paint_brows(canvas):
     """Tapered brows with a few hairs' worth of texture."""
     for side in (-1, 1):
-        top = np.array([(0.095, -0.300), (0.16, -0.352), (0.25, -0.378), (0.335, -0.352), (0.392, -0.300)])
-        under = np.array([(0.33, -0.326), (0.25, -0.340), (0.165, -0.312), (0.105, -0.268)])
-        part = canvas.part(-0.46, -0.46, 0.46, -0.20)
+        top = np.array([(0.098, -0.372), (0.165, -0.399), (0.25, -0.411), (0.335, -0.385), (0.402, -0.322)])
+        under = np.array([(0.33, -0.357), (0.25, -0.377), (0.165, -0.361), (0.100, -0.340)])
+        part = canvas.part(-0.50, -0.50, 0.50, -0.22)
         sdf = part.outline(np.concatenate([top, under]) * (side, 1))
         slant = np.sin((part.x * side * 1.0 + part.y * 0.9) * 260) * 0.5 + 0.5
-        part.paint(mix(HAIR_MID, HAIR_DARK, 0.35 + 0.5 * slant), 0.86 * part.cover(sdf, 0.016))
+        part.paint(mix(HAIR_MID, HAIR_DARK, 0.30 + 0.35 * slant), 0.84 * part.cover(sdf, 0.020))
 
 
 def crown_coordinates(canvas, cx, cy):
@@ -183,41 +200,73 @@ def crown_coordinates(canvas, cx, cy):
 def paint_back_hair(canvas):
     """The hair behind the head: a full, wavy bob that frames jaw and neck."""
     x, y = canvas.x, canvas.y
-    points = mirrored([(0, -1.03), (0.34, -0.97), (0.58, -0.76), (0.70, -0.42), (0.735, -0.05), (0.745, 0.30),
-                       (0.765, 0.55), (0.72, 0.77), (0.60, 0.84), (0.49, 0.78), (0.44, 0.62), (0, 0.45)])
+    points = mirrored([(0, -1.03), (0.34, -0.97), (0.58, -0.76), (0.70, -0.42), (0.735, -0.05), (0.750, 0.30),
+                       (0.775, 0.55), (0.745, 0.80), (0.62, 0.92), (0.44, 0.90), (0.26, 0.80), (0, 0.78)])
     sdf = canvas.outline(points, decimate=4)
-    angle, radius = crown_coordinates(canvas, 0.10, -1.0)
-    wave = 0.05 * np.sin(y * 7 + 1.0)
-    streaks = strands((x + wave * np.sign(x)) * 3.2, y, 11)
-    light = 0.62 - 0.25 * x - 0.30 * smoothstep(0.62, 0.40, np.abs(x)) - 0.25 * smoothstep(0.3, 0.9, y)
-    band = 0.9 * bump(x, y, -0.67, 0.10, 0.10, 0.30) + 0.55 * bump(x, y, 0.70, 0.22, 0.07, 0.26)
-    canvas.paint(hair_colour(canvas, streaks, band, np.clip(light, 0, 1)), canvas.cover(sdf + 0.006 * streaks))
+    wave = 0.030 * np.sin(y * 6.5 + 0.8) * np.sign(x)
+    across = (x + wave) * (1 + 0.18 * smoothstep(0.4, 0.9, y))
+    streaks = strands(across * 2.2, y, 1 / 2.2, 11)
+    inner = smoothstep(0.60, 0.36, np.abs(x))
+    light = 0.66 - 0.22 * x - 0.62 * inner - 0.26 * smoothstep(0.35, 0.9, y)
+    band = (0.9 * bump(x, y, -0.67, 0.14, 0.10, 0.28) + 0.55 * bump(x, y, 0.70, 0.24, 0.07, 0.24)) * (1 - inner)
+    canvas.paint(hair_colour(canvas, streaks * (1 - 0.7 * inner), band, np.clip(light, -0.1, 1)), canvas.cover(sdf, 0.012))
 
 
 def paint_front_hair(canvas):
     """Crown, a fringe swept to one side and the locks along the cheeks."""
     x, y = canvas.x, canvas.y
-    outline = [(0.02, -1.045), (0.32, -0.985), (0.55, -0.80), (0.665, -0.48), (0.685, -0.10), (0.680, 0.22),
-               (0.640, 0.47), (0.575, 0.60), (0.515, 0.63), (0.535, 0.45), (0.525, 0.22), (0.505, 0.0),
-               (0.490, -0.20), (0.455, -0.38), (0.37, -0.545), (0.25, -0.665), (0.15, -0.74),
-               (0.02, -0.62), (-0.14, -0.50), (-0.30, -0.42), (-0.42, -0.33), (-0.480, -0.20),
-               (-0.505, 0.0), (-0.525, 0.22), (-0.540, 0.44), (-0.525, 0.62), (-0.58, 0.60),
-               (-0.645, 0.46), (-0.690, 0.20), (-0.690, -0.12), (-0.665, -0.48), (-0.54, -0.82), (-0.30, -0.99)]
+    outline = [(0.02, -1.045), (0.32, -0.985), (0.55, -0.80), (0.665, -0.48), (0.690, -0.10), (0.690, 0.22),
+               (0.665, 0.47), (0.610, 0.66), (0.540, 0.735), (0.505, 0.72), (0.535, 0.58), (0.532, 0.40),
+               (0.512, 0.20), (0.495, 0.0), (0.480, -0.20), (0.445, -0.38), (0.37, -0.545), (0.25, -0.665),
+               (0.15, -0.74), (0.02, -0.63), (-0.14, -0.53), (-0.30, -0.455), (-0.42, -0.36), (-0.475, -0.20),
+               (-0.495, 0.0), (-0.512, 0.20), (-0.532, 0.40), (-0.530, 0.58), (-0.500, 0.72), (-0.54, 0.74),
+               (-0.615, 0.66), (-0.675, 0.46), (-0.700, 0.20), (-0.695, -0.12), (-0.665, -0.48), (-0.54, -0.82),
+               (-0.30, -0.99)]
     sdf = canvas.outline(outline, decimate=4, steps=8)
-    shadow = box_blur(canvas.cover(sdf - 0.01, 0.06), 16)
+    shadow = box_blur(canvas.cover(sdf - 0.012, 0.05), 14)
     inside_face = canvas.cover(canvas.outline(FACE, decimate=4))
-    canvas.tint((0.62, 0.36, 0.34), 0.75 * shadow * inside_face)
-    angle, radius = crown_coordinates(canvas, 0.15, -0.86)
-    swept = angle + 0.35 * np.sin(2.2 * radius) * np.sign(x - 0.15)
-    streaks = strands(swept * 4.0, radius, 5)
+    canvas.tint((0.62, 0.36, 0.34), 0.62 * shadow * inside_face)
+    angle, radius = crown_coordinates(canvas, 0.15, -0.88)
+    swept = angle + 0.30 * np.sin(2.2 * radius) * np.sign(x - 0.15)
+    top = strands(swept * 3.0, radius, radius / 3.0, 5)
+    down = strands((x + 0.022 * np.sin(y * 6.5 + 0.8) * np.sign(x)) * 2.6, y, 1 / 2.6, 6)
+    sides = smoothstep(-0.48, 0.10, y + 0.25 * (np.abs(x) - 0.5))
+    streaks = top + (down - top) * sides
     edge = smoothstep(-0.09, 0.0, sdf)
-    light = 0.80 - 0.22 * x - 0.30 * edge - 0.32 * smoothstep(0.0, 0.65, y) \
-        - 0.35 * bump(x, y, 0.15, -0.80, 0.05, 0.20)
-    ring = radius + 0.03 * np.sin(9 * angle) + 0.04 * x
-    band = 0.95 * np.exp(-((ring - 0.44) / 0.085) ** 2) * smoothstep(0.1, -0.3, y) \
-        + 0.5 * bump(x, y, -0.62, 0.02, 0.05, 0.25)
-    fringe = sdf + 0.010 * streaks * smoothstep(0.3, 0.7, radius)
-    canvas.paint(hair_colour(canvas, streaks, band, np.clip(light, 0, 1)), canvas.cover(fringe, 0.010))
+    light = 0.84 - 0.22 * x - 0.28 * edge - 0.25 * smoothstep(0.1, 0.75, y) \
+        - 0.40 * np.exp(-((x - 0.15 + 0.10 * (y + 0.74)) / 0.028) ** 2) * smoothstep(-0.70, -0.82, y)
+    ring = radius + 0.025 * np.sin(9 * angle) + 0.04 * x
+    band = 0.90 * np.exp(-((ring - 0.46) / 0.085) ** 2) * smoothstep(0.1, -0.3, y) \
+        + 0.55 * bump(x, y, -0.61, 0.06, 0.05, 0.24) + 0.30 * bump(x, y, 0.60, 0.10, 0.04, 0.22)
+    ragged = strands(swept * 3.0, radius * 0, radius / 3.0, 8, count=9) * (1 - sides)
+    fringe = sdf + 0.009 * ragged * smoothstep(0.25, 0.6, radius) * smoothstep(-0.95, -0.70, y)
+    canvas.paint(hair_colour(canvas, streaks, band, np.clip(light, 0, 1)), canvas.cover(fringe, 0.011))
+    paint_wisps(canvas)
+
+
+def paint_wisps(canvas):
+    """A few loose hairs along the fringe and beside the face, as thin curves."""
+    rng = np.random.default_rng(21)
+    part = canvas.part(-0.80, -1.10, 0.80, 0.80)
+    paths = [((0.13, -0.76), (-0.10, -0.56), (-0.34, -0.40), (-0.45, -0.24)),
+             ((0.10, -0.78), (-0.16, -0.55), (-0.40, -0.36), (-0.485, -0.10)),
+             ((0.17, -0.76), (0.32, -0.58), (0.42, -0.38), (0.462, -0.16)),
+             ((-0.47, -0.16), (-0.485, 0.08), (-0.50, 0.30), (-0.47, 0.46)),
+             ((0.46, -0.14), (0.480, 0.10), (0.495, 0.32), (0.462, 0.50))]
+    for path in paths:
+        for _ in range(3):
+            points = np.array(path) + rng.normal(0, 0.006, (4, 2)) + rng.normal(0, 0.010, 2)
+            curve = spline(points, closed=False, steps=8)
+            distance = np.full(part.x.shape, 1.0, np.float32)
+            for (ax, ay), (bx, by) in zip(curve[:-1], curve[1:]):
+                i0, i1 = (int((v + s * 0.02 - part.x0) * PPU) for v, s in ((min(ax, bx), -1), (max(ax, bx), 1)))
+                j0, j1 = (int((v + s * 0.02 - part.y0) * PPU) for v, s in ((min(ay, by), -1), (max(ay, by), 1)))
+                px, py = part.x[j0:j1, i0:i1] - ax, part.y[j0:j1, i0:i1] - ay
+                along = np.clip((px * (bx - ax) + py * (by - ay)) / ((bx - ax) ** 2 + (by - ay) ** 2), 0, 1)
+                piece = np.hypot(px - along * (bx - ax), py - along * (by - ay))
+                distance[j0:j1, i0:i1] = np.minimum(distance[j0:j1, i0:i1], piece)
+            part.paint(mix(HAIR_MID, HAIR_LIGHT, np.full(part.x.shape, rng.uniform(0, 0.35))),
+                       0.75 * part.cover(distance - 0.0022, 1.2 * SOFT))
 
 
 def paint_head():
@@ -242,14 +291,12 @@ def paint_body():
     """Neck, shoulders and a ribbed jumper, in the coordinates of the resting crop."""
     canvas = Canvas(-1.9, 0.30, 1.9, 1.80, PPU, SOFT)
     x, y = canvas.x, canvas.y
-    neck = canvas.outline(mirrored([(0, 0.32), (0.23, 0.34), (0.235, 0.62), (0.24, 0.84), (0.30, 0.98),
+    neck = canvas.outline(mirrored([(0, 0.32), (0.215, 0.34), (0.215, 0.62), (0.222, 0.84), (0.28, 0.98),
                                     (0.46, 1.06), (0.5, 1.4), (0, 1.5)]), decimate=4)
     light, _ = shade(canvas, 0.42 * np.sqrt(np.clip(1 - (x / 0.40) ** 2, 0.02, 1)))
     light -= 0.30 * smoothstep(1.02, 0.62, y + 0.10 * x)
     canvas.paint(skin_colour(light), canvas.cover(neck))
     canvas.tint((0.62, 0.36, 0.34), 0.65 * bump(x, y, 0.03, 0.66, 0.28, 0.20))
-    for side in (-1, 1):
-        canvas.tint((0.80, 0.56, 0.50), 0.45 * bump(x - 0.45 * side * (y - 0.9), y, side * 0.10, 0.95, 0.03, 0.15))
     paint_jumper(canvas)
     return canvas
 
@@ -262,7 +309,7 @@ def paint_jumper(canvas):
                                    (1.44, 1.55), (1.56, 1.95), (0, 2.0)]), decimate=4)
     height = 0.62 * np.sqrt(np.clip(1 - (x / 1.55) ** 2, 0.02, 1)) - 0.75 * np.clip(y - 1.1, -1, 0) ** 2 \
         - 0.28 * smoothstep(0.95, 1.5, np.abs(x)) * (y - 1.0)
-    height += 0.03 * bump(x, y, -0.52, 1.36, 0.10, 0.5) + 0.02 * bump(x, y, 0.60, 1.45, 0.08, 0.4)
+    height += 0.03 * bump(x, y, -0.60, 1.50, 0.22, 0.35) + 0.02 * bump(x, y, 0.66, 1.55, 0.20, 0.3)
     light, _ = shade(canvas, height - 0.25 * smoothstep(-0.10, 0.02, sdf) ** 2)
     knit = 0.5 + 0.5 * np.sin(x * 88 + 1.3 * np.sin(y * 110)) * np.sin(y * 110)
     light = np.clip(light - 0.05 + 0.06 * knit, 0, 1)
@@ -304,23 +351,23 @@ def lid_curves(across, openness):
     across runs from the inner to the outer corner, which sits a little higher.
     """
     arch = np.clip(1 - np.abs(across) ** 2.3, 0, 1)
-    tilt = -0.014 * across
-    lower = tilt + 0.046 * arch * (1 - 0.1 * across)
-    upper = tilt - EYE_OPEN * np.clip(1 - np.abs(across - 0.06) ** 2.5, 0, 1) ** 0.9
+    tilt = -0.008 * across
+    lower = tilt + 0.042 * arch * (1 - 0.1 * across)
+    upper = tilt - 0.081 * np.clip(1 - np.abs(across - 0.06) ** 2.5, 0, 1) ** 0.9
     return lower + (upper - lower) * openness, lower
 
 
 def paint_eye(canvas, side, openness, gaze):
     """One eye on the head canvas; openness 1 open .. 0 shut, gaze (x, y) in units."""
-    part = canvas.part(side * EYE_X - 0.19, EYE_Y - 0.17, side * EYE_X + 0.19, EYE_Y + 0.12)
-    x, y = part.x - side * EYE_X, part.y - EYE_Y
-    across = np.clip(x * side / EYE_HALF, -1.35, 1.35)
+    part = canvas.part(side * EYE_X - 0.21, EYE_Y - 0.19, side * EYE_X + 0.21, EYE_Y + 0.14)
+    x, y = (part.x - side * EYE_X) / EYE_SCALE, (part.y - EYE_Y) / EYE_SCALE
+    across = np.clip(x * side / HALF, -1.35, 1.35)
     upper, lower = lid_curves(np.clip(across, -1, 1), openness)
     open_upper, _ = lid_curves(np.clip(across, -1, 1), 1.0)
-    inside = np.maximum.reduce([upper - y, y - lower, (np.abs(across) - 1) * EYE_HALF])
+    inside = np.maximum.reduce([upper - y, y - lower, (np.abs(across) - 1) * HALF])
 
     # The lid that comes down is skin, slightly darker towards the lashes.
-    lid = np.maximum.reduce([open_upper - 0.004 - y, y - lower, (np.abs(across) - 1) * EYE_HALF])
+    lid = np.maximum.reduce([open_upper - 0.004 - y, y - lower, (np.abs(across) - 1) * HALF])
     part.paint(mix((0.93, 0.69, 0.58), (0.80, 0.50, 0.43), smoothstep(-0.06, 0.05, y)), part.cover(lid, 2 * SOFT))
 
     ball = mix((0.985, 0.965, 0.95), (0.72, 0.66, 0.68), np.clip((x / 0.15) ** 2 + smoothstep(0.0, -0.075, y) * 0.55, 0, 1))
@@ -355,14 +402,12 @@ def paint_lashes(part, across, x, y, upper, lower, open_upper, openness, side):
     wing = -0.030 * np.clip(across - 0.93, 0, 1) / 0.2 * (0.4 + 0.6 * openness)
     line = np.abs(y - (upper + wing - 0.35 * thick)) - 0.5 * thick
     part.paint((0.13, 0.06, 0.06), 0.95 * reach * part.cover(line, 2 * SOFT))
-    phase = across * 15.0
-    spikes = np.abs(phase - np.round(phase)) * 2
     length = 0.030 * smoothstep(-0.3, 0.9, across) * reach
     sway = (upper - y) / np.maximum(length, 1e-4)
-    curved = (across - 0.10 * np.clip(sway, 0, 1) ** 1.5) * 15.0
+    curved = (across - 0.12 * np.clip(sway, 0, 1) ** 1.5) * 9.0
     spikes = np.abs(curved - np.round(curved)) * 2
-    lash = smoothstep(0.55, 0.25, spikes + 0.35 * np.clip(sway, 0, 1)) * (sway > -0.1) * smoothstep(1.0, 0.9, sway)
-    part.paint((0.13, 0.06, 0.06), 0.7 * lash * reach * smoothstep(0.2, 0.6, across) * (0.35 + 0.65 * openness))
+    lash = smoothstep(0.60, 0.20, spikes + 0.45 * np.clip(sway, 0, 1)) * (sway > -0.1) * smoothstep(1.0, 0.7, sway)
+    part.paint((0.13, 0.06, 0.06), 0.75 * lash * reach * smoothstep(0.0, 0.5, across) * (0.35 + 0.65 * openness))
     rim = np.abs(y - lower - 0.003) - 0.0025
     part.paint((0.42, 0.20, 0.18), 0.40 * smoothstep(1.05, 0.9, np.abs(across)) * part.cover(rim, 2.5 * SOFT))
     crease = np.abs(y - (open_upper - 0.030 + 0.006 * across)) - 0.003
@@ -420,8 +465,8 @@ class Pose:
 
 
 def blink(index, count):
-    """Openness of the eyes: quick down, slower up, four times along the walk."""
-    openness = 1.0
+    """Openness of the eyes: quick down, slower up, four times along the walk (once a double blink)."""
+    openness = 0.90                              # a relaxed lid rests on the iris
     for at in (0.14, 0.46, 0.52, 0.83):
         k = index - round(at * (count - 1))
         openness = min(openness, {-2: 0.75, -1: 0.25, 0: 0.0, 1: 0.12, 2: 0.55, 3: 0.88}.get(k, 1.0))
@@ -438,9 +483,7 @@ class Painter:
 
     def head_with_eyes(self, pose):
         """A copy of the head canvas with the eyes of this moment drawn on."""
-        canvas = self.head.part(-10, -10, 10, 10) if False else self.head.part(
-            self.head.x0, self.head.y0, self.head.x0 + self.head.x.shape[1] / PPU,
-            self.head.y0 + self.head.x.shape[0] / PPU)
+        canvas = copy.copy(self.head)
         canvas.pixels = self.head.pixels.copy()
         for side in (-1, 1):
             paint_eye(canvas, side, pose.lids, pose.gaze)

@@ -23,7 +23,7 @@ GRID = 128                    # raster of the coarse flow
 BASE_REACH = 0.24             # radius of a keypoint's Gaussian, units
 WINDOW = (160, 96)            # width and height in pixels of a 512 crop where the mouth can open
 WINDOW_AT = (176, 328)        # its left top corner
-LINE_POWER = 0.75             # how full the arcs of the lips are when they part
+LINE_POWER = 0.62             # how full the arcs of the lips are when they part
 LUMA, CHROMA = 448, 160       # sides of the planes in the reduced features
 
 
@@ -63,7 +63,7 @@ class Lips:
         upper, lower = own(rig.UPPER_INNER, 1), own(rig.LOWER_INNER, 1)
         middle, gap = 0.5 * (upper + lower), graph.maximum(lower - upper, 0.0)
         self.upper_inner, self.lower_inner, self.gap = middle - 0.5 * gap, middle + 0.5 * gap, gap
-        pucker = (own(14, 2) + own(17, 2) + own(19, 2) + own(20, 2)) * (0.25 / 0.05)
+        self.pucker = pucker = (own(14, 2) + own(17, 2) + own(19, 2) + own(20, 2)) * (0.25 / 0.05)
         self.upper_outer = own(rig.UPPER_OUTER, 1) - 0.018 * pucker
         self.lower_outer = own(rig.LOWER_OUTER, 1) + 0.020 * pucker
         self.jaw = 0.55 * graph.maximum(own(rig.LOWER_OUTER, 1), 0.0)
@@ -162,7 +162,9 @@ def mouth_inside(graph, pooled, lips, batch):
         v = g.clip((y - origin - span[0]) * (1 / (span[1] - span[0])), margin, 1 - margin)
         return v + (first - 1.0)
 
-    v = g.concat([layer(lips.rest_middle, mouth.ROWS_UPPER, 0.0),
+    # Lips that come forward cover more of the upper teeth.
+    teeth = lips.rest_middle - 0.016 * g.maximum(lips.pucker, 0.0)
+    v = g.concat([layer(teeth, mouth.ROWS_UPPER, 0.0),
                   layer(lips.at(rig.LOWER_INNER, 1), mouth.ROWS_LOWER, 1.0)], 1)   # [B, 128, 1]
     still = np.zeros((1, size, size), np.float32)
     grid = g.concat([g.reshape(u + still, [batch, size, size, 1]), g.reshape(v + still, [batch, size, size, 1])], 3)

@@ -20,16 +20,16 @@ LAYOUT = [
     ("left cheek", -0.36, 0.20, 0.00),         # 3
     ("right cheek", 0.36, 0.20, 0.00),         # 4
     ("left jaw", -0.42, 0.46, -0.10),          # 5
-    ("left mouth corner", -0.190, 0.400, 0.05),   # 6  lip
-    ("left eye", -0.23, -0.15, 0.00),          # 7
-    ("right eye", 0.23, -0.15, 0.00),          # 8
-    ("left brow", -0.24, -0.32, 0.05),         # 9
-    ("right brow", 0.24, -0.32, 0.05),         # 10
+    ("left mouth corner", -0.195, 0.384, 0.05),   # 6  lip
+    ("left eye", -0.23, -0.14, 0.00),          # 7
+    ("right eye", 0.23, -0.14, 0.00),          # 8
+    ("left brow", -0.24, -0.38, 0.05),         # 9
+    ("right brow", 0.24, -0.38, 0.05),         # 10
     ("right jaw", 0.42, 0.46, -0.10),          # 11
-    ("right mouth corner", 0.190, 0.400, 0.05),   # 12 lip
-    ("left upper lid", -0.23, -0.19, 0.00),    # 13
+    ("right mouth corner", 0.195, 0.384, 0.05),   # 12 lip
+    ("left upper lid", -0.23, -0.23, 0.00),    # 13
     ("upper lip, inner edge", 0.000, 0.395, 0.12),  # 14 lip
-    ("right upper lid", 0.23, -0.19, 0.00),    # 15
+    ("right upper lid", 0.23, -0.23, 0.00),    # 15
     ("nose bridge", 0.00, -0.12, 0.15),        # 16
     ("lower lip, inner edge", 0.000, 0.405, 0.12),  # 17 lip
     ("neck", 0.00, 0.92, -0.20),               # 18
@@ -54,8 +54,8 @@ def _lip_basis():
     opening[UPPER_OUTER, 1] = -0.020
     opening[LEFT_CORNER] = (0.015, 0.045, 0)
     opening[RIGHT_CORNER] = (-0.015, 0.045, 0)
-    width[LEFT_CORNER] = (-0.065, -0.010, 0)
-    width[RIGHT_CORNER] = (0.065, -0.010, 0)
+    width[LEFT_CORNER] = (-0.065, -0.022, 0)
+    width[RIGHT_CORNER] = (0.065, -0.022, 0)
     for lip in (UPPER_INNER, LOWER_INNER, UPPER_OUTER, LOWER_OUTER):
         width[lip, 2] = -0.05  # spread lips flatten, round ones come forward
     return basis
