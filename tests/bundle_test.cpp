@@ -1,0 +1,152 @@
+// The bundle's files: manifest texts, exact sizes, placements.
+#include "bundle/zorv_bundle.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <functional>
+#include <stdexcept>
+
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+using test::TestBundle;
+
+std::string failure(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
+Manifest parse(const std::string& text) {
+    const test::TempDir dir;
+    test::writeFile(dir.path() + "/manifest.json", text);
+    return loadManifest(dir.path());
+}
+
+const std::string kGood =
+    R"({"format": "zorv-bundle-v0", "agent": "a", "NT": 2, "H": 3, "W": 4, "crop": 5,)"
+    R"( "amount": 0.5, "sigma": 1.5, "ksize": 7, "frames": 0})";
+
+std::string with(const std::string& from, const std::string& to) {
+    std::string text = kGood;
+    return text.replace(text.find(from), from.size(), to);
+}
+
+TEST(Manifest, FieldsAndTheirFirstOccurrence) {
+    const Manifest good = parse(kGood);
+    EXPECT_EQ(good.agent, "a");
+    EXPECT_EQ(good.NT, 2);
+    EXPECT_EQ(good.H, 3);
+    EXPECT_EQ(good.W, 4);
+    EXPECT_EQ(good.crop, 5);
+    EXPECT_EQ(good.unsharp.amount, 0.5f);
+    EXPECT_EQ(good.unsharp.sigma, 1.5f);
+    EXPECT_EQ(good.unsharp.ksize, 7);
+    EXPECT_EQ(good.M_src_w, 4);
+    EXPECT_EQ(good.M_src_h, 3);
+
+    // The first quoted W wins, even as a value; "M_src_w" never counts as one.
+    EXPECT_EQ(parse(with("\"NT\"", "\"note\": \"W\", \"x\": 9, \"NT\"")).W, 9);
+    const Manifest source = parse(with("\"NT\"", "\"M_src_w\": 8, \"M_src_h\": true, \"NT\""));
+    EXPECT_EQ(source.W, 4);
+    EXPECT_EQ(source.M_src_w, 8);
+    EXPECT_EQ(source.M_src_h, 0);
+    EXPECT_EQ(parse(with("\"crop\": 5", "\"crop\": 255.9")).crop, 255);
+    EXPECT_EQ(parse(with("\"frames\": 0", "\"frames\": 1e99")).frames, INT32_MAX);
+    // A colon far away is accepted: "frames" without one takes the next key's number.
+    EXPECT_EQ(parse(with("\"frames\": 0", "\"frames\", \"other\": 6")).frames, 6);
+}
+
+TEST(Manifest, FailuresNameTheKey) {
+    const auto text = [](const std::string& manifest) { return failure([&] { parse(manifest); }); };
+    EXPECT_EQ(text(with("\"sigma\"", "\"sigm\"")), "manifest: missing key sigma");
+    EXPECT_EQ(text(with("\"frames\": 0", "\"frames\" 0")), "manifest: malformed key frames");
+    EXPECT_EQ(text("{\"format\": 5"), "manifest: bad string format");
+    EXPECT_EQ(text("{\"format\": \"zorv"), "manifest: bad string format");
+    EXPECT_EQ(text(with("\"NT\": 2", "\"NT\": \"2\"")), "manifest: bad dims");
+    EXPECT_EQ(text(with("\"H\": 3", "\"H\": -3")), "manifest: bad dims");
+    EXPECT_EQ(text(with("\"W\": 4", "\"W\": nan")), "manifest: bad dims");
+    EXPECT_EQ(text(with("\"crop\": 5", "\"crop\": 0")), "manifest: bad dims");
+    EXPECT_EQ(failure([] { loadManifest("/no such dir"); }),
+              "cannot open /no such dir/manifest.json");
+    const test::TempDir dir;
+    test::writeFile(dir.path() + "/manifest.json", with("v0\"", "v0 \""));
+    EXPECT_EQ(failure([&] { loadManifest(dir.path()); }), "not an zorv-bundle-v0: " + dir.path());
+}
+
+TEST(Identity, EveryFileMustHaveItsExactSize) {
+    TestBundle::Options options;
+    options.withFsRed = true;
+    TestBundle bundle(options);
+    const Manifest manifest = loadManifest(bundle.dir());
+    for (const std::string name : {"pooled64.f16", "P.f16", "fs_red.f16", "M.f32"}) {
+        for (const bool longer : {false, true}) {
+            longer ? bundle.extend(name) : bundle.truncate(name);
+            EXPECT_EQ(failure([&] { Identity identity(manifest); }),
+                      "size mismatch " + bundle.path(name));
+            bundle.write();
+        }
+    }
+    bundle.remove("P.f16");
+    bundle.remove("fs_red.f16");
+    const Identity optional(manifest);
+    EXPECT_FALSE(optional.hasP() || optional.hasFsRed());
+    bundle.remove("pooled64.f16");
+    EXPECT_EQ(failure([&] { Identity identity(manifest); }),
+              "cannot open " + bundle.path("pooled64.f16"));
+}
+
+TEST(Identity, AccessorsAndRescaledPlacements) {
+    TestBundle::Options options;
+    options.withFsRed = true;
+    TestBundle bundle(options);
+    Manifest manifest = loadManifest(bundle.dir());
+    const Identity identity(manifest);
+    const std::size_t image = 3 * std::size_t{test::kTestCrop} * test::kTestCrop;
+    EXPECT_EQ(identity.pooled64(2), identity.pooled64(0) + 2 * 65536);
+    EXPECT_EQ(identity.P(2), identity.P(0) + 2 * image);
+    EXPECT_EQ(identity.fsRed(1), identity.fsRed(0) + 262144);
+
+    manifest.M_src_w = 2 * manifest.W;  // the height is that of the frames
+    const Identity halved(manifest);
+    manifest.M_src_w = 0;
+    const Identity unscaled(manifest);
+    for (int i = 0; i < manifest.NT; ++i) {
+        for (int k = 0; k < 6; ++k) {
+            EXPECT_EQ(halved.M(i)[k], k < 3 ? identity.M(i)[k] / 2 : identity.M(i)[k]);
+            EXPECT_EQ(unscaled.M(i)[k], identity.M(i)[k]);
+        }
+    }
+}
+
+TEST(Drive, SizesAndTargetFrames) {
+    TestBundle bundle;
+    Manifest manifest = loadManifest(bundle.dir());
+    for (const std::string name : {"drive/xs.f32", "drive/xd.f32", "drive/si.i32"}) {
+        bundle.extend(name);
+        EXPECT_EQ(failure([&] { loadDrive(manifest); }), "size mismatch " + bundle.path(name));
+        bundle.remove(name);
+        EXPECT_EQ(failure([&] { loadDrive(manifest); }), "cannot open " + bundle.path(name));
+        bundle.write();
+    }
+    for (const std::int32_t target : {-1, bundle.options().nt}) {
+        std::string bytes = test::readFile(bundle.path("drive/si.i32"));
+        bytes.replace(bytes.size() - 4, 4, reinterpret_cast<const char*>(&target), 4);
+        test::writeFile(bundle.path("drive/si.i32"), bytes);
+        EXPECT_EQ(failure([&] { loadDrive(manifest); }), "drive: si out of range");
+    }
+    manifest.frames = 0;
+    EXPECT_EQ(failure([&] { loadDrive(manifest); }),
+              "size mismatch " + bundle.path("drive/xs.f32"));
+    for (const std::string name : {"xs.f32", "xd.f32", "si.i32"}) bundle.empty("drive/" + name);
+    EXPECT_EQ(loadDrive(manifest).frames, 0);
+}
+
+}  // namespace
+}  // namespace zorv

@@ -1,0 +1,234 @@
+// The rendering context through the C interface: results, texts, and bundles that are damaged.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/test_bundle.h"
+#include "zorv_core.h"
+
+namespace zorv {
+namespace {
+
+using test::TestBundle;
+
+using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
+
+Context open(const TestBundle& bundle, const char* key = "render") {
+    return Context(zorv_create(bundle.dir().c_str(), key, 0, nullptr), zorv_destroy);
+}
+
+std::string openError(const TestBundle& bundle, const char* key = "render") {
+    return open(bundle, key) ? "opened" : zorv_last_error();
+}
+
+class ContextTest : public testing::Test {
+  protected:
+    ContextTest() { bundle.useModel("render", "render"); }
+
+    std::size_t bytes() const {
+        return static_cast<std::size_t>(bundle.options().width) *
+               static_cast<std::size_t>(bundle.options().height) * 3;
+    }
+
+    TestBundle bundle;
+};
+
+TEST_F(ContextTest, GettersAndNull) {
+    const Context ctx = open(bundle);
+    ASSERT_TRUE(ctx) << zorv_last_error();
+    EXPECT_EQ(zorv_nt(ctx.get()), bundle.options().nt);
+    EXPECT_EQ(zorv_width(ctx.get()), bundle.options().width);
+    EXPECT_EQ(zorv_height(ctx.get()), bundle.options().height);
+    EXPECT_EQ(zorv_crop(ctx.get()), bundle.options().crop);
+    EXPECT_EQ(zorv_drive_frames(ctx.get()), bundle.options().driveFrames);
+    EXPECT_EQ(zorv_version(), ZORV_VERSION);
+
+    zorv_destroy(nullptr);
+    EXPECT_EQ(zorv_nt(nullptr) + zorv_width(nullptr) + zorv_height(nullptr) + zorv_crop(nullptr) +
+                  zorv_drive_frames(nullptr),
+              0);
+    EXPECT_EQ(zorv_create(nullptr, "render", 1, ""), nullptr);
+    EXPECT_STREQ(zorv_last_error(), "zorv_create: NULL bundle_dir/model_key");
+    EXPECT_EQ(zorv_create("x", nullptr, 1, ""), nullptr);
+    EXPECT_STREQ(zorv_last_error(), "zorv_create: NULL bundle_dir/model_key");
+}
+
+TEST_F(ContextTest, ArgumentsAreCheckedWithTheirTexts) {
+    const Context owner = open(bundle);
+    ASSERT_TRUE(owner) << zorv_last_error();
+    zorv_ctx* ctx = owner.get();
+    const std::vector<float> kp(63, 0.0f);
+    std::vector<std::uint8_t> out(bytes() / 3 * 4);
+
+    EXPECT_EQ(zorv_paste_last(ctx, 0), nullptr);
+    EXPECT_STREQ(zorv_last_error(), "zorv_paste_last: bad args / no prior render");
+    for (const int frame : {-1, zorv_nt(ctx)}) {
+        EXPECT_EQ(zorv_render_kp_crop(ctx, frame, kp.data(), kp.data()), nullptr);
+        EXPECT_STREQ(zorv_last_error(), "zorv_render_kp_crop: bad args");
+        EXPECT_EQ(zorv_target_frame(ctx, frame), nullptr);
+        EXPECT_STREQ(zorv_last_error(), "zorv_target_frame: bad args");
+        EXPECT_EQ(zorv_paste_crop(ctx, frame, kp.data(), out.data(), out.size()), 0);
+        EXPECT_STREQ(zorv_last_error(), "zorv_paste_crop: bad args / out too small");
+    }
+    EXPECT_EQ(zorv_render_kp_crop(nullptr, 0, kp.data(), kp.data()), nullptr);
+    EXPECT_EQ(zorv_render_kp_crop(ctx, 0, nullptr, kp.data()), nullptr);
+    EXPECT_EQ(zorv_render_kp_crop(ctx, 0, kp.data(), nullptr), nullptr);
+    EXPECT_STREQ(zorv_last_error(), "zorv_render_kp_crop: bad args");
+    for (const int k : {-1, zorv_drive_frames(ctx)}) {
+        EXPECT_EQ(zorv_render_drive_rgba(ctx, k, out.data(), out.size()), 0);
+        EXPECT_STREQ(zorv_last_error(), "zorv_render_drive_crop: bad frame index");
+    }
+    EXPECT_EQ(zorv_render_kp_rgba(nullptr, 0, kp.data(), kp.data(), out.data(), out.size()), 0);
+    EXPECT_STREQ(zorv_last_error(), "");
+
+    const float* crop = zorv_render_kp_crop(ctx, 0, kp.data(), kp.data());
+    ASSERT_TRUE(crop);
+    EXPECT_STREQ(zorv_last_error(), "");
+    EXPECT_EQ(zorv_paste_crop(ctx, 0, crop, out.data(), bytes() - 1), 0);
+    EXPECT_EQ(zorv_paste_crop(ctx, 0, crop, out.data(), bytes()), 1);
+
+    std::string other;
+    std::thread([&] { other = zorv_last_error(); }).join();
+    EXPECT_EQ(other, "");  // each thread has its own string
+}
+
+TEST_F(ContextTest, PasteAndRgbaAgree) {
+    const Context owner = open(bundle);
+    ASSERT_TRUE(owner) << zorv_last_error();
+    zorv_ctx* ctx = owner.get();
+    const std::vector<float> source(63, 0.1f), driving(63, 0.3f);
+    std::vector<std::uint8_t> rgba(bytes() / 3 * 4), rgb(bytes());
+
+    ASSERT_EQ(zorv_render_kp_rgba(ctx, 1, source.data(), driving.data(), rgba.data(), rgba.size()),
+              1);
+    const float* crop = zorv_render_kp_crop(ctx, 1, source.data(), driving.data());
+    ASSERT_EQ(zorv_paste_crop(ctx, 1, crop, rgb.data(), rgb.size()), 1);
+    const std::uint8_t* last = zorv_paste_last(ctx, 1);
+    ASSERT_TRUE(last);
+    EXPECT_TRUE(std::equal(rgb.begin(), rgb.end(), last));
+    for (std::size_t i = 0; i < bytes() / 3; ++i) {
+        ASSERT_EQ(rgba[4 * i + 3], 255);
+        for (std::size_t c = 0; c < 3; ++c) ASSERT_EQ(rgba[4 * i + c], rgb[3 * i + c]) << i;
+    }
+    EXPECT_FALSE(std::equal(rgb.begin(), rgb.end(), zorv_target_frame(ctx, 1)));
+
+    // A buffer that is too small fails after the render: what was rendered can be pasted.
+    EXPECT_EQ(zorv_render_kp_rgba(ctx, 2, driving.data(), source.data(), rgba.data(), 10), 0);
+    EXPECT_STREQ(zorv_last_error(), "zorv_render_*_rgba: out buffer too small");
+    const std::vector<std::uint8_t> rendered(zorv_paste_last(ctx, 2),
+                                             zorv_paste_last(ctx, 2) + bytes());
+    crop = zorv_render_kp_crop(ctx, 2, driving.data(), source.data());
+    ASSERT_EQ(zorv_paste_crop(ctx, 2, crop, rgb.data(), rgb.size()), 1);
+    EXPECT_EQ(rendered, rgb);
+    EXPECT_EQ(zorv_render_drive_rgba(ctx, 0, rgba.data(), rgba.size()), 1);
+}
+
+TEST_F(ContextTest, FailedRenderAndTargetLeaveTheContextUsable) {
+    bundle.useModel("render", "render_fails");
+    bundle.remove("target_frames/frame_000001.jpg");
+    bundle.noise("target_frames/frame_000002.jpg");
+    const Context owner = open(bundle);
+    ASSERT_TRUE(owner) << zorv_last_error();
+    zorv_ctx* ctx = owner.get();
+    const std::vector<float> good(63, 0.0f), bad(63, 1000.0f);
+    ASSERT_TRUE(zorv_render_kp_crop(ctx, 0, good.data(), good.data()));
+    EXPECT_EQ(zorv_render_kp_crop(ctx, 0, good.data(), bad.data()), nullptr);
+    EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_render_kp_crop: ", 0), 0u);
+    EXPECT_TRUE(zorv_paste_last(ctx, 0));  // the crop before the failure is still there
+    for (const int frame : {1, 2}) {
+        const std::string path =
+            bundle.path("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
+        EXPECT_EQ(zorv_target_frame(ctx, frame), nullptr);
+        EXPECT_EQ(zorv_last_error(), "zorv_target_frame: decode failed: " + path);
+        EXPECT_EQ(zorv_paste_last(ctx, frame), nullptr);
+        EXPECT_EQ(zorv_last_error(), "zorv_paste_last: decode failed: " + path);
+    }
+    bundle.write();  // put back: decoded at the next request
+    EXPECT_TRUE(zorv_target_frame(ctx, 1));
+
+    TestBundle::Options larger;
+    larger.width += 1;
+    const TestBundle other(larger);
+    test::writeFile(bundle.path("target_frames/frame_000002.jpg"),
+                    test::readFile(other.path("target_frames/frame_000002.jpg")));
+    EXPECT_EQ(zorv_target_frame(ctx, 2), nullptr);
+    EXPECT_EQ(zorv_last_error(), "zorv_target_frame: target size mismatch " +
+                                     bundle.path("target_frames/frame_000002.jpg"));
+}
+
+/// Opens a damaged bundle and uses whatever opens: nothing may crash, every failure has a text.
+void openAndUse(const TestBundle& bundle) {
+    const Context ctx = open(bundle);
+    if (!ctx) {
+        EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
+        return;
+    }
+    std::vector<std::uint8_t> rgba(static_cast<std::size_t>(zorv_width(ctx.get())) *
+                                   static_cast<std::size_t>(zorv_height(ctx.get())) * 4);
+    for (int k = 0; k < zorv_drive_frames(ctx.get()); ++k) {
+        if (!zorv_render_drive_rgba(ctx.get(), k, rgba.data(), rgba.size())) {
+            EXPECT_STRNE(zorv_last_error(), "");
+        }
+    }
+}
+
+TEST_F(ContextTest, EveryFileMissingEmptyCutLongerOrNoise) {
+    const TestBundle healthy;
+    std::vector<std::string> files = bundle.files();
+    files.push_back("model_render.onnx");
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        const auto damage = [&](auto&& change) {
+            change();
+            openAndUse(bundle);
+            bundle.write();
+            bundle.useModel("render", "render");
+        };
+        damage([&] { bundle.remove(file); });
+        damage([&] { bundle.empty(file); });
+        damage([&] { bundle.truncate(file); });
+        damage([&] { bundle.truncate(file, test::readFile(bundle.path(file)).size() / 2); });
+        damage([&] { bundle.extend(file); });
+        for (unsigned seed = 1; seed <= 3; ++seed) damage([&] { bundle.noise(file, seed); });
+    }
+    EXPECT_EQ(openError(bundle), "opened");
+}
+
+TEST_F(ContextTest, TextsOfAMissingMaskAndModel) {
+    bundle.truncate("mask_512.u8");
+    EXPECT_EQ(openError(bundle), "zorv_create: mask read failed");
+    bundle.write();
+    bundle.extend("mask_512.u8");  // more than enough is not checked
+    EXPECT_EQ(openError(bundle), "opened");
+    bundle.remove("mask_512.u8");
+    EXPECT_EQ(openError(bundle), "zorv_create: mask read failed");
+    bundle.write();
+    const std::string missing = openError(bundle, "none");
+    EXPECT_NE(missing.find("model_none.onnx"), std::string::npos) << missing;
+}
+
+TEST_F(ContextTest, AbsurdManifestsFailWithoutTakingTheMachineDown) {
+    const std::string manifest = test::readFile(bundle.path("manifest.json"));
+    for (const char* key : {"NT", "H", "W", "crop", "ksize", "frames", "amount", "sigma"}) {
+        for (const char* value : {"-1", "0", "1e99", "2147483647", "65536", "nan", "-inf", "x"}) {
+            SCOPED_TRACE(std::string(key) + " = " + value);
+            const std::size_t at = manifest.find(std::string("\"") + key + "\"");
+            ASSERT_NE(at, std::string::npos);
+            const std::size_t colon = manifest.find(':', at);
+            const std::size_t end = manifest.find_first_of(",}\n", colon);
+            std::string changed = manifest;
+            changed.replace(colon + 1, end - colon - 1, value);
+            test::writeFile(bundle.path("manifest.json"), changed);
+            const Context ctx = open(bundle);
+            if (!ctx) EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace zorv

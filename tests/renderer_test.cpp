@@ -1,0 +1,221 @@
+// The renderer session: input layouts, batches, providers, the native backend's gate.
+#include "render/zorv_renderer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <stdexcept>
+
+#include "render/conv_backend.h"
+#include "render/execution_provider.h"
+#include "render/onnx_wire.h"
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+using test::TestBundle;
+
+std::string failure(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
+/// Sets an environment variable for one scope.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+    ~ScopedEnv() { ::unsetenv(name_); }
+
+  private:
+    const char* name_;
+};
+
+/// A bundle with all inputs that a renderer may want, and the formula of the test models.
+class RendererTest : public testing::Test {
+  protected:
+    RendererTest() : bundle(options()), manifest(loadManifest(bundle.dir())), identity(manifest) {
+        for (int i = 0; i < 4 * kKeypointFloats; ++i) {
+            source.push_back(0.01f * static_cast<float>(i % 17));
+            driving.push_back(0.02f * static_cast<float>(i % 23));
+        }
+    }
+
+    static TestBundle::Options options() {
+        TestBundle::Options o;
+        o.withFsRed = true;
+        return o;
+    }
+
+    std::string openFailure(const std::string& model, const std::string& ep = "") {
+        bundle.useModel("x", model);
+        return failure([&] { Renderer(manifest, identity, "x", 1, ep); });
+    }
+
+    static float widen(std::uint16_t half) {
+        float value = 0;
+        kernels::halfToFloatPortable(&half, &value, 1);
+        return value;
+    }
+
+    /// rgb[channel][y][x] of one item by the models' formula.
+    double expected(bool featSynth, int frame, std::size_t item, int channel, int y, int x) const {
+        double mean = 0;
+        for (int i = 0; i < 65536; ++i) mean += widen(identity.pooled64(frame)[i]);
+        mean /= 65536;
+        double motion = 0;
+        for (int i = 0; i < kKeypointFloats; ++i) {
+            const std::size_t at = item * kKeypointFloats + static_cast<std::size_t>(i);
+            motion += double{driving[at]} * (1 + i) / 10000 - double{source[at]} * (64 - i) / 20000;
+        }
+        const int side = test::kTestCrop;
+        const float image = featSynth ? widen(identity.fsRed(frame)[(channel * 64 + y) * 64 + x])
+                                      : widen(identity.P(frame)[(channel * side + y) * side + x]);
+        return image / 2.0 + mean / 4 + motion;
+    }
+
+    TestBundle bundle;
+    Manifest manifest;
+    Identity identity;
+    std::vector<float> source, driving;
+};
+
+TEST_F(RendererTest, BothGraphsTakeEveryInputFromItsPlace) {
+    for (const bool featSynth : {false, true}) {
+        bundle.useModel("x", featSynth ? "feat_synth" : "render");
+        Renderer renderer(manifest, identity, "x", 1, "");
+        ASSERT_EQ(renderer.batch(), 1);
+        const std::int32_t frame = 2;
+        const float* rgb = renderer.render(&frame, source.data(), driving.data(), 1);
+        const int side = test::kTestCrop;
+        for (const int channel : {0, 1, 2}) {
+            EXPECT_NEAR(rgb[(channel * side + 3) * side + 5],
+                        expected(featSynth, frame, 0, channel, 3, 5), 1e-5);
+        }
+    }
+}
+
+TEST_F(RendererTest, FreeSlotsRepeatTheLastItem) {
+    const std::size_t item = 3 * std::size_t{test::kTestCrop} * test::kTestCrop;
+    for (const bool featSynth : {false, true}) {
+        bundle.useModel("x", featSynth ? "feat_synth_b4" : "render_b4");
+        Renderer renderer(manifest, identity, "x", 2, "");
+        ASSERT_EQ(renderer.batch(), 4);
+        const std::int32_t frames[] = {2, 0, 1, 2};
+        for (std::int32_t n = 4; n >= 1; --n) {  // fewer each time: stale slots would show
+            const float* rgb = renderer.render(frames, source.data(), driving.data(), n);
+            for (std::size_t slot = 0; slot < 4; ++slot) {
+                const std::size_t real = std::min(slot, static_cast<std::size_t>(n - 1));
+                EXPECT_NEAR(rgb[slot * item], expected(featSynth, frames[real], real, 0, 0, 0),
+                            1e-5)
+                    << "n " << n << " slot " << slot;
+            }
+        }
+        EXPECT_EQ(failure([&] { renderer.render(frames, source.data(), driving.data(), 0); }),
+                  "render: bad n");
+        EXPECT_EQ(failure([&] { renderer.render(frames, source.data(), driving.data(), 5); }),
+                  "render: bad n");
+    }
+}
+
+TEST_F(RendererTest, ModelsThatDoNotFitAreRefused) {
+    EXPECT_EQ(openFailure("render_symbolic_batch"), "pooled64 input not found / bad shape");
+    EXPECT_EQ(openFailure("render_pooled_3d"), "pooled64 input not found / bad shape");
+    EXPECT_EQ(openFailure("encoder"), "pooled64 input not found / bad shape");
+    EXPECT_EQ(openFailure("render", "cuda"), "Renderer: unknown ep 'cuda'");
+    EXPECT_NE(openFailure("render", "xnnpack"), "no failure");  // not in this runtime's build
+
+    bundle.useModel("x", "render_crop_8");  // dimensions are the model's to refuse, when it runs
+    Renderer mismatched(manifest, identity, "x", 1, "");
+    const std::int32_t frame = 0;
+    EXPECT_NE(failure([&] { mismatched.render(&frame, source.data(), driving.data(), 1); }),
+              "no failure");
+
+    bundle.remove("fs_red.f16");
+    bundle.useModel("x", "feat_synth");
+    const Identity without(manifest);
+    EXPECT_EQ(failure([&] { Renderer(manifest, without, "x", 1, ""); }),
+              "FeatSynth graph but bundle lacks fs_red.f16");
+    bundle.remove("P.f16");
+    bundle.useModel("x", "render");
+    const Identity withoutBoth(manifest);
+    EXPECT_EQ(failure([&] { Renderer(manifest, withoutBoth, "x", 1, ""); }),
+              "standard graph but bundle lacks P.f16");
+}
+
+TEST_F(RendererTest, NativeBackendIsRefusedOrThrows) {
+    testing::internal::CaptureStderr();
+    {
+        const ScopedEnv env("ZORV_CONV_BACKEND", "neon");
+        EXPECT_EQ(openFailure("render"), "no failure");
+    }
+    EXPECT_EQ(openFailure("render", "neon"), "no failure");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[zorv] ZORV_CONV_BACKEND=neon but fp16 NEON unavailable; using ORT\n"
+              "[zorv] NEON backend refused: x is not the fused m4b graph (golden/unified "
+              "director?); using ORT\n");
+
+    // ModelProto.graph { initializer { name: "onnx::Conv_313" } }, by hand.
+    const std::string fused = std::string("\x3a\x12\x2a\x10\x42\x0e") + "onnx::Conv_313";
+    test::writeFile(bundle.path("model_x.onnx"), fused);
+    EXPECT_TRUE(ConvBackend::graphSupported(bundle.path("model_x.onnx")));
+    EXPECT_EQ(failure([&] { Renderer(manifest, identity, "x", 1, "neon"); }),
+              "zorv_conv: only crop=512 m4b bundles");
+    manifest.crop = 512;
+    EXPECT_EQ(failure([&] { Renderer(manifest, identity, "x", 1, "neon"); }),
+              "zorv_conv: built without NEON fp16 support");
+    test::writeFile(bundle.path("model_x.onnx"), fused + "\x0b");
+    EXPECT_FALSE(ConvBackend::graphSupported(bundle.path("model_x.onnx")));
+}
+
+TEST(ExecutionProvider, StringsAndTheirOptions) {
+    const auto threads = [](const char* ep, int n) {
+        return parseExecutionProvider(ep, n, "").options.at("intra_op_num_threads");
+    };
+    EXPECT_EQ(threads("xnnpack", 3), "3");
+    EXPECT_EQ(threads("xnnpack", 0), "4");
+    EXPECT_EQ(threads("xnnpack:0", 3), "4");
+    EXPECT_EQ(threads("xnnpack:12", 3), "12");
+    const auto units = [](const char* ep) {
+        return parseExecutionProvider(ep, 1, "d").options.at("MLComputeUnits");
+    };
+    EXPECT_EQ(units("coreml"), "ALL");
+    EXPECT_EQ(units("coreml:cpu"), "CPUOnly");
+    EXPECT_EQ(units("coreml:gpu"), "CPUAndGPU");
+    EXPECT_EQ(units("coreml:ane"), "CPUAndNeuralEngine");
+    EXPECT_EQ(units("coreml:ANE"), "ALL");
+    EXPECT_EQ(parseExecutionProvider("coreml", 1, "d").options.at("ModelCacheDirectory"),
+              "d/.coreml_cache");
+    EXPECT_EQ(parseExecutionProvider("", 1, "").name, "");
+}
+
+TEST(OnnxWire, MalformedBytesGiveTheirTexts) {
+    const auto read = [](const std::string& bytes) {
+        return failure([&] {
+            const std::vector<std::uint8_t> exact(bytes.begin(), bytes.end());  // overreads show
+            GsReader reader(exact.data(), exact.data() + exact.size());
+            for (GsField field; reader.next(field);) {
+            }
+        });
+    };
+    using namespace std::string_literals;
+    EXPECT_EQ(read(""), "no failure");
+    EXPECT_EQ(read("\x08\x96\x01\x12\x02hi\x1d____\x21________"s), "no failure");
+    EXPECT_EQ(read(std::string(11, '\xff')), "onnx: bad varint");
+    EXPECT_EQ(read("\x08\xff"), "onnx: bad varint");
+    EXPECT_EQ(read("\x08\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"), "no failure");
+    EXPECT_EQ(read("\x12\x03hi"), "onnx: truncated");
+    EXPECT_EQ(read("\x12\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"), "onnx: truncated");
+    EXPECT_EQ(read("\x1d___"), "onnx: truncated");
+    for (const char type : {0x0b, 0x0c, 0x0e, 0x0f}) {  // field 1
+        EXPECT_EQ(read({type, 0}), "onnx: bad wire type");
+    }
+}
+
+}  // namespace
+}  // namespace zorv
