@@ -9,32 +9,20 @@
 
 #include "common/ort.h"
 #include "stream/delta_math.h"
+#include "support/audio.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
 namespace {
 
 using test::modelFile;
+using test::speechLike;
 
 using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
 
 FcaPtr openFca(const std::string& encoder = "encoder", const std::string& stream = "fca_stream") {
     return {zorv_fca_create(modelFile(encoder).c_str(), modelFile(stream).c_str(), 1),
             &zorv_fca_destroy};
-}
-
-/// Noise whose loudness wanders, with stretches of digital silence.
-std::vector<float> speechLike(int n) {
-    std::mt19937 random(3);
-    std::uniform_real_distribution<float> noise(-1.f, 1.f);
-    std::vector<float> audio(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i) {
-        const double loud = std::cos(i * 6e-6) * std::sin(i * 1.3e-4 + 1);
-        audio[i] = noise(random) * static_cast<float>(loud > 0.05   ? loud * 0.5
-                                                      : loud < -0.5 ? 0.01
-                                                                    : 0);
-    }
-    return audio;
 }
 
 /// The algorithm as a whole-clip computation: every array at full length, every threshold from a

@@ -18,7 +18,8 @@ constexpr int kHopFrames = 100;
 /// Every window but the first skips this many frames, which hear too little of the past.
 constexpr int kWindowLeadFrames = 50;
 constexpr int kEmbeddingFloats = 768;
-constexpr int kFirstLayer = 4;  ///< the encoder layers that are averaged: 4 .. 9
+constexpr std::size_t kSetFloats = 63;  ///< one keypoint set
+constexpr int kFirstLayer = 4;          ///< the encoder layers that are averaged: 4 .. 9
 constexpr int kLastLayer = 9;
 constexpr int kContextBack = 1;   ///< frames of context before a frame
 constexpr int kContextAhead = 5;  ///< and after it

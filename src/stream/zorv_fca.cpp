@@ -10,7 +10,6 @@
 namespace zorv {
 namespace {
 
-constexpr std::size_t kOffsets = 63;
 constexpr std::size_t kHidden = 384;
 constexpr std::size_t kLayerFloats =
     std::size_t{delta::kLastLayer + 1} * delta::kWindowFrames * delta::kEmbeddingFloats;
@@ -34,11 +33,11 @@ const float* floatsOf(const Ort::Value& output, const char* name, std::size_t le
 struct DeltaModel::Recurrence {
     std::vector<float> context =
         std::vector<float>(std::size_t{delta::kContextFrames} * delta::kEmbeddingFloats);
-    std::vector<float> prev = std::vector<float>(kOffsets);
+    std::vector<float> prev = std::vector<float>(delta::kSetFloats);
     std::vector<float> hidden = std::vector<float>(kHidden);
     Ort::Value inputs[3] = {
         tensorOver(context.data(), context.size(), {1, static_cast<std::int64_t>(context.size())}),
-        tensorOver(prev.data(), kOffsets, {1, kOffsets}),
+        tensorOver(prev.data(), delta::kSetFloats, {1, delta::kSetFloats}),
         tensorOver(hidden.data(), kHidden, {1, 1, kHidden})};
 };
 
@@ -64,10 +63,10 @@ void DeltaModel::step(Recurrence& state, float* out) {
     const char* outputs[] = {"m", "hn"};
     const auto results =
         streaming_.Run(Ort::RunOptions{nullptr}, inputs, state.inputs, 3, outputs, 2);
-    const float* offsets = floatsOf(results[0], "m", kOffsets);
+    const float* offsets = floatsOf(results[0], "m", delta::kSetFloats);
     const float* hidden = floatsOf(results[1], "hn", kHidden);
-    std::copy_n(offsets, kOffsets, out);
-    std::copy_n(offsets, kOffsets, state.prev.begin());
+    std::copy_n(offsets, delta::kSetFloats, out);
+    std::copy_n(offsets, delta::kSetFloats, state.prev.begin());
     std::copy_n(hidden, kHidden, state.hidden.begin());
 }
 
@@ -91,7 +90,7 @@ void DeltaModel::deltas(const float* audio, int n, float* out) {
             const int ready = f == frames - 1 ? f : f - delta::kContextAhead;
             for (; next <= ready; ++next) {
                 ring.gather(next, frames, state.context.data());
-                step(state, out + static_cast<std::size_t>(next) * kOffsets);
+                step(state, out + static_cast<std::size_t>(next) * delta::kSetFloats);
             }
         }
     }

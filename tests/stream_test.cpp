@@ -1,0 +1,361 @@
+#include <gtest/gtest.h>
+#include <zorv_core.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "stream/crop_ring.h"
+#include "stream/target_walk.h"
+#include "support/audio.h"
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+using test::modelFile;
+using test::speechLike;
+using test::TestBundle;
+
+using CtxPtr = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
+using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
+using StreamPtr = std::unique_ptr<zorv_stream, decltype(&zorv_stream_destroy)>;
+using Frames = std::vector<std::vector<std::uint8_t>>;
+
+StreamPtr openStream(const TestBundle& bundle, int skip = 0, float gain = 1) {
+    return {zorv_stream_create(bundle.dir().c_str(), modelFile("encoder").c_str(), 1, skip, gain),
+            &zorv_stream_destroy};
+}
+
+/// Collects what a run delivers and checks the callback's contract.
+struct Collector {
+    int width = 48;
+    int height = 40;
+    Frames frames{};
+    std::function<void(int)> during = [](int) {};
+
+    static int onFrame(void* user, int index, const std::uint8_t* rgb, int W, int H) {
+        auto& self = *static_cast<Collector*>(user);
+        EXPECT_EQ(std::this_thread::get_id(), self.caller) << "delivered on another thread";
+        EXPECT_EQ(index, static_cast<int>(self.frames.size()));
+        EXPECT_EQ(W, self.width);
+        EXPECT_EQ(H, self.height);
+        self.during(index);
+        self.frames.emplace_back(rgb, rgb + W * H * 3);
+        return 1;  // ignored
+    }
+
+    int run(zorv_stream* stream, const std::vector<float>& audio) {
+        caller = std::this_thread::get_id();
+        frames.clear();
+        return zorv_stream_run(stream, audio.data(), static_cast<int>(audio.size()), onFrame, this);
+    }
+
+    std::thread::id caller{};
+};
+
+/// The same video, one step after the other on one thread.
+Frames sequentialFrames(const TestBundle& bundle, const std::vector<float>& audio, int skip,
+                        float gain, const std::vector<int>& targets) {
+    const CtxPtr ctx(zorv_create(bundle.dir().c_str(), "render", 1, nullptr), &zorv_destroy);
+    const FcaPtr fca(
+        zorv_fca_create(modelFile("encoder").c_str(), bundle.path("fca_stream.onnx").c_str(), 1),
+        &zorv_fca_destroy);
+    const int count = static_cast<int>(targets.size());
+    std::vector<float> offsets(targets.size() * 63);
+    EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), static_cast<int>(audio.size()),
+                              offsets.data(), count),
+              count);
+    Frames frames;
+    for (int k = skip; k < count; ++k) {
+        const std::vector<float> base = bundle.baseKeypoints(targets[k]);
+        std::vector<float> driving(63);
+        for (int i = 0; i < 63; ++i) driving[i] = gain * offsets[k * 63 + i] + base[i];
+        const float* crop = zorv_render_kp_crop(ctx.get(), targets[k], base.data(), driving.data());
+        EXPECT_TRUE(crop) << zorv_last_error();
+        auto& frame = frames.emplace_back(bundle.options().width * bundle.options().height * 3);
+        EXPECT_TRUE(zorv_paste_crop(ctx.get(), targets[k], crop, frame.data(), frame.size()))
+            << zorv_last_error();
+    }
+    return frames;
+}
+
+std::vector<int> walk(int nt, int steps) {
+    std::vector<int> visited;
+    for (TargetWalk at(nt); steps > 0; --steps, at.advance()) visited.push_back(at.current());
+    return visited;
+}
+
+/// Replaces row `row` of the base keypoints by values that `render_fails` cannot render.
+void breakBaseRow(const TestBundle& bundle, int row) {
+    std::string rows = test::readFile(bundle.path("xs_target.bin"));
+    const float outside = 150;
+    std::memcpy(rows.data() + row * 63 * sizeof(float), &outside, sizeof outside);
+    test::writeFile(bundle.path("xs_target.bin"), rows);
+}
+
+TEST(TargetWalk, GoesBackAndForthWithoutRepeatingTheEnds) {
+    EXPECT_EQ(walk(1, 4), (std::vector{0, 1, 1, 1}));
+    EXPECT_EQ(walk(2, 6), (std::vector{0, 1, 0, 1, 0, 1}));
+    EXPECT_EQ(walk(3, 8), (std::vector{0, 1, 2, 1, 0, 1, 2, 1}));
+    EXPECT_EQ(walk(5, 10), (std::vector{0, 1, 2, 3, 4, 3, 2, 1, 0, 1}));
+}
+
+TEST(CropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
+    for (const int slow : {0, 1, 2}) {
+        CropRing ring(64);
+        std::thread producer([&] {
+            for (int i = 0; i < 200; ++i) {
+                if (slow == 1 && i % 16 == 0)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                float* slot = ring.acquire();
+                std::fill_n(slot, 64, static_cast<float>(i));
+                ring.publish();
+            }
+            ring.finish();
+        });
+        int next = 0;
+        while (const float* slot = ring.front()) {
+            if (slow == 2 && next % 16 == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            EXPECT_EQ(std::vector<float>(slot, slot + 64),
+                      std::vector<float>(64, static_cast<float>(next)));
+            ++next;
+            ring.release();
+        }
+        producer.join();
+        EXPECT_EQ(next, 200) << "slow side " << slow;
+    }
+}
+
+TEST(CropRing, CancelEndsTheWaitForAFreeSlot) {
+    CropRing ring(1);
+    int filled = 0;
+    std::thread producer([&] {
+        while (ring.acquire()) {
+            ring.publish();
+            ++filled;
+        }
+        ring.finish();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the ring is full by now
+    ring.cancel();
+    producer.join();
+    EXPECT_EQ(filled, 4);
+}
+
+TEST(Stream, FramesEqualThoseOfOneStepAfterTheOther) {
+    for (const int nt : {2, 3}) {
+        TestBundle bundle({.nt = nt});
+        const std::vector<float> audio = speechLike(640 * 13 - 1);
+        const Frames expected = sequentialFrames(bundle, audio, 2, 0.7f, walk(nt, 13));
+        const StreamPtr stream = openStream(bundle, 2, 0.7f);
+        ASSERT_TRUE(stream) << zorv_stream_last_error();
+        EXPECT_EQ(zorv_stream_width(stream.get()), 48);
+        EXPECT_EQ(zorv_stream_height(stream.get()), 40);
+        Collector collector;
+        for (int repeat = 0; repeat < 2; ++repeat) {  // runs are independent of each other
+            EXPECT_EQ(collector.run(stream.get(), audio), 11) << zorv_stream_last_error();
+            EXPECT_EQ(collector.frames, expected);
+        }
+        EXPECT_NE(expected[0], expected[2 * nt - 2]) << "the audio moves nothing";
+        const int n = static_cast<int>(audio.size());
+        EXPECT_EQ(zorv_stream_run(stream.get(), audio.data(), n, nullptr, nullptr), 11);
+    }
+}
+
+TEST(Stream, GainZeroShowsTheTargetFramesOwnKeypoints) {
+    TestBundle bundle;
+    const std::vector<float> audio = speechLike(640 * 5);
+    const StreamPtr stream = openStream(bundle, 0, 0);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    Collector collector;
+    ASSERT_EQ(collector.run(stream.get(), audio), 5);
+    EXPECT_EQ(collector.frames, sequentialFrames(bundle, audio, 0, 0, {0, 1, 2, 1, 0}));
+    EXPECT_EQ(collector.frames[0], collector.frames[4]);
+}
+
+TEST(Stream, ClipsThatYieldNoFrame) {
+    TestBundle bundle;
+    const std::vector<float> audio = speechLike(641);
+    for (const auto& [skip, n, frames] : {std::tuple{0, 0, 0},
+                                          {0, -5, 0},
+                                          {0, INT32_MIN, 0},
+                                          {2, 641, 0},
+                                          {INT32_MAX, 641, 0},
+                                          {1, 641, 1},
+                                          {0, 641, 2},
+                                          {-3, 641, 2},
+                                          {INT32_MIN, 640, 1}}) {
+        const StreamPtr stream = openStream(bundle, skip);
+        Collector collector;
+        EXPECT_EQ(collector.run(stream.get(), {}), 0);
+        collector.frames.clear();
+        EXPECT_EQ(zorv_stream_run(stream.get(), audio.data(), n, Collector::onFrame, &collector),
+                  frames)
+            << "skip " << skip << " samples " << n;
+        EXPECT_EQ(collector.frames.size(), static_cast<std::size_t>(frames));
+    }
+    const StreamPtr stream = openStream(bundle);
+    EXPECT_EQ(zorv_stream_run(stream.get(), nullptr, 640, nullptr, nullptr), -1);
+    EXPECT_STREQ(zorv_stream_last_error(), "zorv_fca_deltas: zorv_fca_deltas: NULL fca/audio/out");
+}
+
+TEST(Stream, FailureInTheMiddleDeliversWhatCameBefore) {
+    TestBundle bundle({.nt = 8});
+    bundle.useModel("render", "render_fails");
+    breakBaseRow(bundle, 5);
+    const StreamPtr stream = openStream(bundle);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    for (const int slowCallback_ms : {0, 5}) {  // slow: the failure comes while crops wait
+        Collector collector;
+        collector.during = [&](int) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(slowCallback_ms));
+        };
+        EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
+        EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
+        EXPECT_EQ(collector.frames.size(), 5u);
+        EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 5)), 5)
+            << "unusable after a failure";
+    }
+}
+
+TEST(Stream, PasteFailureEndsTheRunWhileTheRingIsFull) {
+    TestBundle bundle;
+    bundle.remove("target_frames/frame_000002.jpg");
+    const StreamPtr stream = openStream(bundle);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    Collector collector;
+    collector.during = [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+    EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
+    EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
+    EXPECT_EQ(collector.frames.size(), 2u);
+}
+
+TEST(Stream, OneTargetFrameLastsForOneFrame) {
+    TestBundle bundle({.nt = 1});
+    const StreamPtr stream = openStream(bundle);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    Collector collector;
+    EXPECT_EQ(collector.run(stream.get(), speechLike(640)), 1);
+    EXPECT_EQ(collector.run(stream.get(), speechLike(641)), -1);
+    EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
+    EXPECT_EQ(collector.frames.size(), 1u);
+}
+
+TEST(Stream, ExceptionsOfTheCallbackTravelOnAfterTheWorkerHasEnded) {
+    TestBundle bundle;
+    const StreamPtr stream = openStream(bundle);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    const std::vector<float> audio = speechLike(640 * 30);
+    Collector collector;
+    collector.during = [](int index) {
+        if (index == 3) throw std::runtime_error("disk full");
+    };
+    EXPECT_EQ(collector.run(stream.get(), audio), -1);
+    EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: disk full");
+    EXPECT_EQ(collector.frames.size(), 3u);
+
+    collector.during = [](int index) {
+        if (index == 3) throw 42;
+    };
+    EXPECT_THROW(collector.run(stream.get(), audio), int);
+    EXPECT_EQ(collector.frames.size(), 3u);
+
+    collector.during = [](int) {};
+    EXPECT_EQ(collector.run(stream.get(), audio), 30);
+    EXPECT_STREQ(zorv_stream_last_error(), "");
+}
+
+TEST(Stream, TwoStreamsInTwoThreadsGiveTheBytesThatOneGives) {
+    TestBundle bundle;
+    const std::vector<float> audio = speechLike(640 * 20);
+    Collector alone;
+    const StreamPtr first = openStream(bundle);
+    ASSERT_EQ(alone.run(first.get(), audio), 20);
+
+    std::vector<Collector> beside(2);
+    std::vector<std::thread> threads;
+    for (Collector& collector : beside) {
+        threads.emplace_back([&] {
+            const StreamPtr stream = openStream(bundle);
+            EXPECT_EQ(collector.run(stream.get(), audio), 20) << zorv_stream_last_error();
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const Collector& collector : beside) EXPECT_EQ(collector.frames, alone.frames);
+}
+
+TEST(StreamCreate, ReportsWhichPartFailed) {
+    TestBundle bundle;
+    const auto failure = [&](const char* encoder = nullptr) -> std::string {
+        const std::string file = encoder ? encoder : modelFile("encoder");
+        zorv_stream* stream = zorv_stream_create(bundle.dir().c_str(), file.c_str(), 1, 0, 1);
+        EXPECT_EQ(stream, nullptr);
+        zorv_stream_destroy(stream);
+        bundle.write();
+        return zorv_stream_last_error();
+    };
+    bundle.remove("manifest.json");
+    EXPECT_EQ(failure(), "zorv_create: zorv_create: cannot open " + bundle.path("manifest.json"));
+    bundle.truncate("mask_512.u8");
+    EXPECT_EQ(failure(), "zorv_create: zorv_create: mask read failed");
+    const std::string noTargets = "zorv_stream_create: cannot read xs_target.bin (NT*63 f32)";
+    bundle.remove("xs_target.bin");
+    EXPECT_EQ(failure(), noTargets);
+    bundle.truncate("xs_target.bin");
+    EXPECT_EQ(failure(), noTargets);
+    bundle.remove("fca_stream.onnx");
+    EXPECT_TRUE(failure().starts_with("zorv_fca_create: zorv_fca_create: "));
+    EXPECT_TRUE(failure("missing.onnx").starts_with("zorv_fca_create: zorv_fca_create: "));
+
+    EXPECT_EQ(zorv_stream_create(nullptr, "", 1, 0, 1), nullptr);
+    EXPECT_STREQ(zorv_stream_last_error(), "zorv_create: zorv_create: NULL bundle_dir/model_key");
+    EXPECT_EQ(zorv_stream_create(bundle.dir().c_str(), nullptr, 1, 0, 1), nullptr);
+    EXPECT_STREQ(zorv_stream_last_error(),
+                 "zorv_fca_create: zorv_fca_create: NULL encoder_path/streaming_path");
+    bundle.extend("xs_target.bin");  // what follows NT x 63 values does not matter
+    EXPECT_TRUE(openStream(bundle)) << zorv_stream_last_error();
+    zorv_stream_destroy(nullptr);
+}
+
+/// Every file of a bundle, damaged in every way: a run succeeds or fails with a text.
+TEST(StreamFaults, DamagedFilesNeverCrashAndLeaveTheProcessUsable) {
+    TestBundle bundle;
+    const std::vector<float> audio = speechLike(640 * 4);
+    const std::vector<std::string> files = bundle.files();
+    using Damage = std::function<void(const std::string&)>;
+    const std::vector<std::pair<std::string, Damage>> damages = {
+        {"missing", [&](const std::string& name) { bundle.remove(name); }},
+        {"empty", [&](const std::string& name) { bundle.empty(name); }},
+        {"short", [&](const std::string& name) { bundle.truncate(name); }},
+        {"long", [&](const std::string& name) { bundle.extend(name); }},
+        {"noise", [&](const std::string& name) { bundle.noise(name); }}};
+    int failures = 0;
+    for (const std::string& name : files) {
+        for (const auto& [kind, damage] : damages) {
+            bundle.write();
+            damage(name);
+            const StreamPtr stream = openStream(bundle);
+            Collector collector;
+            const int frames = stream ? collector.run(stream.get(), audio) : -1;
+            EXPECT_TRUE(frames == 4 || frames == -1) << name << " " << kind;
+            EXPECT_EQ(frames < 0, *zorv_stream_last_error() != 0) << name << " " << kind;
+            EXPECT_FALSE(kind == "empty" && frames >= 0) << name;
+            failures += frames < 0;
+        }
+    }
+    EXPECT_GT(failures, static_cast<int>(files.size()) * 2);
+    bundle.write();
+    Collector collector;
+    EXPECT_EQ(collector.run(openStream(bundle).get(), audio), 4);
+}
+
+}  // namespace
+}  // namespace zorv
