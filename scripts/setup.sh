@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building zorv needs and finds (or fetches) ONNX Runtime.
 #
-#   scripts/setup.sh            packages + ONNX Runtime
+#   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
+#   scripts/setup.sh --dev      also what the full test run needs (clang, clang-format)
 #   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
 #
 # ONNXRUNTIME_ROOT=DIR (with include/ and lib/) replaces the fetched one; so does an
@@ -20,6 +21,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
+DEV_PACKAGES=(clang clang-format llvm git)
 
 say() { printf '[setup] %s\n' "$*" >&2; }
 die() { printf '[setup] %s\n' "$*" >&2; exit 1; }
@@ -132,6 +134,10 @@ if [ "${1:-}" != --print ]; then
     if [ "${ZORV_SKIP_PACKAGES:-0}" != 1 ]; then
         is_debian || explain_manual_setup
         install_packages "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}"
+        if [ "${1:-}" = --dev ]; then
+            install_packages "${DEV_PACKAGES[@]}"
+            install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
+        fi
     fi
     [ "$(find_onnxruntime)" != "$ORT_DIR" ] || fetch_onnxruntime
 fi

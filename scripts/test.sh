@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Builds zorv and runs its tests.
+#
+#   scripts/test.sh          the release build and every test
+#   scripts/test.sh --all    before that: formatting, the tests under ASan+UBSan, the threaded ones
+#                            under TSan, and a minute of fuzzing per target (what CI runs)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+ALL=0
+[ "${1:-}" = --all ] && ALL=1
+FUZZ_SECONDS="${ZORV_FUZZ_SECONDS:-60}"
+export ZORV_WERROR=ON
+
+say() { printf '\n== %s\n' "$*"; }
+
+build() { # preset
+    say "building: $1"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+}
+
+check_format() {
+    say 'formatting'
+    git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+}
+
+run_fuzzers() {
+    build fuzz
+    local target
+    for target in build/fuzz/bin/*_fuzz; do
+        say "fuzzing: $(basename "$target") for $FUZZ_SECONDS s"
+        mkdir -p "build/fuzz/corpus/$(basename "$target")"
+        "$target" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+            "build/fuzz/corpus/$(basename "$target")" "fuzz/seeds/$(basename "$target")" 2>&1 | tail -n 12
+    done
+}
+
+if [ "$ALL" = 1 ]; then
+    scripts/setup.sh --dev >/dev/null
+    check_format
+    build asan
+    say 'tests under ASan+UBSan'
+    ctest --preset asan -LE slow -j 2 --output-on-failure
+    build tsan
+    say 'threaded tests under TSan'
+    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
+        ctest --preset tsan -R 'Stream|Context|Common|Parallel' -LE slow --output-on-failure
+    run_fuzzers
+else
+    scripts/setup.sh >/dev/null
+fi
+build release
+say 'tests'
+ctest --preset release
