@@ -1,0 +1,239 @@
+#include "paste/zorv_paste.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+#include "common/parallel.h"
+
+namespace zorv {
+namespace {
+
+constexpr int kMaxSide = 1024;
+/// Reach of the widest kernel around the pixel that a position falls into.
+constexpr int kReach = 4;
+
+/// Settled once: 4 unless `ZORV_PASTE_THREADS` names another number, at most one per processor.
+int workerCount() {
+    static const int count = [] {
+        long wanted = 4;
+        if (const char* text = std::getenv("ZORV_PASTE_THREADS")) {
+            wanted = std::max(std::strtol(text, nullptr, 10), 1L);
+        }
+        const long processors = std::thread::hardware_concurrency();
+        if (processors >= 1) wanted = std::min(wanted, processors);
+        return static_cast<int>(std::min(wanted, 1024L));
+    }();
+    return count;
+}
+
+PhaseTable resamplingTable() {
+    const char* text = std::getenv("ZORV_PASTE_FAST");
+    switch (text ? std::strtol(text, nullptr, 10) : 0) {
+        case 1:
+            return cubicTable();
+        case 2:
+            return linearTable();
+        default:
+            return lanczosTable();
+    }
+}
+
+void warnAboutMetal() {
+    const char* text = std::getenv("ZORV_PASTE_METAL");
+    if (text && *text && std::strcmp(text, "0") != 0) {
+        std::fputs("[zorv-paste-metal] ZORV_PASTE_METAL ignored (not Apple)\n", stderr);
+    }
+}
+
+/// Reflection that does not repeat the edge, folded until it is inside [0, side).
+int foldIndex(std::int64_t index, int side) {
+    if (side == 1) return 0;
+    const std::int64_t period = 2 * std::int64_t{side} - 2;
+    index = std::abs(index) % period;
+    return static_cast<int>(index < side ? index : period - index);
+}
+
+}  // namespace
+
+void Paste::Span::include(Span other) {
+    if (other.empty()) return;
+    if (empty()) {
+        *this = other;
+        return;
+    }
+    begin = std::min(begin, other.begin);
+    end = std::max(end, other.end);
+}
+
+Paste::Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp)
+    : Paste(std::move(mask), side, unsharp, pasteKernels(simdLevel()), workerCount()) {}
+
+Paste::Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp, const PasteKernels& kernels,
+             int workers)
+    : side_(side),
+      ksize_(unsharp.ksize),
+      amount_(unsharp.amount),
+      kernels_(kernels),
+      workers_(std::max(workers, 1)) {
+    const auto wide = static_cast<std::uint64_t>(std::max(side, 0));
+    if (side < 0 || mask.size() != wide * wide) throw std::runtime_error("paste: mask size");
+    chooseKernels(unsharp);
+    // Larger crops are refused before any of these is used.
+    if (side_ >= 1 && side_ <= kMaxSide) {
+        layPlanes(mask);
+        findNeeds(mask);
+    }
+}
+
+void Paste::chooseKernels(const Unsharp& unsharp) {
+    if (ksize_ < 1 || ksize_ % 2 == 0) throw std::runtime_error("paste: ksize must be odd");
+    resampling_ = resamplingTable();
+    linear_ = linearTable();
+    if (const char* text = std::getenv("ZORV_PASTE_KSIZE")) {
+        const long k = std::strtol(text, nullptr, 10);
+        if (k % 2 != 0 && k >= 3 && k <= ksize_) ksize_ = static_cast<int>(k);
+    }
+    warnAboutMetal();
+    // Only rows of the padded plane are ever held, but a kernel whose whole plane could not be
+    // addressed is no usable kernel.
+    const std::uint64_t padded =
+        std::uint64_t{static_cast<unsigned>(ksize_)} + static_cast<unsigned>(side_) - 1;
+    if (padded > (std::uint64_t{1} << 22)) throw std::bad_alloc();
+    padded_ = static_cast<int>(padded);
+    kernel_ = gaussianKernel(ksize_, unsharp.sigma);
+}
+
+void Paste::layPlanes(const std::vector<std::uint8_t>& mask) {
+    stride_ = side_ + 2 * kApron + kSlack;
+    const std::size_t size = static_cast<std::size_t>((side_ + 2 * kApron) * stride_);
+    mask_.assign(size, 0.0f);
+    for (int y = 0; y < side_; ++y) {
+        for (int x = 0; x < side_; ++x) {
+            mask_[static_cast<std::size_t>(origin(y) + x)] = mask[std::size_t{1} * y * side_ + x];
+        }
+    }
+    for (std::vector<float>& plane : planes_) plane.assign(size, 0.0f);
+    ring_ = std::min(side_, ksize_);
+    scratch_.resize(static_cast<std::size_t>(workers_));
+    for (Scratch& scratch : scratch_) {
+        scratch.pad.resize(static_cast<std::size_t>(padded_));
+        scratch.blurred.resize(static_cast<std::size_t>(ring_) * side_);
+        scratch.taps.resize(static_cast<std::size_t>(ksize_));
+    }
+    fold_.resize(static_cast<std::size_t>(padded_));
+    for (int i = 0; i < padded_; ++i) fold_[i] = foldIndex(i - ksize_ / 2, side_);
+}
+
+// A pixel is blended only where one of the four mask values around it is above 0, so what lies
+// further from the mask than a kernel reaches is never read.
+void Paste::findNeeds(const std::vector<std::uint8_t>& mask) {
+    sharpened_.assign(static_cast<std::size_t>(side_), {});
+    blurred_.assign(static_cast<std::size_t>(side_), {});
+    for (int y = 0; y < side_; ++y) {
+        const std::uint8_t* row = mask.data() + std::size_t{1} * y * side_;
+        Span span{0, side_};
+        while (!span.empty() && row[span.begin] == 0) ++span.begin;
+        while (!span.empty() && row[span.end - 1] == 0) --span.end;
+        if (span.empty()) continue;
+        span = {std::max(span.begin - kReach, 0), std::min(span.end + kReach, side_)};
+        const int last = std::min(y + kReach, side_ - 1);
+        for (int near = std::max(y - kReach, 0); near <= last; ++near) {
+            sharpened_[near].include(span);
+        }
+    }
+    for (int y = 0; y < side_; ++y) {
+        const Span rows = window(y);
+        for (int r = rows.begin; r < rows.end; ++r) blurred_[r].include(sharpened_[y]);
+    }
+}
+
+/// The crop rows that the vertical kernel around `row` reads, reflection included.
+Paste::Span Paste::window(int row) const {
+    const int half = ksize_ / 2;
+    return {std::max(row - half, 0), std::min(row + half, side_ - 1) + 1};
+}
+
+template <class Fn>
+void Paste::split(std::ptrdiff_t n, const Fn& fn) {
+    parallelRange(n, workers_, fn);
+}
+
+void Paste::composite(const float* crop, float scale, const float* M, std::uint8_t* frame, int W,
+                      int H) {
+    if (!placement_.locate(M, side_, W, H)) return;
+    if (side_ > kMaxSide) throw std::runtime_error("paste: side > 1024");
+    if (side_ < 1) return;
+    if (!placement_.covered()) {
+        placement_.cover(kernels_, linear_, mask_.data() + origin(0), stride_, side_,
+                         [this](std::ptrdiff_t n, const auto& fn) { split(n, fn); });
+    }
+    fillPlanes(crop, scale);
+    compositeTail(frame, W);
+}
+
+void Paste::fillPlanes(const float* crop, float scale) {
+    const std::ptrdiff_t area = std::ptrdiff_t{1} * side_ * side_;
+    for (int c = 0; c < 3; ++c) unsharpPlane(crop + c * area, scale, planes_[c].data());
+}
+
+void Paste::unsharpPlane(const float* source, float scale, float* plane) {
+    std::atomic<std::size_t> next{0};
+    split(side_, [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
+        unsharpRows(source, scale, plane, scratch_[next++], static_cast<int>(begin),
+                    static_cast<int>(end));
+    });
+}
+
+void Paste::unsharpRows(const float* source, float scale, float* plane, Scratch& scratch, int begin,
+                        int end) {
+    int ready = 0;  // rows below this one are blurred, as far as they are still needed
+    for (int y = begin; y < end; ++y) {
+        const Span span = sharpened_[y];
+        if (span.empty()) continue;
+        const Span rows = window(y);
+        for (ready = std::max(ready, rows.begin); ready < rows.end; ++ready) {
+            blurRow(source, scale, ready, scratch);
+        }
+        for (int t = 0; t < ksize_; ++t) {
+            const std::ptrdiff_t slot = fold_[y + t] % ring_;
+            scratch.taps[t] = scratch.blurred.data() + slot * side_ + span.begin;
+        }
+        kernels_.sharpenRow(scratch.taps.data(), kernel_.data(), ksize_,
+                            source + std::ptrdiff_t{1} * y * side_ + span.begin, scale, amount_,
+                            plane + origin(y) + span.begin, span.end - span.begin);
+    }
+}
+
+void Paste::blurRow(const float* source, float scale, int row, Scratch& scratch) {
+    const Span span = blurred_[row];
+    if (span.empty()) return;
+    const float* values = source + std::ptrdiff_t{1} * row * side_;
+    const int last = span.end + ksize_ - 1;
+    for (int i = span.begin; i < last; ++i) scratch.pad[i] = scale * values[fold_[i]];
+    float* out = scratch.blurred.data() + std::ptrdiff_t{1} * (row % ring_) * side_;
+    kernels_.blurRow(scratch.pad.data() + span.begin, kernel_.data(), ksize_, out + span.begin,
+                     span.end - span.begin);
+}
+
+void Paste::compositeTail(std::uint8_t* frame, int W) {
+    const float* planes[3];
+    for (int c = 0; c < 3; ++c) planes[c] = planes_[c].data() + origin(0);
+    const std::vector<PlacedRow>& rows = placement_.rows();
+    split(static_cast<std::ptrdiff_t>(rows.size()), [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
+        for (std::ptrdiff_t i = begin; i < end; ++i) {
+            const PlacedRow& row = rows[static_cast<std::size_t>(i)];
+            if (row.count == 0) continue;
+            const std::ptrdiff_t pixel = (placement_.y0() + i) * W + placement_.x0() + row.first;
+            kernels_.blendRow(placement_.positions(row), resampling_, planes, stride_,
+                              placement_.levels(row), frame + 3 * pixel);
+        }
+    });
+}
+
+}  // namespace zorv

@@ -1,0 +1,92 @@
+// Puts a rendered face crop back into its target frame.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "bundle/zorv_bundle.h"
+#include "paste/paste_kernels.h"
+#include "paste/paste_placement.h"
+
+namespace zorv {
+
+/// Sharpens a crop (unsharp mask, reflect-101 border) and blends it into a frame through the
+/// inverse of the frame's affine placement, under a mask that is resampled with it.
+///
+/// An instance keeps buffers and the last placement's tables: calls on one instance must not
+/// overlap; different instances are independent. Results do not depend on the number of workers
+/// or on the instruction set.
+///
+/// `ZORV_PASTE_FAST` (0 Lanczos-4, 1 bicubic, 2 bilinear) and `ZORV_PASTE_KSIZE` (a smaller odd
+/// blur kernel, at least 3) are read by the constructor; `ZORV_PASTE_THREADS` once per process.
+class Paste {
+  public:
+    /// `mask` is side x side, row-major: 0 keeps the frame, 255 takes the crop. Throws
+    /// std::runtime_error for a mask of another size or an even kernel size.
+    Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp);
+    /// With given inner loops and number of workers.
+    Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp, const PasteKernels& kernels,
+          int workers);
+    Paste(const Paste&) = delete;
+    Paste& operator=(const Paste&) = delete;
+
+    /// Pastes `crop` (3 planes of side x side; plane c goes to byte c of a pixel; times `scale`
+    /// it is 0..255) into the W x H RGB `frame`. M is (a, b, tx, c, d, ty): crop pixel (x, y)
+    /// lands on (a x + b y + tx, c x + d y + ty). Nothing is drawn for a singular, not finite or
+    /// far too large M. Throws std::runtime_error "paste: side > 1024", frame untouched.
+    void composite(const float* crop, float scale, const float* M, std::uint8_t* frame, int W,
+                   int H);
+
+  private:
+    struct Span {  ///< columns [begin, end)
+        int begin = 0;
+        int end = 0;
+        bool empty() const { return begin >= end; }
+        void include(Span other);
+    };
+    /// What one worker of the sharpening pass needs for itself.
+    struct Scratch {
+        std::vector<float> pad;          ///< one scaled crop row with its reflected border
+        std::vector<float> blurred;      ///< the last horizontally blurred rows, a ring
+        std::vector<const float*> taps;  ///< the blurred rows under the vertical kernel
+    };
+
+    void chooseKernels(const Unsharp& unsharp);
+    void layPlanes(const std::vector<std::uint8_t>& mask);
+    void findNeeds(const std::vector<std::uint8_t>& mask);
+    Span window(int row) const;
+    std::ptrdiff_t origin(int row) const { return (row + kApron) * stride_ + kApron; }
+
+    void fillPlanes(const float* crop, float scale);
+    void unsharpPlane(const float* source, float scale, float* plane);
+    void unsharpRows(const float* source, float scale, float* plane, Scratch& scratch, int begin,
+                     int end);
+    void blurRow(const float* source, float scale, int row, Scratch& scratch);
+    void compositeTail(std::uint8_t* frame, int W);
+
+    template <class Fn>
+    void split(std::ptrdiff_t n, const Fn& fn);
+
+    int side_;
+    int ksize_;
+    int padded_;  ///< side of the crop with its border: ksize + side - 1
+    float amount_;
+    const PasteKernels& kernels_;
+    int workers_;
+    int ring_ = 0;               ///< rows in Scratch::blurred
+    std::vector<float> kernel_;  ///< ksize Gaussian weights
+    PhaseTable resampling_;
+    PhaseTable linear_;
+    std::vector<int> fold_;                     ///< padded index -> reflected crop index
+    std::ptrdiff_t stride_ = 0;                 ///< of the mask and the planes below
+    std::vector<float> mask_;                   ///< with an apron of zeros
+    std::array<std::vector<float>, 3> planes_;  ///< sharpened; zeros where never resampled
+    std::vector<Span> sharpened_;               ///< per crop row: the columns that can be resampled
+    std::vector<Span> blurred_;                 ///< per crop row: the columns that those blur over
+    std::vector<Scratch> scratch_;              ///< one per worker
+    Placement placement_;
+};
+
+}  // namespace zorv
