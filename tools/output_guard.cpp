@@ -58,7 +58,7 @@ void OutputGuard::check_target() const {
 void OutputGuard::create() {
     const fs::path target(final_);
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    temporary_ = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
+    temporary_ = (folder / fmt::format(".{}.XXXXXX", target.filename().string())).string();
     const std::lock_guard lock(unfinished_lock);
     if (closed) throw Interrupted();
     unfinished.reserve(unfinished.size() + 1);
