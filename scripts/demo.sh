@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# From nothing to a talking face: builds, makes the demo subject, renders a clip.
+#
+#   scripts/demo.sh [speech file]
+#
+# The speech file may be anything that FFmpeg reads; without one a sentence is synthesised.
+# Leaves out/demo.mp4 and out/demo.png in the checkout.
+set -euo pipefail
+
+say() { printf '[demo] %s\n' "$*" >&2; }
+die() { say "$*"; exit 1; }
+
+if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [speech file]"; fi
+speech=
+if [ $# -eq 1 ]; then
+    [ -f "$1" ] || die "no such file: $1"
+    speech=$(realpath -- "$1")
+fi
+
+cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
+python=/usr/bin/python3
+[ -x "$python" ] || python=python3
+subject=build/demo
+SENTENCE="Hello! I am a drawing that learned to talk. Every word you hear moves my lips, \
+and a plain processor renders me faster than you can listen. What shall I say next?"
+
+onnxruntime=$(scripts/setup.sh)
+export ONNXRUNTIME_ROOT="$onnxruntime"
+mkdir -p build out
+log=build/demo-build.log
+say "building (details in $log)"
+{ cmake --preset release && cmake --build --preset release --target zorv; } >"$log" 2>&1 ||
+    { tail -n 20 "$log" >&2; die "the build failed, see $log"; }
+
+say "demo subject"
+"$python" demo/make_demo.py "$subject" >&2
+
+if [ -z "$speech" ]; then
+    speech=build/demo-speech.wav
+    espeak-ng -v en-us+f3 -s 150 -p 55 -w "$speech" -- "$SENTENCE"
+fi
+
+say "rendering"
+report=$(build/release/bin/zorv render "$subject/bundle" --audio "$speech" \
+    --encoder "$subject/speech_encoder.onnx" -o out/demo.mp4 --sheet out/demo.png --json)
+
+"$python" - "$PWD" "$report" <<'PY'
+import json, sys
+root, report = sys.argv[1], json.loads(sys.argv[2])
+print(f"{root}/out/demo.mp4  {report['frames']} frames, "
+      f"{report['times_real_time']:.2f} times as fast as real time ({report['fps']:.0f} frames/s)")
+print(f"{root}/out/demo.png  contact sheet")
+PY

@@ -1,0 +1,272 @@
+// The program `zorv render` as a user meets it: a process, its files, its one line of advice.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "audio_reader.h"
+#include "support/test_bundle.h"
+#include "video_reader.h"
+
+namespace fs = std::filesystem;
+
+namespace zorv {
+namespace {
+
+using tools::AudioReader;
+using tools::Picture;
+using tools::VideoReader;
+
+std::string wav_of(const std::vector<std::int16_t>& samples, int rate) {
+    const auto bytes = static_cast<std::uint32_t>(samples.size() * 2);
+    std::string text;
+    const auto number = [&](std::uint32_t value, int size) {
+        for (int i = 0; i < size; ++i) text += static_cast<char>(value >> (8 * i) & 0xff);
+    };
+    text += "RIFF", number(36 + bytes, 4), text += "WAVEfmt ", number(16, 4), number(1, 2);
+    number(1, 2), number(static_cast<std::uint32_t>(rate), 4);
+    number(static_cast<std::uint32_t>(rate) * 2, 4), number(2, 2), number(16, 2);
+    text += "data", number(bytes, 4);
+    return text.append(reinterpret_cast<const char*>(samples.data()), bytes);
+}
+
+struct Outcome {
+    int code = -1;
+    std::string out, err;
+};
+
+class RenderCommand : public testing::Test {
+  protected:
+    void SetUp() override { prepare(bundle_); }
+
+    static void prepare(test::TestBundle& bundle) {
+        fs::copy_file(test::modelFile("fca_stream"), bundle.path("fca_stream.onnx"),
+                      fs::copy_options::overwrite_existing);
+    }
+
+    std::string path(const std::string& name) const { return work_.path() + "/" + name; }
+    /// A file in the folder that the program may write to.
+    std::string target(const std::string& name) {
+        fs::create_directory(path("out"));
+        return path("out/" + name);
+    }
+    std::string speech(double seconds, int rate = 22050) {
+        std::vector<std::int16_t> samples(static_cast<size_t>(seconds * rate));
+        for (size_t i = 0; i < samples.size(); ++i)
+            samples[i] = static_cast<std::int16_t>(8000 * std::sin(static_cast<double>(i) * 0.05));
+        test::writeFile(path("speech.wav"), wav_of(samples, rate));
+        return path("speech.wav");
+    }
+    std::vector<std::string> command(const std::string& audio, const std::string& output) {
+        return {
+            "render",    bundle_.dir(), "--audio", audio, "--encoder", test::modelFile("encoder"),
+            "--threads", "1",           "-o",      output};
+    }
+
+    pid_t start(std::vector<std::string> arguments, const std::function<void()>& in_child = {}) {
+        arguments.insert(arguments.begin(), ZORV_PROGRAM);
+        std::vector<char*> words;
+        for (std::string& word : arguments) words.push_back(word.data());
+        words.push_back(nullptr);
+        const std::string out = path("stdout"), err = path("stderr");
+        const pid_t child = fork();
+        if (child != 0) return child;
+        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        dup2(open(out.c_str(), flags, 0600), STDOUT_FILENO);
+        dup2(open(err.c_str(), flags, 0600), STDERR_FILENO);
+        if (in_child) in_child();
+        execv(words[0], words.data());
+        _exit(127);
+    }
+
+    Outcome finish(pid_t child) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status),
+                test::readFile(path("stdout")), test::readFile(path("stderr"))};
+    }
+
+    Outcome run(const std::vector<std::string>& arguments,
+                const std::function<void()>& in_child = {}) {
+        return finish(start(arguments, in_child));
+    }
+
+    /// One line that names the program and holds `advice`; progress lines before it are no fault.
+    void expect_advice(const Outcome& outcome, int code, const std::string& advice) {
+        EXPECT_EQ(outcome.code, code) << outcome.err;
+        std::string err = outcome.err;
+        while (!err.empty() && err.find(" left\n") < err.find('\n'))
+            err.erase(0, err.find('\n') + 1);
+        EXPECT_EQ(err.rfind("zorv: ", 0), 0u) << outcome.err;
+        EXPECT_EQ(err.find('\n'), err.size() - 1) << outcome.err;
+        EXPECT_NE(err.find(advice), std::string::npos) << outcome.err;
+    }
+    void expect_nothing_written() {
+        fs::create_directory(path("out"));
+        for (const auto& entry : fs::directory_iterator(path("out")))
+            ADD_FAILURE() << "left behind: " << entry.path();
+    }
+
+    test::TempDir work_;
+    test::TestBundle bundle_;
+};
+
+TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
+    const std::string good = speech(0.5), out = target("x.mp4");
+    test::writeFile(path("empty.wav"), "");
+    test::writeFile(path("zero.wav"), wav_of({}, 16000));
+    test::writeFile(path("text.txt"), "not a recording");
+    test::writeFile(path("taken"), "a file");
+    fs::create_directory(path("full"));
+    test::writeFile(path("full/file"), "x");
+    ASSERT_EQ(run(command(good, path("frames"))).code, 0);
+
+    const auto mistake = [&](std::vector<std::string> arguments, const std::string& advice,
+                             int code = 1) {
+        SCOPED_TRACE(advice);
+        expect_advice(run(std::move(arguments)), code, advice);
+        expect_nothing_written();
+    };
+    const auto with = [&](size_t place, const std::string& value) {
+        auto arguments = command(good, out);
+        arguments[place] = value;
+        return arguments;
+    };
+    mistake(command(path("missing.wav"), out), "No such file or directory; check the path");
+    mistake(command(path("empty.wav"), out), "is empty; give --audio a media file");
+    mistake(command(path("zero.wav"), out), "0 samples");
+    mistake(command(path("text.txt"), out), "is not a media file");
+    mistake(command(path("frames/000000.png"), out), "has no sound; give --audio");
+    mistake(command(path("full"), out), "is a directory; give --audio a media file");
+    mistake(with(1, path("nothing")), "no bundle directory");
+    mistake(with(1, path("full")), "holds no manifest.json");
+    mistake(with(5, path("nothing.onnx")), "check the path given to --encoder");
+    mistake(with(5, path("text.txt")), "zorv_stream_create: ");
+    mistake(command(good, path("nowhere/x.mp4")), "check that its folder exists");
+    mistake(command(good, "/dev/full"), "name an .mp4 file or a directory");
+    mistake(command(good, "/dev/full/x.mp4"), "Not a directory");
+    mistake(command(good, path("taken")), "name an .mp4 file or a directory");
+    mistake(command(good, path("full")), "is not empty; name a new one");
+    mistake(command(good, target("x.avi")), "takes a name that ends in .mp4");
+    mistake(command(good, good), "is the sound itself");
+    auto skip = command(good, out);
+    skip.insert(skip.end(), {"--skip-frames", "13"});
+    mistake(skip, "lasts 13 frames and --skip-frames 13 leaves none");
+    skip.back() = "-1";
+    mistake(skip, "--skip-frames", 2);
+    mistake({"render", bundle_.dir()}, "is required; see zorv --help", 2);
+
+    bundle_.remove("xs_target.bin");
+    mistake(command(good, out), "zorv_stream_create: ");
+}
+
+TEST_F(RenderCommand, AFullDiskLeavesNothingAndSaysSo) {
+    const std::string audio = speech(8);
+    // A limit on file sizes fails the same calls as a full disk does.
+    const auto limit = [] {
+        const rlimit size = {2000, 2000};
+        setrlimit(RLIMIT_FSIZE, &size);
+    };
+    expect_advice(run(command(audio, target("x.mp4")), limit), 1, "free some space");
+    expect_advice(run(command(audio, target("frames")), limit), 1, "free some space");
+    expect_nothing_written();
+}
+
+TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
+    const std::string audio = speech(600, 16000), out = target("x.mp4");
+    for (const int signals : {1, 2})
+        for (const std::string& name : {out, target("frames")}) {
+            SCOPED_TRACE(name);
+            test::writeFile(out, "an older video");
+            const pid_t child = start(command(audio, name));
+            const auto entries = [&] {
+                return std::distance(fs::directory_iterator(path("out")), {});
+            };
+            for (int i = 0; i < 1000 && entries() < 2; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            EXPECT_EQ(entries(), 2) << "the output did not begin";
+            for (int i = 0; i < signals; ++i) kill(child, i == 0 ? SIGINT : SIGTERM);
+            expect_advice(finish(child), 130, "interrupted, nothing was written");
+            EXPECT_EQ(test::readFile(out), "an older video");
+            fs::remove(out);
+            expect_nothing_written();
+        }
+}
+
+// Peaks of at least a tenth of full scale, 0.2 s apart or more, in samples at 48 kHz.
+std::vector<long> clicks_in(const std::string& video) {
+    AudioReader reader(video, 48000, 1, "");
+    std::vector<float> sound;
+    while (reader.read(sound)) {
+    }
+    EXPECT_NEAR(reader.start_seconds(), 0.0, 1e-6);
+    std::vector<long> clicks;
+    for (size_t i = 0; i < sound.size(); ++i) {
+        if (std::abs(sound[i]) < 0.1f) continue;
+        size_t peak = i;
+        for (size_t j = i; j < std::min(sound.size(), i + 480); ++j)
+            if (std::abs(sound[j]) > std::abs(sound[peak])) peak = j;
+        clicks.push_back(static_cast<long>(peak));
+        i = peak + 9600;
+    }
+    return clicks;
+}
+
+TEST_F(RenderCommand, SoundAndPictureStartTogether) {
+    // Clicks in a recording of another rate; skipped frames take their sound with them.
+    constexpr int kRate = 44100;
+    std::vector<std::int16_t> samples(3 * kRate - 1000);
+    for (const double at : {0.7, 1.3, 2.2}) samples[static_cast<size_t>(at * kRate)] = 32000;
+    test::writeFile(path("clicks.wav"), wav_of(samples, kRate));
+    test::TestBundle odd({.width = 49, .height = 41});
+    prepare(odd);
+    for (const int skip : {0, 10}) {
+        auto arguments = command(path("clicks.wav"), target("x.mp4"));
+        arguments[1] = odd.dir();
+        arguments.insert(arguments.end(), {"--skip-frames", std::to_string(skip)});
+        ASSERT_EQ(run(arguments).code, 0);
+
+        const std::vector<long> clicks = clicks_in(target("x.mp4"));
+        ASSERT_EQ(clicks.size(), 3u);
+        for (size_t i = 0; i < 3; ++i) {
+            const double expected = (std::vector{0.7, 1.3, 2.2})[i] - skip * 0.04;
+            EXPECT_NEAR(static_cast<double>(clicks[i]) / 48000, expected, 0.0005);
+        }
+        VideoReader video(target("x.mp4"));
+        EXPECT_EQ(video.width(), 48);
+        EXPECT_EQ(video.height(), 40);
+        Picture picture;
+        int frames = 0;
+        while (video.read(picture)) ++frames;
+        EXPECT_EQ(frames, 75 - skip);
+        EXPECT_EQ(video.start_seconds(), 0.0);
+    }
+}
+
+TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
+    auto arguments = command(speech(0.5), target("frames") + "/");
+    arguments.insert(arguments.end(), {"--json", "--sheet", target("sheet.png")});
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    for (const char* key : {"\"frames\": 13,", "\"fps\": ", "\"audio_seconds\": 0.5",
+                            "\"times_real_time\": ", "\"output\": "})
+        EXPECT_NE(outcome.out.find(key), std::string::npos) << key << outcome.out;
+    EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 13);
+    for (const std::string& name :
+         {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")})
+        EXPECT_EQ(test::readFile(name).substr(1, 3), "PNG") << name;
+}
+
+}  // namespace
+}  // namespace zorv

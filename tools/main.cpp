@@ -1,0 +1,100 @@
+// zorv: the command line of libzorv_core.
+#include <zorv_core.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "av.h"
+#include "commands.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "progress.h"
+
+namespace zorv::tools {
+namespace {
+
+void add_render(CLI::App& app, RenderOptions& options) {
+    CLI::App* command = app.add_subcommand("render", "Turn speech into a talking-face video");
+    command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
+    command->add_option("--audio", options.audio, "Speech: any file with sound")->required();
+    command->add_option("--encoder", options.encoder, "Speech encoder model (.onnx)")->required();
+    command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
+        ->required();
+    command->add_option("--sheet", options.sheet, "Also write a contact sheet (.png)");
+    command->add_option("--skip-frames", options.skip_frames, "Leave out the first N frames")
+        ->check(CLI::Range(0, 1 << 24));
+    command->add_option("--gain", options.gain, "Strength of the motion")
+        ->capture_default_str()
+        ->check(CLI::Range(-100.0, 100.0));
+    command->add_option("--threads", options.threads, "Model threads (default: all processors)")
+        ->check(CLI::Range(1, 1024));
+    command->add_flag("--json", options.json, "Report as JSON on standard output");
+}
+
+void add_sync(CLI::App& app, SyncOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "sync", "Measure how well the mouth of a rendered video follows the sound");
+    command->add_option("VIDEO", options.video, "A video with one talking face")->required();
+    command->add_option("--audio", options.audio, "Sound to compare with (default: the video's)");
+    command
+        ->add_option("--shift-frames", options.shift_frames,
+                     "Advance the sound by N frames first: the lag reads N more")
+        ->check(CLI::Range(-1000, 1000));
+    command->add_option("--region", options.region, "Mouth region x,y,w,h (default: found)");
+    command->add_flag("--json", options.json, "Report as JSON on standard output");
+}
+
+// Reasons that come from other libraries may hold line breaks.
+void report_failure(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    Progress::clear_line();
+    fmt::print(stderr, "zorv: {}\n", text);
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Talking-face video of a prepared subject");
+    app.require_subcommand(1);
+    app.set_version_flag("--version",
+                         fmt::format("zorv {}.{}.{}", zorv_version() / 10000,
+                                     zorv_version() / 100 % 100, zorv_version() % 100));
+    RenderOptions render_options;
+    SyncOptions sync_options;
+    add_render(app, render_options);
+    add_sync(app, sync_options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return app.exit(error);
+        report_failure(fmt::format("{}; see zorv --help", error.what()));
+        return 2;
+    }
+    if (app.got_subcommand("render"))
+        render(render_options);
+    else
+        sync(sync_options);
+    if (std::fflush(stdout) != 0) fail("cannot write to standard output; check where it goes");
+    return 0;
+}
+
+}  // namespace
+}  // namespace zorv::tools
+
+int main(int argc, char** argv) {
+    using namespace zorv::tools;
+    start_interrupt_handling();
+    const char* verbose = std::getenv("ZORV_VERBOSE");
+    av_log_set_level(verbose && *verbose == '1' ? AV_LOG_INFO : AV_LOG_QUIET);
+    try {
+        return run(argc, argv);
+    } catch (const Interrupted&) {
+        report_interruption();
+        return kInterruptedExitCode;
+    } catch (const std::bad_alloc&) {
+        report_failure("out of memory; close other programs or use a shorter clip");
+    } catch (const std::exception& error) {
+        report_failure(error.what());
+    }
+    return 1;
+}

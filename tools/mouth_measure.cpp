@@ -1,0 +1,151 @@
+#include "mouth_measure.h"
+
+#include <algorithm>
+#include <array>
+
+#include "failure.h"
+#include "video_reader.h"
+
+namespace zorv::tools {
+namespace {
+
+constexpr int kHistogramFrames = 250;
+constexpr int kLevels = 768;
+constexpr double kThresholdPlace = 0.55;  // between the mean of the skin and that of the mouth
+
+/** How little a pixel looks like skin: dark and red count, 0 .. kLevels - 1. */
+struct Likeness {
+    int w, h;
+    std::vector<int> values;
+
+    explicit Likeness(const Region& region)
+        : w(region.w), h(region.h), values(static_cast<size_t>(w) * static_cast<size_t>(h)) {}
+    int at(int x, int y) const { return values[static_cast<size_t>(y * w + x)]; }
+
+    void take(const Picture& picture, const Region& region) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const int luma = picture.luma[(region.y + y) * picture.luma_stride + region.x + x];
+                const int red = picture.red[(region.y + y) * picture.red_stride + region.x + x];
+                values[static_cast<size_t>(y * w + x)] =
+                    std::clamp(255 - luma + 2 * (red - 128) + 128, 0, kLevels - 1);
+            }
+    }
+};
+
+// Otsu's split of the histogram, then a threshold between the means of both sides.
+double threshold_of(const std::array<double, kLevels>& histogram) {
+    double total = 0, sum = 0;
+    for (int i = 0; i < kLevels; ++i)
+        total += histogram[static_cast<size_t>(i)], sum += i * histogram[static_cast<size_t>(i)];
+    double below = 0, below_sum = 0, best = -1, low = 0, high = 0;
+    for (int i = 0; i < kLevels; ++i) {
+        below += histogram[static_cast<size_t>(i)];
+        below_sum += i * histogram[static_cast<size_t>(i)];
+        if (below == 0 || below == total) continue;
+        const double mean0 = below_sum / below, mean1 = (sum - below_sum) / (total - below);
+        const double between = below * (total - below) * (mean1 - mean0) * (mean1 - mean0);
+        if (between > best) best = between, low = mean0, high = mean1;
+    }
+    return low + kThresholdPlace * (high - low);
+}
+
+double find_threshold(const std::string& video, const Region& region) {
+    VideoReader reader(video);
+    if (region.x < 0 || region.y < 0 || region.w < 8 || region.h < 8 ||
+        region.x + region.w > reader.width() || region.y + region.h > reader.height())
+        fail("the region {},{},{},{} does not fit into pictures of {} x {}; change --region",
+             region.x, region.y, region.w, region.h, reader.width(), reader.height());
+    std::array<double, kLevels> histogram{};
+    Likeness likeness(region);
+    Picture picture;
+    for (int frame = 0; frame < kHistogramFrames && reader.read(picture); ++frame) {
+        likeness.take(picture, region);
+        for (const int value : likeness.values) histogram[static_cast<size_t>(value)] += 1;
+    }
+    return threshold_of(histogram);
+}
+
+/** Marks the largest connected patch of pixels beyond the threshold. */
+std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
+    const int w = likeness.w, h = likeness.h;
+    std::vector<int> label(likeness.values.size()), open;
+    int labels = 0, largest = 0;
+    size_t largest_size = 0;
+    for (int seed = 0; seed < w * h; ++seed) {
+        const auto fresh = [&](int at) {
+            return label[static_cast<size_t>(at)] == 0 &&
+                   likeness.values[static_cast<size_t>(at)] >= threshold;
+        };
+        if (!fresh(seed)) continue;
+        label[static_cast<size_t>(seed)] = ++labels;
+        open.assign(1, seed);
+        size_t size = 0;
+        while (!open.empty()) {
+            const int at = open.back(), x = at % w, y = at / w;
+            open.pop_back();
+            ++size;
+            for (int ny = std::max(0, y - 1); ny <= std::min(h - 1, y + 1); ++ny)
+                for (int nx = std::max(0, x - 1); nx <= std::min(w - 1, x + 1); ++nx)
+                    if (fresh(ny * w + nx)) {
+                        label[static_cast<size_t>(ny * w + nx)] = labels;
+                        open.push_back(ny * w + nx);
+                    }
+        }
+        if (size > largest_size) largest_size = size, largest = labels;
+    }
+    std::vector<char> marked(label.size());
+    for (size_t i = 0; i < label.size(); ++i) marked[i] = labels > 0 && label[i] == largest;
+    return marked;
+}
+
+/** Height of the patch in one column, its edges placed where the values cross the threshold. */
+double column_height(const Likeness& likeness, const std::vector<char>& patch, double threshold,
+                     int x) {
+    const auto inside = [&](int y) { return patch[static_cast<size_t>(y * likeness.w + x)] != 0; };
+    int top = 0, bottom = likeness.h - 1;
+    while (top <= bottom && !inside(top)) ++top;
+    while (bottom >= top && !inside(bottom)) --bottom;
+    if (top > bottom) return 0;
+    const auto beyond = [&](int in, int out) {
+        const double a = likeness.at(x, in), b = likeness.at(x, out);
+        return a > b ? std::clamp((a - threshold) / (a - b), 0.0, 1.0) : 0.0;
+    };
+    const double above = top > 0 ? beyond(top, top - 1) : 0.0;
+    const double below = bottom + 1 < likeness.h ? beyond(bottom, bottom + 1) : 0.0;
+    return bottom - top + above + below;
+}
+
+void measure(const Likeness& likeness, double threshold, MouthSeries& series) {
+    const std::vector<char> patch = largest_patch(likeness, threshold);
+    int left = likeness.w, right = -1;
+    for (int y = 0; y < likeness.h; ++y)
+        for (int x = 0; x < likeness.w; ++x)
+            if (patch[static_cast<size_t>(y * likeness.w + x)])
+                left = std::min(left, x), right = std::max(right, x);
+    const int span = right - left + 1;
+    double sum = 0;
+    int columns = 0;
+    for (int x = left + span * 3 / 10; span > 0 && x <= right - span * 3 / 10; ++x, ++columns)
+        sum += column_height(likeness, patch, threshold, x);
+    series.height.push_back(columns ? static_cast<float>(sum / columns) : 0.0f);
+    series.width.push_back(static_cast<float>(std::max(0, span)));
+}
+
+}  // namespace
+
+MouthSeries measure_mouth(const std::string& video, const Region& region) {
+    const double threshold = find_threshold(video, region);
+    VideoReader reader(video);
+    MouthSeries series;
+    Likeness likeness(region);
+    Picture picture;
+    while (reader.read(picture)) {
+        likeness.take(picture, region);
+        measure(likeness, threshold, series);
+    }
+    series.start_seconds = reader.start_seconds();
+    return series;
+}
+
+}  // namespace zorv::tools

@@ -1,0 +1,196 @@
+// zorv render: speech and a bundle become a video file or numbered pictures.
+#include <zorv_core.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <thread>
+
+#include "audio_reader.h"
+#include "commands.h"
+#include "contact_sheet.h"
+#include "failure.h"
+#include "image_writer.h"
+#include "interrupt.h"
+#include "output_guard.h"
+#include "progress.h"
+#include "video_writer.h"
+
+namespace fs = std::filesystem;
+
+namespace zorv::tools {
+namespace {
+
+constexpr int kSamplesPerFrame = 640;
+
+struct StreamDestroy {
+    void operator()(zorv_stream* stream) const { zorv_stream_destroy(stream); }
+};
+using Stream = std::unique_ptr<zorv_stream, StreamDestroy>;
+
+/** Where the frames go while the stream runs, and why it was stopped. */
+struct Delivery {
+    FrameSink& sink;
+    ContactSheet* sheet;
+    Progress& progress;
+    int done = 0;
+    std::exception_ptr stopped;
+};
+
+// The stream ignores the result; only an exception ends the run.
+int deliver(void* user, int index, const uint8_t* rgb, int, int) {
+    auto& delivery = *static_cast<Delivery*>(user);
+    try {
+        throw_if_interrupted();
+        delivery.sink.write(rgb);
+        if (delivery.sheet) delivery.sheet->add(delivery.done, rgb);
+        delivery.progress.update(++delivery.done);
+    } catch (...) {
+        delivery.stopped = std::current_exception();
+        throw;
+    }
+    return index;
+}
+
+bool ends_with(const std::string& path, const std::string& extension) {
+    std::string found = fs::path(path).extension().string();
+    std::transform(found.begin(), found.end(), found.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return found == extension;
+}
+
+bool writes_video(const std::string& output) {
+    if (ends_with(output, ".mp4")) return true;
+    for (const char* other : {".mov", ".mkv", ".avi", ".webm", ".m4v", ".gif", ".png", ".jpg"})
+        if (ends_with(output, other))
+            fail(
+                "cannot write '{}': -o takes a name that ends in .mp4, or a directory for PNG "
+                "frames",
+                output);
+    return false;
+}
+
+void check_inputs(const RenderOptions& options) {
+    std::error_code error;
+    if (!fs::is_directory(options.bundle, error))
+        fail("no bundle directory '{}'; check the path", options.bundle);
+    if (!fs::exists(fs::path(options.bundle) / "manifest.json", error))
+        fail("'{}' holds no manifest.json; name the directory of a prepared subject",
+             options.bundle);
+    if (!fs::is_regular_file(options.encoder, error))
+        fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+    for (const std::string& output : {options.output, options.sheet})
+        if (!output.empty() && fs::exists(output, error) &&
+            fs::equivalent(output, options.audio, error))
+            fail("the output '{}' is the sound itself; name another output", output);
+}
+
+int frames_of(const std::vector<float>& samples, const RenderOptions& options) {
+    const int all = static_cast<int>((samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame);
+    if (options.skip_frames >= all)
+        fail("the sound lasts {} frames and --skip-frames {} leaves none; skip fewer", all,
+             options.skip_frames);
+    return all - options.skip_frames;
+}
+
+Stream open_stream(const RenderOptions& options) {
+    const int processors = static_cast<int>(std::thread::hardware_concurrency());
+    const int threads = options.threads > 0 ? options.threads : std::max(1, processors);
+    Stream stream(zorv_stream_create(options.bundle.c_str(), options.encoder.c_str(), threads,
+                                     options.skip_frames, options.gain));
+    if (!stream)
+        fail(
+            "cannot open '{}' with encoder '{}': {}; prepare the subject again or check the "
+            "encoder",
+            options.bundle, options.encoder, zorv_stream_last_error());
+    return stream;
+}
+
+void run_stream(zorv_stream* stream, const std::vector<float>& samples, Delivery& delivery,
+                int frames) {
+    int made = -1;
+    try {
+        made = zorv_stream_run(stream, samples.data(), static_cast<int>(samples.size()), deliver,
+                               &delivery);
+    } catch (...) {
+        if (!delivery.stopped) throw;
+    }
+    if (delivery.stopped) std::rethrow_exception(delivery.stopped);
+    throw_if_interrupted();
+    if (made != frames)
+        fail("rendering stopped after frame {} of {}: {}; check the bundle's files", delivery.done,
+             frames, zorv_stream_last_error());
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void report(const RenderOptions& options, const Speech& speech, int frames, double load,
+            double run) {
+    const double fps = frames / run;
+    const double video = static_cast<double>(frames) / VideoWriter::kFrameRate;
+    if (!options.json) {
+        fmt::print("{}: {} frames in {:.1f} s, {:.1f} frames/s, {:.2f} times real time\n",
+                   options.output, frames, run, fps, video / run);
+        return;
+    }
+    const nlohmann::json result = {
+        {"output", options.output},
+        {"frames", frames},
+        {"audio_seconds", static_cast<double>(speech.samples.size()) / 16000},
+        {"load_seconds", load},
+        {"render_seconds", run},
+        {"fps", fps},
+        {"times_real_time", video / run},
+    };
+    fmt::print("{}\n", result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+}  // namespace
+
+void render(const RenderOptions& options) {
+    const bool video = writes_video(options.output);
+    check_inputs(options);
+    const Speech speech = read_speech(options.audio, "--audio");
+    const int frames = frames_of(speech.samples, options);
+    OutputGuard output(options.output,
+                       video ? OutputGuard::Kind::kFile : OutputGuard::Kind::kDirectory);
+    std::optional<OutputGuard> sheet_output;
+    if (!options.sheet.empty()) sheet_output.emplace(options.sheet, OutputGuard::Kind::kFile);
+
+    const auto load_start = std::chrono::steady_clock::now();
+    const Stream stream = open_stream(options);
+    throw_if_interrupted();
+    const double load = seconds_since(load_start);
+
+    const int width = zorv_stream_width(stream.get()), height = zorv_stream_height(stream.get());
+    std::unique_ptr<FrameSink> sink;
+    if (video)
+        sink = std::make_unique<VideoWriter>(output.path(), width, height, options.audio,
+                                             options.skip_frames);
+    else
+        sink = std::make_unique<PngSequenceWriter>(output.path(), width, height);
+    std::optional<ContactSheet> sheet;
+    if (sheet_output) sheet.emplace(width, height, frames);
+
+    const auto run_start = std::chrono::steady_clock::now();
+    {
+        Progress progress(frames);
+        Delivery delivery{*sink, sheet ? &*sheet : nullptr, progress, 0, nullptr};
+        run_stream(stream.get(), speech.samples, delivery, frames);
+        sink->finish();
+    }
+    const double run = seconds_since(run_start);
+    if (sheet) sheet->save(sheet_output->path());
+    throw_if_interrupted();
+    output.commit();
+    if (sheet) sheet_output->commit();
+    report(options, speech, frames, load, run);
+}
+
+}  // namespace zorv::tools

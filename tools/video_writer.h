@@ -1,0 +1,62 @@
+// MP4 with H.264 picture at 25 frames per second and AAC sound at 48 kHz.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "audio_reader.h"
+#include "av.h"
+#include "frame_sink.h"
+
+namespace zorv::tools {
+
+/** An encoder with its stream in the file. */
+struct EncodedStream {
+    av::Owner<AVCodecContext> codec;
+    av::Owner<AVFrame> frame = av::new_frame();
+    AVStream* stream = nullptr;  // owned by the format context
+    int64_t next_time = 0;       // in units of the codec's time base
+};
+
+class VideoWriter : public FrameSink {
+  public:
+    static constexpr int kFrameRate = 25;
+    static constexpr int kAudioRate = 48000;
+
+    /**
+     * path         file to write, which may carry any name.
+     * audio_path   the original sound; it is resampled straight to 48 kHz.
+     * skip_frames  frames' worth of sound to drop from its beginning.
+     * Odd widths and heights lose their last column or row, since the chroma is halved.
+     */
+    VideoWriter(const std::string& path, int width, int height, const std::string& audio_path,
+                int skip_frames);
+    ~VideoWriter() override;
+
+    void write(const uint8_t* rgb) override;
+    void finish() override;
+
+  private:
+    void open_picture();
+    void open_sound();
+    void open_file(const std::string& path);
+    void encode(EncodedStream& stream, AVFrame* frame);
+    void encode_sound_until(int64_t sample);
+    void encode_sound_block(size_t count);
+    void check(int code) const;
+
+    int width_, height_;
+    int source_stride_;  // bytes per row of the frames handed in
+    AudioReader reader_;
+    std::vector<float> sound_;  // interleaved samples that wait for the encoder
+    int64_t sound_to_drop_;
+    bool sound_ended_ = false;
+
+    AVFormatContext* format_ = nullptr;
+    EncodedStream picture_, audio_;
+    av::Owner<AVPacket> packet_ = av::new_packet();
+    av::Owner<SwsContext> to_yuv_;
+};
+
+}  // namespace zorv::tools
