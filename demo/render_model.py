@@ -8,6 +8,7 @@ on a GRID x GRID raster and enlarged:
     skin above the line between the lips follows the upper lip, the skin below it follows the lower
     lip and takes the jaw along. The two vertical flows are carried separately and chosen per pixel
     of the full raster, so that the mouth parts along a sharp line;
+  * lips that would cross just touch, and a drop beyond DROP_LIMIT stops there;
   * where the lips are apart the mouth's inside (mouth.py) shows through.
 
 With driving = source every displacement is exactly zero and the picture comes back unchanged.
@@ -23,7 +24,9 @@ GRID = 128                    # raster of the coarse flow
 BASE_REACH = 0.24             # radius of a keypoint's Gaussian, units
 WINDOW = (160, 96)            # width and height in pixels of a 512 crop where the mouth can open
 WINDOW_AT = (176, 328)        # its left top corner
-LINE_POWER = 0.62             # how full the arcs of the lips are when they part
+CORNER_ROUNDING = 0.08        # flattens the ends of the lips' arcs, so that the coarse flow can follow
+CORNER_REACH = 0.26           # how far outside the mouth its corners pull the cheek, units
+DROP_LIMIT = 0.235            # the lower lip's drop (units) that still fits the window
 LUMA, CHROMA = 448, 160       # sides of the planes in the reduced features
 
 
@@ -59,18 +62,19 @@ class Lips:
         self.left, self.right = at(rig.LEFT_CORNER, 0), at(rig.RIGHT_CORNER, 0)
         self.centre = 0.5 * (self.left + self.right)
         self.half = graph.maximum(0.5 * (self.right - self.left), 0.02)
-        # Lips that would cross just touch, half way.
-        upper, lower = own(rig.UPPER_INNER, 1), own(rig.LOWER_INNER, 1)
+        # Lips that would cross just touch, half way; exaggerated drops stop at the limit.
+        raw_upper, raw_lower = own(rig.UPPER_INNER, 1), own(rig.LOWER_INNER, 1)
+        upper, lower = graph.clip(raw_upper, -0.06, 0.1), graph.minimum(raw_lower, DROP_LIMIT)
         middle, gap = 0.5 * (upper + lower), graph.maximum(lower - upper, 0.0)
         self.upper_inner, self.lower_inner, self.gap = middle - 0.5 * gap, middle + 0.5 * gap, gap
         self.pucker = pucker = (own(14, 2) + own(17, 2) + own(19, 2) + own(20, 2)) * (0.25 / 0.05)
         self.upper_outer = own(rig.UPPER_OUTER, 1) - 0.018 * pucker
-        self.lower_outer = own(rig.LOWER_OUTER, 1) + 0.020 * pucker
-        self.jaw = 0.55 * graph.maximum(own(rig.LOWER_OUTER, 1), 0.0)
+        self.lower_outer = graph.minimum(own(rig.LOWER_OUTER, 1), DROP_LIMIT - 0.01) + 0.020 * pucker
+        self.jaw = 0.55 * graph.clip(own(rig.LOWER_OUTER, 1), 0, DROP_LIMIT - 0.01)
         # The resting line in driving coordinates: lip positions less their own movement.
-        self.rest_corner = 0.5 * (at(rig.LEFT_CORNER, 1) + at(rig.RIGHT_CORNER, 1)
-                                  - own(rig.LEFT_CORNER, 1) - own(rig.RIGHT_CORNER, 1))
-        self.rest_middle = 0.5 * (at(rig.UPPER_INNER, 1) + at(rig.LOWER_INNER, 1) - upper - lower)
+        self.rest_left = at(rig.LEFT_CORNER, 1) - own(rig.LEFT_CORNER, 1)
+        self.rest_right = at(rig.RIGHT_CORNER, 1) - own(rig.RIGHT_CORNER, 1)
+        self.rest_middle = 0.5 * (at(rig.UPPER_INNER, 1) + at(rig.LOWER_INNER, 1) - raw_upper - raw_lower)
 
     def own(self, keypoint, axis):
         """Movement of a lip keypoint beyond that of the face around it."""
@@ -94,12 +98,15 @@ class Lips:
         g = self.graph
         t = (x - self.centre) / self.half
         inside = g.maximum(1.0 - t * t, 0.0)
-        arc = g.op("Pow", inside, np.float32(LINE_POWER))
+        root = np.sqrt(CORNER_ROUNDING)
+        arc = (g.sqrt(inside + CORNER_ROUNDING) - root) * (1 / (np.sqrt(1 + CORNER_ROUNDING) - root))
         share = g.clip(0.5 * t + 0.5, 0, 1)
-        fade = g.smooth(1.0 - (g.abs(t) - 1.0) * (1 / 1.3))
+        fade = g.smooth(1.0 - (g.abs(t) - 1.0) * self.half * (1 / CORNER_REACH))
         corner_x = g.mix(self.own(rig.LEFT_CORNER, 0), self.own(rig.RIGHT_CORNER, 0), share) * fade
         corner_y = g.mix(self.own(rig.LEFT_CORNER, 1), self.own(rig.RIGHT_CORNER, 1), share) * fade
-        line = g.mix(self.rest_corner, self.rest_middle, inside) + corner_y * (1.0 - arc)
+        tilted = g.mix(self.rest_left, self.rest_right, share)
+        sag = self.rest_middle - 0.5 * (self.rest_left + self.rest_right)
+        line = tilted + sag * inside + corner_y * (1.0 - arc)
         return t, corner_x, corner_y, arc, line + self.upper_inner * arc, line + self.lower_inner * arc
 
 
@@ -165,7 +172,7 @@ def mouth_inside(graph, pooled, lips, batch):
     # Lips that come forward cover more of the upper teeth.
     teeth = lips.rest_middle - 0.016 * g.maximum(lips.pucker, 0.0)
     v = g.concat([layer(teeth, mouth.ROWS_UPPER, 0.0),
-                  layer(lips.at(rig.LOWER_INNER, 1), mouth.ROWS_LOWER, 1.0)], 1)   # [B, 128, 1]
+                  layer(lips.rest_middle + lips.lower_inner, mouth.ROWS_LOWER, 1.0)], 1)   # [B, 128, 1]
     still = np.zeros((1, size, size), np.float32)
     grid = g.concat([g.reshape(u + still, [batch, size, size, 1]), g.reshape(v + still, [batch, size, size, 1])], 3)
     layers = g.grid_sample(atlas, grid)

@@ -1,0 +1,138 @@
+"""Checks of the demo subject that need no renderer: files, placement, movement, graphs, caching."""
+import json
+import pathlib
+import sys
+import tempfile
+import unittest
+from unittest import mock
+
+import numpy as np
+import onnx
+from PIL import Image
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+import bundle
+import character
+import make_demo
+import render_model
+import rig
+from drawing import sample_bilinear
+
+FRAMES = 3
+
+
+def run_generator(out, *options):
+    with mock.patch.object(sys, "argv", ["make_demo.py", str(out), "--frames", str(FRAMES), *options]):
+        return make_demo.main()
+
+
+class Bundle(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory()
+        cls.out = pathlib.Path(cls.directory.name) / "demo"
+        run_generator(cls.out)
+        cls.bundle = cls.out / "bundle"
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.directory.cleanup()
+
+    def frame(self, index):
+        return np.asarray(Image.open(self.bundle / "target_frames" / f"frame_{index:06d}.jpg"))
+
+    def test_files_have_the_sizes_that_the_manifest_promises(self):
+        manifest = json.loads((self.bundle / "manifest.json").read_text())
+        count, crop, drive = manifest["NT"], manifest["crop"], manifest["frames"]
+        self.assertEqual(count, FRAMES)
+        self.assertEqual(manifest["ksize"] % 2, 1)
+        sizes = {"pooled64.f16": count * 65536 * 2, "P.f16": count * 3 * crop * crop * 2,
+                 "fs_red.f16": count * 262144 * 2, "M.f32": count * 24, "mask_512.u8": crop * crop,
+                 "xs_target.bin": count * 63 * 4, "drive/xs.f32": drive * 63 * 4,
+                 "drive/xd.f32": drive * 63 * 4, "drive/si.i32": drive * 4}
+        self.assertEqual({name: (self.bundle / name).stat().st_size for name in sizes}, sizes)
+        for index in range(count):
+            self.assertEqual(self.frame(index).shape, (manifest["H"], manifest["W"], 3))
+        indices = np.fromfile(self.bundle / "drive/si.i32", np.int32)
+        self.assertTrue(((indices >= 0) & (indices < count)).all())
+
+    def test_crop_pasted_back_is_the_frame(self):
+        """The resting picture must not betray where the crop lies: at most 2 grey levels in the mask."""
+        crops = np.fromfile(self.bundle / "P.f16", np.float16).reshape(FRAMES, 3, bundle.CROP, bundle.CROP)
+        mask = bundle.mask()[..., None].astype(np.float32) / 255
+        placements = np.fromfile(self.bundle / "M.f32", np.float32).reshape(FRAMES, 2, 3)
+        for index in range(FRAMES):
+            frame = self.frame(index).astype(np.float32)
+            inverse = np.linalg.inv(np.vstack([placements[index], (0, 0, 1)]))
+            x, y = np.meshgrid(np.arange(frame.shape[1]), np.arange(frame.shape[0]))
+            u, v = (inverse[k, 0] * x + inverse[k, 1] * y + inverse[k, 2] for k in (0, 1))
+            picture = np.moveaxis(crops[index].astype(np.float32) * 255, 0, -1)
+            inside = sample_bilinear(mask, u, v)[..., 0] > 0.5
+            inside &= (u >= 0) & (v >= 0) & (u < bundle.CROP) & (v < bundle.CROP)
+            difference = np.abs(np.floor(sample_bilinear(picture, u, v)) - frame)[inside]
+            self.assertLess(difference.mean(), 2.0)
+            self.assertGreater(inside.sum(), 100000)     # the face is a large part of the frame
+
+    def test_second_run_keeps_everything_and_a_failed_one_leaves_the_old_subject(self):
+        before = {p: p.stat().st_mtime_ns for p in self.out.rglob("*")}
+        run_generator(self.out)
+        with mock.patch.object(bundle, "draw_frames", side_effect=KeyboardInterrupt):
+            with self.assertRaises(KeyboardInterrupt):
+                run_generator(self.out, "--force")
+        after = {p: p.stat().st_mtime_ns for p in self.out.rglob("*")}
+        self.assertEqual(before, after)
+
+
+class Shapes(unittest.TestCase):
+    def test_mask_is_closed_at_the_border_and_open_over_what_moves(self):
+        mask = bundle.mask()
+        self.assertEqual(max(mask[0].max(), mask[-1].max(), mask[:, 0].max(), mask[:, -1].max()), 0)
+        moving = [(rig.REST[k] + o * rig.LIP_BASIS[0, k] + w * rig.LIP_BASIS[1, k])[:2]
+                  for k in (*rig.LIPS, 1) for o in (0, 1) for w in (-1, 1)]
+        for x, y in moving:
+            self.assertEqual(mask[int((y + 1) * bundle.CROP / 2), int((x + 1) * bundle.CROP / 2)], 255)
+
+    def test_keypoints_follow_the_painted_features(self):
+        """Looking up a keypoint's place on the head canvas must lead back to its rest position."""
+        for index in (0, 31, 77, 119):
+            pose = character.Pose(index, 120)
+            points = pose.keypoints()
+            dx, dy = pose.parallax(points[:, 0], points[:, 1])
+            np.testing.assert_allclose(points[:, 0] - dx, rig.REST[:, 0], atol=1e-3)
+            np.testing.assert_allclose(points[:, 1] - dy, rig.REST[:, 1], atol=1e-3)
+
+    def test_walk_is_smooth_and_alive(self):
+        poses = [character.Pose(index, 120) for index in range(120)]
+        nose = np.array([pose.matrix @ (*pose.keypoints()[0, :2], 1) for pose in poses])
+        steps = np.linalg.norm(np.diff(nose, axis=0), axis=1)
+        self.assertLess(steps.max(), 2.0)                          # pixels per frame: no jumps
+        self.assertLess(max(steps[0], steps[-1]), 0.1)             # at rest where the walk turns
+        self.assertGreater(np.ptp(nose[:, 0]), 6)
+        self.assertEqual(min(pose.lids for pose in poses), 0)      # blinks shut the eyes
+        self.assertGreater(np.median([pose.lids for pose in poses]), 0.8)
+
+    def test_grids_have_the_size_of_what_they_sample(self):
+        for key, (graph, batch) in bundle.RENDERERS.items():
+            model = onnx.shape_inference.infer_shapes(graph(bundle.CROP, batch).model(), strict_mode=True)
+            shapes = {v.name: [d.dim_value for d in v.type.tensor_type.shape.dim]
+                      for v in (*model.graph.value_info, *model.graph.input)}
+            samplers = [n for n in model.graph.node if n.op_type == "GridSample"]
+            self.assertGreaterEqual(len(samplers), 2, key)
+            for node in samplers:
+                sampled, grid = (shapes[name] for name in node.input)
+                self.assertEqual(grid, [batch, *sampled[2:], 2], key)
+                self.assertLessEqual({"mode", "padding_mode"}, {a.name for a in node.attribute})
+
+    def test_reduced_features_hold_the_picture(self):
+        line = np.linspace(0, 1, bundle.CROP, dtype=np.float32)
+        picture = np.stack(np.broadcast_arrays(line[None], line[:, None], 0.5 * (line[None] + line[:, None])))
+        values = render_model.pack_features(picture)
+        self.assertEqual(values.shape, (262144,))
+        luma = values[:render_model.LUMA ** 2].reshape(render_model.LUMA, -1)
+        wanted = np.tensordot(render_model.LUMA_WEIGHTS, picture, 1)
+        self.assertAlmostEqual(float(luma.mean()), float(wanted.mean()), places=3)
+        self.assertAlmostEqual(float(luma[10, -10] - luma[-10, 10]), float(wanted[11, -11] - wanted[-11, 11]), places=2)
+
+
+if __name__ == "__main__":
+    unittest.main()
