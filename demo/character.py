@@ -315,7 +315,7 @@ def paint_jumper(canvas):
     light = np.clip(light - 0.05 + 0.06 * knit, 0, 1)
     canvas.paint(mix(mix(dark, mid, smoothstep(0.30, 0.82, light)), light_colour, 0.85 * smoothstep(0.78, 1.02, light)),
                  canvas.cover(sdf))
-    canvas.tint((0.25, 0.35, 0.45), 0.55 * bump(x, y, 0.05, 1.02, 0.55, 0.16))
+    canvas.tint((0.25, 0.35, 0.45), 0.55 * bump(x, y, 0.05, 1.02, 0.55, 0.16) * canvas.cover(sdf))
     collar = canvas.outline(mirrored([(0, 1.005), (0.16, 0.975), (0.28, 0.895), (0.335, 0.90), (0.365, 0.965),
                                       (0.30, 1.075), (0.15, 1.150), (0, 1.175)]), decimate=2)
     around = np.arctan2(x, 1.9 - y)

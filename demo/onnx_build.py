@@ -94,10 +94,6 @@ class GraphBuilder:
     def gather(self, x, indices, axis):
         return self.op("Gather", x, self.constant(indices, np.int64), axis=axis)
 
-    def pad(self, x, before, after):
-        """Zero padding; before and after list one count per axis."""
-        return self.op("Pad", x, self.constant([*before, *after], np.int64))
-
     def resize(self, x, shape):
         """Bilinear resampling to `shape`, pixel areas aligned."""
         return self.op("Resize", x, None, None, self.constant(shape, np.int64), mode="linear",

@@ -111,13 +111,14 @@ class Lips:
 
 
 def coarse_flow(graph, lips, batch):
-    """[B, 3, GRID, GRID]: movement in x, in y above the lips' line, and what to add below it."""
+    """Three [B, GRID, GRID]: movement in x, in y above the lips' line, and what to add below it."""
     g = graph
     x = pixel_centres(GRID).reshape(1, 1, GRID)
     y = pixel_centres(GRID).reshape(1, GRID, 1)
     base, weights = base_weights(x[0], y[0])
     selected = g.transpose(g.gather(lips.difference, base, 1), [0, 2, 1])          # [B, 3, 15]
     moved = g.reshape(g.matmul(selected, g.constant(weights.reshape(len(base), -1))), [batch, 3, GRID, GRID])
+    moved_x, moved_y, _ = (g.reshape(v, [batch, GRID, GRID]) for v in g.op("Split", moved, outputs=3, axis=1))
 
     _, corner_x, corner_y, arc, upper, lower = lips.curves(g.constant(x))
     y = g.constant(y)
@@ -134,21 +135,17 @@ def coarse_flow(graph, lips, batch):
     chin = rig.REST[1, 1] + lips.jaw
     flow_low = skin * g.smooth(1.0 - (y - chin) / (0.985 - chin))
 
-    wide = [batch, 1, GRID, GRID]
-    lip_flow = g.concat([g.reshape(flow_x, wide), g.reshape(flow_up, wide), g.reshape(flow_low - flow_up, wide)], 1)
-    keep = np.array([1, 1, 0], np.float32).reshape(1, 3, 1, 1)                     # depth moves nothing
-    return moved * keep + lip_flow
+    return moved_x + flow_x, moved_y + flow_up, flow_low - flow_up
 
 
 def warp(graph, picture, lips, batch, side):
     """The picture [B, 3, side, side] pulled along the flow."""
     g = graph
-    flow = g.resize(coarse_flow(graph, lips, batch), [batch, 3, side, side])
     x, y = pixel_centres(side).reshape(1, 1, side), pixel_centres(side).reshape(1, side, 1)
     *_, upper, lower = lips.curves(g.constant(x))
     below = g.clip((y - 0.5 * (upper + lower)) * (side / 2.0) + 0.5, 0, 1)
-    flow_x, flow_y, jump = (g.reshape(v, [batch, side, side])
-                            for v in g.op("Split", flow, outputs=3, axis=1))
+    flow_x, flow_y, jump = (g.reshape(g.resize(g.reshape(v, [batch, 1, GRID, GRID]), [batch, 1, side, side]),
+                                      [batch, side, side]) for v in coarse_flow(graph, lips, batch))
     across = g.reshape(x - flow_x, [batch, side, side, 1])
     down = g.reshape(y - flow_y - jump * below, [batch, side, side, 1])
     return g.grid_sample(picture, g.concat([across, down], 3))
@@ -196,9 +193,11 @@ def add_mouth(graph, picture, pooled, lips, batch, side):
     # Light falls off towards the upper lip and the corners.
     light = g.clip(0.42 + (y - upper) * 11.0, 0, 1) * g.clip(1.12 - 0.55 * t * t, 0, 1)
     inside = g.resize(mouth_inside(graph, pooled, lips, batch), [batch, 3, height, width])
-    inside = inside * g.reshape(light, [batch, 1, height, width]) * cover
-    before, after = [0, 0, top, left], [0, 0, side - top - height, side - left - width]
-    return picture * (1.0 - g.pad(cover, before, after)) + g.pad(inside, before, after)
+    inside = inside * g.reshape(light, [batch, 1, height, width])
+    rows = g.slice(picture, 2, top, top + height)
+    window = g.mix(g.slice(rows, 3, left, left + width), inside, cover)
+    rows = g.concat([g.slice(rows, 3, 0, left), window, g.slice(rows, 3, left + width, side)], 3)
+    return g.concat([g.slice(picture, 2, 0, top), rows, g.slice(picture, 2, top + height, side)], 2)
 
 
 def standard_graph(side, batch):

@@ -20,13 +20,13 @@ LAYOUT = [
     ("left cheek", -0.36, 0.20, 0.00),         # 3
     ("right cheek", 0.36, 0.20, 0.00),         # 4
     ("left jaw", -0.42, 0.46, -0.10),          # 5
-    ("left mouth corner", -0.195, 0.384, 0.05),   # 6  lip
+    ("left mouth corner", -0.195, 0.376, 0.05),   # 6  lip
     ("left eye", -0.23, -0.14, 0.00),          # 7
     ("right eye", 0.23, -0.14, 0.00),          # 8
     ("left brow", -0.24, -0.38, 0.05),         # 9
     ("right brow", 0.24, -0.38, 0.05),         # 10
     ("right jaw", 0.42, 0.46, -0.10),          # 11
-    ("right mouth corner", 0.195, 0.384, 0.05),   # 12 lip
+    ("right mouth corner", 0.195, 0.376, 0.05),   # 12 lip
     ("left upper lid", -0.23, -0.23, 0.00),    # 13
     ("upper lip, inner edge", 0.000, 0.395, 0.12),  # 14 lip
     ("right upper lid", 0.23, -0.23, 0.00),    # 15
