@@ -301,6 +301,24 @@ TEST(DeltaMath, PercentileEqualsTheOneOfASortedCopy) {
     for (int f = 0; f < 50; ++f) EXPECT_FALSE(5.f > percentile.add(NAN));
 }
 
+TEST(DeltaMath, WarmUpCountsEveryFrameWithEnergyAndNoOther) {
+    // Ever quieter frames are below the percentile from the first frame behind the warm-up on.
+    const auto centred = [](const std::vector<float>& levels) {
+        delta::CausalCentring centring;
+        std::vector<float> last(768);
+        for (const float level : levels) {
+            std::fill(last.begin(), last.end(), level);
+            centring.centre(last.data(), last.data());
+        }
+        return last[767];
+    };
+    EXPECT_EQ(centred({0}), 0.f);
+    EXPECT_EQ(centred({0, 8}), 0.f) << "a frame without energy was counted";
+    EXPECT_NEAR(centred({10, 9, 8, 7, 6, 5, 4}), 4 - 7, 1e-5);
+    EXPECT_NEAR(centred({10, 9, 8, 7, 6, 5, 4, 3}), 3 - 7, 1e-5);
+    EXPECT_NEAR(centred({10, 9, 8, 7, 6, 5, 4, 3, 15}), 15 - 8, 1e-5);
+}
+
 TEST(DeltaMath, NormalisedWindowHasMeanZeroAndVarianceOneIncludingItsPadding) {
     std::vector<float> audio = speechLike(100000);
     for (float& x : audio) x += 0.3f;

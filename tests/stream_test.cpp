@@ -100,14 +100,14 @@ void breakBaseRow(const TestBundle& bundle, int row) {
     test::writeFile(bundle.path("xs_target.bin"), rows);
 }
 
-TEST(TargetWalk, GoesBackAndForthWithoutRepeatingTheEnds) {
+TEST(StreamTargetWalk, GoesBackAndForthWithoutRepeatingTheEnds) {
     EXPECT_EQ(walk(1, 4), (std::vector{0, 1, 1, 1}));
     EXPECT_EQ(walk(2, 6), (std::vector{0, 1, 0, 1, 0, 1}));
     EXPECT_EQ(walk(3, 8), (std::vector{0, 1, 2, 1, 0, 1, 2, 1}));
     EXPECT_EQ(walk(5, 10), (std::vector{0, 1, 2, 3, 4, 3, 2, 1, 0, 1}));
 }
 
-TEST(CropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
+TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
     for (const int slow : {0, 1, 2}) {
         CropRing ring(64);
         std::thread producer([&] {
@@ -134,7 +134,7 @@ TEST(CropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
     }
 }
 
-TEST(CropRing, CancelEndsTheWaitForAFreeSlot) {
+TEST(StreamCropRing, CancelEndsTheWaitForAFreeSlot) {
     CropRing ring(1);
     int filled = 0;
     std::thread producer([&] {
@@ -236,6 +236,17 @@ TEST(Stream, PasteFailureEndsTheRunWhileTheRingIsFull) {
     EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
     EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
     EXPECT_EQ(collector.frames.size(), 2u);
+}
+
+TEST(Stream, TargetFramesAreDecodedBeforeTheFirstIsDelivered) {
+    TestBundle bundle({.nt = 4});
+    const StreamPtr stream = openStream(bundle, 1);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    Collector collector;
+    collector.during = [&](int index) {
+        if (index == 0) std::filesystem::remove_all(bundle.path("target_frames"));
+    };
+    EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 12)), 11) << zorv_stream_last_error();
 }
 
 TEST(Stream, OneTargetFrameLastsForOneFrame) {
