@@ -83,7 +83,7 @@ def strands(across, along, width, seed, count=20):
     return np.tanh(total / 2.8)
 
 
-def hair_colour(canvas, streaks, band, light):
+def hair_colour(streaks, band, light):
     """Hair colour from streaks (-1..1), a gloss band (0..1) and a soft light (0..1)."""
     base = mix(HAIR_DARK, HAIR_MID, np.clip(0.15 + 0.85 * light + 0.30 * streaks, 0, 1))
     return mix(base, HAIR_LIGHT, np.clip(band * (0.55 + 0.55 * streaks), 0, 0.9))
@@ -207,7 +207,8 @@ def paint_back_hair(canvas):
     inner = smoothstep(0.60, 0.36, np.abs(x))
     light = 0.66 - 0.22 * x - 0.62 * inner - 0.26 * smoothstep(0.35, 0.9, y)
     band = (0.9 * bump(x, y, -0.67, 0.14, 0.10, 0.28) + 0.55 * bump(x, y, 0.70, 0.24, 0.07, 0.24)) * (1 - inner)
-    canvas.paint(hair_colour(canvas, streaks * (1 - 0.7 * inner), band, np.clip(light, -0.1, 1)), canvas.cover(sdf, 0.012))
+    colour = hair_colour(streaks * (1 - 0.7 * inner), band, np.clip(light, -0.1, 1))
+    canvas.paint(colour, canvas.cover(sdf, 0.012))
 
 
 def paint_front_hair(canvas):
@@ -238,7 +239,7 @@ def paint_front_hair(canvas):
         + 0.55 * bump(x, y, -0.61, 0.06, 0.05, 0.24) + 0.30 * bump(x, y, 0.60, 0.10, 0.04, 0.22)
     ragged = strands(swept * 3.0, radius * 0, radius / 3.0, 8, count=9) * (1 - sides)
     fringe = sdf + 0.009 * ragged * smoothstep(0.25, 0.6, radius) * smoothstep(-0.95, -0.70, y)
-    canvas.paint(hair_colour(canvas, streaks, band, np.clip(light, 0, 1)), canvas.cover(fringe, 0.011))
+    canvas.paint(hair_colour(streaks, band, np.clip(light, 0, 1)), canvas.cover(fringe, 0.011))
     paint_wisps(canvas)
 
 
@@ -311,8 +312,8 @@ def paint_jumper(canvas):
     light, _ = shade(canvas, height - 0.25 * smoothstep(-0.10, 0.02, sdf) ** 2)
     knit = 0.5 + 0.5 * np.sin(x * 88 + 1.3 * np.sin(y * 110)) * np.sin(y * 110)
     light = np.clip(light - 0.05 + 0.06 * knit, 0, 1)
-    canvas.paint(mix(mix(dark, mid, smoothstep(0.30, 0.82, light)), light_colour, 0.85 * smoothstep(0.78, 1.02, light)),
-                 canvas.cover(sdf))
+    wool = mix(mix(dark, mid, smoothstep(0.30, 0.82, light)), light_colour, 0.85 * smoothstep(0.78, 1.02, light))
+    canvas.paint(wool, canvas.cover(sdf))
     canvas.tint((0.25, 0.35, 0.45), 0.55 * bump(x, y, 0.05, 1.02, 0.55, 0.16) * canvas.cover(sdf))
     collar = canvas.outline(mirrored([(0, 1.005), (0.16, 0.975), (0.28, 0.895), (0.335, 0.90), (0.365, 0.965),
                                       (0.30, 1.075), (0.15, 1.150), (0, 1.175)]), decimate=2)
@@ -336,7 +337,8 @@ def paint_background():
         cx, cy, radius = rng.uniform(0, WIDTH), rng.uniform(-20, 520), rng.uniform(18, 62)
         colour = np.array([(1.0, 0.86, 0.62), (1.0, 0.72, 0.52), (0.72, 0.84, 0.95)])[rng.integers(3)]
         distance = np.hypot(x - cx, y - cy)
-        disc = smoothstep(radius + 5, radius - 5, distance) * (0.75 + 0.25 * smoothstep(radius * 0.6, radius, distance))
+        rim = 0.75 + 0.25 * smoothstep(radius * 0.6, radius, distance)
+        disc = rim * smoothstep(radius + 5, radius - 5, distance)
         image = mix(image, colour, rng.uniform(0.06, 0.20) * disc)
     return image
 

@@ -31,9 +31,11 @@ def paint_eye(canvas, side, openness, gaze):
 
     # The lid that comes down is skin, slightly darker towards the lashes.
     lid = np.maximum.reduce([open_upper - 0.004 - y, y - lower, (np.abs(across) - 1) * HALF])
-    part.paint(mix((0.93, 0.69, 0.58), (0.80, 0.50, 0.43), smoothstep(-0.06, 0.05, y)), part.cover(lid, 2 * part.soft))
+    skin = mix((0.93, 0.69, 0.58), (0.80, 0.50, 0.43), smoothstep(-0.06, 0.05, y))
+    part.paint(skin, part.cover(lid, 2 * part.soft))
 
-    ball = mix((0.985, 0.965, 0.95), (0.72, 0.66, 0.68), np.clip((x / 0.15) ** 2 + smoothstep(0.0, -0.075, y) * 0.55, 0, 1))
+    shaded = np.clip((x / 0.15) ** 2 + smoothstep(0.0, -0.075, y) * 0.55, 0, 1)
+    ball = mix((0.985, 0.965, 0.95), (0.72, 0.66, 0.68), shaded)
     paint_iris(ball, x - gaze[0] - side * -0.006, y + 0.012 - gaze[1])
     shadow = smoothstep(0.050, 0.0, y - upper)
     ball *= 1 - 0.55 * shadow[..., None] * np.array((0.75, 0.9, 0.9), np.float32)
@@ -50,7 +52,8 @@ def paint_iris(ball, x, y):
     radius, angle = np.hypot(x, y), np.arctan2(y, x)
     fibres = 0.5 + 0.5 * np.sin(angle * 31 + 4 * np.sin(angle * 7))
     colour = mix((0.62, 0.55, 0.22), (0.20, 0.42, 0.30), smoothstep(0.022, 0.050, radius))
-    colour = mix(colour, (0.62, 0.74, 0.42), (0.55 * smoothstep(-0.01, 0.05, y) + 0.12 * fibres) * smoothstep(0.075, 0.03, radius))
+    lit = (0.55 * smoothstep(-0.01, 0.05, y) + 0.12 * fibres) * smoothstep(0.075, 0.03, radius)
+    colour = mix(colour, (0.62, 0.74, 0.42), lit)
     colour = mix(colour, (0.06, 0.12, 0.11), smoothstep(0.052, 0.066, radius))
     colour = mix(colour, (0.03, 0.025, 0.03), smoothstep(0.034, 0.027, radius))
     cover = smoothstep(0.071, 0.063, radius)[..., None]
