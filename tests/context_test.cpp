@@ -225,7 +225,9 @@ TEST_F(ContextTest, AbsurdManifestsFailWithoutTakingTheMachineDown) {
             changed.replace(colon + 1, end - colon - 1, value);
             test::writeFile(bundle.path("manifest.json"), changed);
             const Context ctx = open(bundle);
-            if (!ctx) EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
+            if (!ctx) {
+                EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
+            }
         }
     }
 }

@@ -212,7 +212,7 @@ TEST(OnnxWire, MalformedBytesGiveTheirTexts) {
     EXPECT_EQ(read("\x12\x03hi"), "onnx: truncated");
     EXPECT_EQ(read("\x12\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"), "onnx: truncated");
     EXPECT_EQ(read("\x1d___"), "onnx: truncated");
-    for (const char type : {0x0b, 0x0c, 0x0e, 0x0f}) {  // field 1
+    for (const char type : {'\x0b', '\x0c', '\x0e', '\x0f'}) {  // field 1
         EXPECT_EQ(read({type, 0}), "onnx: bad wire type");
     }
 }
