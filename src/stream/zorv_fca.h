@@ -24,7 +24,7 @@ class DeltaModel {
   private:
     struct Recurrence;
 
-    /// Encodes one window; the pointer into the returned tensor holds its layers.
+    /// Encodes one window; returns a checked tensor of at least 10 x 200 x 768 floats.
     Ort::Value encode(float* window);
     /// One frame: context, previous offsets and state become the frame's offsets and next state.
     void step(Recurrence& state, float* out);
