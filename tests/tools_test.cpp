@@ -152,7 +152,7 @@ TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     mistake(with(1, path("nothing")), "no bundle directory");
     mistake(with(1, path("full")), "holds no manifest.json");
     mistake(with(5, path("nothing.onnx")), "check the path given to --encoder");
-    mistake(with(5, path("text.txt")), "zorv_stream_create: ");
+    mistake(with(5, path("text.txt")), "zorv_fca_create: ");
     mistake(command(good, path("nowhere/x.mp4")), "check that its folder exists");
     mistake(command(good, "/dev/full"), "name an .mp4 file or a directory");
     mistake(command(good, "/dev/full/x.mp4"), "Not a directory");

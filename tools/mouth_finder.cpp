@@ -13,7 +13,7 @@ namespace {
 constexpr int kCell = 8;  // pixels
 constexpr int kMaxFrames = 60 * VideoReader::kFrameRate;
 constexpr double kQuantile = 0.80;  // of the frames; blinks lie above it
-constexpr float kEdge = 0.25f;      // of the strongest cell's movement
+constexpr float kEdge = 0.35f;      // of the strongest cell's movement
 
 /** Mean luma per cell, frame after frame. */
 struct CellSeries {
@@ -96,7 +96,7 @@ Region find_mouth(const std::string& video) {
         fail("nothing moves in '{}' often enough to be a mouth; give --region x,y,w,h", video);
     const Region patch = strongest_patch(strength, series.columns, series.rows);
     // The corners and the closed lips move less than the opening: take a margin around it.
-    const int margin_x = std::max(2, patch.w / 3), margin_y = std::max(2, patch.h / 3);
+    const int margin_x = std::max(4, patch.w / 2), margin_y = std::max(4, patch.h * 3 / 4);
     const int x0 = std::max(0, patch.x - margin_x), y0 = std::max(0, patch.y - margin_y);
     const int x1 = std::min(series.columns, patch.x + patch.w + margin_x);
     const int y1 = std::min(series.rows, patch.y + patch.h + margin_y);

@@ -13,10 +13,10 @@ constexpr int kHistogramFrames = 250;
 constexpr int kLevels = 768;
 constexpr double kThresholdPlace = 0.55;  // between the mean of the skin and that of the mouth
 
-/** How little a pixel looks like skin: dark and red count, 0 .. kLevels - 1. */
+/** How little a pixel looks like skin: dark and red count. */
 struct Likeness {
     int w, h;
-    std::vector<int> values;
+    std::vector<int> values;  // 0 .. kLevels - 1
 
     explicit Likeness(const Region& region)
         : w(region.w), h(region.h), values(static_cast<size_t>(w) * static_cast<size_t>(h)) {}
@@ -61,12 +61,16 @@ double find_threshold(const std::string& video, const Region& region) {
     Picture picture;
     for (int frame = 0; frame < kHistogramFrames && reader.read(picture); ++frame) {
         likeness.take(picture, region);
-        for (const int value : likeness.values) histogram[static_cast<size_t>(value)] += 1;
+        // Only the middle half: the rest may hold hair, jaw or background.
+        for (int y = likeness.h / 4; y < likeness.h * 3 / 4; ++y)
+            for (int x = likeness.w / 4; x < likeness.w * 3 / 4; ++x)
+                histogram[static_cast<size_t>(likeness.at(x, y))] += 1;
     }
     return threshold_of(histogram);
 }
 
-/** Marks the largest connected patch of pixels beyond the threshold. */
+/** Marks the largest connected patch of pixels beyond the threshold that ends inside the region:
+ *  what runs out of it is hair, jaw or neck. */
 std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
     const int w = likeness.w, h = likeness.h;
     std::vector<int> label(likeness.values.size()), open;
@@ -81,21 +85,24 @@ std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
         label[static_cast<size_t>(seed)] = ++labels;
         open.assign(1, seed);
         size_t size = 0;
+        bool runs_out = false;
         while (!open.empty()) {
             const int at = open.back(), x = at % w, y = at / w;
             open.pop_back();
             ++size;
+            runs_out = runs_out || x == 0 || y == 0 || x == w - 1 || y == h - 1;
             for (int ny = std::max(0, y - 1); ny <= std::min(h - 1, y + 1); ++ny)
-                for (int nx = std::max(0, x - 1); nx <= std::min(w - 1, x + 1); ++nx)
-                    if (fresh(ny * w + nx)) {
-                        label[static_cast<size_t>(ny * w + nx)] = labels;
-                        open.push_back(ny * w + nx);
-                    }
+                for (int nx = std::max(0, x - 1); nx <= std::min(w - 1, x + 1); ++nx) {
+                    const int next = ny * w + nx;
+                    if (!fresh(next)) continue;
+                    label[static_cast<size_t>(next)] = labels;
+                    open.push_back(next);
+                }
         }
-        if (size > largest_size) largest_size = size, largest = labels;
+        if (!runs_out && size > largest_size) largest_size = size, largest = labels;
     }
     std::vector<char> marked(label.size());
-    for (size_t i = 0; i < label.size(); ++i) marked[i] = labels > 0 && label[i] == largest;
+    for (size_t i = 0; i < label.size(); ++i) marked[i] = largest > 0 && label[i] == largest;
     return marked;
 }
 
@@ -116,20 +123,26 @@ double column_height(const Likeness& likeness, const std::vector<char>& patch, d
     return bottom - top + above + below;
 }
 
-void measure(const Likeness& likeness, double threshold, MouthSeries& series) {
+/** Appends one frame; false, with the frame before repeated, when there is no mouth to be seen. */
+bool measure(const Likeness& likeness, double threshold, MouthSeries& series) {
     const std::vector<char> patch = largest_patch(likeness, threshold);
     int left = likeness.w, right = -1;
     for (int y = 0; y < likeness.h; ++y)
         for (int x = 0; x < likeness.w; ++x)
             if (patch[static_cast<size_t>(y * likeness.w + x)])
                 left = std::min(left, x), right = std::max(right, x);
-    const int span = right - left + 1;
+    const int span = right - left + 1, inset = span * 3 / 10;
+    if (span < 4) {
+        series.height.push_back(series.height.empty() ? 0.0f : series.height.back());
+        series.width.push_back(series.width.empty() ? 0.0f : series.width.back());
+        return false;
+    }
     double sum = 0;
-    int columns = 0;
-    for (int x = left + span * 3 / 10; span > 0 && x <= right - span * 3 / 10; ++x, ++columns)
+    for (int x = left + inset; x <= right - inset; ++x)
         sum += column_height(likeness, patch, threshold, x);
-    series.height.push_back(columns ? static_cast<float>(sum / columns) : 0.0f);
-    series.width.push_back(static_cast<float>(std::max(0, span)));
+    series.height.push_back(static_cast<float>(sum / (span - 2 * inset)));
+    series.width.push_back(static_cast<float>(span));
+    return true;
 }
 
 }  // namespace
@@ -140,10 +153,14 @@ MouthSeries measure_mouth(const std::string& video, const Region& region) {
     MouthSeries series;
     Likeness likeness(region);
     Picture picture;
+    size_t missed = 0;
     while (reader.read(picture)) {
         likeness.take(picture, region);
-        measure(likeness, threshold, series);
+        if (!measure(likeness, threshold, series)) ++missed;
     }
+    if (missed * 20 > series.height.size())
+        fail("no mouth to be seen in {} of {} frames of region {},{},{},{}; give another --region",
+             missed, series.height.size(), region.x, region.y, region.w, region.h);
     series.start_seconds = reader.start_seconds();
     return series;
 }
