@@ -30,7 +30,7 @@ class ScopedEnv {
 
 std::vector<SimdLevel> levels() {
     std::vector<SimdLevel> all;
-    for (const SimdLevel level : {SimdLevel::kPortable}) {
+    for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
         if (level <= detectedSimdLevel()) all.push_back(level);
     }
     return all;

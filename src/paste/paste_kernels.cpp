@@ -101,8 +101,15 @@ void blendRow(const RowPositions& row, const PhaseTable& table, const float* con
 const PasteKernels kPasteKernelsPortable = {SimdLevel::kPortable, blurRow, sharpenRow, coverRow,
                                             blendRow};
 
-const PasteKernels& pasteKernels(SimdLevel) {
-    return kPasteKernelsPortable;
+const PasteKernels& pasteKernels(SimdLevel level) {
+    switch (level) {
+        case SimdLevel::kAvx512:
+            return kPasteKernelsAvx512;
+        case SimdLevel::kAvx2:
+            return kPasteKernelsAvx2;
+        default:
+            return kPasteKernelsPortable;
+    }
 }
 
 }  // namespace zorv

@@ -52,5 +52,7 @@ struct PasteKernels {
 const PasteKernels& pasteKernels(SimdLevel level);
 
 extern const PasteKernels kPasteKernelsPortable;
+extern const PasteKernels kPasteKernelsAvx2;
+extern const PasteKernels kPasteKernelsAvx512;
 
 }  // namespace zorv
