@@ -1,0 +1,122 @@
+// The generated demo subject through the C interface: at rest nobody sees that a crop is pasted,
+// and its stored driving sequence moves the mouth only.
+//   demo_subject_test, with ZORV_DEMO_BUNDLE naming the bundle
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/test_bundle.h"
+#include "zorv_core.h"
+
+namespace zorv {
+namespace {
+
+namespace fs = std::filesystem;
+using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
+
+template <class T>
+std::vector<T> readArray(const std::string& path) {
+    const std::string bytes = test::readFile(path);
+    std::vector<T> values(bytes.size() / sizeof(T));
+    std::memcpy(values.data(), bytes.data(), values.size() * sizeof(T));
+    return values;
+}
+
+class DemoSubject : public testing::Test {
+  protected:
+    void SetUp() override {
+        const char* path = std::getenv("ZORV_DEMO_BUNDLE");
+        ASSERT_TRUE(path) << "ZORV_DEMO_BUNDLE is not set";
+        source_ = path;
+        // The same subject without sharpening, which would count as a difference.
+        for (const auto& entry : fs::directory_iterator(source_)) {
+            fs::create_symlink(entry.path(), dir_.path() + "/" + entry.path().filename().string());
+        }
+        std::string manifest = test::readFile(source_ + "/manifest.json");
+        const std::size_t colon = manifest.find(':', manifest.find("\"amount\""));
+        manifest.replace(colon + 1, manifest.find(',', colon) - colon - 1, " 0");
+        fs::remove(dir_.path() + "/manifest.json");
+        test::writeFile(dir_.path() + "/manifest.json", manifest);
+
+        keypoints_ = readArray<float>(source_ + "/xs_target.bin");
+        placements_ = readArray<float>(source_ + "/M.f32");
+        mask_ = readArray<std::uint8_t>(source_ + "/mask_512.u8");
+    }
+
+    Context open(const char* key) const {
+        return Context(zorv_create(dir_.path().c_str(), key, 2, nullptr), zorv_destroy);
+    }
+
+    /// Mean absolute difference of `rgb` to target frame i over the pixels under the mask.
+    double differenceInsideMask(zorv_ctx* ctx, int i, const std::uint8_t* rgb) const {
+        const float* m = placements_.data() + 6 * i;
+        const double det = double{m[0]} * m[4] - double{m[1]} * m[3];
+        const int side = zorv_crop(ctx), width = zorv_width(ctx);
+        const std::uint8_t* target = zorv_target_frame(ctx, i);
+        double sum = 0, count = 0;
+        for (int y = 0; y < zorv_height(ctx); ++y) {
+            for (int x = 0; x < width; ++x) {
+                const double u = (m[4] * (x - m[2]) - m[1] * (y - m[5])) / det;
+                const double v = (-m[3] * (x - m[2]) + m[0] * (y - m[5])) / det;
+                const int column = static_cast<int>(std::lround(u));
+                const int row = static_cast<int>(std::lround(v));
+                if (column < 0 || row < 0 || column >= side || row >= side) continue;
+                if (mask_[static_cast<std::size_t>(row * side + column)] == 0) continue;
+                for (int c = 0; c < 3; ++c) {
+                    const int at = (y * width + x) * 3 + c;
+                    sum += std::abs(int{rgb[at]} - int{target[at]});
+                }
+                count += 3;
+            }
+        }
+        EXPECT_GT(count, 100000);
+        return sum / count;
+    }
+
+    test::TempDir dir_;
+    std::string source_;
+    std::vector<float> keypoints_, placements_;
+    std::vector<std::uint8_t> mask_;
+};
+
+TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
+    for (const char* key : {"render", "render_b4", "synth"}) {
+        const Context ctx = open(key);
+        ASSERT_TRUE(ctx) << zorv_last_error();
+        for (const int frame : {0, zorv_nt(ctx.get()) / 2, zorv_nt(ctx.get()) - 1}) {
+            const float* rest = keypoints_.data() + 63 * frame;
+            ASSERT_TRUE(zorv_render_kp_crop(ctx.get(), frame, rest, rest)) << zorv_last_error();
+            const std::uint8_t* rgb = zorv_paste_last(ctx.get(), frame);
+            ASSERT_TRUE(rgb) << zorv_last_error();
+            const double difference = differenceInsideMask(ctx.get(), frame, rgb);
+            EXPECT_LE(difference, 2.0) << key << " frame " << frame;
+            RecordProperty(std::string(key) + std::to_string(frame), std::to_string(difference));
+        }
+    }
+}
+
+TEST_F(DemoSubject, TheStoredSequenceMovesTheFace) {
+    const Context ctx = open("render");
+    ASSERT_TRUE(ctx) << zorv_last_error();
+    const auto targets = readArray<std::int32_t>(source_ + "/drive/si.i32");
+    double largest = 0;
+    for (int k = 0; k < zorv_drive_frames(ctx.get()); k += 10) {
+        ASSERT_TRUE(zorv_render_drive_crop(ctx.get(), k)) << zorv_last_error();
+        const int frame = targets[static_cast<std::size_t>(k)];
+        const std::uint8_t* rgb = zorv_paste_last(ctx.get(), frame);
+        ASSERT_TRUE(rgb) << zorv_last_error();
+        largest = std::max(largest, differenceInsideMask(ctx.get(), frame, rgb));
+    }
+    EXPECT_GT(largest, 2.5);
+}
+
+}  // namespace
+}  // namespace zorv
