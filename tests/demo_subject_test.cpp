@@ -57,8 +57,8 @@ class DemoSubject : public testing::Test {
 
     /// Mean absolute difference of `rgb` to target frame i over the pixels under the mask.
     double differenceInsideMask(zorv_ctx* ctx, int i, const std::uint8_t* rgb) const {
-        const float* m = placements_.data() + 6 * i;
-        const double det = double{m[0]} * m[4] - double{m[1]} * m[3];
+        const std::vector<double> m(placements_.begin() + 6 * i, placements_.begin() + 6 * i + 6);
+        const double det = m[0] * m[4] - m[1] * m[3];
         const int side = zorv_crop(ctx), width = zorv_width(ctx);
         const std::uint8_t* target = zorv_target_frame(ctx, i);
         double sum = 0, count = 0;
