@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kSamplesPerFrame = 640;
 constexpr int kMaxLag = 12;
+constexpr int kQuick = 4;          // frames in which speech would move the mouth
 constexpr int kSilenceMargin = 8;  // frames of silence on both sides that are not judged
 
 /** The sound, one value per video frame. */
@@ -85,11 +86,19 @@ float quantile(std::vector<float> values, double place) {
 
 struct Silence {
     int frames = 0;      // judged
-    float movement = 0;  // largest difference of heights within one stretch, pixels
+    float movement = 0;  // largest change of the height within kQuick frames, pixels
+    float drift = 0;     // largest change within one silent stretch, pixels
 };
 
+// Speech moves the mouth within a few frames; a head that breathes and tilts changes the measured
+// height too, but slowly. The two are told apart by their speed.
 Silence judge_silence(const std::vector<float>& height, const std::vector<char>& silent) {
     Silence result;
+    const auto change = [&](size_t from, size_t to) {
+        const auto [low, high] = std::minmax_element(height.begin() + static_cast<long>(from),
+                                                     height.begin() + static_cast<long>(to));
+        return *high - *low;
+    };
     const size_t n = height.size();
     for (size_t begin = 0; begin < n;) {
         size_t end = begin;
@@ -98,11 +107,11 @@ Silence judge_silence(const std::vector<float>& height, const std::vector<char>&
         const size_t from = begin == 0 ? 0 : begin + kSilenceMargin;
         const size_t to = end == n ? n : end - std::min<size_t>(end, kSilenceMargin);
         if (from < to) {
-            const auto [low, high] = std::minmax_element(height.begin() + static_cast<long>(from),
-                                                         height.begin() + static_cast<long>(to));
             result.frames += static_cast<int>(to - from);
-            result.movement = std::max(result.movement, *high - *low);
+            result.drift = std::max(result.drift, change(from, to));
         }
+        for (size_t t = from; t < to; ++t)
+            result.movement = std::max(result.movement, change(t, std::min(to, t + kQuick + 1)));
         begin = end + 1;
     }
     return result;
@@ -161,17 +170,16 @@ void sync(const SyncOptions& options) {
         return;
     }
     nlohmann::json result = {
-        {"frames", mouth.height.size()},
-        {"lag_frames", match.lag},
-        {"correlation", match.correlation},
-        {"opening_range_px", range},
-        {"closed_height_px", closed},
-        {"mouth_width_px", width},
-        {"silent_frames", silence.frames},
-        {"silence_movement_px", nullptr},
-        {"region", {region.x, region.y, region.w, region.h}},
+        {"frames", mouth.height.size()},    {"lag_frames", match.lag},
+        {"correlation", match.correlation}, {"opening_range_px", range},
+        {"closed_height_px", closed},       {"mouth_width_px", width},
+        {"silent_frames", silence.frames},  {"silence_movement_px", nullptr},
+        {"silence_drift_px", nullptr},      {"region", {region.x, region.y, region.w, region.h}},
     };
-    if (silence.frames > 0) result["silence_movement_px"] = silence.movement;
+    if (silence.frames > 0) {
+        result["silence_movement_px"] = silence.movement;
+        result["silence_drift_px"] = silence.drift;
+    }
     fmt::print("{}\n", result.dump(2));
 }
 
