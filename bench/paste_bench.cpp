@@ -1,0 +1,54 @@
+// One paste into a full HD frame, per instruction set. Argument 0 is the placement's scale in
+// percent.
+#include <benchmark/benchmark.h>
+
+#include "paste/zorv_paste.h"
+#include "paste_scene.h"
+
+namespace {
+
+void run(benchmark::State& state, zorv::SimdLevel level, int workers, bool moving) {
+    if (level > zorv::detectedSimdLevel()) {
+        state.SkipWithError("the processor lacks this instruction set");
+        return;
+    }
+    PasteScene scene(static_cast<double>(state.range(0)) / 100);
+    const zorv::PasteKernels& kernels = zorv::pasteKernels(level);
+    zorv::Paste paste(scene.mask, PasteScene::kSide, {}, kernels, workers);
+    for (auto _ : state) {
+        if (moving) scene.M[2] += scene.M[2] < 970 ? 0.25f : -20.0f;
+        paste.composite(scene.crop.data(), 255, scene.M, scene.frame.data(), PasteScene::kWidth,
+                        PasteScene::kHeight);
+        benchmark::ClobberMemory();
+    }
+}
+
+void sameTarget(benchmark::State& state, zorv::SimdLevel level, int workers) {
+    run(state, level, workers, false);
+}
+
+/// Every frame on another placement, so that nothing of the last one can be used again.
+void otherTarget(benchmark::State& state, zorv::SimdLevel level) {
+    run(state, level, 1, true);
+}
+
+BENCHMARK_CAPTURE(sameTarget, portable, zorv::SimdLevel::kPortable, 1)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(sameTarget, avx2, zorv::SimdLevel::kAvx2, 1)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(sameTarget, avx512, zorv::SimdLevel::kAvx512, 1)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(otherTarget, portable, zorv::SimdLevel::kPortable)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(otherTarget, avx2, zorv::SimdLevel::kAvx2)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(otherTarget, avx512, zorv::SimdLevel::kAvx512)->Arg(100)->Arg(60);
+BENCHMARK_CAPTURE(sameTarget, portable_2_workers, zorv::SimdLevel::kPortable, 2)
+    ->Arg(100)
+    ->Arg(60)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(sameTarget, avx2_2_workers, zorv::SimdLevel::kAvx2, 2)
+    ->Arg(100)
+    ->Arg(60)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(sameTarget, avx512_2_workers, zorv::SimdLevel::kAvx512, 2)
+    ->Arg(100)
+    ->Arg(60)
+    ->UseRealTime();
+
+}  // namespace
