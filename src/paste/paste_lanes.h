@@ -19,7 +19,8 @@ int wholeBlocks(int from, int count, const Body& body) {
 }
 
 template <class V, int kVectors, class Load>
-inline void weighted(const float* weights, int taps, typename V::F* sums, const Load& load) {
+[[gnu::always_inline]] inline void weighted(const float* weights, int taps, typename V::F* sums,
+                                            const Load& load) {
     for (int b = 0; b < kVectors; ++b) sums[b] = V::zero();
     for (int t = 0; t < taps; ++t) {
         const auto w = V::set(weights[t]);
@@ -140,8 +141,10 @@ struct LaneWeights {
 };
 
 template <class V, int kTaps, class Window>
-inline typename V::F resampleWith(const float* at, std::ptrdiff_t stride, bool level,
-                                  const LaneWeights<V, kTaps>& weights, const Window& window) {
+[[gnu::always_inline]] inline typename V::F resampleWith(const float* at, std::ptrdiff_t stride,
+                                                         bool level,
+                                                         const LaneWeights<V, kTaps>& weights,
+                                                         const Window& window) {
     auto sum = V::zero();
     for (int r = 0; r < weights.rows; ++r, at += stride) {
         auto rowSum = V::zero();

@@ -215,9 +215,14 @@ void Paste::blurRow(const float* source, float scale, int row, Scratch& scratch)
     if (span.empty()) return;
     const float* values = source + std::ptrdiff_t{1} * row * side_;
     const int last = span.end + ksize_ - 1;
-    for (int i = span.begin; i < last; ++i) scratch.pad[i] = scale * values[fold_[i]];
+    const int inner = std::min(last, ksize_ / 2 + side_);
+    float* pad = scratch.pad.data();
+    int i = span.begin;
+    for (; i < std::min(last, ksize_ / 2); ++i) pad[i] = scale * values[fold_[i]];
+    for (; i < inner; ++i) pad[i] = scale * values[i - ksize_ / 2];
+    for (; i < last; ++i) pad[i] = scale * values[fold_[i]];
     float* out = scratch.blurred.data() + std::ptrdiff_t{1} * (row % ring_) * side_;
-    kernels_.blurRow(scratch.pad.data() + span.begin, kernel_.data(), ksize_, out + span.begin,
+    kernels_.blurRow(pad + span.begin, kernel_.data(), ksize_, out + span.begin,
                      span.end - span.begin);
 }
 
