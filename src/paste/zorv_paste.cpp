@@ -18,10 +18,12 @@ constexpr int kMaxSide = 1024;
 /// Reach of the widest kernel around the pixel that a position falls into.
 constexpr int kReach = 4;
 
-/// Settled once: 4 unless `ZORV_PASTE_THREADS` names another number, at most one per processor.
+/// Settled once: `ZORV_PASTE_THREADS`, else 4; at most one per processor. The vector loops take
+/// a few milliseconds for a whole crop, and starting the threads of each pass about as much as
+/// a second one saves, so they are not split unless asked for.
 int workerCount() {
     static const int count = [] {
-        long wanted = 4;
+        long wanted = simdLevel() == SimdLevel::kPortable ? 4 : 1;
         if (const char* text = std::getenv("ZORV_PASTE_THREADS")) {
             wanted = std::max(std::strtol(text, nullptr, 10), 1L);
         }
