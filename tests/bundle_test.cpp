@@ -4,24 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <functional>
-#include <stdexcept>
 
+#include "support/failure.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
 namespace {
 
+using test::failure;
 using test::TestBundle;
-
-std::string failure(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "no failure";
-}
 
 Manifest parse(const std::string& text) {
     const test::TempDir dir;

@@ -4,27 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
-#include <stdexcept>
 
 #include "render/conv_backend.h"
 #include "render/execution_provider.h"
 #include "render/onnx_wire.h"
+#include "support/failure.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
 namespace {
 
+using test::failure;
 using test::TestBundle;
-
-std::string failure(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "no failure";
-}
 
 /// Sets an environment variable for one scope.
 class ScopedEnv {
