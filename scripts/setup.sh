@@ -130,6 +130,7 @@ find_onnxruntime() {
     fi
 }
 
+root=$(find_onnxruntime) || exit 1
 if [ "${1:-}" != --print ]; then
     if [ "${ZORV_SKIP_PACKAGES:-0}" != 1 ]; then
         is_debian || explain_manual_setup
@@ -139,6 +140,6 @@ if [ "${1:-}" != --print ]; then
             install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
         fi
     fi
-    [ "$(find_onnxruntime)" != "$ORT_DIR" ] || fetch_onnxruntime
+    [ "$root" != "$ORT_DIR" ] || fetch_onnxruntime
 fi
-find_onnxruntime
+echo "$root"
