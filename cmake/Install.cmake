@@ -1,0 +1,47 @@
+# Installed tree: header, library with soname, CMake package, pkg-config file, command line.
+#
+# The library finds ONNX Runtime without environment variables: a runtime that the system does not
+# provide is copied into a folder of the library's own, so that it never stands in the way of
+# another one, and the library looks there first.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(ZORV_RUNTIME_DIR ${CMAKE_INSTALL_LIBDIR}/zorv_core)
+set(ZORV_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zorv_core)
+
+file(REAL_PATH ${OnnxRuntime_LIBRARY} ort_file)
+get_filename_component(ort_dir ${ort_file} DIRECTORY)
+if(NOT ort_dir IN_LIST CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES AND NOT ort_dir MATCHES "^/usr/lib")
+    # Under its soname, which is what the library asks for.
+    execute_process(COMMAND ${CMAKE_OBJDUMP} -p ${ort_file}
+        OUTPUT_VARIABLE ort_header COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX MATCH "SONAME +([^ \n]+)" _ "${ort_header}")
+    install(FILES ${ort_file} DESTINATION ${ZORV_RUNTIME_DIR} RENAME ${CMAKE_MATCH_1}
+        PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                    WORLD_READ WORLD_EXECUTE)
+endif()
+
+set_target_properties(zorv_core PROPERTIES INSTALL_RPATH "$ORIGIN/zorv_core")
+install(TARGETS zorv_core EXPORT zorv_coreTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/zorv_core.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT zorv_coreTargets NAMESPACE zorv:: DESTINATION ${ZORV_PACKAGE_DIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/package/zorv_coreConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/zorv_coreConfig.cmake INSTALL_DESTINATION ${ZORV_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zorv_coreConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zorv_coreConfig.cmake
+    ${PROJECT_BINARY_DIR}/zorv_coreConfigVersion.cmake DESTINATION ${ZORV_PACKAGE_DIR})
+
+# Relative to the file itself, so that the tree can be moved.
+file(RELATIVE_PATH ZORV_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/package/zorv_core.pc.in
+    ${PROJECT_BINARY_DIR}/zorv_core.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zorv_core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(TARGET zorv)
+    set_target_properties(zorv PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    install(TARGETS zorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
