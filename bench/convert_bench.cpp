@@ -1,0 +1,57 @@
+// Conversions of a frame's way: half-precision identity tensors to float, RGB to RGBA.
+// The rivals are loops with the same reads and writes (bench-only, see convert_rival*.cpp).
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "capi/rgba.h"
+#include "common/cpu.h"
+#include "common/half.h"
+#include "convert_rival.h"
+
+namespace {
+
+using HalfLoop = void (*)(const std::uint16_t*, float*, std::size_t);
+using RgbaLoop = void (*)(const std::uint8_t*, std::uint8_t*, std::size_t);
+
+constexpr std::size_t kCropValues = 3 * 512 * 512;
+constexpr std::size_t kFramePixels = 1920 * 1080;
+
+/// The tensors of 16 target frames in turn, as a walk reads them: not in the cache.
+void half(benchmark::State& state, HalfLoop loop) {
+    constexpr std::size_t kFrames = 16;
+    std::vector<std::uint16_t> source(kFrames * kCropValues);
+    for (std::size_t i = 0; i < source.size(); ++i) {
+        source[i] = static_cast<std::uint16_t>(i * 7 % 15360);
+    }
+    std::vector<float> destination(kCropValues);
+    std::size_t frame = 0;
+    for (auto _ : state) {
+        loop(source.data() + frame * kCropValues, destination.data(), kCropValues);
+        benchmark::ClobberMemory();
+        frame = (frame + 1) % kFrames;
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kCropValues * 6));
+}
+
+void rgba(benchmark::State& state, RgbaLoop loop) {
+    std::vector<std::uint8_t> source(kFramePixels * 3, 77);
+    std::vector<std::uint8_t> destination(kFramePixels * 4);
+    for (auto _ : state) {
+        loop(source.data(), destination.data(), kFramePixels);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kFramePixels * 7));
+}
+
+BENCHMARK_CAPTURE(half, rival_no_conversion, rival::widenWithoutConversion);
+BENCHMARK_CAPTURE(half, rival_no_conversion_avx2, rival::widenWithoutConversionAvx2);
+BENCHMARK_CAPTURE(half, portable, zorv::kernels::halfToFloatPortable);
+BENCHMARK_CAPTURE(half, chosen, zorv::halfToFloat);
+
+BENCHMARK_CAPTURE(rgba, rival_scalar, rival::rgbToRgbaScalar);
+BENCHMARK_CAPTURE(rgba, portable, zorv::kernels::rgbToRgbaPortable);
+BENCHMARK_CAPTURE(rgba, chosen, zorv::rgbToRgba);
+
+}  // namespace

@@ -1,0 +1,82 @@
+// What Renderer::render adds to a bare run of the same binding, on the demo subject's model.
+//   renderer_bench, with ZORV_DEMO_BUNDLE naming the bundle (default: build/demo/bundle)
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "bundle/zorv_bundle.h"
+#include "common/ort.h"
+#include "render/zorv_renderer.h"
+
+namespace {
+
+std::string bundleDir() {
+    const char* path = std::getenv("ZORV_DEMO_BUNDLE");
+    return path ? path : "build/demo/bundle";
+}
+
+/// The standard graph of batch 1 with its inputs bound, filled once.
+class BareModel {
+  public:
+    explicit BareModel(const zorv::Manifest& manifest, int threads)
+        : side_(manifest.crop),
+          pooled_(64 * 32 * 32),
+          image_(3 * static_cast<std::size_t>(side_) * side_),
+          kpDriving_(63),
+          kpSource_(63),
+          rgb_(image_.size()) {
+        Ort::SessionOptions options = zorv::makeSessionOptions(threads);
+        options.AddConfigEntry("session.intra_op.allow_spinning", "0");
+        model_ =
+            zorv::BoundSession(Ort::Session(env_, manifest.modelPath("render").c_str(), options));
+        model_.bindInput("pooled64", pooled_.data(), pooled_.size(), {1, 64, 32, 32});
+        model_.bindInput("P_rgb", image_.data(), image_.size(), {1, 3, side_, side_});
+        model_.bindInput("kp_driving", kpDriving_.data(), 63, {1, 21, 3});
+        model_.bindInput("kp_source", kpSource_.data(), 63, {1, 21, 3});
+        model_.bindOutput("rgb", rgb_.data(), rgb_.size(), {1, 3, side_, side_});
+    }
+
+    void fill(const zorv::Identity& identity, const zorv::Drive& drive, std::size_t k) {
+        const int frame = drive.si[k];
+        zorv::halfToFloat(identity.pooled64(frame), pooled_.data(), pooled_.size());
+        zorv::halfToFloat(identity.P(frame), image_.data(), image_.size());
+        std::copy_n(drive.xs.data() + 63 * k, 63, kpSource_.data());
+        std::copy_n(drive.xd.data() + 63 * k, 63, kpDriving_.data());
+    }
+
+    void run() { model_.run(); }
+
+  private:
+    std::int64_t side_;
+    Ort::Env env_ = zorv::makeOrtEnv("bench");
+    std::vector<float> pooled_, image_, kpDriving_, kpSource_, rgb_;
+    zorv::BoundSession model_;
+};
+
+void bareRun(benchmark::State& state) {
+    const zorv::Manifest manifest = zorv::loadManifest(bundleDir());
+    const zorv::Identity identity(manifest);
+    const zorv::Drive drive = zorv::loadDrive(manifest);
+    BareModel model(manifest, static_cast<int>(state.range(0)));
+    model.fill(identity, drive, 10);
+    for (auto _ : state) model.run();
+}
+
+void render(benchmark::State& state) {
+    const zorv::Manifest manifest = zorv::loadManifest(bundleDir());
+    const zorv::Identity identity(manifest);
+    const zorv::Drive drive = zorv::loadDrive(manifest);
+    zorv::Renderer renderer(manifest, identity, "render", static_cast<int>(state.range(0)), "");
+    std::size_t k = 0;
+    for (auto _ : state) {
+        renderer.render(&drive.si[k], drive.xs.data() + 63 * k, drive.xd.data() + 63 * k, 1);
+        k = (k + 1) % drive.si.size();
+    }
+}
+
+BENCHMARK(bareRun)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(render)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
