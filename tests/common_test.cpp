@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "capi/rgba.h"
 #include "common/cpu.h"
 #include "common/half.h"
 #include "common/key_finder.h"
@@ -44,6 +45,20 @@ TEST(Half, EveryValueIsExactOnEveryPath) {
         ASSERT_EQ(std::bit_cast<std::uint32_t>(vector[i]),
                   std::bit_cast<std::uint32_t>(portable[i]))
             << "half bits " << all[i];
+    }
+}
+
+TEST(Rgba, EveryPathAndEveryTail) {
+    for (std::size_t pixels = 0; pixels <= 40; ++pixels) {
+        std::vector<std::uint8_t> rgb(3 * pixels), portable(4 * pixels), vector(4 * pixels);
+        for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<std::uint8_t>(i * 37);
+        kernels::rgbToRgbaPortable(rgb.data(), portable.data(), pixels);
+        for (std::size_t i = 0; i < portable.size(); ++i) {
+            ASSERT_EQ(portable[i], i % 4 == 3 ? 255 : rgb[i / 4 * 3 + i % 4]) << pixels;
+        }
+        if (detectedSimdLevel() < SimdLevel::kAvx2) continue;
+        kernels::rgbToRgbaAvx2(rgb.data(), vector.data(), pixels);
+        ASSERT_EQ(vector, portable) << pixels;
     }
 }
 
