@@ -1,15 +1,22 @@
 #include "render/zorv_renderer.h"
 
+#include <onnxruntime_session_options_config_keys.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <vector>
 
+#include "common/file.h"
 #include "common/memory.h"
 #include "common/ort.h"
 #include "render/conv_backend.h"
+#include "render/custom_operators.h"
 #include "render/execution_provider.h"
+#include "render/gridsample_fast.h"
+#include "render/gridsample_rewrite.h"
 
 namespace zorv {
 namespace {
@@ -21,6 +28,12 @@ constexpr std::size_t kFeatElems = 64 * 64 * 64;
 bool switchedOn(const char* variable) {
     const char* value = std::getenv(variable);
     return value && value[0] == '1';
+}
+
+/// A default-on feature is off when its variable starts with '0'.
+bool switchedOff(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value && value[0] == '0';
 }
 
 /// Decides whether the native backend is to be built for this model. Clears `ep` when an
@@ -57,6 +70,39 @@ Ort::SessionOptions rendererOptions(int threads, const ExecutionProvider& provid
         options.AppendExecutionProvider(provider.name, provider.options);
     }
     return options;
+}
+
+std::string readModel(const std::string& path) {
+    std::string bytes;
+    switch (readWholeFile(path, bytes)) {
+        case ReadStatus::kCannotOpen:
+            throw std::runtime_error("Renderer: cannot open " + path);
+        case ReadStatus::kOk:
+            return bytes;
+        default:
+            throw std::runtime_error("Renderer: short read on " + path);
+    }
+}
+
+/// A session from the model with its GridSample nodes rewritten; from the file as it is when
+/// there are none.
+Ort::Session createRewrittenSession(const Ort::Env& env, const std::string& path,
+                                    const std::string& key, Ort::SessionOptions& options) {
+    std::string bytes = readModel(path);
+    const std::size_t rewritten = rewriteGridSampleToFast(bytes);
+    if (rewritten == 0) {
+        std::string().swap(bytes);
+        return createOperatorSession(env, path, options);
+    }
+    std::fprintf(stderr,
+                 "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
+                 "node(s) (%s)\n",
+                 rewritten, key.c_str());
+    // A model in memory has no folder of its own in which to look for external tensor files.
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    options.AddConfigEntry(kOrtSessionOptionsModelExternalInitializersFileFolderPath,
+                           folder.c_str());
+    return createOperatorSession(env, bytes.data(), bytes.size(), options);
 }
 
 }  // namespace
@@ -109,8 +155,11 @@ void Renderer::Impl::load(const Manifest& manifest, const std::string& modelKey,
         runOptions.AddConfigEntry("memory.enable_memory_arena_shrinkage", "cpu:0");
     }
     const auto provider = parseExecutionProvider(ep, threads, manifest.dir);
-    const auto options = rendererOptions(threads, provider);
-    model = BoundSession(Ort::Session(env, path.c_str(), options));
+    Ort::SessionOptions options = rendererOptions(threads, provider);
+    const bool fastSampling = !switchedOff("ZORV_GS_FAST");
+    if (fastSampling) registerGridSampleFast(options);
+    model = BoundSession(fastSampling ? createRewrittenSession(env, path, modelKey, options)
+                                      : createOperatorSession(env, path, options));
 }
 
 void Renderer::Impl::discoverInputs() {

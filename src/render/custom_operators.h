@@ -1,0 +1,64 @@
+// What the library's own ONNX Runtime operators share: their process-wide domains, the way errors
+// leave a kernel, and the creation of sessions that use them.
+//
+// An operator is a CpuOperator with `static constexpr const char* kDomain`; its kernel has a
+// constructor from `const OrtKernelInfo*` and `void compute(Ort::KernelContext)`. Both may throw.
+#pragma once
+
+#include <onnxruntime_cxx_api.h>
+
+#include <memory>
+#include <string>
+
+namespace zorv {
+
+/// Runs `body`; an exception becomes the status that the runtime reports as its own failure.
+template <class Body>
+OrtStatusPtr statusOf(Body&& body) noexcept {
+    try {
+        body();
+        return nullptr;
+    } catch (const std::exception& error) {
+        return Ort::GetApi().CreateStatus(ORT_RUNTIME_EXCEPTION, error.what());
+    }
+}
+
+/// Gives a kernel class the entry that the runtime calls.
+template <class Kernel>
+struct GuardedKernel : Kernel {
+    using Kernel::Kernel;
+    OrtStatusPtr ComputeV2(OrtKernelContext* context) {
+        return statusOf([&] { Kernel::compute(Ort::KernelContext(context)); });
+    }
+};
+
+template <class Operator, class Kernel>
+struct CpuOperator : Ort::CustomOpBase<Operator, GuardedKernel<Kernel>, true> {
+    const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
+    OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo* info, void** kernel) const {
+        return statusOf([&] { *kernel = new GuardedKernel<Kernel>(info); });
+    }
+};
+
+/// Makes `Operator` known to sessions made with `options`. The operator and its domain are
+/// created on the first call in the process and never freed: sessions keep pointing at them.
+/// Any thread.
+template <class Operator>
+void registerOperator(Ort::SessionOptions& options) {
+    static OrtCustomOpDomain* const domain = [] {
+        auto op = std::make_unique<Operator>();
+        Ort::CustomOpDomain owner(Operator::kDomain);
+        owner.Add(op.release());
+        return owner.release();
+    }();
+    options.Add(domain);
+}
+
+/// Sessions from a model file or from a model in memory (which may go afterwards). One is created
+/// at a time in the process: the runtime's table of custom domains takes no lock of its own.
+Ort::Session createOperatorSession(const Ort::Env& env, const std::string& path,
+                                   const Ort::SessionOptions& options);
+Ort::Session createOperatorSession(const Ort::Env& env, const void* model, std::size_t bytes,
+                                   const Ort::SessionOptions& options);
+
+}  // namespace zorv

@@ -1,0 +1,48 @@
+#include "render/gridsample_fast.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace zorv {
+namespace {
+
+/// Where one coordinate falls on an axis of `size` pixels.
+struct AxisTap {
+    std::int64_t a = 0;  ///< index of the pixel before the point
+    std::int64_t b = 0;  ///< index of the pixel after it
+    float weight = 0;    ///< of pixel b
+};
+
+AxisTap tapOf(float g, std::int64_t size) {
+    const float position = (1.0f + g) * 0.5f * static_cast<float>(size) - 0.5f;
+    const float before = std::floor(position);
+    const auto last = static_cast<float>(size - 1);
+    if (!(before >= 0.0f)) return {};  // NaN too
+    if (before >= last) return {size - 1, size - 1, 0.0f};
+    const auto a = static_cast<std::int64_t>(before);
+    return {a, a + 1, position - before};
+}
+
+}  // namespace
+
+void gs_portable(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
+                 std::int64_t W) {
+    const std::int64_t plane = H * W;
+    for (std::int64_t p = 0; p < plane; ++p) {
+        const AxisTap u = tapOf(grid[2 * p], W);
+        const AxisTap v = tapOf(grid[2 * p + 1], H);
+        const float* top = x + v.a * W;
+        const float* bottom = x + v.b * W;
+        const float w00 = (1.0f - u.weight) * (1.0f - v.weight);
+        const float w10 = u.weight * (1.0f - v.weight);
+        const float w01 = (1.0f - u.weight) * v.weight;
+        const float w11 = u.weight * v.weight;
+        for (std::int64_t c = 0; c < C; ++c) {
+            const std::int64_t at = c * plane;
+            y[at + p] = w00 * top[at + u.a] + w10 * top[at + u.b] + w01 * bottom[at + u.a] +
+                        w11 * bottom[at + u.b];
+        }
+    }
+}
+
+}  // namespace zorv
