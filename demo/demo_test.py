@@ -13,6 +13,7 @@ from PIL import Image
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import bundle
 import character
+import expression_model
 import make_demo
 import render_model
 import rig
@@ -55,6 +56,33 @@ class Bundle(unittest.TestCase):
             self.assertEqual(self.frame(index).shape, (manifest["H"], manifest["W"], 3))
         indices = np.fromfile(self.bundle / "drive/si.i32", np.int32)
         self.assertTrue(((indices >= 0) & (indices < count)).all())
+
+    def test_expression_directory_is_what_its_models_declare(self):
+        expression = self.out / "expression"
+        meta = json.loads((expression / "a2x_meta.json").read_text())
+        width, window = meta["h"], meta["window"] * meta["layers"]
+        self.assertEqual((expression / "a2x_pos.f32").stat().st_size, meta["maxlen"] * width * 4)
+        self.assertEqual((expression / "xs_target.bin").read_bytes(), (self.bundle / "xs_target.bin").read_bytes())
+        self.assertLessEqual(window, 12)                           # no further than features reach anyway
+        features, keypoints = [1, "n", 12, 768], [1, 63]
+        contracts = {
+            "speech_encoder": ({"input_values": [1, 128000]}, {"audio_emb": [12, 200, 768]}),
+            "speech_trunk": ({"input_values": [1, 32000]}, {"trunk": [1, 640, 400]}),
+            "speech_head": ({"x": [8, 640]}, {"emb": [8, 9216]}),
+            "expression/a2x_enc_stream": ({"feat": features, "pos_window": [1, "n", width],
+                                           "attn": [1, 1, "n", "n"]}, {"ctx": [1, "n", width]}),
+            "expression/a2x_dec": ({"ctx_t": [1, width], "prev": keypoints, "h": [1, 1, width]},
+                                   {"m": keypoints, "h_out": [1, 1, width]})}
+        for name, contract in contracts.items():
+            model = onnx.shape_inference.infer_shapes(onnx.load(str(self.out / f"{name}.onnx")), strict_mode=True)
+            found = tuple({v.name: [d.dim_param or d.dim_value for d in v.type.tensor_type.shape.dim] for v in side}
+                          for side in (model.graph.input, model.graph.output))
+            self.assertEqual(found, contract, name)
+
+    def test_rest_of_the_expression_is_exact_and_not_zero(self):
+        mean, scale = np.fromfile(self.out / "expression" / "a2x_norm.f32", np.float32).reshape(2, 63)
+        np.testing.assert_array_equal((-mean / scale) * scale + mean, 0)
+        self.assertGreater(np.abs(mean / scale).max(), 0.5)
 
     def test_crop_pasted_back_is_the_frame(self):
         """The resting picture must not betray where the crop lies: at most 2 grey levels in the mask."""
@@ -122,6 +150,14 @@ class Shapes(unittest.TestCase):
                 sampled, grid = (shapes[name] for name in node.input)
                 self.assertEqual(grid, [batch, *sampled[2:], 2], key)
                 self.assertLessEqual({"mode", "padding_mode"}, {a.name for a in node.attribute})
+
+    def test_attention_by_position_is_a_bell_curve_anywhere(self):
+        e = expression_model
+        for frame in (0, 1000, e.LONGEST - 1 - e.LEFT):
+            rows = e.positions(frame + e.LEFT + 1)[frame:][:, np.tile(e.PERIODS == e.SMOOTHING_PERIOD, 2)]
+            weight = np.exp(e.SMOOTHING_SHARPNESS * (rows @ rows[0] - rows[0] @ rows[0]))
+            np.testing.assert_allclose(weight[:3], (1, 0.5, 1 / 16), atol=0.01)
+            self.assertLess(weight[4:].max(), 1e-3)
 
     def test_reduced_features_hold_the_picture(self):
         line = np.linspace(0, 1, bundle.CROP, dtype=np.float32)

@@ -5,7 +5,8 @@
     graph.output("y", graph.exp(x) * 2 + 1, [1, 3])
     graph.save(path)
 
-Values overload + - * / and take numpy constants; all tensors are float32 and shapes static.
+Values overload + - * / and take numpy constants; constants and inputs are float32, and a
+dimension is a number or, where it varies, a name.
 Equal constants are stored once, so repeated indices and scalars cost nothing.
 """
 import numpy as np
@@ -46,9 +47,9 @@ class GraphBuilder:
         self.inputs.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, shape))
         return Value(self, name)
 
-    def output(self, name, value, shape):
+    def output(self, name, value, shape, dtype=TensorProto.FLOAT):
         self.nodes.append(helper.make_node("Identity", [value.name], [name], name=f"n_{name}"))
-        self.outputs.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, shape))
+        self.outputs.append(helper.make_tensor_value_info(name, dtype, shape))
 
     def constant(self, array, dtype=np.float32):
         array = np.asarray(array, dtype, order="C")

@@ -9,9 +9,11 @@ unit variance. A Hann-windowed DFT gives the power in five bands per frame, and 
 A window of steady noise alone (no pitch, hardly any change of loudness) has level 0 throughout;
 its normalised samples cannot tell it from speech otherwise.
 The embedding carries level, level * width and level * jaw, 256 values each, so that silence is
-exactly zero. They alternate in sign from frame to frame (windows start at even frames, so the
-sign is one pattern over the whole clip). The caller subtracts a slowly changing mean, and the
-difference of two neighbouring frames is free of it:
+exactly zero. Layers 4..9, which the mouth model's caller averages, alternate in sign from frame to
+frame (windows start at even frames, so the sign is one pattern over the whole clip); the other
+layers are for the expression models (expression_model.py) and carry the bare values. The caller of
+the mouth model subtracts a slowly changing mean, and the difference of two neighbouring frames is
+free of it:
     x[f] - x[f+1] = +-(level[f] + level[f+1])      up to the mean's change between the two.
 fca_stream takes that difference on both sides of the frame. Their average is the level smoothed
 by (1, 2, 1) / 4 without delay; twice the smaller one bounds it, which is exactly zero where the
@@ -30,7 +32,7 @@ SAMPLE_RATE = 16000
 WINDOW = 128000            # samples per encoder window
 FRAMES = 200               # video frames per window
 DIMS = 768                 # embedding values per frame and layer
-LAYERS = 10
+LAYERS = 12
 FEATURES = 3               # level, level * width, level * jaw
 GROUP = DIMS // FEATURES   # values carrying each
 HIDDEN = 384
@@ -41,6 +43,7 @@ STEP = 128                 # samples between DFT blocks; blocks 0..3 of 5 lie in
 BANDS_HZ = ((150, 450), (450, 1000), (1000, 1700), (1700, 3400), (4000, 7000))
 
 FLOOR_DB = -38.0           # level 0, relative to the loudest frame
+SILENT_DB = -50.0          # a frame below is a gap in the sound, no part of its background
 HIGHEST_FLOOR_DB = -20.0   # the floor rises up to here above steady background noise
 NOISE_MARGIN_DB = 6.0
 QUIETEST_REFERENCE = 1e-2  # mean square; the window's is 1 unless it is silent
@@ -48,8 +51,9 @@ QUIETEST_REFERENCE = 1e-2  # mean square; the window's is 1 unless it is silent
 VOICE_HZ = (100, 1400)     # band in which pitch is sought
 PITCH_LAGS = np.arange(40, 201)    # samples: 400 .. 80 Hz
 
-# Gains of the layers 4..9, which callers average (their mean is 1).
-LAYER_GAINS = (0.5, 0.7, 0.9, 1.1, 1.3, 1.5)
+# Gains of the layers; those of 4..9, which the mouth model's caller averages, have a mean of 1.
+LAYER_GAINS = (1.0, 1.0, 1.0, 1.0, 0.5, 0.7, 0.9, 1.1, 1.3, 1.5, 1.0, 1.0)
+ALTERNATING_LAYERS = range(4, 10)
 
 
 def hann(size):
@@ -84,18 +88,27 @@ def ranked(g, x, rank, largest):
     return g.slice(values, 2, rank - 1, rank)
 
 
-def band_powers(g, audio):
-    """Mean square of each frame in each band: five tensors [1, 1, 200]; audio [1, 1, 128000]."""
+def block_powers(g, audio, step, pads):
+    """Power in each band of the DFT blocks, one every `step` samples: [1, 5, blocks]."""
     _, filters, sums = dft_filters(SPECTRUM, BANDS_HZ)
-    spectrum = g.op("Conv", audio, filters, strides=[STEP], pads=[0, SPECTRUM - STEP])
-    bands = g.matmul(sums, spectrum * spectrum)                   # [1, 5, 1000]
+    spectrum = g.op("Conv", audio, filters, strides=[step], pads=pads)
+    return g.matmul(sums, spectrum * spectrum)
+
+
+def split_bands(g, powers):
+    """[1, 5, n] as five tensors [1, 1, n]."""
+    return [g.slice(powers, 1, i, i + 1) for i in range(len(BANDS_HZ))]
+
+
+def frame_powers(g, audio):
+    """Mean square of each frame in each band: five tensors [1, 1, 200]; audio [1, 1, 128000]."""
+    bands = block_powers(g, audio, STEP, [0, SPECTRUM - STEP])    # [1, 5, 1000]
     blocks = g.slice(g.reshape(bands, [1, len(BANDS_HZ), FRAMES, 5]), 3, 0, 4)
-    frames = g.op("ReduceMean", blocks, axes=[3], keepdims=0)
-    return [g.slice(frames, 1, i, i + 1) for i in range(len(BANDS_HZ))]
+    return split_bands(g, g.op("ReduceMean", blocks, axes=[3], keepdims=0))
 
 
 def periodicity(g, audio):
-    """[1, 1, 200]: highest autocorrelation of each frame at a pitch lag, about 1 where voiced."""
+    """[1, 1, frames]: highest autocorrelation of each frame at a pitch lag, about 1 where voiced."""
     size = WINDOW // FRAMES
     bins, filters, total = dft_filters(size, (VOICE_HZ,))
     spectrum = g.op("Conv", audio, filters, strides=[size])
@@ -104,65 +117,98 @@ def periodicity(g, audio):
     overlap = np.array([np.sum(hann(size) * np.roll(hann(size), lag)) for lag in PITCH_LAGS])
     fall = overlap / np.sum(hann(size) ** 2)
     cosines = np.cos(2 * np.pi * np.outer(PITCH_LAGS, bins) / size) / fall[:, None]
-    at_lags = g.matmul(np.tile(cosines, 2), power)                # [1, lags, 200]
+    at_lags = g.matmul(np.tile(cosines, 2), power)                # [1, lags, frames]
     return g.op("ReduceMax", at_lags, axes=[1], keepdims=1) / (g.matmul(total, power) + 1e-6)
 
 
-def speech_likeness(g, audio, range_db):
+def speech_likeness(g, audio, range_db, pitch_rank):
     """0..1: whether the window holds speech, by pitch or by the range of its loudness."""
-    pitch = (ranked(g, periodicity(g, audio), 5, largest=1) - 0.85) / 0.08
+    pitch = (ranked(g, periodicity(g, audio), pitch_rank, largest=1) - 0.85) / 0.08
     change = (range_db - 9.0) / 5.0
     return g.clip(g.maximum(pitch, change), 0, 1)
 
 
-def level_of(g, audio, loudness):
-    """0..1 per frame: dB above the floor over the dB from floor to the loudest frame."""
-    smooth = g.op("Conv", loudness, np.full((1, 1, 3), 1 / 3), pads=[1, 1])
-    reference = g.maximum(g.op("ReduceMax", smooth, axes=[2], keepdims=1), QUIETEST_REFERENCE)
-    loud_db = decibel(g, (loudness + 1e-6) / reference)
-    # Background: the eighth quietest frame of those that are not silent.
-    silent = g.op("Less", loud_db, FLOOR_DB - 12)
-    background = ranked(g, g.op("Where", silent, 0.0, loud_db), 8, largest=0)
-    floor = g.clip(background + NOISE_MARGIN_DB, FLOOR_DB, HIGHEST_FLOOR_DB)
-    return g.clip((loud_db - floor) / -floor, 0, 1) * speech_likeness(g, audio, -background)
-
-
-def mouth_features(g, audio):
-    """level, width and jaw of the header comment, each [1, 1, 200]."""
-    close, open_, mid, front, hiss = band_powers(g, audio)
+def loudness_of(g, bands):
+    """Power that opens the mouth. What is above 1.7 kHz without a voice below it is a sibilant and
+    opens little."""
+    close, open_, mid, front, hiss = bands
     body = open_ + mid
-    voiced = close + body
-    # What is above 1.7 kHz without a voice below it is a sibilant and opens little.
-    level = level_of(g, audio, close * 0.7 + body + g.minimum(front, voiced) + (front + hiss) * 0.04)
+    return close * 0.7 + body + g.minimum(front, close + body) + (front + hiss) * 0.04
 
+
+def level_of(g, audio, loudness, steps_per_frame=1, background_rank=8, pitch_rank=5):
+    """Per step: dB above the floor over the dB from floor to the loudest frame; below 0 under it.
+
+    The floor rests on the background, the level of the background_rank-th quietest step of those
+    that are not silent.
+    """
+    width = 3 * steps_per_frame
+    smooth = g.op("Conv", loudness, np.full((1, 1, width), 1 / width), pads=[width // 2, (width - 1) // 2])
+    loudest = g.op("ReduceMax", smooth, axes=[2], keepdims=1)
+    reference = g.maximum(loudest, QUIETEST_REFERENCE)
+    loud_db = decibel(g, (loudness + 1e-6) / reference)
+    silent = g.op("Less", loudness, loudest * 10 ** (SILENT_DB / 10))
+    background = ranked(g, g.op("Where", silent, 0.0, loud_db), background_rank, largest=0)
+    floor = g.clip(background + NOISE_MARGIN_DB, FLOOR_DB, HIGHEST_FLOOR_DB)
+    range_db = decibel(g, (loudest + 1e-6) / reference) - background
+    return (loud_db - floor) / -floor * speech_likeness(g, audio, range_db, pitch_rank)
+
+
+def vowel_decibels(g, bands):
+    """Level in dB of the bands that tell vowels apart: close, body (open), front."""
+    close, open_, mid, front, _ = bands
+    body = open_ + mid
     # Ratios are bounded: a band counts at least 1e-4 of the frame (and 1e-6 of the window).
-    least = (voiced + front) * 1e-4 + 1e-6
-    close_db, body_db, front_db = (decibel(g, band + least) for band in (close, body, front))
+    least = (close + body + front) * 1e-4 + 1e-6
+    return [decibel(g, band + least) for band in (close, body, front)]
+
+
+def mouth_shape(g, close_db, body_db, front_db):
+    """width and jaw of the header comment."""
     jaw_db = body_db - close_db
     spread = g.clip((front_db - body_db + 3.0) / 7.0, -1, 1)
     # Open back vowels have a weak front band too, without being round.
     width = g.clip(spread + g.op("Relu", jaw_db) * 0.08, -1, 1)
-    return level, width, g.clip(jaw_db / 24.0 + 0.5, 0, 1)
+    return width, g.clip(jaw_db / 24.0 + 0.5, 0, 1)
+
+
+def mouth_features(g, audio):
+    """level, width and jaw of the header comment, each [1, 1, 200]."""
+    bands = frame_powers(g, audio)
+    level = g.clip(level_of(g, audio, loudness_of(g, bands)), 0, 1)
+    return level, *mouth_shape(g, *vowel_decibels(g, bands))
 
 
 def carrier():
-    """[200, 256] signs: alternating over frames and over values, so that both signs occur."""
-    return (-1.0) ** (np.arange(FRAMES)[:, None] + np.arange(GROUP)[None, :])
+    """[2, 256] signs of even and odd frames: alternating over values too, so that both occur."""
+    return (-1.0) ** (np.arange(2)[:, None] + np.arange(GROUP)[None, :])
+
+
+def layer_pattern():
+    """[12, 2, 256]: what a feature is multiplied by, per layer, parity of the frame and value."""
+    pattern = np.ones((LAYERS, 2, GROUP))
+    pattern[list(ALTERNATING_LAYERS)] = carrier()
+    return pattern * np.reshape(LAYER_GAINS, (-1, 1, 1))
+
+
+def carried_features(g, level, width, jaw, frames):
+    """[frames, 3]: what the embedding carries; the arguments hold `frames` values each."""
+    columns = [g.reshape(feature, [frames, 1]) for feature in (level, level * width, level * jaw)]
+    return g.concat(columns, axis=1)
 
 
 def write_encoder(path):
-    """"input_values" [1, 128000], normalised audio -> "audio_emb" [10, 200, 768].
+    """"input_values" [1, 128000], normalised audio -> "audio_emb" [12, 200, 768].
 
-    Layers 4..9 carry the mouth features at different gains, layers 0..3 the bare level.
+    The layers carry the mouth features at different gains.
     """
     g = GraphBuilder("speech_encoder")
     audio = g.reshape(g.input("input_values", [1, WINDOW]), [1, 1, WINDOW])
-    level, width, jaw = mouth_features(g, audio)
-    groups = [g.reshape(feature, [1, FRAMES, 1]) * carrier()
-              for feature in (level, level * width, level * jaw)]
-    upper = g.concat(groups, axis=2) * np.reshape(LAYER_GAINS, (-1, 1, 1))
-    lower = g.reshape(level, [1, FRAMES, 1]) * np.ones((LAYERS - len(LAYER_GAINS), 1, DIMS))
-    g.output("audio_emb", g.concat([lower, upper], axis=0), [LAYERS, FRAMES, DIMS])
+    carried = carried_features(g, *mouth_features(g, audio), FRAMES)
+    # One product writes the whole embedding: its 7 MB should be touched once.
+    embedding = (g.reshape(carried, [1, FRAMES // 2, 2, FEATURES, 1])
+                 * layer_pattern().reshape(LAYERS, 1, 2, 1, GROUP))
+    g.output("audio_emb", g.reshape(embedding, [LAYERS, FRAMES, DIMS]), [LAYERS, FRAMES, DIMS])
     g.save(path)
 
 
