@@ -15,6 +15,7 @@ import bundle
 import character
 import expression_model
 import make_demo
+import motion_model
 import render_model
 import rig
 from drawing import sample_bilinear
@@ -83,6 +84,41 @@ class Bundle(unittest.TestCase):
         mean, scale = np.fromfile(self.out / "expression" / "a2x_norm.f32", np.float32).reshape(2, 63)
         np.testing.assert_array_equal((-mean / scale) * scale + mean, 0)
         self.assertGreater(np.abs(mean / scale).max(), 0.5)
+
+    def test_motion_directory_has_the_declared_sizes_and_shapes(self):
+        motion = self.out / "motion"
+        meta = json.loads((motion / "meta.json").read_text())
+        self.assertEqual((meta["nt"], meta["n_src"]), (FRAMES, FRAMES))
+        floats = {"hubert_stft_window": 512, "hubert_stft_binmat": 257 * 80, "hubert_fmean": 1024,
+                  "hubert_fstd": 1024, "emo": meta["n_emo"] * 8, "ch_xs_info": 328, "ch_sc": 63,
+                  "ch_eye_open": 2, "ch_eye_ball": 6, "v_min_max": 530, "src_xs_info": FRAMES * 328,
+                  "xs_target": FRAMES * 63}
+        self.assertEqual({name: (motion / f"{name}.bin").stat().st_size // 4 for name in floats}, floats)
+        shapes = {"hubert_student": ([[1, 80, 21]], [1, 20, 1024]),
+                  "lmdm": ([[1, 265], [1, 80, 1103]], [1, 80, 265]),
+                  "stitch": ([[1, 21, 3], [1, 21, 3]], [1, 21, 3])}
+        for name, declared in shapes.items():
+            model = onnx.load(str(motion / f"{name}.onnx"))
+            onnx.shape_inference.infer_shapes(model, strict_mode=True)
+            inputs, (output,) = ([[d.dim_value for d in v.type.tensor_type.shape.dim] for v in values]
+                                 for values in (model.graph.input, model.graph.output))
+            self.assertEqual((inputs, output), declared, name)
+
+    def test_source_records_lead_back_to_the_keypoints(self):
+        """Turned by its angles, moved by its expression, scaled: every record is its target frame."""
+        records = np.fromfile(self.out / "motion/src_xs_info.bin", np.float32).reshape(FRAMES, 328)
+        targets = np.fromfile(self.bundle / "xs_target.bin", np.float32).reshape(FRAMES, 21, 3)
+        turns = []
+        for record, target in zip(records.astype(np.float64), targets):
+            expression, canonical = record[:63].reshape(21, 3), record[63:126].reshape(21, 3)
+            weights = [np.exp(record[first:first + 66]) for first in (126, 192, 262)]
+            pitch, roll, yaw = (np.sum(w * np.arange(66)) / np.sum(w) * 3 - 97.5 for w in weights)
+            self.assertAlmostEqual(roll, 0, places=5)
+            points = (canonical @ motion_model.rotation(pitch, yaw) + expression) * record[258]
+            np.testing.assert_allclose(points, target, atol=1e-6)
+            np.testing.assert_array_equal(record[259:262], 0)
+            turns.append(yaw)
+        self.assertGreater(np.ptp(turns), 1.0)                     # degrees: the head does turn
 
     def test_crop_pasted_back_is_the_frame(self):
         """The resting picture must not betray where the crop lies: at most 2 grey levels in the mask."""
@@ -158,6 +194,16 @@ class Shapes(unittest.TestCase):
             weight = np.exp(e.SMOOTHING_SHARPNESS * (rows @ rows[0] - rows[0] @ rows[0]))
             np.testing.assert_allclose(weight[:3], (1, 0.5, 1 / 16), atol=0.01)
             self.assertLess(weight[4:].max(), 1e-3)
+
+    def test_bands_share_the_spectrum_out(self):
+        matrix = motion_model.band_matrix()
+        self.assertEqual(matrix.shape, (257, 80))
+        np.testing.assert_array_equal((matrix > 0).sum(axis=1), np.arange(257) >= motion_model.SINGLE_BINS[0])
+        # The squares of the bands add up to the mean square of a tone, wherever it lies.
+        time, window = np.arange(512), motion_model.hann(512)
+        for bin_number in (5.0, 20.3, 44.5):
+            magnitudes = np.abs(np.fft.rfft(0.5 * np.sin(2 * np.pi * bin_number * time / 512) * window))
+            self.assertAlmostEqual(float(np.sum((magnitudes @ matrix) ** 2)), 0.125, delta=0.004)
 
     def test_reduced_features_hold_the_picture(self):
         line = np.linspace(0, 1, bundle.CROP, dtype=np.float32)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes the demo subject: OUT_DIR/bundle/, OUT_DIR/expression/ and OUT_DIR/speech_*.onnx.
+"""Makes the demo subject: OUT_DIR/bundle/, OUT_DIR/motion/, OUT_DIR/expression/ and OUT_DIR/speech_*.onnx.
 
 A second run with the same sources and arguments changes nothing. Everything is made beside its
 final place and moved there at the end, so an interrupted run leaves either the old subject or none.
@@ -33,9 +33,12 @@ def write_all(directory, frames):
     """The bundle and the speech models, into an empty directory."""
     import bundle
     import expression_model
+    import motion_model
     import speech_model
     (directory / "bundle").mkdir()
     bundle.write_bundle(directory / "bundle", frames)
+    (directory / "motion").mkdir()
+    motion_model.write_motion(directory / "motion", frames)
     speech_model.write_speech_models(directory)
     expression_model.write_expression_models(directory)
 

@@ -154,12 +154,12 @@ def level_of(g, audio, loudness, steps_per_frame=1, background_rank=8, pitch_ran
     return (loud_db - floor) / -floor * speech_likeness(g, audio, range_db, pitch_rank)
 
 
-def vowel_decibels(g, bands):
+def vowel_decibels(g, bands, least=1e-6):
     """Level in dB of the bands that tell vowels apart: close, body (open), front."""
     close, open_, mid, front, _ = bands
     body = open_ + mid
-    # Ratios are bounded: a band counts at least 1e-4 of the frame (and 1e-6 of the window).
-    least = (close + body + front) * 1e-4 + 1e-6
+    # Ratios are bounded: a band counts at least 1e-4 of the frame (and `least`).
+    least = (close + body + front) * 1e-4 + least
     return [decibel(g, band + least) for band in (close, body, front)]
 
 
