@@ -166,6 +166,12 @@ TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     skip.back() = "-1";
     mistake(skip, "--skip-frames", 2);
     mistake({"render", bundle_.dir()}, "is required; see zorv --help", 2);
+    mistake({"render", bundle_.dir(), "--audio", good, "-o", out}, "name it with --encoder");
+    auto engine = command(good, out);
+    engine.insert(engine.end(), {"--motion-dir", path("full")});
+    mistake(engine, "--motion-dir is not for --engine fca");
+    engine.insert(engine.end(), {"--engine", "piston"});
+    mistake(engine, "piston", 2);
 
     bundle_.remove("xs_target.bin");
     mistake(command(good, out), "zorv_stream_create: ");

@@ -6,7 +6,10 @@
 namespace zorv::tools {
 
 struct RenderOptions {
-    std::string bundle, audio, encoder, output, sheet;
+    std::string bundle, audio, output, sheet;
+    std::string engine = "fca";
+    std::string encoder;     // model of --engine fca
+    std::string motion_dir;  // models of the engines that hand out keypoints
     int skip_frames = 0;
     float gain = 1.0f;
     int threads = 0;  // 0: one per processor

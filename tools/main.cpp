@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "av.h"
+#include "clip_renderer.h"
 #include "commands.h"
 #include "failure.h"
 #include "interrupt.h"
@@ -19,7 +20,11 @@ void add_render(CLI::App& app, RenderOptions& options) {
     CLI::App* command = app.add_subcommand("render", "Turn speech into a talking-face video");
     command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
     command->add_option("--audio", options.audio, "Speech: any file with sound")->required();
-    command->add_option("--encoder", options.encoder, "Speech encoder model (.onnx)")->required();
+    command->add_option("--engine", options.engine, "What turns speech into motion")
+        ->capture_default_str()
+        ->check(CLI::IsMember(engine_names()));
+    command->add_option("--encoder", options.encoder, "Speech encoder model (.onnx), for fca");
+    command->add_option("--motion-dir", options.motion_dir, "Directory of an engine's models");
     command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
         ->required();
     command->add_option("--sheet", options.sheet, "Also write a contact sheet (.png)");

@@ -1,16 +1,13 @@
 // zorv render: speech and a bundle become a video file or numbered pictures.
-#include <zorv_core.h>
-
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
 
 #include "audio_reader.h"
+#include "clip_renderer.h"
 #include "commands.h"
 #include "contact_sheet.h"
 #include "failure.h"
@@ -26,35 +23,6 @@ namespace zorv::tools {
 namespace {
 
 constexpr int kSamplesPerFrame = 640;
-
-struct StreamDestroy {
-    void operator()(zorv_stream* stream) const { zorv_stream_destroy(stream); }
-};
-using Stream = std::unique_ptr<zorv_stream, StreamDestroy>;
-
-/** Where the frames go while the stream runs, and why it was stopped. */
-struct Delivery {
-    FrameSink& sink;
-    ContactSheet* sheet;
-    Progress& progress;
-    int done = 0;
-    std::exception_ptr stopped;
-};
-
-// The stream ignores the result; only an exception ends the run.
-int deliver(void* user, int index, const uint8_t* rgb, int, int) {
-    auto& delivery = *static_cast<Delivery*>(user);
-    try {
-        throw_if_interrupted();
-        delivery.sink.write(rgb);
-        if (delivery.sheet) delivery.sheet->add(delivery.done, rgb);
-        delivery.progress.update(++delivery.done);
-    } catch (...) {
-        delivery.stopped = std::current_exception();
-        throw;
-    }
-    return index;
-}
 
 bool ends_with(const std::string& path, const std::string& extension) {
     std::string found = fs::path(path).extension().string();
@@ -81,8 +49,7 @@ void check_inputs(const RenderOptions& options) {
     if (!fs::exists(fs::path(options.bundle) / "manifest.json", error))
         fail("'{}' holds no manifest.json; name the directory of a prepared subject",
              options.bundle);
-    if (!fs::is_regular_file(options.encoder, error))
-        fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+    find_engine(options.engine).check(options);
     for (const std::string& output : {options.output, options.sheet})
         if (!output.empty() && fs::exists(output, error) &&
             fs::equivalent(output, options.audio, error))
@@ -97,33 +64,21 @@ int frames_of(const std::vector<float>& samples, const RenderOptions& options) {
     return all - options.skip_frames;
 }
 
-Stream open_stream(const RenderOptions& options) {
-    const int processors = static_cast<int>(std::thread::hardware_concurrency());
-    const int threads = options.threads > 0 ? options.threads : std::max(1, processors);
-    Stream stream(zorv_stream_create(options.bundle.c_str(), options.encoder.c_str(), threads,
-                                     options.skip_frames, options.gain));
-    if (!stream)
-        fail(
-            "cannot open '{}' with encoder '{}': {}; prepare the subject again or check the "
-            "encoder",
-            options.bundle, options.encoder, zorv_stream_last_error());
-    return stream;
-}
-
-void run_stream(zorv_stream* stream, const std::vector<float>& samples, Delivery& delivery,
-                int frames) {
-    int made = -1;
-    try {
-        made = zorv_stream_run(stream, samples.data(), static_cast<int>(samples.size()), deliver,
-                               &delivery);
-    } catch (...) {
-        if (!delivery.stopped) throw;
-    }
-    if (delivery.stopped) std::rethrow_exception(delivery.stopped);
+void render_clip(ClipRenderer& renderer, const std::vector<float>& samples, int frames,
+                 FrameSink& sink, ContactSheet* sheet) {
+    Progress progress(frames);
+    int done = 0;
+    const int made = renderer.run(samples, [&](const uint8_t* rgb) {
+        throw_if_interrupted();
+        sink.write(rgb);
+        if (sheet) sheet->add(done, rgb);
+        progress.update(++done);
+    });
     throw_if_interrupted();
     if (made != frames)
-        fail("rendering stopped after frame {} of {}: {}; check the bundle's files", delivery.done,
-             frames, zorv_stream_last_error());
+        fail("rendering stopped after frame {} of {}: {}; check the subject's files", done, frames,
+             renderer.error());
+    sink.finish();
 }
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
@@ -164,11 +119,11 @@ void render(const RenderOptions& options) {
     if (!options.sheet.empty()) sheet_output.emplace(options.sheet, OutputGuard::Kind::kFile);
 
     const auto load_start = std::chrono::steady_clock::now();
-    const Stream stream = open_stream(options);
+    const std::unique_ptr<ClipRenderer> renderer = find_engine(options.engine).open(options);
     throw_if_interrupted();
     const double load = seconds_since(load_start);
 
-    const int width = zorv_stream_width(stream.get()), height = zorv_stream_height(stream.get());
+    const int width = renderer->width(), height = renderer->height();
     std::unique_ptr<FrameSink> sink;
     if (video)
         sink = std::make_unique<VideoWriter>(output.path(), width, height, options.audio,
@@ -179,12 +134,7 @@ void render(const RenderOptions& options) {
     if (sheet_output) sheet.emplace(width, height, frames);
 
     const auto run_start = std::chrono::steady_clock::now();
-    {
-        Progress progress(frames);
-        Delivery delivery{*sink, sheet ? &*sheet : nullptr, progress, 0, nullptr};
-        run_stream(stream.get(), speech.samples, delivery, frames);
-        sink->finish();
-    }
+    render_clip(*renderer, speech.samples, frames, *sink, sheet ? &*sheet : nullptr);
     const double run = seconds_since(run_start);
     if (sheet) sheet->save(sheet_output->path());
     throw_if_interrupted();

@@ -1,0 +1,50 @@
+// A clip of speech becomes frames: one implementation per way through the library.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+
+namespace zorv::tools {
+
+class ClipRenderer {
+  public:
+    /** Takes the next frame, width x height x 3 RGB bytes. An exception ends the run. */
+    using OnFrame = std::function<void(const uint8_t* rgb)>;
+
+    virtual ~ClipRenderer() = default;
+    virtual int width() const = 0;
+    virtual int height() const = 0;
+
+    /**
+     * Renders one frame per started 640 samples and hands over all but the first
+     * RenderOptions::skip_frames, in order. Returns the frames handed over; fewer than there are
+     * means that `error()` says why.
+     */
+    virtual int run(const std::vector<float>& samples, const OnFrame& on_frame) = 0;
+    virtual std::string error() const = 0;
+};
+
+/** What `--engine NAME` stands for. */
+struct Engine {
+    const char* name;
+    /** Fails when the options that this engine needs are missing, or others are given. */
+    void (*check)(const RenderOptions& options);
+    std::unique_ptr<ClipRenderer> (*open)(const RenderOptions& options);
+};
+
+/** The engine of that name; fails when there is none. */
+const Engine& find_engine(const std::string& name);
+std::vector<std::string> engine_names();
+
+/** Threads for the models: as asked for, else one per processor. */
+int model_threads(const RenderOptions& options);
+
+void check_stream_options(const RenderOptions& options);
+std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options);
+
+}  // namespace zorv::tools

@@ -1,0 +1,82 @@
+// Audio engines that hand out keypoints, and what renders their frames.
+//
+// The library's families of this kind have the same functions, so an engine is a record of one
+// family's functions and a line in clip_renderer.cpp.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "clip_renderer.h"
+
+namespace zorv::tools {
+
+constexpr int kKeypointFloats = 63;  // 21 keypoints x 3
+
+/** Room for a few frames on their way from an engine to the renderer. */
+struct KeypointFrames {
+    static constexpr int kCapacity = 32;
+
+    std::vector<int> target = std::vector<int>(kCapacity);
+    std::vector<float> source = std::vector<float>(kCapacity * kKeypointFloats);
+    std::vector<float> driving = std::vector<float>(kCapacity * kKeypointFloats);
+};
+
+class KeypointEngine {
+  public:
+    virtual ~KeypointEngine() = default;
+    /** Target frames of the subject that the engine's files were prepared for. */
+    virtual int target_frames() const = 0;
+    /** Takes more speech, mono at 16,000 Hz; false on failure. */
+    virtual bool push(const float* samples, int count) = 0;
+    /** No more speech will come; false on failure. */
+    virtual bool finish() = 0;
+    /** Fills `frames` from its start with what is ready now and returns how many those are. */
+    virtual int pull(KeypointFrames& frames) = 0;
+    /** Why the last call failed, or "". */
+    virtual std::string error() const = 0;
+};
+
+/**
+ * Family gives a Handle and static functions destroy, nt, push, finish, avail, pull, reset,
+ * last_error of one of the library's families. Frames walk the target frames to and fro.
+ */
+template <class Family>
+class FamilyEngine : public KeypointEngine {
+  public:
+    using Handle = typename Family::Handle;
+
+    /** Takes over a handle that is not null. */
+    explicit FamilyEngine(Handle* handle) : handle_(handle) { Family::reset(handle, 0, 1, 0); }
+
+    int target_frames() const override { return Family::nt(handle_.get()); }
+    bool push(const float* samples, int count) override {
+        return Family::push(handle_.get(), samples, count) == 1;
+    }
+    bool finish() override {
+        Family::finish(handle_.get());
+        return error().empty();
+    }
+    int pull(KeypointFrames& frames) override {
+        if (Family::avail(handle_.get()) < 1) return 0;
+        return Family::pull(handle_.get(), frames.target.data(), frames.source.data(),
+                            frames.driving.data(), KeypointFrames::kCapacity);
+    }
+    std::string error() const override { return Family::last_error(); }
+
+  private:
+    struct Destroy {
+        void operator()(Handle* handle) const { Family::destroy(handle); }
+    };
+    std::unique_ptr<Handle, Destroy> handle_;
+};
+
+/** Fails unless --motion-dir is given and a directory. */
+void check_motion_dir(const RenderOptions& options);
+
+/** Renders the frames of an engine with the bundle's renderer "render". */
+std::unique_ptr<ClipRenderer> open_keypoint_renderer(const RenderOptions& options,
+                                                     std::unique_ptr<KeypointEngine> engine);
+
+}  // namespace zorv::tools

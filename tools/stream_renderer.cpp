@@ -1,0 +1,85 @@
+// --engine fca: the library's batch stream does everything.
+#include <zorv_core.h>
+
+#include <exception>
+#include <filesystem>
+
+#include "clip_renderer.h"
+#include "failure.h"
+
+namespace zorv::tools {
+namespace {
+
+struct Destroy {
+    void operator()(zorv_stream* stream) const { zorv_stream_destroy(stream); }
+};
+using Stream = std::unique_ptr<zorv_stream, Destroy>;
+
+/** Where the frames go while the stream runs, and why it was stopped. */
+struct Delivery {
+    const ClipRenderer::OnFrame& on_frame;
+    std::exception_ptr stopped;
+};
+
+// The stream ignores the result; only an exception ends the run.
+int deliver(void* user, int index, const uint8_t* rgb, int, int) {
+    auto& delivery = *static_cast<Delivery*>(user);
+    try {
+        delivery.on_frame(rgb);
+    } catch (...) {
+        delivery.stopped = std::current_exception();
+        throw;
+    }
+    return index;
+}
+
+class StreamRenderer : public ClipRenderer {
+  public:
+    explicit StreamRenderer(const RenderOptions& options)
+        : stream_(zorv_stream_create(options.bundle.c_str(), options.encoder.c_str(),
+                                     model_threads(options), options.skip_frames, options.gain)) {
+        if (!stream_)
+            fail(
+                "cannot open '{}' with encoder '{}': {}; prepare the subject again or check the "
+                "encoder",
+                options.bundle, options.encoder, zorv_stream_last_error());
+    }
+
+    int width() const override { return zorv_stream_width(stream_.get()); }
+    int height() const override { return zorv_stream_height(stream_.get()); }
+    std::string error() const override { return zorv_stream_last_error(); }
+
+    int run(const std::vector<float>& samples, const OnFrame& on_frame) override {
+        Delivery delivery{on_frame, nullptr};
+        int made = -1;
+        try {
+            made = zorv_stream_run(stream_.get(), samples.data(), static_cast<int>(samples.size()),
+                                   deliver, &delivery);
+        } catch (...) {
+            if (!delivery.stopped) throw;
+        }
+        if (delivery.stopped) std::rethrow_exception(delivery.stopped);
+        return made;
+    }
+
+  private:
+    Stream stream_;
+};
+
+}  // namespace
+
+void check_stream_options(const RenderOptions& options) {
+    if (!options.motion_dir.empty())
+        fail("--motion-dir is not for --engine fca; name the engine it belongs to");
+    if (options.encoder.empty())
+        fail("--engine fca needs a speech encoder; name it with --encoder");
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(options.encoder, error))
+        fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+}
+
+std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options) {
+    return std::make_unique<StreamRenderer>(options);
+}
+
+}  // namespace zorv::tools
