@@ -206,6 +206,125 @@ ZORV_API void zorv_fca_destroy(zorv_fca* fca);
 ZORV_API const char* zorv_fca_last_error(void);
 
 /* ------------------------------------------------------------------------------------------
+ * Expression engine: speech in pieces becomes keypoint frames
+ *
+ *     // W2V_ONNX names the speech encoder, which all engines of the process share.
+ *     zorv_a2x* a2x = zorv_a2x_create("expression", 2);
+ *     if (!a2x) { puts(zorv_a2x_last_error()); return 1; }
+ *     int idx[8];
+ *     float source[8 * 63], driving[8 * 63];
+ *     zorv_a2x_reset(a2x, 0, 1, 1);               // before every utterance, the first included
+ *     int more = 1, pulled = 0, n;
+ *     while (more) {
+ *         more = read_audio(buffer, &samples);
+ *         zorv_a2x_push(a2x, buffer, samples);
+ *         if (!more) zorv_a2x_finish(a2x);
+ *         while (zorv_a2x_avail(a2x) > 0) {       // decodes a block at a time
+ *             n = zorv_a2x_pull(a2x, idx, source, driving, 8);
+ *             for (int i = 0; i < n; ++i) show(idx[i], source + 63 * i, driving + 63 * i);
+ *             pulled += n;
+ *         }
+ *     }
+ *     if (pulled < zorv_a2x_total(a2x)) puts(zorv_a2x_last_error());
+ *     zorv_a2x_destroy(a2x);
+ *
+ * The directory's files are described in docs/models.md. This family's last error is not cleared
+ * by calls that succeed: it is the text of the thread's last failing call.
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_a2x zorv_a2x;
+
+/**
+ * Opens an expression directory. Loads the process's speech encoder from `W2V_ONNX` unless it is
+ * loaded already; whoever loads first decides on file and threads.
+ *
+ * dir      the directory; file names are appended with "/".
+ * threads  threads of the model runtime; below 1 means 1, above 4 means 4. `ZORV_A2X_THREADS`
+ *          replaces it.
+ *
+ * Returns an engine that the caller destroys and must reset before its first stream, or NULL.
+ * Thread-safety: any thread; concurrent calls load the encoder once.
+ */
+ZORV_API zorv_a2x* zorv_a2x_create(const char* dir, int threads);
+
+/** Frees the engine; the speech encoder stays loaded. NULL is allowed. */
+ZORV_API void zorv_a2x_destroy(zorv_a2x* a2x);
+
+/**
+ * Loads the process's speech encoder ahead of the first engine, with `ZORV_A2X_W2V_THREADS`
+ * threads (6 when unset). NULL or "" means the path in `W2V_ONNX`. Returns 1 when an encoder is
+ * loaded, this one or an earlier one, else 0. Thread-safety: any thread.
+ */
+ZORV_API int zorv_a2x_preload_w2v(const char* path);
+
+/** The text of the calling thread's last failing call of this family, "" if none. Valid until the
+ *  thread's next failing call. Any thread. */
+ZORV_API const char* zorv_a2x_last_error(void);
+
+/** Number of the bundle's keypoint frames (rows of xs_target.bin); 0 for NULL. Any thread. */
+ZORV_API int zorv_a2x_nt(zorv_a2x* a2x);
+
+/** Accepted for the sake of hosts that drive several kinds of engine; changes nothing. */
+ZORV_API void zorv_a2x_set_eager(zorv_a2x* a2x, int eager);
+
+/**
+ * Appends n samples (mono, 16,000 Hz, in [-1, 1]) to the stream; n < 1 appends nothing. Audio
+ * pushed after zorv_a2x_finish still counts. Returns 1; 0 for a null pointer.
+ * Thread-safety: one thread at a time per engine.
+ */
+ZORV_API int zorv_a2x_push(zorv_a2x* a2x, const float* pcm, int n);
+
+/** Declares the audio complete: the frames held back for want of look-ahead can be decoded.
+ *  Thread-safety: one thread at a time per engine. */
+ZORV_API void zorv_a2x_finish(zorv_a2x* a2x);
+
+/** After zorv_a2x_finish ceil(samples / 640), else -1; 0 for NULL. A stream yields no more frames
+ *  than a2x_pos.f32 has rows, which this number does not regard. One thread at a time per engine. */
+ZORV_API int zorv_a2x_total(zorv_a2x* a2x);
+
+/**
+ * Decodes up to one block of frames (64, or 8 with short windows) and returns how many are ready
+ * to pull. A failure leaves "zorv_a2x extend: ..." as the last error and fewer frames; calling
+ * again tries again. An engine that was never reset has none.
+ * Thread-safety: one thread at a time per engine.
+ */
+ZORV_API int zorv_a2x_avail(zorv_a2x* a2x);
+
+/**
+ * Hands out up to `max` frames, decoding first when none is ready.
+ *
+ * idx  receives the bundle frame on which each is shown; NULL when not wanted.
+ * src  receives 63 floats per frame: that bundle frame's own keypoints.
+ * drv  receives 63 floats per frame: the same, moved by the expression.
+ *
+ * Returns the number of frames written; 0 also for max < 1 or a null pointer. Failures as for
+ * zorv_a2x_avail. Thread-safety: one thread at a time per engine.
+ */
+ZORV_API int zorv_a2x_pull(zorv_a2x* a2x, int* idx, float* src, float* drv, int max);
+
+/**
+ * Starts a new stream; what was pushed and not pulled is dropped. Frame p is shown on bundle frame
+ * start + p, or start - p when dir < 0: wrapped around the bundle when loop is not 0, else back
+ * and forth without repeating its ends.
+ * Thread-safety: one thread at a time per engine.
+ */
+ZORV_API void zorv_a2x_reset(zorv_a2x* a2x, int start, int dir, int loop);
+
+/**
+ * Turns a whole clip into keypoint offsets, without touching the engine's stream; works on an
+ * engine that was never reset.
+ *
+ * pcm         n float samples, mono, 16,000 Hz, in [-1, 1].
+ * out         receives frames x 63 floats, frames = ceil(n / 640).
+ * max_frames  frames that fit at `out`.
+ *
+ * Returns the frames written; 0 when n < 1; -2, with nothing written and no text, when max_frames
+ * is too small; -1 on failure, also for a clip of more frames than a2x_pos.f32 has rows.
+ * Thread-safety: one thread at a time per engine.
+ */
+ZORV_API int zorv_a2x_deltas(zorv_a2x* a2x, const float* pcm, int n, float* out, int max_frames);
+
+/* ------------------------------------------------------------------------------------------
  * Batch stream: a whole clip of speech becomes finished frames
  *
  *     int on_frame(void* user, int index, const uint8_t* rgb, int W, int H) {

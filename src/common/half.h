@@ -1,4 +1,4 @@
-// IEEE half precision to single precision.
+// IEEE half precision to single precision, and rounding to half precision.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +10,20 @@ namespace zorv {
 /// (a signalling NaN becomes the quiet one of the same payload, as the processor does it).
 void halfToFloat(const std::uint16_t* source, float* destination, std::size_t n);
 
+/// Rounds `n` values to the nearest half-precision value, ties to even, and stores them as single
+/// precision. From 65520 on they become infinite; a NaN keeps its sign and its upper ten payload
+/// bits and is quiet. `source` and `destination` may be the same array.
+void roundToHalf(const float* source, float* destination, std::size_t n);
+
+/// The same for one value in double precision, in one rounding: going through single precision
+/// first could move a value onto a tie.
+float roundToHalf(double value);
+
 namespace kernels {
 void halfToFloatPortable(const std::uint16_t* source, float* destination, std::size_t n);
 void halfToFloatAvx2(const std::uint16_t* source, float* destination, std::size_t n);
+void roundToHalfPortable(const float* source, float* destination, std::size_t n);
+void roundToHalfAvx2(const float* source, float* destination, std::size_t n);
 }  // namespace kernels
 
 }  // namespace zorv

@@ -37,6 +37,10 @@ class ZeroedPages {
 
     void* data() const { return base_; }
 
+    /// Bytes [begin, end) will not be read before they are written again: gives back the memory
+    /// of the whole pages inside, which then read as zeros; the edges keep what they hold.
+    void discard(std::size_t begin, std::size_t end);
+
   private:
     void* base_ = nullptr;
     std::size_t bytes_ = 0;
@@ -52,6 +56,11 @@ class ZeroedArray {
     T* data() { return static_cast<T*>(pages_.data()); }
     const T* data() const { return static_cast<const T*>(pages_.data()); }
     std::size_t size() const { return size_; }
+
+    /// ZeroedPages::discard of elements [begin, end).
+    void discard(std::size_t begin, std::size_t end) {
+        pages_.discard(begin * sizeof(T), end * sizeof(T));
+    }
 
   private:
     ZeroedPages pages_;

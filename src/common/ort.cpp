@@ -44,6 +44,18 @@ Ort::Value tensorOver(float* data, std::size_t count, const std::vector<std::int
     return Ort::Value::CreateTensor<float>(memory, data, count, shape.data(), shape.size());
 }
 
+const float* outputFloats(const Ort::Value& output, const char* name, std::size_t least) {
+    const auto fail = [&](const std::string& found) {
+        throw std::runtime_error(std::string("output ") + name + ": expected at least " +
+                                 std::to_string(least) + " float32 values, found " + found);
+    };
+    if (!output.IsTensor()) fail("no tensor");
+    const auto info = output.GetTensorTypeAndShapeInfo();
+    if (info.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT) fail("another element type");
+    if (info.GetElementCount() < least) fail(std::to_string(info.GetElementCount()));
+    return output.GetTensorData<float>();
+}
+
 BoundSession::BoundSession(Ort::Session session)
     : session_(std::move(session)), binding_(session_) {}
 

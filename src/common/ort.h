@@ -24,6 +24,10 @@ std::size_t elementCount(const std::vector<std::int64_t>& shape);
 /// tensor or a binding that holds it. `count` must be the product of the dimensions.
 Ort::Value tensorOver(float* data, std::size_t count, const std::vector<std::int64_t>& shape);
 
+/// The float32 values of a model's output, checked to be at least `least`. Throws
+/// "output NAME: expected at least N float32 values, found ...".
+const float* outputFloats(const Ort::Value& output, const char* name, std::size_t least);
+
 /// A session whose inputs and outputs are bound once to memory of the caller; `run` then neither
 /// allocates tensors nor looks up names. One thread at a time.
 class BoundSession {

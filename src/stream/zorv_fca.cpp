@@ -3,7 +3,6 @@
 #include <zorv_core.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "common/error.h"
 
@@ -13,19 +12,6 @@ namespace {
 constexpr std::size_t kHidden = 384;
 constexpr std::size_t kLayerFloats =
     std::size_t{delta::kLastLayer + 1} * delta::kWindowFrames * delta::kEmbeddingFloats;
-
-/// The floats of a model's output, which must be at least `least` of them.
-const float* floatsOf(const Ort::Value& output, const char* name, std::size_t least) {
-    const auto fail = [&](const std::string& found) {
-        throw std::runtime_error(std::string("output ") + name + ": expected at least " +
-                                 std::to_string(least) + " float32 values, found " + found);
-    };
-    if (!output.IsTensor()) fail("no tensor");
-    const auto info = output.GetTensorTypeAndShapeInfo();
-    if (info.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT) fail("another element type");
-    if (info.GetElementCount() < least) fail(std::to_string(info.GetElementCount()));
-    return output.GetTensorData<float>();
-}
 
 }  // namespace
 
@@ -54,7 +40,7 @@ Ort::Value DeltaModel::encode(float* window) {
     const Ort::Value samples =
         tensorOver(window, delta::kWindowSamples, {1, delta::kWindowSamples});
     auto outputs = encoder_.Run(Ort::RunOptions{nullptr}, &input, &samples, 1, &output, 1);
-    floatsOf(outputs[0], output, kLayerFloats);
+    outputFloats(outputs[0], output, kLayerFloats);
     return std::move(outputs[0]);
 }
 
@@ -63,8 +49,8 @@ void DeltaModel::step(Recurrence& state, float* out) {
     const char* outputs[] = {"m", "hn"};
     const auto results =
         streaming_.Run(Ort::RunOptions{nullptr}, inputs, state.inputs, 3, outputs, 2);
-    const float* offsets = floatsOf(results[0], "m", delta::kSetFloats);
-    const float* hidden = floatsOf(results[1], "hn", kHidden);
+    const float* offsets = outputFloats(results[0], "m", delta::kSetFloats);
+    const float* hidden = outputFloats(results[1], "hn", kHidden);
     std::copy_n(offsets, delta::kSetFloats, out);
     std::copy_n(offsets, delta::kSetFloats, state.prev.begin());
     std::copy_n(hidden, kHidden, state.hidden.begin());

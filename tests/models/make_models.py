@@ -118,6 +118,92 @@ def fca_stream(path, m_values=63, hidden=384):
     g.save(path, {"cond": [1, 5376], "prev": [1, 63], "h": [1, 1, 384]},
            {"m": [1, m_values], "hn": [1, 1, hidden]})
 
+# The expression engine's models, for a width of 16. The last value of an encoder row is the last
+# value of its positional row, and the last value of the decoder's state counts its runs.
+A2X_WIDTH = 16
+A2X_MIXED = (np.arange(A2X_WIDTH) < A2X_WIDTH - 1).astype(np.float32)
+
+
+def a2x_trunk(path, steps=399, declared=None):
+    """640 fixed random mixtures of each 80 samples, plus the place in the window."""
+    g = Graph()
+    mix = np.random.default_rng(11).normal(size=(80, 640)) / 9
+    blocks = g("MatMul", g("Reshape", "input_values", g.ints(400, 80)), mix)
+    blocks = g("Add", blocks, np.arange(400).reshape(400, 1) / 1000)
+    channels = g("Reshape", g("Transpose", blocks, perm=[1, 0]), g.ints(1, 640, 400))
+    # The end depends on the input as far as anyone can tell ahead of a run.
+    silent = g("Mul", g("Slice", g("Reshape", "input_values", g.ints(-1)), g.ints(0), g.ints(1)), 0.0)
+    end = g("Cast", g("Add", silent, float(steps)), to=TensorProto.INT64)
+    channels = g("Slice", channels, g.ints(0), end, g.ints(2))
+    g("Cast", channels, to=TensorProto.FLOAT16, out="trunk_steps")
+    g.save(path, {"input_values": [1, 32000]}, {"trunk_steps": [1, 640, declared or steps]},
+           {"trunk_steps": TensorProto.FLOAT16})
+
+
+def a2x_head(path):
+    """768 fixed random mixtures of a frame's channels; every layer scaled its own way."""
+    g = Graph()
+    mix = np.random.default_rng(12).normal(size=(640, 768)) / 25
+    rows = g("Reshape", g("MatMul", "x", mix), g.ints(8, 1, 768))
+    scales = 1 + np.arange(12).reshape(12, 1) * 0.3 - 0.002 * np.arange(768)
+    g("Reshape", g("Mul", rows, scales), g.ints(8, 9216), out="emb")
+    g.save(path, {"x": [8, 640]}, {"emb": [8, 9216]})
+
+
+def a2x_enc_stream(path, layers=2):
+    """Mixtures of feature and position, then layers of attention under the mask."""
+    g = Graph()
+    random = np.random.default_rng(13)
+    rows = g("Reshape", "feat", g.ints(1, -1, 9216))
+    x = g("Add", g("MatMul", rows, random.normal(size=(9216, A2X_WIDTH)) / 200), "pos_window")
+    for _ in range(layers):
+        query, key, value = (g("MatMul", x, random.normal(size=(A2X_WIDTH, A2X_WIDTH)) / 4) for _ in "qkv")
+        scores = g("MatMul", query, g("Transpose", key, perm=[0, 2, 1]))
+        weights = g("Softmax", g("Add", g("Unsqueeze", scores, g.ints(1)), "attn"), axis=-1)
+        x = g("Tanh", g("Add", x, g("MatMul", g("Squeeze", weights, g.ints(1)), value)))
+    g("Add", g("Mul", x, A2X_MIXED), g("Mul", "pos_window", 1 - A2X_MIXED), out="rows")
+    g.save(path, {"feat": [1, "n", 12, 768], "pos_window": [1, "n", A2X_WIDTH], "attn": [1, 1, "n", "n"]},
+           {"rows": [1, "n", A2X_WIDTH]})
+
+
+def a2x_dec(path, m_values=63, fails_at=None):
+    """m and h_out: tanh of mixtures of all inputs. fails_at: the run fails whose context's last
+    value and whose count of runs are both this."""
+    g = Graph()
+    random = np.random.default_rng(14)
+    hidden = g("Reshape", "h", g.ints(1, A2X_WIDTH))
+
+    def mixture(values):
+        def weights(rows):
+            return random.normal(size=(rows, values)) / (2 * np.sqrt(rows))
+        known = [g("MatMul", g("Mul", name, A2X_MIXED), weights(A2X_WIDTH)) for name in ("ctx_t", hidden)]
+        return g("Tanh", g("Add", g("Add", *known), g("MatMul", "prev", weights(63))))
+
+    m = mixture(m_values)
+    count = g("Add", hidden, 1.0)
+    if fails_at is not None:
+        last = [g("Slice", t, g.ints(A2X_WIDTH - 1), g.ints(A2X_WIDTH), g.ints(1)) for t in ("ctx_t", hidden)]
+        hit = g("And", *(g("Equal", t, float(fails_at)) for t in last))
+        row = g("Mul", g("Cast", hit, to=TensorProto.INT64), g.ints(9))
+        m = g("Add", m, g("Reshape", g("Gather", g.const([0.0]), row), g.ints(1, 1)))  # only row 0 exists
+    g("Identity", m, out="m")
+    state = g("Add", g("Mul", mixture(A2X_WIDTH), A2X_MIXED), g("Mul", count, 1 - A2X_MIXED))
+    g("Reshape", state, g.ints(1, 1, A2X_WIDTH), out="h_out")
+    g.save(path, {"ctx_t": [1, A2X_WIDTH], "prev": [1, 63], "h": [1, 1, A2X_WIDTH]},
+           {"m": [1, m_values], "h_out": [1, 1, A2X_WIDTH]})
+
+
+def a2x_models(path):
+    encoder(path("a2x_w2v"), layers=12)
+    a2x_trunk(path("a2x_trunk"))
+    a2x_trunk(path("a2x_trunk_open"), declared="steps")
+    a2x_trunk(path("a2x_trunk_short"), steps=300)
+    a2x_head(path("a2x_head"))
+    a2x_enc_stream(path("a2x_enc_stream"))
+    a2x_dec(path("a2x_dec"))
+    a2x_dec(path("a2x_dec_fails"), fails_at=30)
+    a2x_dec(path("a2x_dec_short_m"), m_values=62)
+
 
 def main(directory):
     os.makedirs(directory, exist_ok=True)
@@ -141,6 +227,7 @@ def main(directory):
     fca_stream(path("fca_stream"))
     fca_stream(path("fca_stream_short_m"), m_values=62)
     fca_stream(path("fca_stream_short_hn"), hidden=383)
+    a2x_models(path)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,154 @@
+#include "a2x/a2x_w2v.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+
+#include "a2x/a2x_cuda.h"
+#include "a2x/a2x_settings.h"
+
+namespace zorv::a2x {
+namespace {
+
+// The process's shared state. Sessions are only ever set from absent to present (a failed pair is
+// dropped before anyone can have seen it), so whoever got one runs it without the lock.
+std::mutex g_w2v_mtx;
+// Guarded by g_w2v_mtx; released in reverse order, the environment last.
+Ort::Env g_w2v_env{nullptr};
+Ort::Session g_w2v_session{nullptr};
+std::string g_w2v_path;
+bool g_w2vwin_tried = false;
+Ort::Session g_w2vwin_trunk{nullptr};
+Ort::Session g_w2vwin_head{nullptr};
+std::string g_w2vwin_trunk_out;
+/// Trunk steps per run, 0 until the first run when the model does not declare them. Atomic, not
+/// guarded: runs read it, and they must not wait for a model that is being loaded.
+std::atomic<std::int64_t> g_w2vwin_LT{0};
+
+std::mutex g_zeroemb_mtx;
+std::vector<float> g_zeroemb;  ///< guarded by g_zeroemb_mtx while empty, constant afterwards
+
+Ort::Env& environmentLocked() {
+    if (!g_w2v_env) g_w2v_env = makeOrtEnv("zorv_a2x_w2v");
+    return g_w2v_env;
+}
+
+/// Threads that sleep between runs: many engines may share one machine.
+Ort::SessionOptions w2vOptions(int threads) {
+    Ort::SessionOptions options = makeSessionOptions(std::max(threads, 1));
+    options.AddConfigEntry("session.intra_op.allow_spinning", "0");
+    zorv_a2x_maybe_cuda(options, "w2v");
+    return options;
+}
+
+/// The third dimension of the trunk's declared output [1, channels, steps], 0 when it is open.
+std::int64_t declaredSteps(const Ort::Session& trunk) {
+    const Ort::TypeInfo type = trunk.GetOutputTypeInfo(0);
+    const auto shape = type.GetTensorTypeAndShapeInfo().GetShape();
+    return shape.size() == 3 && shape[2] >= 1 ? shape[2] : 0;
+}
+
+void armLocked(const char* trunkPath, const char* headPath, int threads) {
+    Ort::Env& env = environmentLocked();
+    const Ort::SessionOptions options = w2vOptions(threads);
+    Ort::Session trunk(env, trunkPath, options);
+    Ort::Session head(env, headPath, options);
+    Ort::AllocatorWithDefaultOptions allocator;
+    g_w2vwin_trunk_out = trunk.GetOutputNameAllocated(0, allocator).get();
+    const std::int64_t steps = declaredSteps(trunk);
+    g_w2vwin_LT = steps;
+    g_w2vwin_trunk = std::move(trunk);
+    g_w2vwin_head = std::move(head);
+    std::fprintf(stderr, "[zorv_a2x] short-window w2v ARMED (ZORV_A2X_W2V_WIN=1, LT=%s)\n",
+                 steps ? std::to_string(steps).c_str() : "from-first-run");
+}
+
+}  // namespace
+
+Ort::Session* get_shared_w2v(const std::string& path, int threads) {
+    const std::lock_guard lock(g_w2v_mtx);
+    if (!g_w2v_session) {
+        g_w2v_session = Ort::Session(environmentLocked(), path.c_str(), w2vOptions(threads));
+        g_w2v_path = path;
+    }
+    return &g_w2v_session;
+}
+
+int get_shared_w2v_win(int threads) {
+    const std::lock_guard lock(g_w2v_mtx);
+    if (g_w2vwin_tried) return g_w2vwin_trunk ? 1 : 0;
+    g_w2vwin_tried = true;
+    const char* trunkPath = std::getenv("ZORV_A2X_W2V_WIN_ONNX");
+    const char* headPath = std::getenv("ZORV_A2X_W2V_HEAD_ONNX");
+    if (!trunkPath || !headPath) {
+        std::fputs(
+            "[zorv_a2x] ZORV_A2X_W2V_WIN=1 but ZORV_A2X_W2V_WIN_ONNX/ZORV_A2X_W2V_HEAD_ONNX unset "
+            "— falling back to the legacy 8s w2v path\n",
+            stderr);
+        return 0;
+    }
+    try {
+        armLocked(trunkPath, headPath, threads);
+        return 1;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "[zorv_a2x] short-window w2v load FAILED (%s) — legacy 8s path\n",
+                     oneLine(error.what()).c_str());
+        return 0;
+    }
+}
+
+LegacyWindow::LegacyWindow(Ort::Session& w2v)
+    : samples_(kWindowSamples), model_(w2v, {"input_values"}, {"audio_emb"}) {
+    model_.setInput(0, tensorOver(samples_.data(), samples_.size(), {1, kWindowSamples}));
+}
+
+const float* LegacyWindow::run() {
+    model_.run();
+    return model_.floats(0, kEmbeddingFloats);
+}
+
+ShortWindow::ShortWindow()
+    : samples_(kShortSamples),
+      channels_(kBlockFrames * kTrunkChannels),
+      trunk_(g_w2vwin_trunk, {"input_values"}, {g_w2vwin_trunk_out}),
+      head_(g_w2vwin_head, {"x"}, {"emb"}) {
+    trunk_.setInput(0, tensorOver(samples_.data(), samples_.size(), {1, kShortSamples}));
+    head_.setInput(0, tensorOver(channels_.data(), channels_.size(),
+                                 {kBlockFrames, static_cast<std::int64_t>(kTrunkChannels)}));
+}
+
+ShortWindow::Trunk ShortWindow::runTrunk() {
+    trunk_.run();
+    const Ort::Value& output = trunk_.output(0);
+    const auto info = output.GetTensorTypeAndShapeInfo();
+    const auto shape = info.GetShape();
+    if (info.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16 || shape.size() != 3) {
+        throw std::runtime_error("w2v_win: trunk output is not half precision of 3 dimensions");
+    }
+    std::int64_t steps = 0;
+    if (g_w2vwin_LT.compare_exchange_strong(steps, shape[2])) steps = shape[2];
+    if (info.GetElementCount() != kTrunkChannels * static_cast<std::size_t>(steps)) {
+        throw std::runtime_error("w2v_win: trunk output is not 640 x " + std::to_string(steps));
+    }
+    return {output.GetTensorData<std::uint16_t>(), steps};
+}
+
+const float* ShortWindow::runHead() {
+    head_.run();
+    return head_.floats(0, kBlockFrames * kFeatureFloats);
+}
+
+const std::vector<float>& zero_window_emb(Ort::Session& w2v) {
+    const std::lock_guard lock(g_zeroemb_mtx);
+    if (g_zeroemb.empty()) {
+        LegacyWindow silence(w2v);  // its samples are zeros at first
+        const float* embedding = silence.run();
+        g_zeroemb.assign(embedding, embedding + kEmbeddingFloats);
+    }
+    return g_zeroemb;
+}
+
+}  // namespace zorv::a2x
