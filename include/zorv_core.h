@@ -279,7 +279,8 @@ ZORV_API int zorv_a2x_push(zorv_a2x* a2x, const float* pcm, int n);
 ZORV_API void zorv_a2x_finish(zorv_a2x* a2x);
 
 /** After zorv_a2x_finish ceil(samples / 640), else -1; 0 for NULL. A stream yields no more frames
- *  than a2x_pos.f32 has rows, which this number does not regard. One thread at a time per engine. */
+ *  than a2x_pos.f32 has rows, which this number does not regard. One thread at a time per engine.
+ */
 ZORV_API int zorv_a2x_total(zorv_a2x* a2x);
 
 /**

@@ -48,6 +48,75 @@ TEST(Half, EveryValueIsExactOnEveryPath) {
     }
 }
 
+/// The nearest of all half-precision values, ties to the even bit pattern, found by looking.
+float nearestHalf(double x) {
+    if (std::isnan(x)) return NAN;
+    std::uint16_t low = 0, high = 0x7c00;  // bit patterns are in the order of magnitudes
+    const double magnitude = std::abs(x);
+    while (high - low > 1) {
+        const auto middle = static_cast<std::uint16_t>((low + high) / 2);
+        (halfByDefinition(middle) <= magnitude ? low : high) = middle;
+    }
+    // Infinity rounds as if it were the next step, 65536.
+    const double above = high == 0x7c00 ? 65536.0 : halfByDefinition(high);
+    const double down = magnitude - halfByDefinition(low), up = above - magnitude;
+    const bool takeHigh = up < down || (up == down && high % 2 == 0) || std::isinf(magnitude);
+    return static_cast<float>(std::copysign(halfByDefinition(takeHigh ? high : low), x));
+}
+
+/// Every half-precision value, the ties between neighbours and what lies just beside both.
+std::vector<double> roundingCases() {
+    std::vector<double> cases;
+    for (int bits = 0; bits < 0x7c00; ++bits) {
+        const double value = halfByDefinition(static_cast<std::uint16_t>(bits));
+        const double next =
+            bits == 0x7bff ? 65536.0 : halfByDefinition(static_cast<std::uint16_t>(bits + 1));
+        for (const double x : {value, (value + next) / 2}) {
+            for (const double y : {x, std::nextafter(x, 1e9), std::nextafter(x, -1e9)}) {
+                cases.insert(cases.end(), {y, -y});
+            }
+        }
+    }
+    for (const double x : {1e-30, 1e30, 65519.999, 1e-40, static_cast<double>(INFINITY)}) {
+        cases.insert(cases.end(), {x, -x});
+    }
+    return cases;
+}
+
+TEST(Half, RoundingIsToTheNearestValueTiesToEvenOnEveryPath) {
+    std::vector<float> singles;
+    for (const double x : roundingCases()) {
+        const float expected = nearestHalf(x), got = roundToHalf(x);
+        ASSERT_EQ(got, expected) << x;
+        ASSERT_EQ(std::signbit(got), std::signbit(x)) << x;
+        const auto single = static_cast<float>(x);
+        singles.insert(singles.end(),
+                       {single, std::nextafter(single, 1e9f), std::nextafter(single, -1e9f)});
+    }
+    // Rounding to single precision first would make a tie of this one.
+    EXPECT_EQ(roundToHalf(1 + 0x1p-11 + 0x1p-40), 1 + 0x1p-10f);
+    singles.push_back(1.5f);  // an odd tail after the vector body
+    std::vector<float> portable(singles.size());
+    kernels::roundToHalfPortable(singles.data(), portable.data(), singles.size());
+    for (std::size_t i = 0; i < singles.size(); ++i) {
+        ASSERT_EQ(portable[i], nearestHalf(singles[i])) << singles[i];
+    }
+
+    const std::uint32_t nans[] = {0x7f800001, 0xff801fff, 0x7fc12345, 0xffbfe000};
+    for (const std::uint32_t bits : nans) singles.push_back(std::bit_cast<float>(bits));
+    portable.resize(singles.size());
+    kernels::roundToHalfPortable(singles.data(), portable.data(), singles.size());
+    EXPECT_TRUE(std::isnan(portable.back()) && std::isnan(roundToHalf(double{NAN})));
+    if (detectedSimdLevel() < SimdLevel::kAvx2) GTEST_SKIP() << "processor without F16C";
+    std::vector<float> vector = singles;  // in place
+    kernels::roundToHalfAvx2(vector.data(), vector.data(), vector.size());
+    for (std::size_t i = 0; i < singles.size(); ++i) {
+        ASSERT_EQ(std::bit_cast<std::uint32_t>(vector[i]),
+                  std::bit_cast<std::uint32_t>(portable[i]))
+            << singles[i];
+    }
+}
+
 TEST(Rgba, EveryPathAndEveryTail) {
     for (std::size_t pixels = 0; pixels <= 40; ++pixels) {
         std::vector<std::uint8_t> rgb(3 * pixels), portable(4 * pixels), vector(4 * pixels);
