@@ -387,6 +387,105 @@ ZORV_API void zorv_stream_destroy(zorv_stream* stream);
 /** This family's last error on the calling thread, "" if none. Any thread. */
 ZORV_API const char* zorv_stream_last_error(void);
 
+/* ------------------------------------------------------------------------------------------
+ * Motion engine: speech in pieces becomes keypoint frames
+ *
+ *     zorv_motion* motion = zorv_motion_create("subject/motion", 2, NULL);
+ *     if (!motion) { puts(zorv_motion_last_error()); return 1; }
+ *     while ((n = read_audio(samples, 320)) > 0) {
+ *         if (!zorv_motion_push(motion, samples, n)) { puts(zorv_motion_last_error()); break; }
+ *         while ((k = zorv_motion_pull(motion, idx, xs, xd, 8)) > 0) show(idx, xs, xd, k);
+ *         if (*zorv_motion_last_error()) { puts(zorv_motion_last_error()); break; }
+ *     }
+ *     zorv_motion_finish(motion);
+ *     while ((k = zorv_motion_pull(motion, idx, xs, xd, 8)) > 0) show(idx, xs, xd, k);
+ *     zorv_motion_reset(motion, 0, 1, 0);     the next stream on the same engine
+ *     zorv_motion_destroy(motion);
+ *
+ * The models work inside zorv_motion_avail and zorv_motion_pull. The frames of a stream do not
+ * depend on how its audio was cut or when frames were asked for, except with eager passes, which
+ * hand frames out early with the values that they have so far. Every function of the family
+ * clears the calling thread's last error on entry.
+ * Thread-safety of all functions on a handle: one thread at a time per handle.
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_motion zorv_motion;
+
+/**
+ * Loads a motion directory (docs/models.md lists its files) and its three models.
+ *
+ * motion_dir  the directory; file names are appended with "/".
+ * threads     threads of the model runtime inside one model run; below 1 means 1.
+ * ep          execution provider: NULL or "" for the CPU, "coreml[:cpu|gpu|ane]".
+ *
+ * Returns an engine with an open stream (frame 0, forward, there and back again, eager off) that
+ * the caller destroys, or NULL: "zorv_motion_create: " and what was wrong with which file.
+ * Thread-safety: any thread.
+ */
+ZORV_API zorv_motion* zorv_motion_create(const char* motion_dir, int threads, const char* ep);
+
+/** Frees the engine, whatever its stream is doing. NULL is allowed. */
+ZORV_API void zorv_motion_destroy(zorv_motion* motion);
+
+/** This family's last error on the calling thread, "" when its last call succeeded. Valid until
+ *  the thread's next call of this family. Any thread. */
+ZORV_API const char* zorv_motion_last_error(void);
+
+/** Number of target frames that the directory was made for; 0 for NULL. */
+ZORV_API int zorv_motion_nt(const zorv_motion* motion);
+
+/**
+ * Appends n float samples (mono, 16,000 Hz, in [-1, 1]) to the stream; copies them and does
+ * nothing else. n = 0 is allowed.
+ * Returns 1; 0 with a null pointer, n < 0 or on a finished stream.
+ */
+ZORV_API int zorv_motion_push(zorv_motion* motion, const float* samples, int n);
+
+/** Ends the stream's audio, so that all its frames become available: one per started block of 640
+ *  samples. A second call does nothing; NULL is ignored. */
+ZORV_API void zorv_motion_finish(zorv_motion* motion);
+
+/** Frames of the whole stream; -1 before zorv_motion_finish and for NULL. */
+ZORV_API int zorv_motion_total(const zorv_motion* motion);
+
+/**
+ * Eager passes run the models on the audio there is, before a whole chunk of it has come, so that
+ * frames can be had a frame or two behind the audio; later audio may change frames that were not
+ * handed out yet.
+ * value  0 off (the default), N > 0 a pass for every N frames of new audio, negative as often as
+ *        the measured cost of a pass allows (every 1 to 8 frames).
+ * Survives zorv_motion_reset. NULL is ignored.
+ */
+ZORV_API void zorv_motion_set_eager(zorv_motion* motion, int value);
+
+/** Number of frames that zorv_motion_pull would hand out now; 0 for NULL and on failure. */
+ZORV_API int zorv_motion_avail(zorv_motion* motion);
+
+/**
+ * Hands out the next frames.
+ *
+ * idx  receives each frame's target frame, 0 <= idx < zorv_motion_nt; NULL if not wanted.
+ * xs   receives 63 floats per frame: the target frame's own keypoints.
+ * xd   receives 63 floats per frame: the driving keypoints.
+ * max  frames that fit, at least 1.
+ *
+ * Returns the number of frames written, at most max; 0 when none is ready and on failure (the
+ * last-error string tells which). After a failure the stream may be short of frames: reset.
+ */
+ZORV_API int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* xd, int max);
+
+/**
+ * Starts a new stream from any state, a failed one included. Audio, frames and the conditioning of
+ * the models go; the eager value and its cost average stay.
+ *
+ * start_frame  target frame of the first frame, brought into 0 .. nt - 1.
+ * direction    negative walks the target frames downwards, else upwards.
+ * loop         0 turns round at both ends, else the walk goes on at the other end.
+ *
+ * NULL is ignored.
+ */
+ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direction, int loop);
+
 #ifdef __cplusplus
 }
 #endif

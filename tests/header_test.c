@@ -22,8 +22,14 @@ int main(void) {
                "zorv_create: zorv_create: cannot open /no such dir/manifest.json") != 0) {
         return fail(zorv_stream_last_error());
     }
+    if (zorv_motion_create("/no such dir", 1, NULL)) return fail("opened a missing motion dir");
+    if (strcmp(zorv_motion_last_error(),
+               "zorv_motion_create: cannot open /no such dir/meta.json") != 0) {
+        return fail(zorv_motion_last_error());
+    }
     zorv_destroy(NULL);
     zorv_fca_destroy(NULL);
     zorv_stream_destroy(NULL);
+    zorv_motion_destroy(NULL);
     return 0;
 }

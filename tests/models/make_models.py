@@ -205,6 +205,66 @@ def a2x_models(path):
     a2x_dec(path("a2x_dec_short_m"), m_values=62)
 
 
+def fail_above(g, value, level):
+    """A zero to be added; computing it fails when the largest element of `value` exceeds level."""
+    largest = g("Relu", g("Reshape", g("ReduceMax", value, keepdims=0), g.ints(1)))
+    row = g("Cast", g("Floor", g("Div", largest, float(level))), to=TensorProto.INT64)
+    return g("Gather", g.const([0.0]), row)  # only row 0 exists
+
+
+def hubert_student(path, fail_level=None):
+    """Row r mixes the bands of transforms r and r + 1; windows with a band above 10 (louder than
+    any speech) stand out by the excess."""
+    g = Graph()
+    bands = g("Transpose", "mel", perm=[0, 2, 1])
+    now = g("Slice", bands, g.ints(0), g.ints(20), g.ints(1))
+    after = g("Slice", bands, g.ints(1), g.ints(21), g.ints(1))
+    both = g("Add", g("Mul", now, 0.07), g("Mul", after, 0.03))
+    mix = np.random.default_rng(11).normal(size=(80, 1024)) / 9
+    rows = g("Tanh", g("Add", g("MatMul", both, mix), np.arange(20).reshape(1, 20, 1) / 50))
+    loud = g("Relu", g("Sub", g("ReduceMax", "mel", keepdims=0), 10.0))
+    if fail_level is not None:
+        loud = g("Add", loud, fail_above(g, "mel", fail_level))
+    g("Add", rows, loud, out="features")
+    g.save(path, {"mel": [1, 80, 21]}, {"features": [1, 20, 1024]})
+
+
+def lmdm(path, fail_level=None, frames=80):
+    """tanh(rows W) / 3 + cond / 4 + a wave over the chunk's frames, plus 1 where a row is loud."""
+    g = Graph()
+    mix = np.random.default_rng(12).normal(size=(1103, 265)) / 20
+    motion = g("Mul", g("Tanh", g("MatMul", "rows", mix)), 0.33)
+    past = g("Mul", g("Reshape", "cond", g.ints(1, 1, 265)), 0.25)
+    wave = 0.05 * np.sin(np.arange(80).reshape(1, 80, 1) * 0.7 + np.arange(265) * 0.2)
+    loud = g("Sign", g("Relu", g("Sub", g("ReduceMax", "rows", axes=[2], keepdims=1), 2.0)))
+    if fail_level is not None:
+        loud = g("Add", loud, fail_above(g, "rows", fail_level))
+    whole = g("Add", g("Add", motion, past), g("Add", loud, wave))
+    g("Slice", whole, g.ints(0), g.ints(frames), g.ints(1), out="motion")
+    g.save(path, {"cond": [1, 265], "rows": [1, 80, 1103]}, {"motion": [1, frames, 265]})
+
+
+def stitch(path, fail_level=None):
+    """0.9 xd + xs S."""
+    g = Graph()
+    mix = np.random.default_rng(13).normal(size=(63, 63)) / 80
+    moved = g("Add", g("Mul", "xd", 0.9), g("MatMul", "xs", mix))
+    if fail_level is not None:
+        moved = g("Add", moved, fail_above(g, "xd", fail_level))
+    g("Reshape", moved, g.ints(1, 21, 3), out="kp")
+    g.save(path, {"xs": [1, 63], "xd": [1, 63]}, {"kp": [1, 21, 3]})
+
+
+def motion_models(path):
+    hubert_student(path("hubert_student"))
+    hubert_student(path("hubert_student_fails"), fail_level=12)
+    lmdm(path("lmdm"))
+    lmdm(path("lmdm_fails"), fail_level=3)
+    lmdm(path("lmdm_short"), frames=79)
+    stitch(path("stitch"))
+    stitch(path("stitch_fails"), fail_level=2)
+
+
 def main(directory):
     os.makedirs(directory, exist_ok=True)
 
@@ -228,6 +288,7 @@ def main(directory):
     fca_stream(path("fca_stream_short_m"), m_values=62)
     fca_stream(path("fca_stream_short_hn"), hidden=383)
     a2x_models(path)
+    motion_models(path)
 
 
 if __name__ == "__main__":

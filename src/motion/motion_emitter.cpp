@@ -1,0 +1,44 @@
+#include "motion/motion_emitter.h"
+
+#include <algorithm>
+
+#include "motion/motion_math.h"
+
+namespace zorv::motion {
+namespace {
+
+const std::vector<std::int64_t> kStitchedShape = {1, kKeypoints, 3};
+
+}  // namespace
+
+void Emitter::emitFrame(const float* motion, int i, Dump::Mode mode, float* outXs, float* outXd) {
+    const float* predicted = motion + kPoseFloats;
+    if (!referenceSet_) {
+        std::copy_n(predicted, kSetFloats, reference_.begin());
+        referenceSet_ = true;
+    }
+    const auto frame = static_cast<std::size_t>(i);
+    const KeypointInfo& source = tables_.source[frame];
+    std::array<float, kSetFloats> expression;
+    mixExpression(predicted, reference_.data(), tables_.expressionGain, source.exp,
+                  expression.data());
+
+    const float pitch = bin66(source.pitch);
+    const float yaw = bin66(source.yaw);
+    const float roll = bin66(source.roll);
+    placeKeypoints(source, poseToR(pitch, yaw, roll), source.exp, xs_.data());
+    placeKeypoints(source, poseToR(pitch + tables_.deltaPitch, yaw, roll), expression.data(),
+                   xd_.data());
+    stitch_.run({{xs_.data(), kSetFloats}, {xd_.data(), kSetFloats}},
+                {stitched_.data(), kSetFloats}, kStitchedShape);
+
+    const float* target = tables_.target.data() + frame * kSetFloats;
+    for (std::size_t j = 0; j < kSetFloats; ++j) {
+        outXs[j] = target[j];
+        outXd[j] = (stitched_[j] - xs_[j]) * tables_.bridgeGain + target[j];
+    }
+    dump_.write("/xsla.bin", xs_.data(), kSetFloats, mode);
+    dump_.write("/xdla.bin", stitched_.data(), kSetFloats, mode);
+}
+
+}  // namespace zorv::motion
