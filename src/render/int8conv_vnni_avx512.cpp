@@ -1,0 +1,69 @@
+#ifndef __AVX512VNNI__
+#error "this file needs -mavx512vnni and the other AVX-512 flags"
+#endif
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "render/int8conv_vnni_lanes.h"
+
+namespace zorv {
+namespace {
+
+struct Vnni512 {
+    static constexpr int kLanes = 16;
+    static constexpr int kBlock = 8;
+    static constexpr int kSegments = 2;
+    static constexpr int kQuadBytes = 4;
+    using F = __m512;
+    using Sum = __m512i;
+    using Pixels = __m512i;
+
+    static Sum zero() { return _mm512_setzero_si512(); }
+    static F zeroFloat() { return _mm512_setzero_ps(); }
+    static F load(const float* p) { return _mm512_loadu_ps(p); }
+    static void storeAll(float* p, F v) { _mm512_storeu_ps(p, v); }
+    static F min(F a, F b) { return _mm512_min_ps(a, b); }
+    static F max(F a, F b) { return _mm512_max_ps(a, b); }
+
+    static Pixels pixels(const std::uint8_t* p) { return _mm512_loadu_si512(p); }
+    static __m512i weights(const std::int8_t* p) {
+        std::int32_t quad = 0;
+        std::memcpy(&quad, p, sizeof quad);
+        return _mm512_set1_epi32(quad);
+    }
+    static void dot(Sum& sum, Pixels pixel, __m512i weight) {
+        sum = _mm512_dpbusd_epi32(sum, pixel, weight);
+    }
+
+    static F toFloat(Sum sum, std::int32_t correction, float factor, float bias) {
+        const F value = _mm512_cvtepi32_ps(_mm512_sub_epi32(sum, _mm512_set1_epi32(correction)));
+        return _mm512_add_ps(_mm512_mul_ps(value, _mm512_set1_ps(factor)), _mm512_set1_ps(bias));
+    }
+    static void store(float* p, F v, int lanes) {
+        _mm512_mask_storeu_ps(p, static_cast<__mmask16>((1u << lanes) - 1), v);
+    }
+
+    static __m512i rounded(const float* p, Quantisation q) {
+        const F quotient = _mm512_div_ps(_mm512_loadu_ps(p), _mm512_set1_ps(q.scale));
+        return _mm512_add_epi32(_mm512_cvtps_epi32(quotient), _mm512_set1_epi32(q.zeroPoint));
+    }
+    /// Saturating packs clamp; the shuffle makes quads of them.
+    static __m512i quantise(const float* a, const float* b, const float* c, const float* d,
+                            Quantisation q) {
+        const __m512i ab = _mm512_packs_epi32(rounded(a, q), rounded(b, q));
+        const __m512i cd = _mm512_packs_epi32(rounded(c, q), rounded(d, q));
+        const __m512i quads = _mm512_broadcast_i32x4(
+            _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
+        return _mm512_shuffle_epi8(_mm512_packus_epi16(ab, cd), quads);
+    }
+    static void storeQuads(std::uint32_t* p, __m512i v) { _mm512_storeu_si512(p, v); }
+};
+
+}  // namespace
+
+const Int8ConvKernels kInt8ConvAvx512 = {
+    Int8ConvPath::kAvx512,     "avx512", Vnni512::kBlock, false, true, minMaxLanes<Vnni512>,
+    quantiseRowLanes<Vnni512>, convolveRowsLanes<Vnni512>};
+
+}  // namespace zorv

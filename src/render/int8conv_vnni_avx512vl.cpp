@@ -1,0 +1,14 @@
+#if !defined(__AVX512VNNI__) || !defined(__AVX512VL__) || defined(__AVXVNNI__)
+#error "this file needs -mavx512vnni -mavx512vl without -mavxvnni"
+#endif
+#include "render/int8conv_vnni_vnni256.h"
+
+namespace zorv {
+
+const Int8ConvKernels kInt8ConvAvx512Vl = {
+    Int8ConvPath::kAvx512Vl, "avx512vl",
+    Vnni256::kBlock,         false,
+    true,                    minMaxLanes<Lanes256>,
+    quantiseRowLanes<Lanes256>, convolveRowsLanes<Vnni256>};
+
+}  // namespace zorv

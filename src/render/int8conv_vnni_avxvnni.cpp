@@ -1,0 +1,14 @@
+#ifndef __AVXVNNI__
+#error "this file needs -mavxvnni"
+#endif
+#include "render/int8conv_vnni_vnni256.h"
+
+namespace zorv {
+
+const Int8ConvKernels kInt8ConvAvxVnni = {
+    Int8ConvPath::kAvxVnni, "avxvnni",
+    Vnni256::kBlock,        false,
+    true,                   minMaxLanes<Lanes256>,
+    quantiseRowLanes<Lanes256>, convolveRowsLanes<Vnni256>};
+
+}  // namespace zorv

@@ -1,0 +1,66 @@
+// One int8 convolution node on plain arrays: dynamic quantisation of the whole input, exact integer
+// sums, and back to float.
+//
+// Padding counts as byte 0, the smallest value of the input's range, and not as 0.0: its taps are
+// skipped while the whole kernel's weight sum is taken off. Whoever exports a model takes care that
+// the two agree (inputs that are never negative, as after a ReLU) or lives with it.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "render/int8conv_vnni_geometry.h"
+#include "render/int8conv_vnni_kernels.h"
+
+namespace zorv {
+
+/// What `convThreads` makes of `ZORV_INT8_THREADS` (null = unset) with `hardware` threads (0 =
+/// unknown).
+int chooseConvThreads(const char* setting, unsigned hardware);
+
+/// Workers of one convolution: `ZORV_INT8_THREADS`, at least 1 and at most the hardware's threads,
+/// which are also the default. Read once per process.
+int convThreads();
+
+/// The parameters for values in [min, max], which includes 0.
+Quantisation chooseQuantisation(float min, float max);
+
+/// Any thread may run it, several at once: after the first run nothing in it changes.
+class Int8Conv {
+  public:
+    explicit Int8Conv(const ConvAttributes& attributes,
+                      const Int8ConvKernels& kernels = *int8ConvKernels().front(),
+                      int workers = convThreads())
+        : attributes_(attributes), kernels_(kernels), workers_(workers) {}
+
+    const ConvAttributes& attributes() const { return attributes_; }
+    bool useVnni() const { return kernels_.useVnni; }
+
+    struct Operands {
+        const float* x;
+        const std::int8_t* weights;
+        const float* weightScale;  ///< [m]
+        const float* bias;         ///< [m]
+        float* y;
+    };
+
+    /// The first run packs the weights for all later ones; theirs must be the same. Throws
+    /// std::runtime_error when the weights' shape is another one, std::bad_alloc.
+    void run(const ConvGeometry& geometry, const Operands& operands);
+
+  private:
+    void findRange(const ConvGeometry& geometry, const float* x, float* min, float* max) const;
+    void quantise(const ConvGeometry& geometry, const float* x, Quantisation q,
+                  std::uint8_t* out) const;
+    void prepare(const ConvGeometry& geometry, const std::int8_t* weights);
+
+    const ConvAttributes attributes_;
+    const Int8ConvKernels& kernels_;
+    const int workers_;
+
+    std::once_flag once_;  // guards what follows
+    PackedWeights packed_;
+    std::int64_t packedShape_[4] = {};  ///< [m, c / group, kh, kw]
+};
+
+}  // namespace zorv

@@ -1,0 +1,74 @@
+// Sizes of one int8 convolution and the layouts of its quantised input and packed weights.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace zorv {
+
+/// The node's attributes with their defaults.
+struct ConvAttributes {
+    std::int64_t strides[2] = {1, 1};     ///< along H, W
+    std::int64_t pads[4] = {0, 0, 0, 0};  ///< top, left, bottom, right
+    std::int64_t dilations[2] = {1, 1};
+    std::int64_t group = 1;
+};
+
+/// X is [n, c, h, w], W is [m, c / group, kh, kw], Y is [n, m, oh, ow].
+///
+/// The quantised input holds four channels of a pixel in four neighbouring bytes, so that pixels
+/// that stand side by side in a row of the output are side by side in memory, whatever the stride:
+///
+///     [n][row][group][quad of channels][column phase][column][4]
+///
+/// Rows and columns include the padding, as bytes of 0. A column phase gathers the columns
+/// residue, residue + strideW, residue + 2 strideW, ... that one tap meets.
+struct ConvGeometry {
+    /// Throws std::runtime_error when the shapes and attributes do not fit together, and
+    /// std::bad_alloc when a size leaves 64 bits.
+    ConvGeometry(const ConvAttributes& attributes, const std::vector<std::int64_t>& x,
+                 const std::vector<std::int64_t>& weights);
+
+    ConvAttributes attributes;
+    std::int64_t n, c, h, w, m, kh, kw, oh, ow;
+    std::int64_t groupIn, groupOut;  ///< channels of one group
+    std::int64_t quads;              ///< of one group; the last one is filled up with zero weights
+
+    std::int64_t rows = 0;                    ///< padded rows that some tap reads
+    std::vector<std::int64_t> phaseResidues;  ///< first padded column of each column phase
+    std::int64_t phaseColumns = 0;
+    std::int64_t quadBytes = 0, groupBytes = 0, rowBytes = 0, imageBytes = 0;
+    std::vector<std::int64_t> tapOffsets;  ///< bytes from a pixel's first tap, [kh][kw]
+
+    std::size_t inputCount() const { return static_cast<std::size_t>(n * c * h * w); }
+    /// Of the quantised input, with room for a vector that begins at its last pixel.
+    std::size_t quantisedBytes() const { return static_cast<std::size_t>(n * imageBytes) + kSlack; }
+    /// Multiplications of the whole convolution.
+    double macs() const;
+    bool empty() const { return n == 0 || m == 0; }
+
+    static constexpr std::size_t kSlack = 64;
+};
+
+/// Weights in the order in which a tile of `block` output channels reads them:
+///
+///     [group][block of channels][quad][tap][channel of the block][4]
+///
+/// as signed bytes, or widened to 16 bits with the order 0, 2, 1, 3 inside a quad. Channels beyond
+/// the group's and input channels beyond groupIn are 0.
+struct PackedWeights {
+    PackedWeights() = default;
+    PackedWeights(const ConvGeometry& geometry, const std::int8_t* weights, int block, bool widened);
+
+    const std::int8_t* of(std::int64_t group, std::int64_t channelBlock) const {
+        return bytes.data() + (group * blocks + channelBlock) * blockBytes;
+    }
+
+    std::int64_t blocks = 0;  ///< per group
+    std::int64_t blockBytes = 0;
+    std::vector<std::int8_t> bytes;
+    std::vector<std::int32_t> wsum;  ///< per output channel, over its whole kernel
+};
+
+}  // namespace zorv

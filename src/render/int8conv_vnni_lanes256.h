@@ -1,0 +1,58 @@
+// 256-bit lanes of the int8 convolution without the dot product, which the including file adds.
+#pragma once
+
+#ifndef __AVX2__
+#error "this file needs -mavx2"
+#endif
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "render/int8conv_vnni_lanes.h"
+
+namespace zorv {
+namespace {
+
+struct Lanes256 {
+    static constexpr int kLanes = 8;
+    using F = __m256;
+    using Sum = __m256i;
+
+    static Sum zero() { return _mm256_setzero_si256(); }
+    static F zeroFloat() { return _mm256_setzero_ps(); }
+    static F load(const float* p) { return _mm256_loadu_ps(p); }
+    static void storeAll(float* p, F v) { _mm256_storeu_ps(p, v); }
+    static F min(F a, F b) { return _mm256_min_ps(a, b); }
+    static F max(F a, F b) { return _mm256_max_ps(a, b); }
+
+    static F toFloat(Sum sum, std::int32_t correction, float factor, float bias) {
+        const F value = _mm256_cvtepi32_ps(_mm256_sub_epi32(sum, _mm256_set1_epi32(correction)));
+        return _mm256_add_ps(_mm256_mul_ps(value, _mm256_set1_ps(factor)), _mm256_set1_ps(bias));
+    }
+    static void store(float* p, F v, int lanes) {
+        if (lanes == kLanes) return _mm256_storeu_ps(p, v);
+        float all[kLanes];
+        _mm256_storeu_ps(all, v);
+        std::memcpy(p, all, static_cast<std::size_t>(lanes) * sizeof(float));
+    }
+
+    static __m256i rounded(const float* p, Quantisation q) {
+        const F quotient = _mm256_div_ps(_mm256_loadu_ps(p), _mm256_set1_ps(q.scale));
+        return _mm256_add_epi32(_mm256_cvtps_epi32(quotient), _mm256_set1_epi32(q.zeroPoint));
+    }
+    /// Saturating packs clamp; the shuffle makes quads of them.
+    static __m256i quantise(const float* a, const float* b, const float* c, const float* d,
+                            Quantisation q) {
+        const __m256i ab = _mm256_packs_epi32(rounded(a, q), rounded(b, q));
+        const __m256i cd = _mm256_packs_epi32(rounded(c, q), rounded(d, q));
+        const __m256i quads = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,
+                                               0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+        return _mm256_shuffle_epi8(_mm256_packus_epi16(ab, cd), quads);
+    }
+    static void storeQuads(std::uint32_t* p, __m256i v) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
+    }
+};
+
+}  // namespace
+}  // namespace zorv
