@@ -28,6 +28,18 @@ SimdLevel detectedSimdLevel() {
     return avx512 ? SimdLevel::kAvx512 : SimdLevel::kAvx2;
 }
 
+bool hasAvxVnni() {
+    if (detectedSimdLevel() < SimdLevel::kAvx2) return false;
+    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+    return __get_cpuid_count(7, 1, &eax, &ebx, &ecx, &edx) && (eax & (1u << 4));
+}
+
+bool hasAvx512Vnni() {
+    if (detectedSimdLevel() < SimdLevel::kAvx512) return false;
+    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+    return __get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) && (ecx & (1u << 11));
+}
+
 SimdLevel chooseSimdLevel(const char* setting, SimdLevel detected) {
     if (!setting) return detected;
     if (std::strcmp(setting, "portable") == 0) return SimdLevel::kPortable;

@@ -13,6 +13,11 @@ enum class SimdLevel {
 /// The highest level that both the processor and the operating system support.
 SimdLevel detectedSimdLevel();
 
+/// VPDPBUSD, the dot product of bytes, which is not part of any level: in its 256-bit VEX form, and
+/// in the AVX-512 form of all widths.
+bool hasAvxVnni();
+bool hasAvx512Vnni();
+
 /// The level that kernels use: the detected one, lowered by the environment variable `ZORV_SIMD`
 /// ("portable", "avx2" or "avx512"; it never raises it). Read once per process.
 SimdLevel simdLevel();

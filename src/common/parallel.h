@@ -10,12 +10,12 @@
 namespace zorv {
 
 /// Calls fn(begin, end) over disjoint half-open ranges that together cover [0, n), and returns
-/// when all are done. Below two workers, or with fewer than 64 items each, that is fn(0, n) on
-/// the calling thread; otherwise one new thread per chunk of ceil(n / workers), no pool. A
-/// thread that cannot be started leaves its chunk to the caller. fn must not throw.
+/// when all are done. Below two workers, or with fewer than `leastEach` items each, that is
+/// fn(0, n) on the calling thread; otherwise one new thread per chunk of ceil(n / workers), no
+/// pool. A thread that cannot be started leaves its chunk to the caller. fn must not throw.
 template <class Fn>
-void parallelRange(std::ptrdiff_t n, int workers, const Fn& fn) {
-    if (workers < 2 || n < static_cast<std::ptrdiff_t>(workers) * 64) {
+void parallelRange(std::ptrdiff_t n, int workers, const Fn& fn, std::ptrdiff_t leastEach = 64) {
+    if (workers < 2 || n < workers * leastEach) {
         fn(std::ptrdiff_t{0}, n);
         return;
     }

@@ -5,10 +5,13 @@
 
 namespace zorv {
 
-const Int8ConvKernels kInt8ConvAvx512Vl = {
-    Int8ConvPath::kAvx512Vl, "avx512vl",
-    Vnni256::kBlock,         false,
-    true,                    minMaxLanes<Lanes256>,
-    quantiseRowLanes<Lanes256>, convolveRowsLanes<Vnni256>};
+const Int8ConvKernels kInt8ConvAvx512Vl = {Int8ConvPath::kAvx512Vl,
+                                           "avx512vl",
+                                           Vnni256::kBlock,
+                                           false,
+                                           true,
+                                           minMaxLanes<Lanes256>,
+                                           quantiseRowLanes<Lanes256>,
+                                           convolveRowsLanes<Vnni256>};
 
 }  // namespace zorv

@@ -5,10 +5,13 @@
 
 namespace zorv {
 
-const Int8ConvKernels kInt8ConvAvxVnni = {
-    Int8ConvPath::kAvxVnni, "avxvnni",
-    Vnni256::kBlock,        false,
-    true,                   minMaxLanes<Lanes256>,
-    quantiseRowLanes<Lanes256>, convolveRowsLanes<Vnni256>};
+const Int8ConvKernels kInt8ConvAvxVnni = {Int8ConvPath::kAvxVnni,
+                                          "avxvnni",
+                                          Vnni256::kBlock,
+                                          false,
+                                          true,
+                                          minMaxLanes<Lanes256>,
+                                          quantiseRowLanes<Lanes256>,
+                                          convolveRowsLanes<Vnni256>};
 
 }  // namespace zorv

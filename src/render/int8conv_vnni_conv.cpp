@@ -1,6 +1,7 @@
 #include "render/int8conv_vnni_conv.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -12,10 +13,6 @@
 
 namespace zorv {
 namespace {
-
-// Work that is worth a thread of its own, whose start costs up to 300 microseconds.
-constexpr double kMacsPerThread = 64e6;
-constexpr double kFloatsPerThread = 2e6;
 
 /// How many of `workers` a phase employs whose work would fill `shares` threads.
 int employed(int workers, double shares) {
@@ -62,22 +59,23 @@ void Int8Conv::findRange(const ConvGeometry& g, const float* x, float* min, floa
     std::mutex mutex;
     *min = *max = 0;
     const auto total = static_cast<std::ptrdiff_t>(g.inputCount());
-    parallelRange(total, employed(workers_, static_cast<double>(total) / kFloatsPerThread),
-                  [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-                      float low = 0, high = 0;
-                      kernels_.minMax(x + begin, static_cast<std::size_t>(end - begin), &low,
-                                      &high);
-                      const std::lock_guard lock(mutex);
-                      *min = std::min(*min, low);
-                      *max = std::max(*max, high);
-                  });
+    parallelRange(
+        total, employed(split_.workers, static_cast<double>(total) / split_.floatsPerThread),
+        [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
+            float low = 0, high = 0;
+            kernels_.minMax(x + begin, static_cast<std::size_t>(end - begin), &low, &high);
+            const std::lock_guard lock(mutex);
+            *min = std::min(*min, low);
+            *max = std::max(*max, high);
+        },
+        1);
 }
 
 void Int8Conv::quantise(const ConvGeometry& g, const float* x, Quantisation q,
                         std::uint8_t* out) const {
     const PhaseTimer timer(&Int8Profile::transpose);
     const int workers =
-        employed(workers_, static_cast<double>(g.inputCount()) / kFloatsPerThread);
+        employed(split_.workers, static_cast<double>(g.inputCount()) / split_.floatsPerThread);
     const std::int64_t plane = g.h * g.w;
     const auto quantiseRows = [&](std::ptrdiff_t begin, std::ptrdiff_t end, std::uint32_t* quads) {
         for (std::ptrdiff_t at = begin; at < end; ++at) {
@@ -139,10 +137,10 @@ void Int8Conv::run(const ConvGeometry& g, const Operands& operands) {
                                                        static_cast<std::uint32_t>(q.zeroPoint)));
         factor.push_back(q.scale * operands.weightScale[m]);
     }
-    const ConvRun run = {g,             packed_,       quantised.get(), correction.data(),
-                         factor.data(), operands.bias, operands.y};
+    const ConvRun run = {
+        g, packed_, quantised.get(), correction.data(), factor.data(), operands.bias, operands.y};
     parallelRange(
-        g.n * g.oh, employed(workers_, g.macs() / kMacsPerThread),
+        g.n * g.oh, employed(split_.workers, g.macs() / split_.macsPerThread),
         [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
             const PhaseTimer timer(&Int8Profile::gemm);
             kernels_.convolveRows(run, begin, end);

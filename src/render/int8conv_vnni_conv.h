@@ -25,13 +25,21 @@ int convThreads();
 /// The parameters for values in [min, max], which includes 0.
 Quantisation chooseQuantisation(float min, float max);
 
+/// How many threads share the work of one run, and what is worth one: starting a thread costs up to
+/// 300 microseconds.
+struct ConvSplit {
+    int workers = convThreads();
+    double macsPerThread = 64e6;
+    double floatsPerThread = 2e6;
+};
+
 /// Any thread may run it, several at once: after the first run nothing in it changes.
 class Int8Conv {
   public:
     explicit Int8Conv(const ConvAttributes& attributes,
                       const Int8ConvKernels& kernels = *int8ConvKernels().front(),
-                      int workers = convThreads())
-        : attributes_(attributes), kernels_(kernels), workers_(workers) {}
+                      const ConvSplit& split = {})
+        : attributes_(attributes), kernels_(kernels), split_(split) {}
 
     const ConvAttributes& attributes() const { return attributes_; }
     bool useVnni() const { return kernels_.useVnni; }
@@ -56,7 +64,7 @@ class Int8Conv {
 
     const ConvAttributes attributes_;
     const Int8ConvKernels& kernels_;
-    const int workers_;
+    const ConvSplit split_;
 
     std::once_flag once_;  // guards what follows
     PackedWeights packed_;

@@ -104,8 +104,7 @@ PackedWeights::PackedWeights(const ConvGeometry& g, const std::int8_t* weights, 
             for (std::int64_t tap = 0; tap < taps; ++tap) {
                 const std::int8_t value = weights[channel * kernel + in * taps + tap];
                 total += static_cast<std::uint32_t>(value);
-                std::int8_t* at =
-                    out + ((in / 4 * taps + tap) * block * 4 + place) * weightBytes;
+                std::int8_t* at = out + ((in / 4 * taps + tap) * block * 4 + place) * weightBytes;
                 at[0] = value;
                 if (widened) at[1] = static_cast<std::int8_t>(value < 0 ? -1 : 0);
             }

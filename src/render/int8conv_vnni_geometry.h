@@ -59,7 +59,8 @@ struct ConvGeometry {
 /// the group's and input channels beyond groupIn are 0.
 struct PackedWeights {
     PackedWeights() = default;
-    PackedWeights(const ConvGeometry& geometry, const std::int8_t* weights, int block, bool widened);
+    PackedWeights(const ConvGeometry& geometry, const std::int8_t* weights, int block,
+                  bool widened);
 
     const std::int8_t* of(std::int64_t group, std::int64_t channelBlock) const {
         return bytes.data() + (group * blocks + channelBlock) * blockBytes;

@@ -63,8 +63,8 @@ void convolveRowsPortable(const ConvRun& run, std::ptrdiff_t begin, std::ptrdiff
             run.quantised + image * g.imageBytes + row * g.attributes.strides[0] * g.rowBytes;
         for (std::int64_t first = 0; first < g.m;) {
             const std::int64_t group = first / g.groupOut, inGroup = first % g.groupOut;
-            const std::int64_t channels = std::min<std::int64_t>(kPortableBlock,
-                                                                 g.groupOut - inGroup);
+            const std::int64_t channels =
+                std::min<std::int64_t>(kPortableBlock, g.groupOut - inGroup);
             const std::int8_t* weights = run.weights.of(group, inGroup / kPortableBlock);
             float* y = run.y + ((image * g.m + first) * g.oh + row) * g.ow;
             for (std::int64_t x = 0; x < g.ow; ++x) {
@@ -84,10 +84,9 @@ void convolveRowsPortable(const ConvRun& run, std::ptrdiff_t begin, std::ptrdiff
 
 }  // namespace
 
-const Int8ConvKernels kInt8ConvPortable = {Int8ConvPath::kPortable, "portable",
-                                           kPortableBlock,          false,
-                                           false,                   minMaxPortable,
-                                           quantiseRowPortable,     convolveRowsPortable};
+const Int8ConvKernels kInt8ConvPortable = {
+    Int8ConvPath::kPortable, "portable",          kPortableBlock,      false, false,
+    minMaxPortable,          quantiseRowPortable, convolveRowsPortable};
 
 std::vector<const Int8ConvKernels*> int8ConvKernels(SimdLevel level) {
     std::vector<const Int8ConvKernels*> usable;

@@ -45,8 +45,9 @@ struct Lanes256 {
                             Quantisation q) {
         const __m256i ab = _mm256_packs_epi32(rounded(a, q), rounded(b, q));
         const __m256i cd = _mm256_packs_epi32(rounded(c, q), rounded(d, q));
-        const __m256i quads = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,
-                                               0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+        const __m256i quads =
+            _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0, 4, 8, 12, 1,
+                             5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
         return _mm256_shuffle_epi8(_mm256_packus_epi16(ab, cd), quads);
     }
     static void storeQuads(std::uint32_t* p, __m256i v) {

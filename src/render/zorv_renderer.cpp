@@ -17,6 +17,7 @@
 #include "render/execution_provider.h"
 #include "render/gridsample_fast.h"
 #include "render/gridsample_rewrite.h"
+#include "render/int8conv_vnni.h"
 
 namespace zorv {
 namespace {
@@ -158,6 +159,7 @@ void Renderer::Impl::load(const Manifest& manifest, const std::string& modelKey,
     Ort::SessionOptions options = rendererOptions(threads, provider);
     const bool fastSampling = !switchedOff("ZORV_GS_FAST");
     if (fastSampling) registerGridSampleFast(options);
+    if (!switchedOff("ZORV_INT8")) registerInt8ConvVNNI(options);
     model = BoundSession(fastSampling ? createRewrittenSession(env, path, modelKey, options)
                                       : createOperatorSession(env, path, options));
 }

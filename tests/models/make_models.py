@@ -44,7 +44,8 @@ class Graph:
             return [helper.make_tensor_value_info(n, (types or {}).get(n, TensorProto.FLOAT), s)
                     for n, s in entries.items()]
         graph = helper.make_graph(self.nodes, "test", infos(inputs), infos(outputs), self.constants)
-        model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", self.opset)],
+        model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", self.opset),
+                                                        helper.make_opsetid("com.velmarin.int8", 1)],
                                   ir_version=7, producer_name="zorv tests")
         checker.check_model(model)
         save(model, path)
@@ -265,6 +266,26 @@ def motion_models(path):
     stitch(path("stitch_fails"), fail_level=2)
 
 
+def int8conv(path, inputs=8, scales=6, kernel=(3, 2), **attributes):
+    """x [1, 8, 10, 20] -> y through one Int8ConvVNNI node of 6 output channels."""
+    g = Graph()
+    shape = (6, inputs, *kernel)
+    weights = (np.arange(np.prod(shape)) * 37 % 256 - 128).reshape(shape)
+    index = np.arange(scales)
+    g("Int8ConvVNNI", "x", g.const(weights, np.int8), (index + 1) / 1024, index / 8 - 1, out="y",
+      domain="com.velmarin.int8", **attributes)
+    g.save(path, {"x": [1, 8, 10, 20]}, {"y": [1, 6, None, None]})
+
+
+def int8conv_models(path):
+    int8conv(path("int8conv"), inputs=4, group=2, strides=[2, 1], pads=[1, 0, 2, 3], dilations=[1, 2])
+    int8conv(path("int8conv_defaults"))
+    int8conv(path("int8conv_short"), strides=[2], pads=[1, 1, 1], dilations=[2])
+    int8conv(path("int8conv_bad_scale"), scales=5)
+    int8conv(path("int8conv_bad_group"), inputs=2)
+    int8conv(path("int8conv_too_large"), kernel=(3, 21))
+
+
 def main(directory):
     os.makedirs(directory, exist_ok=True)
 
@@ -289,6 +310,7 @@ def main(directory):
     fca_stream(path("fca_stream_short_hn"), hidden=383)
     a2x_models(path)
     motion_models(path)
+    int8conv_models(path)
 
 
 if __name__ == "__main__":

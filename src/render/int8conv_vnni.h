@@ -1,0 +1,19 @@
+// The operator Int8ConvVNNI: a 2-D convolution with int8 weights over float tensors.
+#pragma once
+
+#include <onnxruntime_cxx_api.h>
+
+#include "render/int8conv_vnni_conv.h"
+
+namespace zorv {
+
+/// Makes com.velmarin.int8::Int8ConvVNNI known to sessions made with `options`. Any thread.
+///
+/// Inputs X float [N, C, H, W], W int8 [M, C / group, KH, KW], weight scale float [M], bias float
+/// [M]; output Y float [N, M, OH, OW]. Attributes strides, pads (top, left, bottom, right),
+/// dilations and group as in Conv. Weights are packed on the node's first run and then stay.
+///
+/// Padding counts as the smallest value of the input's range, not as 0: see Int8Conv.
+void registerInt8ConvVNNI(Ort::SessionOptions& options);
+
+}  // namespace zorv

@@ -1,0 +1,415 @@
+// The int8 convolution: every instruction set against a plain reference, and the operator in
+// sessions.
+#include <gtest/gtest.h>
+#include <onnxruntime_cxx_api.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <ostream>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "common/ort.h"
+#include "render/custom_operators.h"
+#include "render/int8conv_vnni.h"
+#include "support/failure.h"
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+using test::failure;
+
+struct Case {
+    std::int64_t n, c, h, w, m, kh, kw;
+    ConvAttributes attributes;
+    float low = -1, high = 2;
+
+    friend std::ostream& operator<<(std::ostream& out, const Case& t) {
+        const ConvAttributes& a = t.attributes;
+        return out << "x [" << t.n << ',' << t.c << ',' << t.h << ',' << t.w << "] kernel [" << t.m
+                   << ',' << t.kh << ',' << t.kw << "] strides " << a.strides[0] << ','
+                   << a.strides[1] << " pads " << a.pads[0] << ',' << a.pads[1] << ',' << a.pads[2]
+                   << ',' << a.pads[3] << " dilations " << a.dilations[0] << ',' << a.dilations[1]
+                   << " group " << a.group << " range " << t.low << ".." << t.high;
+    }
+};
+
+/// Random operands of a case; the weights include both ends of their range.
+struct Operands {
+    explicit Operands(const Case& t) : random(static_cast<unsigned>(t.c * 131 + t.m)) {
+        x.resize(static_cast<std::size_t>(t.n * t.c * t.h * t.w));
+        for (float& v : x)
+            v = t.low + (t.high - t.low) * static_cast<float>(random() % 1001) / 1000;
+        const std::int64_t in = t.c / t.attributes.group;
+        weights.resize(static_cast<std::size_t>(t.m * in * t.kh * t.kw));
+        for (std::int8_t& v : weights) v = static_cast<std::int8_t>(random());
+        for (std::int64_t i = 0; i < t.m; ++i) {
+            scale.push_back(0.001f * static_cast<float>(1 + random() % 9));
+            bias.push_back(0.1f * static_cast<float>(random() % 9) - 0.4f);
+        }
+    }
+
+    std::mt19937 random;
+    std::vector<float> x, scale, bias;
+    std::vector<std::int8_t> weights;
+};
+
+ConvGeometry geometryOf(const Case& t) {
+    return ConvGeometry(t.attributes, {t.n, t.c, t.h, t.w},
+                        {t.m, t.c / t.attributes.group, t.kh, t.kw});
+}
+
+std::vector<float> run(Int8Conv& conv, const Case& t, const Operands& o) {
+    const ConvGeometry g = geometryOf(t);
+    std::vector<float> y(static_cast<std::size_t>(g.n * g.m * g.oh * g.ow), -1234.5f);
+    conv.run(g, {o.x.data(), o.weights.data(), o.scale.data(), o.bias.data(), y.data()});
+    return y;
+}
+
+std::vector<float> run(const Int8ConvKernels& kernels, const Case& t, const Operands& o,
+                       const ConvSplit& split = {1}) {
+    Int8Conv conv(t.attributes, kernels, split);
+    return run(conv, t, o);
+}
+
+/// One pixel of the output at a time, straight from the floats; taps in the padding are skipped.
+std::vector<float> reference(const Case& t, const Operands& o) {
+    const ConvAttributes& a = t.attributes;
+    const ConvGeometry g = geometryOf(t);
+    float low = 0, high = 0;
+    for (const float v : o.x) low = std::min(low, v), high = std::max(high, v);
+    const float scale = high > low ? (high - low) / 255 : 1.0f;
+    const int zp = static_cast<int>(std::nearbyint(-low / scale));
+    const std::int64_t in = t.c / a.group, out = t.m / a.group;
+    std::vector<float> y;
+    for (std::int64_t at = 0; at < g.n * g.m * g.oh * g.ow; ++at) {
+        const std::int64_t column = at % g.ow, row = at / g.ow % g.oh, m = at / g.ow / g.oh % g.m;
+        const std::int64_t n = at / g.ow / g.oh / g.m;
+        int sum = 0, wsum = 0;
+        for (std::int64_t k = 0; k < in * t.kh * t.kw; ++k) {
+            const std::int64_t kx = k % t.kw, ky = k / t.kw % t.kh, c = k / t.kw / t.kh;
+            const int weight = o.weights[static_cast<std::size_t>(m * in * t.kh * t.kw + k)];
+            wsum += weight;
+            const std::int64_t sy = row * a.strides[0] - a.pads[0] + ky * a.dilations[0];
+            const std::int64_t sx = column * a.strides[1] - a.pads[1] + kx * a.dilations[1];
+            if (sy < 0 || sx < 0 || sy >= t.h || sx >= t.w) continue;
+            const std::int64_t plane = n * t.c + m / out * in + c;
+            const float value = o.x[static_cast<std::size_t>((plane * t.h + sy) * t.w + sx)];
+            sum +=
+                weight * std::clamp(static_cast<int>(std::nearbyint(value / scale)) + zp, 0, 255);
+        }
+        const auto i = static_cast<std::size_t>(m);
+        y.push_back(static_cast<float>(sum - wsum * zp) * (scale * o.scale[i]) + o.bias[i]);
+    }
+    return y;
+}
+
+const std::vector<Case>& cases() {
+    const ConvAttributes same = {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1};
+    static const std::vector<Case> all = {
+        {1, 4, 1, 1, 1, 1, 1, {}},
+        {1, 3, 5, 7, 2, 1, 1, {}},
+        {1, 16, 9, 16, 16, 3, 3, same},
+        {2, 5, 6, 17, 9, 3, 3, same},          // channels that fill neither quad nor tile
+        {1, 8, 20, 49, 24, 3, 3, same},        // part-filled vectors at the row's end
+        {1, 8, 7, 33, 7, 3, 3, same, 0, 1},    // zero point 0
+        {1, 8, 7, 33, 7, 3, 3, same, -3, -1},  // zero point 255
+        {1, 6, 12, 40, 10, 3, 3, {{2, 2}, {1, 1, 1, 1}, {1, 1}, 1}},
+        {1, 6, 12, 40, 10, 3, 3, {{3, 2}, {0, 1, 2, 3}, {1, 1}, 1}},
+        {1, 4, 12, 60, 8, 3, 5, {{1, 3}, {2, 4, 0, 1}, {2, 2}, 1}},
+        {1, 4, 9, 30, 8, 2, 2, {{5, 7}, {0, 0, 0, 0}, {1, 1}, 1}},
+        {1, 12, 8, 20, 18, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 3}},
+        {2, 6, 8, 20, 6, 3, 3, {{1, 2}, {1, 1, 1, 1}, {1, 1}, 6}},  // a group per channel
+        {1, 3, 2, 3, 5, 5, 7, {{1, 1}, {4, 5, 4, 5}, {1, 1}, 1}},   // kernel beyond the picture
+        {1, 3, 1, 2, 5, 3, 3, {{2, 1}, {7, 1, 3, 2}, {3, 1}, 1}},   // rows of padding alone
+        {1, 64, 4, 24, 64, 3, 3, same},
+    };
+    return all;
+}
+
+TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
+    for (const Case& t : cases()) {
+        const Operands operands(t);
+        const std::vector<float> expected = reference(t, operands);
+        for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
+            EXPECT_EQ(run(*kernels, t, operands), expected) << kernels->name << ' ' << t;
+            const ConvSplit split = {3, 1, 1};
+            EXPECT_EQ(run(*kernels, t, operands, split), expected)
+                << kernels->name << " on three threads " << t;
+        }
+    }
+}
+
+TEST(Int8Conv, LargestSumsDoNotSaturate) {
+    Case t = {1, 64, 3, 40, 16, 3, 3, {}, 1, 1};  // every byte 255
+    Operands operands(t);
+    for (const int weight : {-128, 127}) {
+        std::fill(operands.weights.begin(), operands.weights.end(),
+                  static_cast<std::int8_t>(weight));
+        const std::vector<float> expected = reference(t, operands);
+        for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
+            EXPECT_EQ(run(*kernels, t, operands), expected) << kernels->name;
+        }
+    }
+}
+
+TEST(Int8Conv, QuantisesLikeTheDivision) {
+    std::mt19937 random(5);
+    const auto kernels = int8ConvKernels(detectedSimdLevel());
+    for (const float scale : {1.0f, 0.0078125f, 0.011764706f, 1.7e-39f, 3.1e-30f, 2.3e30f, 0.3f}) {
+        const Quantisation q = {scale, 37};
+        std::vector<float> values[4];
+        for (auto& row : values) {
+            for (int i = 0; i < 4099; ++i) {
+                // Around the ties, which a product with the reciprocal would miss by a hair.
+                float value = (static_cast<float>(random() % 512) / 2 - 40) * scale;
+                for (auto steps = random() % 3; steps > 0; --steps) {
+                    value = std::nextafter(value, random() % 2 ? 1e38f : -1e38f);
+                }
+                row.push_back(value);
+            }
+        }
+        values[0][7] = std::numeric_limits<float>::quiet_NaN();
+        values[1][9] = std::numeric_limits<float>::infinity();
+        values[2][11] = -std::numeric_limits<float>::infinity();
+        values[3][13] = std::numeric_limits<float>::max();
+        const float* rows[4] = {values[0].data(), values[1].data(), values[2].data(),
+                                values[3].data()};
+        std::vector<std::uint32_t> expected(4099), actual(4099);
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            for (int c = 0; c < 4; ++c) {
+                const float quotient = rows[c][i] / scale;
+                const float rounded = std::nearbyint(quotient);
+                const bool fits = rounded >= -0x1p31f && rounded < 0x1p31f;
+                // What does not fit an int becomes the smallest one, as the processor does it.
+                const double sum = fits ? double{rounded} + 37 : 0.0;
+                const auto byte = static_cast<std::uint32_t>(std::clamp(sum, 0.0, 255.0));
+                expected[i] |= byte << (8 * c);
+            }
+        }
+        for (const Int8ConvKernels* k : kernels) {
+            for (const std::int64_t width :
+                 {std::int64_t{3}, std::int64_t{21}, std::int64_t{4099}}) {
+                const auto part = static_cast<std::ptrdiff_t>(width);
+                std::fill(actual.begin(), actual.end(), 0u);
+                k->quantiseRow(rows, width, q, actual.data());
+                EXPECT_TRUE(std::equal(actual.begin(), actual.begin() + part, expected.begin()))
+                    << k->name << " scale " << scale << " width " << width;
+                EXPECT_EQ(std::count(actual.begin() + part, actual.end(), 0u), 4099 - part);
+            }
+        }
+    }
+}
+
+TEST(Int8Conv, RangeIncludesZeroAndPassesOverNaN) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
+        for (const std::size_t count : {0u, 1u, 15u, 64u, 200u, 1003u}) {
+            for (const float sign : {1.0f, -1.0f}) {
+                std::vector<float> data(count, sign);
+                if (count > 2) data[count - 1] = 7 * sign, data[count / 2] = nan;
+                const float peak = count > 2 ? 7.0f : static_cast<float>(count);
+                float min = 5, max = 5;
+                kernels->minMax(data.data(), count, &min, &max);
+                EXPECT_EQ(min, sign < 0 ? -peak : 0) << kernels->name << ' ' << count;
+                EXPECT_EQ(max, sign > 0 ? peak : 0) << kernels->name << ' ' << count;
+            }
+        }
+    }
+    EXPECT_EQ(chooseQuantisation(0, 0).scale, 1);
+    EXPECT_EQ(chooseQuantisation(0, 0).zeroPoint, 0);
+    EXPECT_EQ(chooseQuantisation(0, 51).zeroPoint, 0);
+    EXPECT_EQ(chooseQuantisation(-51, 0).zeroPoint, 255);
+    EXPECT_EQ(chooseQuantisation(-51, 0).scale, 0.2f);
+    EXPECT_EQ(chooseQuantisation(-0.5f, 254.5f).zeroPoint, 0);  // ties to even
+    EXPECT_EQ(chooseQuantisation(-1.5f, 253.5f).zeroPoint, 2);
+    EXPECT_EQ(chooseQuantisation(-3e38f, 3e38f).zeroPoint, 0);
+}
+
+TEST(Int8Conv, SilentInputGivesTheBias) {
+    const Case t = {1, 4, 5, 20, 6, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1}, 0, 0};
+    const Operands operands(t);
+    for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
+        const std::vector<float> y = run(*kernels, t, operands);
+        for (std::size_t i = 0; i < y.size(); ++i) ASSERT_EQ(y[i], operands.bias[i / 100]);
+    }
+}
+
+TEST(Int8Conv, TheTableFollowsProcessorAndSetting) {
+    const auto portable = int8ConvKernels(SimdLevel::kPortable);
+    ASSERT_EQ(portable.size(), 1u);
+    EXPECT_EQ(portable.front()->path, Int8ConvPath::kPortable);
+    EXPECT_FALSE(Int8Conv({}, *portable.front()).useVnni());
+
+    const auto best = int8ConvKernels(detectedSimdLevel());
+    EXPECT_EQ(Int8Conv({}, *best.front()).useVnni(), hasAvx512Vnni() || hasAvxVnni());
+    if (hasAvx512Vnni()) {
+        EXPECT_EQ(best.front()->path, Int8ConvPath::kAvx512);
+    }
+    const auto avx2 = int8ConvKernels(std::min(SimdLevel::kAvx2, detectedSimdLevel()));
+    for (const Int8ConvKernels* kernels : avx2) {
+        EXPECT_TRUE(kernels->path <= Int8ConvPath::kAvxVnni) << kernels->name;
+    }
+    RecordProperty("best", best.front()->name);
+    for (const Int8ConvKernels* kernels : best) std::printf("[ tested   ] %s\n", kernels->name);
+}
+
+TEST(Int8Conv, BadShapesAreRefused) {
+    const auto refusal = [](Case t, std::vector<std::int64_t> x = {},
+                            std::vector<std::int64_t> weights = {}) {
+        if (x.empty()) x = {t.n, t.c, t.h, t.w};
+        if (weights.empty()) weights = {t.m, t.c, t.kh, t.kw};
+        return failure([&] { ConvGeometry(t.attributes, x, weights); });
+    };
+    const Case good = {1, 4, 5, 6, 8, 3, 3, {}};
+    EXPECT_EQ(refusal(good), "no failure");
+    EXPECT_EQ(refusal(good, {4, 5, 6}), "Int8ConvVNNI: X and W must have rank 4");
+    EXPECT_EQ(refusal(good, {}, {8, 3, 3, 3}), "Int8ConvVNNI: channels do not fit W and group");
+    EXPECT_EQ(refusal({1, 4, 2, 6, 8, 3, 3, {}}),
+              "Int8ConvVNNI: kernel larger than the padded input");
+    EXPECT_EQ(refusal({1, 4, 5, 6, 8, 0, 3, {}}),
+              "Int8ConvVNNI: kernel larger than the padded input");
+    Case bad = good;
+    bad.attributes.strides[1] = 0;
+    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad strides");
+    bad = good, bad.attributes.pads[3] = -1;
+    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad pads");
+    bad = good, bad.attributes.dilations[0] = -1;
+    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad dilations");
+    bad = good, bad.attributes.group = 0;
+    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad group");
+    bad = good, bad.attributes.pads[0] = INT64_MAX;
+    EXPECT_EQ(refusal(bad), "std::bad_alloc");
+    bad = good, bad.attributes.pads[0] = bad.attributes.pads[1] = std::int64_t{1} << 40;
+    EXPECT_EQ(refusal(bad), "std::bad_alloc");
+
+    Int8Conv conv({}, *int8ConvKernels().front());
+    const Operands operands(good);
+    run(conv, good, operands);
+    const Case other = {1, 4, 5, 6, 8, 1, 3, {}};
+    EXPECT_EQ(failure([&] { run(conv, other, Operands(other)); }),
+              "Int8ConvVNNI: W changed its shape");
+}
+
+TEST(Int8Conv, WorkerCount) {
+    EXPECT_EQ(chooseConvThreads(nullptr, 8), 8);
+    EXPECT_EQ(chooseConvThreads(nullptr, 0), 1);
+    EXPECT_EQ(chooseConvThreads("3", 8), 3);
+    EXPECT_EQ(chooseConvThreads("30", 8), 8);
+    EXPECT_EQ(chooseConvThreads("3", 0), 3);
+    EXPECT_EQ(chooseConvThreads("0", 8), 1);
+    EXPECT_EQ(chooseConvThreads("-7", 8), 1);
+    EXPECT_EQ(chooseConvThreads("", 8), 1);
+    EXPECT_EQ(chooseConvThreads("99999999999999999999", 8), 8);
+}
+
+/// Runs in a fresh process, which reads the environment anew.
+TEST(Int8ConvDeathTest, EnvironmentOfTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ::setenv("ZORV_INT8_THREADS", "1", 1);
+    ::setenv("ZORV_INT8_PROF", "1", 1);
+    const auto useOnce = [] {
+        const int before = convThreads();
+        ::setenv("ZORV_INT8_THREADS", "2", 1);
+        const Case& t = cases()[2];
+        run(*int8ConvKernels().front(), t, Operands(t));
+        std::exit(before == 1 && convThreads() == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(useOnce(), testing::ExitedWithCode(0),
+                "\\[int8 prof\\] minmax [0-9]+  transpose [0-9]+  gemm [0-9]+  requant 0  \\(ms "
+                "total over all convs/runs\\)");
+    ::setenv("ZORV_INT8_PROF", "0", 1);
+    EXPECT_EXIT(useOnce(), testing::ExitedWithCode(0), "^$");
+    ::unsetenv("ZORV_INT8_THREADS");
+    ::unsetenv("ZORV_INT8_PROF");
+}
+
+/// x [1, 8, 10, 20] -> y, through the nodes that make_models.py wrote.
+class Int8ConvSession {
+  public:
+    explicit Int8ConvSession(const std::string& model) : session_(open(model)) {}
+
+    std::vector<float> run(const Operands& operands) {
+        std::vector<float> x = operands.x;
+        std::vector<Ort::Value> inputs;
+        inputs.push_back(tensorOver(x.data(), x.size(), {1, 8, 10, 20}));
+        const char* const inputNames[] = {"x"};
+        const char* const outputNames[] = {"y"};
+        auto outputs =
+            session_.Run(Ort::RunOptions{nullptr}, inputNames, inputs.data(), 1, outputNames, 1);
+        const float* y = outputs[0].GetTensorData<float>();
+        return {y, y + outputs[0].GetTensorTypeAndShapeInfo().GetElementCount()};
+    }
+
+  private:
+    Ort::Session open(const std::string& model) {
+        Ort::SessionOptions options = makeSessionOptions(1);
+        registerInt8ConvVNNI(options);
+        return createOperatorSession(env_, test::modelFile(model), options);
+    }
+
+    Ort::Env env_ = makeOrtEnv("test");
+    Ort::Session session_;
+};
+
+/// What make_models.py gives the nodes.
+Operands modelOperands(const Case& t) {
+    Operands o(t);
+    for (std::size_t i = 0; i < o.weights.size(); ++i) {
+        o.weights[i] = static_cast<std::int8_t>(static_cast<int>(i * 37 % 256) - 128);
+    }
+    for (std::size_t i = 0; i < o.scale.size(); ++i) {
+        o.scale[i] = static_cast<float>(i + 1) / 1024;
+        o.bias[i] = static_cast<float>(i) / 8 - 1;
+    }
+    return o;
+}
+
+TEST(Int8ConvOperator, AttributesReachTheConvolution) {
+    const auto same = [](const std::string& model, const Case& t) {
+        const Operands operands = modelOperands(t);
+        EXPECT_EQ(Int8ConvSession(model).run(operands), reference(t, operands)) << model;
+    };
+    same("int8conv", {1, 8, 10, 20, 6, 3, 2, {{2, 1}, {1, 0, 2, 3}, {1, 2}, 2}});
+    same("int8conv_defaults", {1, 8, 10, 20, 6, 3, 2, {}});
+    // Values that are too few count as absent.
+    same("int8conv_short", {1, 8, 10, 20, 6, 3, 2, {}});
+}
+
+TEST(Int8ConvOperator, FailuresAreTheRunsOwn) {
+    const Operands operands = modelOperands({1, 8, 10, 20, 6, 3, 2, {}});
+    const auto text = [&](const char* model) {
+        return failure([&] { Int8ConvSession(model).run(operands); });
+    };
+    EXPECT_NE(text("int8conv_bad_scale").find("weight scale and bias must be [M]"),
+              std::string::npos);
+    EXPECT_NE(text("int8conv_bad_group").find("channels do not fit W and group"),
+              std::string::npos);
+    EXPECT_NE(text("int8conv_too_large").find("kernel larger than the padded input"),
+              std::string::npos);
+}
+
+TEST(Int8ConvOperator, SessionsAndThreadsShareItSafely) {
+    const Case t = {1, 8, 10, 20, 6, 3, 2, {{2, 1}, {1, 0, 2, 3}, {1, 2}, 2}};
+    const Operands operands = modelOperands(t);
+    const std::vector<float> expected = reference(t, operands);
+    Int8ConvSession shared("int8conv");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            EXPECT_EQ(shared.run(operands), expected);  // first runs at once pack once
+            if (i % 2 == 0) {
+                EXPECT_EQ(Int8ConvSession("int8conv").run(operands), expected);
+            }
+            for (int k = 0; k < 5; ++k) EXPECT_EQ(shared.run(operands), expected);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace zorv
