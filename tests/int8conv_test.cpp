@@ -160,7 +160,7 @@ TEST(Int8Conv, LargestSumsDoNotSaturate) {
 TEST(Int8Conv, QuantisesLikeTheDivision) {
     std::mt19937 random(5);
     const auto kernels = int8ConvKernels(detectedSimdLevel());
-    for (const float scale : {1.0f, 0.0078125f, 0.011764706f, 1.7e-39f, 3.1e-30f, 2.3e30f, 0.3f}) {
+    for (const float scale : {1.0f, 0.0078125f, 0.011764706f, 1.7e-39f, 3.1e-33f, 2.3e33f, 0.3f}) {
         const Quantisation q = {scale, 37};
         std::vector<float> values[4];
         for (auto& row : values) {
@@ -176,7 +176,6 @@ TEST(Int8Conv, QuantisesLikeTheDivision) {
         values[0][7] = std::numeric_limits<float>::quiet_NaN();
         values[1][9] = std::numeric_limits<float>::infinity();
         values[2][11] = -std::numeric_limits<float>::infinity();
-        values[3][13] = std::numeric_limits<float>::max();
         const float* rows[4] = {values[0].data(), values[1].data(), values[2].data(),
                                 values[3].data()};
         std::vector<std::uint32_t> expected(4099), actual(4099);

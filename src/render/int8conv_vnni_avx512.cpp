@@ -44,18 +44,24 @@ struct Vnni512 {
         _mm512_mask_storeu_ps(p, static_cast<__mmask16>((1u << lanes) - 1), v);
     }
 
-    static __m512i rounded(const float* p, Quantisation q) {
-        const F quotient = _mm512_div_ps(_mm512_loadu_ps(p), _mm512_set1_ps(q.scale));
-        return _mm512_add_epi32(_mm512_cvtps_epi32(quotient), _mm512_set1_epi32(q.zeroPoint));
+    static F set(float v) { return _mm512_set1_ps(v); }
+    static Sum setInt(std::int32_t v) { return _mm512_set1_epi32(v); }
+    static F mul(F a, F b) { return _mm512_mul_ps(a, b); }
+    static F sub(F a, F b) { return _mm512_sub_ps(a, b); }
+    static F div(F a, F b) { return _mm512_div_ps(a, b); }
+    static F abs(F a) { return _mm512_abs_ps(a); }
+    static F round(F a) {
+        return _mm512_roundscale_ps(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
     }
-    /// Saturating packs clamp; the shuffle makes quads of them.
-    static __m512i quantise(const float* a, const float* b, const float* c, const float* d,
-                            Quantisation q) {
-        const __m512i ab = _mm512_packs_epi32(rounded(a, q), rounded(b, q));
-        const __m512i cd = _mm512_packs_epi32(rounded(c, q), rounded(d, q));
-        const __m512i quads = _mm512_broadcast_i32x4(
+    static bool anyAbove(F a, F limit) { return _mm512_cmp_ps_mask(a, limit, _CMP_GT_OQ) != 0; }
+    static Sum toInt(F a) { return _mm512_cvtps_epi32(a); }
+    static Sum addInt(Sum a, Sum b) { return _mm512_add_epi32(a, b); }
+    /// Saturating packs clamp to bytes; the shuffle makes quads of them.
+    static Sum quads(Sum a, Sum b, Sum c, Sum d) {
+        const Sum ab = _mm512_packs_epi32(a, b), cd = _mm512_packs_epi32(c, d);
+        const Sum order = _mm512_broadcast_i32x4(
             _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
-        return _mm512_shuffle_epi8(_mm512_packus_epi16(ab, cd), quads);
+        return _mm512_shuffle_epi8(_mm512_packus_epi16(ab, cd), order);
     }
     static void storeQuads(std::uint32_t* p, __m512i v) { _mm512_storeu_si512(p, v); }
 };

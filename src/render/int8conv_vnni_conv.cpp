@@ -19,9 +19,19 @@ int employed(int workers, double shares) {
     return shares < 2 ? 1 : static_cast<int>(std::min<double>(workers, shares));
 }
 
-/// The bytes of one padded row in their column phases, from the quads of its w pixels.
-void spreadColumns(const ConvGeometry& g, const std::uint32_t* quads, std::uint32_t* out) {
+/// Quantises one row of up to four channels into its padded column phases. `quads` is scratch for
+/// w pixels.
+void quantiseColumns(const Int8ConvKernels& kernels, const ConvGeometry& g,
+                     const float* const* channels, Quantisation q, std::uint32_t* quads,
+                     std::uint32_t* out) {
     const std::int64_t stride = g.attributes.strides[1], left = g.attributes.pads[1];
+    if (stride == 1) {  // one phase, which is the padded row itself
+        std::fill_n(out, left, 0u);
+        kernels.quantiseRow(channels, g.w, q, out + left);
+        std::fill(out + left + g.w, out + g.phaseColumns, 0u);
+        return;
+    }
+    kernels.quantiseRow(channels, g.w, q, quads);
     for (const std::int64_t residue : g.phaseResidues) {
         std::int64_t column = residue - left;
         for (std::int64_t i = 0; i < g.phaseColumns; ++i, column += stride) {
@@ -91,8 +101,8 @@ void Int8Conv::quantise(const ConvGeometry& g, const float* x, Quantisation q,
                 for (std::int64_t i = 0; i < std::min<std::int64_t>(4, left); ++i) {
                     channels[i] = x + (image * g.c + channel + i) * plane + row * g.w;
                 }
-                kernels_.quantiseRow(channels, g.w, q, quads);
-                spreadColumns(g, quads, reinterpret_cast<std::uint32_t*>(line));
+                quantiseColumns(kernels_, g, channels, q, quads,
+                                reinterpret_cast<std::uint32_t*>(line));
                 line += g.quadBytes;
                 channel += std::min<std::int64_t>(4, left);
             }

@@ -49,7 +49,8 @@ struct Int8ConvKernels {
     void (*minMax)(const float* data, std::size_t count, float* min, float* max);
 
     /// One row of four channels: out[x] holds their bytes at column x, the first channel lowest.
-    /// A null channel, which the first is not, gives any byte: its weights are 0.
+    /// A null channel, which the first is not, gives any byte: its weights are 0. Finite values lie
+    /// in the range that q was made for.
     void (*quantiseRow)(const float* const* channels, std::int64_t width, Quantisation q,
                         std::uint32_t* out);
 

@@ -41,6 +41,10 @@ template <class V, int kSegments>
     for (auto& row : sums) {
         for (auto& sum : row) sum = V::zero();
     }
+    // Large outputs lie far away: fetch their lines while the sums are made.
+    for (int i = 0; i < block.channels; ++i) {
+        for (int s = 0; s < kSegments; ++s) __builtin_prefetch(segments[s].y + i * g.oh * g.ow, 1);
+    }
     const std::uint8_t* pixels[kSegments];
     for (int s = 0; s < kSegments; ++s) pixels[s] = segments[s].pixels;
     const std::int8_t* weights = block.weights;
@@ -169,16 +173,38 @@ void minMaxLanes(const float* data, std::size_t count, float* min, float* max) {
     for (const float value : lanes[1]) *max = value > *max ? value : *max;
 }
 
+/// Where a product with the reciprocal rounds to the same integer as the quotient: while neither
+/// is subnormal and the quotient's magnitude stays below 512, they differ by less than 2^-13.
+inline bool reciprocalServes(float scale) {
+    return scale > 0x1p-100f && scale < 0x1p100f;
+}
+constexpr float kSafeFraction = 0.5f - 0x1p-13f;
+
 template <class V>
 void quantiseRowLanes(const float* const* channels, std::int64_t width, Quantisation q,
                       std::uint32_t* out) {
     const float* const some = channels[0];  // a quad has a first channel
     const float* const in[4] = {some, channels[1] ? channels[1] : some,
                                 channels[2] ? channels[2] : some, channels[3] ? channels[3] : some};
-    const auto block = [&](std::int64_t x) {
-        V::storeQuads(out + x, V::quantise(in[0] + x, in[1] + x, in[2] + x, in[3] + x, q));
-    };
     if (width < V::kLanes) return kInt8ConvPortable.quantiseRow(in, width, q, out);
+    const bool byProduct = reciprocalServes(q.scale);
+    const auto scale = V::set(q.scale), reciprocal = V::set(1 / q.scale);
+    const auto zeroPoint = V::setInt(q.zeroPoint);
+    const auto block = [&](std::int64_t x) {
+        typename V::F value[4], rounded[4];
+        for (int i = 0; i < 4; ++i) {
+            value[i] = V::mul(V::load(in[i] + x), reciprocal);
+            rounded[i] = V::round(value[i]);
+            value[i] = V::abs(V::sub(value[i], rounded[i]));
+        }
+        const auto fraction = V::max(V::max(value[0], value[1]), V::max(value[2], value[3]));
+        if (!byProduct || V::anyAbove(fraction, V::set(kSafeFraction))) {
+            for (int i = 0; i < 4; ++i) rounded[i] = V::div(V::load(in[i] + x), scale);
+        }
+        typename V::Sum bytes[4];
+        for (int i = 0; i < 4; ++i) bytes[i] = V::addInt(V::toInt(rounded[i]), zeroPoint);
+        V::storeQuads(out + x, V::quads(bytes[0], bytes[1], bytes[2], bytes[3]));
+    };
     std::int64_t x = 0;
     for (; x + V::kLanes <= width; x += V::kLanes) block(x);
     if (x < width) block(width - V::kLanes);  // again some pixels that are done

@@ -36,19 +36,26 @@ struct Lanes256 {
         std::memcpy(p, all, static_cast<std::size_t>(lanes) * sizeof(float));
     }
 
-    static __m256i rounded(const float* p, Quantisation q) {
-        const F quotient = _mm256_div_ps(_mm256_loadu_ps(p), _mm256_set1_ps(q.scale));
-        return _mm256_add_epi32(_mm256_cvtps_epi32(quotient), _mm256_set1_epi32(q.zeroPoint));
+    static F set(float v) { return _mm256_set1_ps(v); }
+    static Sum setInt(std::int32_t v) { return _mm256_set1_epi32(v); }
+    static F mul(F a, F b) { return _mm256_mul_ps(a, b); }
+    static F sub(F a, F b) { return _mm256_sub_ps(a, b); }
+    static F div(F a, F b) { return _mm256_div_ps(a, b); }
+    static F abs(F a) { return _mm256_andnot_ps(_mm256_set1_ps(-0.0f), a); }
+    static F round(F a) {
+        return _mm256_round_ps(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
     }
-    /// Saturating packs clamp; the shuffle makes quads of them.
-    static __m256i quantise(const float* a, const float* b, const float* c, const float* d,
-                            Quantisation q) {
-        const __m256i ab = _mm256_packs_epi32(rounded(a, q), rounded(b, q));
-        const __m256i cd = _mm256_packs_epi32(rounded(c, q), rounded(d, q));
-        const __m256i quads =
-            _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0, 4, 8, 12, 1,
-                             5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-        return _mm256_shuffle_epi8(_mm256_packus_epi16(ab, cd), quads);
+    static bool anyAbove(F a, F limit) {
+        return _mm256_movemask_ps(_mm256_cmp_ps(a, limit, _CMP_GT_OQ)) != 0;
+    }
+    static Sum toInt(F a) { return _mm256_cvtps_epi32(a); }
+    static Sum addInt(Sum a, Sum b) { return _mm256_add_epi32(a, b); }
+    /// Saturating packs clamp to bytes; the shuffle makes quads of them.
+    static Sum quads(Sum a, Sum b, Sum c, Sum d) {
+        const Sum ab = _mm256_packs_epi32(a, b), cd = _mm256_packs_epi32(c, d);
+        const Sum order = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0,
+                                           4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+        return _mm256_shuffle_epi8(_mm256_packus_epi16(ab, cd), order);
     }
     static void storeQuads(std::uint32_t* p, __m256i v) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
