@@ -15,9 +15,11 @@ import json
 import multiprocessing
 
 import numpy as np
+import onnx
 from PIL import Image
 
 import character
+import int8_model
 import mouth
 import render_model
 import rig
@@ -30,6 +32,7 @@ SHARPENING = {"amount": 0.25, "sigma": 1.2, "ksize": 7}
 POOLED_VALUES, FEATURE_VALUES = 64 * 32 * 32, 64 * 64 * 64
 RENDERERS = {"render": (render_model.standard_graph, 1),
              "render_b4": (render_model.standard_graph, 4),
+             "refined": (render_model.refined_graph, 1),
              "synth": (render_model.synth_graph, 1)}
 
 _painter = None
@@ -130,4 +133,6 @@ def write_bundle(directory, count):
     write_pooled(directory, count)
     for key, (graph, batch) in RENDERERS.items():
         graph(CROP, batch).save(directory / f"model_{key}.onnx")
+    refined = onnx.load(str(directory / "model_refined.onnx"))
+    onnx.save(int8_model.convert(refined), str(directory / "model_refined_int8.onnx"))
     draw_frames(directory, count)

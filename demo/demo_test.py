@@ -14,11 +14,14 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import bundle
 import character
 import expression_model
+import int8_model
 import make_demo
 import motion_model
+import refinement
 import render_model
 import rig
 from drawing import sample_bilinear
+from onnx_build import GraphBuilder
 
 FRAMES = 3
 
@@ -187,6 +190,14 @@ class Shapes(unittest.TestCase):
                 self.assertEqual(grid, [batch, *sampled[2:], 2], key)
                 self.assertLessEqual({"mode", "padding_mode"}, {a.name for a in node.attribute})
 
+    def test_refinement_keeps_flat_areas_and_raises_contrast(self):
+        for last in refinement.layers()[3:]:
+            np.testing.assert_allclose(last.sum(axis=(1, 2, 3)), 1, atol=1e-6)
+        for weights in refinement.layers()[:3]:
+            np.testing.assert_allclose(weights.sum(axis=(1, 2, 3)), 1, atol=1e-6)
+            self.assertGreaterEqual(weights.min(), 0)
+        self.assertLess(last[0, 12], 0)
+
     def test_attention_by_position_is_a_bell_curve_anywhere(self):
         e = expression_model
         for frame in (0, 1000, e.LONGEST - 1 - e.LEFT):
@@ -215,6 +226,58 @@ class Shapes(unittest.TestCase):
         self.assertAlmostEqual(float(luma.mean()), float(wanted.mean()), places=3)
         tilt = float(wanted[11, -11] - wanted[-11, 11])             # planes are neither turned nor mirrored
         self.assertAlmostEqual(float(luma[10, -10] - luma[-10, 10]), tilt, places=2)
+
+
+class Int8Model(unittest.TestCase):
+    @staticmethod
+    def graph(x, layers, **attributes):
+        """A model of convolutions one after the other, a rectifier behind each."""
+        graph = GraphBuilder("convolutions")
+        value = graph.input("x", x)
+        for weights, *bias in layers:
+            value = graph.op("Relu", graph.op("Conv", value, weights, *bias, **attributes))
+        graph.output("y", value, ["n", "m", "h", "w"])
+        return graph.model()
+
+    def test_weights_keep_their_values_within_half_a_step_of_their_channel(self):
+        random = np.random.default_rng(3)
+        weights = (random.normal(size=(20, 7, 3, 3)) * random.uniform(0.01, 9, (20, 1, 1, 1))).astype(np.float32)
+        weights[4] = 0
+        quantised, scale = int8_model.quantise(weights)
+        steps = scale.reshape(-1, 1, 1, 1)
+        self.assertLess(np.abs(quantised * steps - weights).max() / steps.max(), 0.5001)
+        self.assertTrue((np.abs(quantised - weights / steps) <= 0.5001).all())
+        used = np.abs(quantised).reshape(20, -1).max(axis=1)
+        np.testing.assert_array_equal(used, np.where(np.arange(20) == 4, 0, 127))
+
+    def test_nodes_take_over_what_the_convolution_had(self):
+        wide, narrow = np.ones((16, 8, 3, 3)), np.ones((15, 16, 3, 3))
+        attributes = {"pads": [1, 2, 3, 4], "strides": [2, 1], "dilations": [1, 2]}
+        model = int8_model.convert(self.graph([1, 8, 32, 32], [(wide,), (np.ones((16, 16, 3, 3)), np.arange(16)),
+                                                               (narrow,)], **attributes))
+        self.assertEqual([n.op_type for n in model.graph.node],
+                         ["Pad", "Int8ConvVNNI", "Relu", "Int8ConvVNNI", "Relu", "Conv", "Relu", "Identity"])
+        constants = {c.name: onnx.numpy_helper.to_array(c) for c in model.graph.initializer}
+        pad, first, _, second, *_ = model.graph.node
+        # The input may be negative, so zeros are added in front; what comes from a Relu is not.
+        self.assertEqual(list(constants[pad.input[1]]), [0, 0, 1, 2, 0, 0, 3, 4])
+        found = {a.name: onnx.helper.get_attribute_value(a) for a in first.attribute}
+        self.assertEqual(found, {**attributes, "pads": [0, 0, 0, 0], "group": 1})
+        found = {a.name: onnx.helper.get_attribute_value(a) for a in second.attribute}
+        self.assertEqual(found, {**attributes, "group": 1})
+        self.assertEqual(constants[second.input[1]].dtype, np.int8)
+        np.testing.assert_array_equal(constants[second.input[3]], np.arange(16))
+        np.testing.assert_array_equal(constants[first.input[3]], np.zeros(16))
+        self.assertEqual(sum(c.nbytes > 1000 and c.dtype == np.float32 for c in constants.values()), 1)
+
+    def test_demo_variant_has_its_convolutions_on_the_way_to_the_picture(self):
+        model = int8_model.convert(render_model.refined_graph(bundle.CROP, 1).model())
+        producers = {name: node for node in model.graph.node for name in node.output}
+        node, kinds = producers["rgb"], []
+        while len(kinds) < 12 and node is not None:
+            kinds.append(node.op_type)
+            node = producers.get(node.input[0])
+        self.assertEqual(kinds[:10], ["Identity", "DepthToSpace", "Conv", *["Relu", "Int8ConvVNNI"] * 3, "Pad"])
 
 
 if __name__ == "__main__":

@@ -17,6 +17,7 @@ import numpy as np
 from PIL import Image
 
 import mouth
+import refinement
 import rig
 from onnx_build import GraphBuilder
 
@@ -200,16 +201,20 @@ def add_mouth(graph, picture, pooled, lips, batch, side):
     return g.concat([g.slice(picture, 2, 0, top), rows, g.slice(picture, 2, top + height, side)], 2)
 
 
-def standard_graph(side, batch):
-    """Renderer that takes the source picture itself."""
+def standard_graph(side, batch, refined=False):
+    """Renderer that takes the source picture itself; refined: with convolutions at the end."""
     graph = GraphBuilder("face renderer")
     pooled = graph.input("pooled64", [batch, 64, 32, 32])
     picture = graph.input("P_rgb", [batch, 3, side, side])
     driving, source = graph.input("kp_driving", [batch, 21, 3]), graph.input("kp_source", [batch, 21, 3])
     lips = Lips(graph, driving, source, batch)
     rgb = add_mouth(graph, warp(graph, picture, lips, batch, side), pooled, lips, batch, side)
-    graph.output("rgb", rgb, [batch, 3, side, side])
+    graph.output("rgb", refinement.refine(graph, rgb) if refined else rgb, [batch, 3, side, side])
     return graph
+
+
+def refined_graph(side, batch):
+    return standard_graph(side, batch, refined=True)
 
 
 def synth_graph(side, batch):

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -88,7 +89,7 @@ class DemoSubject : public testing::Test {
 };
 
 TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
-    for (const char* key : {"render", "render_b4", "synth"}) {
+    for (const char* key : {"render", "render_b4", "synth", "refined", "refined_int8"}) {
         const Context ctx = open(key);
         ASSERT_TRUE(ctx) << zorv_last_error();
         for (const int frame : {0, zorv_nt(ctx.get()) / 2, zorv_nt(ctx.get()) - 1}) {
@@ -101,6 +102,37 @@ TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
             RecordProperty(std::string(key) + std::to_string(frame), std::to_string(difference));
         }
     }
+}
+
+TEST_F(DemoSubject, TheInt8VariantKeepsThePicture) {
+    const Context exact = open("refined"), int8 = open("refined_int8");
+    ASSERT_TRUE(exact && int8) << zorv_last_error();
+    const auto pixels = static_cast<std::size_t>(zorv_crop(exact.get()) * zorv_crop(exact.get()));
+    for (int k = 0; k < zorv_drive_frames(exact.get()); k += 15) {
+        const float* a = zorv_render_drive_crop(exact.get(), k);
+        const float* b = zorv_render_drive_crop(int8.get(), k);
+        ASSERT_TRUE(a && b) << zorv_last_error();
+        double sum = 0, largest = 0;
+        for (std::size_t i = 0; i < 3 * pixels; ++i) {
+            const double difference = std::abs(double{a[i]} - double{b[i]}) * 255;
+            sum += difference;
+            largest = std::max(largest, difference);
+        }
+        const double mean = sum / static_cast<double>(3 * pixels);
+        EXPECT_LE(mean, 2.0) << "frame " << k;
+        EXPECT_GT(mean, 0.0) << "frame " << k << ": nothing was quantised";
+        EXPECT_LE(largest, 8.0) << "frame " << k;
+        RecordProperty("int8_" + std::to_string(k), std::to_string(mean));
+    }
+}
+
+TEST_F(DemoSubject, Int8ModelsNeedTheirOperator) {
+    ::setenv("ZORV_INT8", "0", 1);
+    EXPECT_FALSE(open("refined_int8"));
+    EXPECT_NE(std::string(zorv_last_error()).find("Int8ConvVNNI"), std::string::npos)
+        << zorv_last_error();
+    EXPECT_TRUE(open("refined")) << zorv_last_error();
+    ::unsetenv("ZORV_INT8");
 }
 
 TEST_F(DemoSubject, TheStoredSequenceMovesTheFace) {
