@@ -11,6 +11,7 @@ namespace {
 
 constexpr Engine kEngines[] = {
     {"fca", check_stream_options, open_stream_renderer},
+    {"a2x", check_expression_options, open_expression_renderer},
 };
 
 }  // namespace

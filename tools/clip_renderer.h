@@ -44,7 +44,12 @@ std::vector<std::string> engine_names();
 /** Threads for the models: as asked for, else one per processor. */
 int model_threads(const RenderOptions& options);
 
+/** Fails unless --encoder is given and a file. */
+void check_encoder(const RenderOptions& options);
+
 void check_stream_options(const RenderOptions& options);
 std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options);
+void check_expression_options(const RenderOptions& options);
+std::unique_ptr<ClipRenderer> open_expression_renderer(const RenderOptions& options);
 
 }  // namespace zorv::tools

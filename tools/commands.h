@@ -8,7 +8,7 @@ namespace zorv::tools {
 struct RenderOptions {
     std::string bundle, audio, output, sheet;
     std::string engine = "fca";
-    std::string encoder;     // model of --engine fca
+    std::string encoder;     // model of the engines fca and a2x
     std::string motion_dir;  // models of the engines that hand out keypoints
     int skip_frames = 0;
     float gain = 1.0f;

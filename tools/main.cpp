@@ -23,7 +23,7 @@ void add_render(CLI::App& app, RenderOptions& options) {
     command->add_option("--engine", options.engine, "What turns speech into motion")
         ->capture_default_str()
         ->check(CLI::IsMember(engine_names()));
-    command->add_option("--encoder", options.encoder, "Speech encoder model (.onnx), for fca");
+    command->add_option("--encoder", options.encoder, "Speech encoder (.onnx), for fca and a2x");
     command->add_option("--motion-dir", options.motion_dir, "Directory of an engine's models");
     command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
         ->required();

@@ -68,14 +68,18 @@ class StreamRenderer : public ClipRenderer {
 
 }  // namespace
 
-void check_stream_options(const RenderOptions& options) {
-    if (!options.motion_dir.empty())
-        fail("--motion-dir is not for --engine fca; name the engine it belongs to");
+void check_encoder(const RenderOptions& options) {
     if (options.encoder.empty())
-        fail("--engine fca needs a speech encoder; name it with --encoder");
+        fail("--engine {} needs a speech encoder; name it with --encoder", options.engine);
     std::error_code error;
     if (!std::filesystem::is_regular_file(options.encoder, error))
         fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+}
+
+void check_stream_options(const RenderOptions& options) {
+    if (!options.motion_dir.empty())
+        fail("--motion-dir is not for --engine fca; name the engine it belongs to");
+    check_encoder(options);
 }
 
 std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options) {
