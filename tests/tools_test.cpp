@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "audio_reader.h"
+#include "support/expression_dir.h"
 #include "support/test_bundle.h"
 #include "video_reader.h"
 
@@ -272,6 +274,41 @@ TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
     for (const std::string& name :
          {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")})
         EXPECT_EQ(test::readFile(name).substr(1, 3), "PNG") << name;
+}
+
+TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {
+    const test::ExpressionDir expression;
+    const std::string audio = speech(4);
+    std::vector<std::string> arguments = command(audio, target("frames"));
+    for (std::string& word : arguments)
+        if (word == test::modelFile("encoder")) word = test::modelFile("a2x_w2v");
+    arguments.insert(arguments.end(), {"--engine", "a2x", "--motion-dir", expression.path()});
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
+    EXPECT_NE(test::readFile(target("frames/000000.png")),
+              test::readFile(target("frames/000004.png")));  // the same target frame, moved
+    fs::remove_all(target("frames"));
+
+    const auto mistake = [&](const std::string& advice) {
+        SCOPED_TRACE(advice);
+        expect_advice(run(arguments), 1, advice);
+        expect_nothing_written();
+    };
+    const test::ExpressionDir brief({.rows = 30});
+    arguments.back() = brief.path();
+    mistake("rendering stopped after frame 30 of 100: the engine has no more frames");
+    const test::ExpressionDir longer({.nt = 4});
+    arguments.back() = longer.path();
+    mistake("is for a subject of 4 target frames");
+    arguments.back() = bundle_.dir();
+    mistake("a2x_meta.json missing in " + bundle_.dir());
+    arguments.resize(arguments.size() - 2);
+    mistake("name it with --motion-dir");
+    const auto encoder = std::find(arguments.begin(), arguments.end(), "--encoder");
+    arguments.erase(encoder, encoder + 2);
+    arguments.insert(arguments.end(), {"--motion-dir", expression.path()});
+    mistake("--engine a2x needs a speech encoder");
 }
 
 }  // namespace
