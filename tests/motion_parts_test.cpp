@@ -1,0 +1,183 @@
+// The motion engine's arithmetic and storage, piece by piece.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+#include <random>
+#include <utility>
+
+#include "motion/frame_store.h"
+#include "motion/motion_math.h"
+#include "motion/motion_spectrum.h"
+#include "motion_reference.h"
+#include "support/audio.h"
+
+namespace zorv::motion {
+namespace {
+
+using test::Floats;
+
+Floats noise(std::size_t n, float low, float high, unsigned seed) {
+    std::mt19937 random(seed);
+    Floats values(n);
+    for (float& value : values) {
+        value = low + (high - low) * static_cast<float>(random() % 10001) / 10000;
+    }
+    return values;
+}
+
+Floats tone(double samplesPerTurn) {
+    Floats samples(kWindowSamples);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i] =
+            static_cast<float>(std::sin(2 * M_PI * static_cast<double>(i) / samplesPerTurn));
+    }
+    return samples;
+}
+
+TEST(MotionSpectrum, EveryKernelEqualsTheDirectSums) {
+    Floats impulse(kWindowSamples);
+    impulse[3] = impulse[3000] = impulse[kWindowSamples - 2] = 1;
+    const std::pair<const char*, Floats> windows[] = {
+        {"noise", noise(kWindowSamples, -1, 1, 1)},
+        {"impulses", impulse},
+        {"tone on a bin", tone(32)},
+        {"tone between bins", tone(7.77)},
+        {"offset", Floats(kWindowSamples, 0.3f)},
+        {"loud", noise(kWindowSamples, -3e4f, 3e4f, 2)},
+        {"silence", Floats(kWindowSamples)}};
+    // A dense matrix, and one whose groups of bands each see some bins only, or none.
+    const Floats dense = noise(kBins * kBands, 0, 1, 3);
+    Floats sparse(dense.size());
+    for (int bin = 0; bin < kBins; ++bin) {
+        for (int band = 0; band < 64; ++band) {
+            if (bin / 4 != band) continue;
+            sparse[static_cast<std::size_t>(bin * kBands + band)] = 1;
+        }
+    }
+    const Floats analysis = noise(kTransformSamples, 0, 1, 4);
+    int tested = 0;
+    for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
+        if (level > detectedSimdLevel()) continue;
+        const SpectrumKernels& kernels = spectrumKernels(level);
+        ASSERT_EQ(kernels.level, level) << "another level's kernels would run unnoticed";
+        for (const Floats* matrix : {&dense, &std::as_const(sparse)}) {
+            const auto tables = std::make_unique<SpectrumTables>(analysis.data(), matrix->data());
+            for (const auto& [name, samples] : windows) {
+                SCOPED_TRACE(std::string(name) + (matrix == &dense ? ", dense" : ", sparse") +
+                             ", level " + std::to_string(static_cast<int>(level)));
+                auto scratch = std::make_unique<SpectrumScratch>();
+                std::fill_n(reinterpret_cast<float*>(scratch.get()), sizeof *scratch / 4, NAN);
+                Floats features(kFeatureFloats + 1, 77.f);
+                bandFeatures(*tables, kernels, samples.data(), *scratch, features.data());
+                EXPECT_EQ(features.back(), 77.f);
+                const Floats expected = test::referenceFeatures(samples, analysis, *matrix);
+                // Rounding of a transform is relative to its largest values.
+                float largest = 0;
+                for (const float value : expected) largest = std::max(largest, std::exp(value));
+                for (std::size_t i = 0; i < expected.size(); ++i) {
+                    ASSERT_NEAR(std::exp(features[i]), std::exp(expected[i]), 2e-6f * largest)
+                        << "band " << i / 21 << " transform " << i % 21;
+                }
+                ++tested;
+            }
+        }
+    }
+    EXPECT_GE(tested, 14);
+}
+
+TEST(MotionMath, AnglesComeFromTheExpectedBin) {
+    float logits[kAngleBins];
+    std::fill_n(logits, kAngleBins, 1234.f);
+    EXPECT_NEAR(bin66(logits), 0, 1e-4);
+    for (const int bin : {0, 20, 65}) {
+        std::fill_n(logits, kAngleBins, -500.f);
+        logits[bin] = 500;
+        EXPECT_FLOAT_EQ(bin66(logits), static_cast<float>(3 * bin) - 97.5f);
+        if (bin > 0) logits[bin - 1] = 500 + std::log(3.f);  // three quarters of the weight
+    }
+    EXPECT_NEAR(bin66(logits), 3 * 64.25 - 97.5, 1e-3);
+}
+
+TEST(MotionMath, EagerStepFollowsTheCostOfAPass) {
+    for (const auto& [ms, step] : {std::pair{0.0, 1},
+                                   {39.9, 1},
+                                   {40.1, 2},
+                                   {79.9, 2},
+                                   {80.1, 3},
+                                   {279.0, 7},
+                                   {281.0, 8},
+                                   {1e12, 8}}) {
+        EXPECT_EQ(adaptiveStep(ms), step) << ms;
+    }
+}
+
+/// Item i holds 3 i, 3 i + 1, 3 i + 2 plus a generation, so that a mix-up shows.
+TEST(FrameStore, BehavesLikeAnUnboundedArrayWhateverGoes) {
+    FrameStore store(3, 4, 2);
+    std::deque<std::array<float, 3>> kept;
+    std::int64_t begin = 0;
+    std::mt19937 random(9);
+    float stamp = 0;
+    std::int64_t furthest = 0;
+    for (int step = 0; step < 20000; ++step) {
+        const std::int64_t end = begin + static_cast<std::int64_t>(kept.size());
+        switch (random() % 7) {
+            case 0: {
+                const std::array<float, 3> item = {++stamp, -stamp, 0.5f};
+                std::copy(item.begin(), item.end(), store.append());
+                kept.push_back(item);
+                break;
+            }
+            case 1: {
+                Floats items(3 * (random() % 11));
+                for (float& value : items) value = ++stamp;
+                store.append(items.data(), items.size() / 3);
+                for (std::size_t i = 0; i < items.size(); i += 3) {
+                    kept.push_back({items[i], items[i + 1], items[i + 2]});
+                }
+                break;
+            }
+            case 2:
+                store.reserve(random() % 9);
+                break;
+            case 3: {
+                const std::int64_t to = begin + static_cast<std::int64_t>(random() % 9);
+                store.releaseBefore(to);
+                while (begin < to && !kept.empty()) {
+                    kept.pop_front();
+                    ++begin;
+                }
+                break;
+            }
+            case 4: {
+                const auto cut = static_cast<std::int64_t>(random() % 6);
+                store.truncate(std::max(begin, end - cut));
+                kept.resize(static_cast<std::size_t>(std::max<std::int64_t>(0, end - cut - begin)));
+                break;
+            }
+            case 5:
+                if (random() % 200 != 0) break;
+                store.clear();
+                kept.clear();
+                begin = 0;
+                break;
+            default:
+                store.releaseBefore(begin - 3);  // already gone
+        }
+        furthest = std::max(furthest, begin);
+        ASSERT_EQ(store.begin(), begin) << "step " << step;
+        ASSERT_EQ(store.end(), begin + static_cast<std::int64_t>(kept.size())) << "step " << step;
+        ASSERT_LE(store.blockCount(), kept.size() / 4 + 2 + 2 + 3) << "step " << step;
+        Floats copied(3 * kept.size());
+        store.copy(begin, kept.size(), copied.data());
+        for (std::size_t i = 0; i < kept.size(); ++i) {
+            ASSERT_TRUE(std::equal(kept[i].begin(), kept[i].end(), copied.begin() + 3 * i));
+            ASSERT_EQ(*store.at(begin + static_cast<std::int64_t>(i)), kept[i][0]);
+        }
+    }
+    EXPECT_GT(furthest, 200);
+}
+
+}  // namespace
+}  // namespace zorv::motion
