@@ -40,33 +40,6 @@ void padReflecting(const float* samples, float* padded) {
     }
 }
 
-/// padded -> columns, four by four. The last column ends before the others; what is behind it
-/// belongs to no transform.
-void fillColumns(SpectrumScratch& scratch) {
-    constexpr int kColumns = (kPaddedSamples + kTransformHop - 1) / kTransformHop;
-    static_assert(kColumns <= kLaneStride);
-    const auto from = [&](int column, int b) {
-        const int at = std::min(column * kTransformHop + b, kPaddedSamples - 4);
-        return _mm_loadu_ps(scratch.padded.data() + at);
-    };
-    for (int b = 0; b < kTransformHop; b += 4) {
-        for (int column = 0; column < kLaneStride; column += 4) {
-            __m128 r0 = from(column, b);
-            __m128 r1 = from(column + 1, b);
-            __m128 r2 = from(column + 2, b);
-            __m128 r3 = from(column + 3, b);
-            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            float* to = scratch.columns.data() + b * kLaneStride + column;
-            _mm_storeu_ps(to, r0);
-            _mm_storeu_ps(to + kLaneStride, r1);
-            _mm_storeu_ps(to + 2 * kLaneStride, r2);
-            _mm_storeu_ps(to + 3 * kLaneStride, r3);
-        }
-    }
-    // Read by the loads that start one lane late in the last row; belongs to no transform.
-    std::fill_n(scratch.columns.end() - kLaneStride, kLaneStride, 0.f);
-}
-
 }  // namespace
 
 SpectrumTables::SpectrumTables(const float* window, const float* weights) {
@@ -98,6 +71,33 @@ const SpectrumKernels& spectrumKernels(SimdLevel level) {
         default:
             return kSpectrumKernelsPortable;
     }
+}
+
+/// Four by four. The last column ends before the others; what is behind it
+/// belongs to no transform.
+void fillColumns(SpectrumScratch& scratch) {
+    constexpr int kColumns = (kPaddedSamples + kTransformHop - 1) / kTransformHop;
+    static_assert(kColumns <= kLaneStride);
+    const auto from = [&](int column, int b) {
+        const int at = std::min(column * kTransformHop + b, kPaddedSamples - 4);
+        return _mm_loadu_ps(scratch.padded.data() + at);
+    };
+    for (int b = 0; b < kTransformHop; b += 4) {
+        for (int column = 0; column < kLaneStride; column += 4) {
+            __m128 r0 = from(column, b);
+            __m128 r1 = from(column + 1, b);
+            __m128 r2 = from(column + 2, b);
+            __m128 r3 = from(column + 3, b);
+            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+            float* to = scratch.columns.data() + b * kLaneStride + column;
+            _mm_storeu_ps(to, r0);
+            _mm_storeu_ps(to + kLaneStride, r1);
+            _mm_storeu_ps(to + 2 * kLaneStride, r2);
+            _mm_storeu_ps(to + 3 * kLaneStride, r3);
+        }
+    }
+    // Read by the loads that start one lane late in the last row; belongs to no transform.
+    std::fill_n(scratch.columns.end() - kLaneStride, kLaneStride, 0.f);
 }
 
 void bandFeatures(const SpectrumTables& tables, const SpectrumKernels& kernels,

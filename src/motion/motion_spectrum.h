@@ -67,6 +67,9 @@ extern const SpectrumKernels kSpectrumKernelsAvx512;
 /// The kernels for a processor of this level.
 const SpectrumKernels& spectrumKernels(SimdLevel level);
 
+/// scratch.padded -> scratch.columns.
+void fillColumns(SpectrumScratch& scratch);
+
 /// Turns 6480 samples into log(band + 1e-8), [band][transform] (80 x 21): 21 transforms of 512
 /// samples, 320 apart, over the window with 256 samples reflected at each end.
 void bandFeatures(const SpectrumTables& tables, const SpectrumKernels& kernels,
