@@ -42,6 +42,7 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/package/zorv_core.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/zorv_core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(TARGET zorv)
-    set_target_properties(zorv PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    set_target_properties(zorv PROPERTIES INSTALL_RPATH
+        "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN/../${ZORV_RUNTIME_DIR}")
     install(TARGETS zorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

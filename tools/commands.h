@@ -25,4 +25,11 @@ struct SyncOptions {
 };
 void sync(const SyncOptions& options);
 
+struct InspectOptions {
+    std::string bundle, sheet;
+    bool json = false;
+};
+/** Prints the report and then fails when anything in the bundle is wrong. */
+void inspect(const InspectOptions& options);
+
 }  // namespace zorv::tools

@@ -51,6 +51,15 @@ void add_sync(CLI::App& app, SyncOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
+void add_inspect(CLI::App& app, InspectOptions& options) {
+    CLI::App* command =
+        app.add_subcommand("inspect", "Check every file of a bundle and show what it holds");
+    command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
+    command->add_option("--sheet", options.sheet,
+                        "Also draw frames, crops, mask and keypoints (.png)");
+    command->add_flag("--json", options.json, "Report as JSON on standard output");
+}
+
 // Reasons that come from other libraries may hold line breaks.
 void report_failure(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -66,8 +75,10 @@ int run(int argc, char** argv) {
                                      zorv_version() / 100 % 100, zorv_version() % 100));
     RenderOptions render_options;
     SyncOptions sync_options;
+    InspectOptions inspect_options;
     add_render(app, render_options);
     add_sync(app, sync_options);
+    add_inspect(app, inspect_options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -77,8 +88,10 @@ int run(int argc, char** argv) {
     }
     if (app.got_subcommand("render"))
         render(render_options);
-    else
+    else if (app.got_subcommand("sync"))
         sync(sync_options);
+    else
+        inspect(inspect_options);
     if (std::fflush(stdout) != 0) fail("cannot write to standard output; check where it goes");
     return 0;
 }

@@ -1,0 +1,40 @@
+// The bundle's headerless files: what each must hold, and the check against it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bundle_report.h"
+
+namespace zorv::tools {
+
+/** The size of directory/report.name; nothing, and a fault, unless it is a regular file. */
+std::optional<uint64_t> file_size_of(const std::string& directory, FileReport& report);
+
+/** Which part of the library reads a file. */
+enum class Reader { kContext, kStandardGraph, kFeatSynthGraph, kBatchStream };
+
+struct TensorFile {
+    const char* name;
+    Reader reader;
+    const char* type;  // of an element
+    size_t element_bytes;
+    std::vector<int> shape;  // numbers, or kNT, kFrames, kCrop for the manifest's
+    bool may_be_longer;      // the library reads what it needs and ignores the rest
+};
+/** Every file of this kind, in the order of the report. */
+const std::vector<TensorFile>& tensor_files();
+
+/** "3 x 3 x 16 x 16 float16 = 4608 bytes", as far as the manifest tells. */
+std::string expected_content(const TensorFile& file, const BundleFacts& facts);
+
+/** Size and values of `file`; what is wrong goes to `report`, which carries its name. */
+void check_tensor_file(const TensorFile& file, const std::string& directory,
+                       const BundleFacts& facts, FileReport& report);
+
+/** The placements of M.f32 in pixels of the W x H frames, 6 each; empty when they are not there. */
+std::vector<float> read_placements(const std::string& directory, const BundleFacts& facts);
+
+}  // namespace zorv::tools

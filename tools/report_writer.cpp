@@ -1,0 +1,170 @@
+#include "report_writer.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "model_check.h"
+
+namespace zorv::tools {
+namespace {
+
+using nlohmann::json;
+
+constexpr double kFrameRate = 25.0;
+
+const char* word(Severity severity) {
+    switch (severity) {
+        case Severity::kOk:
+            return "ok";
+        case Severity::kWarning:
+            return "warning";
+        default:
+            return "FAULT";
+    }
+}
+
+std::string number(const std::optional<int>& value) {
+    return value ? std::to_string(*value) : "?";
+}
+
+std::string numbers(int64_t count, const char* word_for_one) {
+    return fmt::format("{} {}{}", count, word_for_one, count == 1 ? "" : "s");
+}
+
+std::string label(const FileReport& file) {
+    if (file.last_name.empty()) return file.name;
+    const size_t base = file.last_name.rfind('/') + 1;
+    return fmt::format("{} to {}", file.name, file.last_name.substr(base));
+}
+
+void write_facts(const BundleReport& report, std::back_insert_iterator<std::string> out) {
+    const BundleFacts& facts = report.facts;
+    fmt::format_to(out, "bundle          {}\n", report.directory);
+    fmt::format_to(out, "subject         {}\n", facts.agent.empty() ? "?" : facts.agent);
+    fmt::format_to(out, "target frames   {} of {} x {}\n", number(facts.target_frames),
+                   number(facts.width), number(facts.height));
+    fmt::format_to(out, "crop            {0} x {0}\n", number(facts.crop));
+    fmt::format_to(out, "stored drive    {} frames", number(facts.drive_frames));
+    if (facts.drive_frames) fmt::format_to(out, ", {:.2f} s", *facts.drive_frames / kFrameRate);
+    fmt::format_to(out, "\n\n");
+}
+
+void write_model(const ModelReport& model, std::back_insert_iterator<std::string> out) {
+    fmt::format_to(out, "         {} graph", model.graph);
+    if (model.graph != "delta")
+        fmt::format_to(out, ", batch {}", model.batch ? std::to_string(*model.batch) : "not fixed");
+    if (model.range)
+        fmt::format_to(out, ", rendered a crop of {:.2f} to {:.2f}", model.range->first,
+                       model.range->second);
+    fmt::format_to(out, "\n");
+    for (const auto* tensors : {&model.inputs, &model.outputs})
+        for (const ModelTensor& tensor : *tensors)
+            fmt::format_to(out, "           {:<7}{:<12}{} {}\n",
+                           tensors == &model.inputs ? "input" : "output", tensor.name,
+                           shape_text(tensor), tensor.type);
+}
+
+void write_file(const FileReport& file, std::back_insert_iterator<std::string> out) {
+    fmt::format_to(out, "{:<9}{}", word(file.severity()), label(file));
+    if (!file.content.empty()) fmt::format_to(out, ": {}", file.content);
+    if (file.count > 1) fmt::format_to(out, " ({} files)", file.count);
+    fmt::format_to(out, "\n");
+    for (const Finding& finding : file.findings) {
+        fmt::format_to(out, "         - {}", finding.what);
+        if (!finding.expected.empty()) fmt::format_to(out, "; expected {}", finding.expected);
+        fmt::format_to(out, "\n");
+    }
+    if (file.model) write_model(*file.model, out);
+}
+
+template <typename T>
+json or_null(const std::optional<T>& value) {
+    return value ? json(*value) : json(nullptr);
+}
+
+json tensors_json(const std::vector<ModelTensor>& tensors) {
+    json list = json::array();
+    for (const ModelTensor& tensor : tensors) {
+        json shape = json::array();
+        for (const auto& [size, symbol] : tensor.shape)
+            shape.push_back(size >= 0 ? json(size) : json(symbol));
+        list.push_back({{"name", tensor.name}, {"type", tensor.type}, {"shape", shape}});
+    }
+    return list;
+}
+
+json model_json(const ModelReport& model) {
+    json result = {{"graph", model.graph},
+                   {"inputs", tensors_json(model.inputs)},
+                   {"outputs", tensors_json(model.outputs)}};
+    if (model.graph != "delta") result["batch"] = or_null(model.batch);
+    if (model.range) result["rendered_range"] = {model.range->first, model.range->second};
+    return result;
+}
+
+json file_json(const FileReport& file) {
+    json findings = json::array();
+    for (const Finding& finding : file.findings)
+        findings.push_back(
+            {{"severity", finding.severity == Severity::kFault ? "fault" : "warning"},
+             {"what", finding.what},
+             {"expected", finding.expected}});
+    json result = {{"name", file.name},
+                   {"count", file.count},
+                   {"good", file.severity() != Severity::kFault},
+                   {"content", file.content},
+                   {"findings", findings}};
+    if (!file.last_name.empty()) result["last_name"] = file.last_name;
+    if (file.model) result["model"] = model_json(*file.model);
+    return result;
+}
+
+json facts_json(const BundleFacts& facts) {
+    return {{"agent", facts.agent},
+            {"NT", or_null(facts.target_frames)},
+            {"W", or_null(facts.width)},
+            {"H", or_null(facts.height)},
+            {"M_src_w", facts.placement_width},
+            {"M_src_h", facts.placement_height},
+            {"crop", or_null(facts.crop)},
+            {"amount", or_null(facts.amount)},
+            {"sigma", or_null(facts.sigma)},
+            {"ksize", or_null(facts.ksize)},
+            {"frames", or_null(facts.drive_frames)}};
+}
+
+}  // namespace
+
+std::string report_text(const BundleReport& report) {
+    std::string text;
+    const auto out = std::back_inserter(text);
+    write_facts(report, out);
+    for (const FileReport& file : report.files) write_file(file, out);
+    if (!report.others.empty())
+        fmt::format_to(out, "\nnot looked into: {}\n", fmt::join(report.others, ", "));
+    fmt::format_to(out, "\n{}: {}\n", report.good() ? "good" : "NOT GOOD", counts_text(report));
+    return text;
+}
+
+std::string report_json(const BundleReport& report) {
+    json files = json::array();
+    for (const FileReport& file : report.files) files.push_back(file_json(file));
+    const json result = {{"bundle", report.directory},
+                         {"good", report.good()},
+                         {"faults", report.count(Severity::kFault)},
+                         {"warnings", report.count(Severity::kWarning)},
+                         {"manifest", facts_json(report.facts)},
+                         {"files", files},
+                         {"other_files", report.others}};
+    return result.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+std::string counts_text(const BundleReport& report) {
+    return fmt::format("{}, {}", numbers(report.count(Severity::kFault), "fault"),
+                       numbers(report.count(Severity::kWarning), "warning"));
+}
+
+}  // namespace zorv::tools
