@@ -115,8 +115,8 @@ class BundleCheck {
         switch (file.reader) {
             case Reader::kContext:
                 return true;
-            case Reader::kStandardGraph:
-                return has_graph("standard");
+            case Reader::kStandardGraph:  // the usual one, as long as no model says otherwise
+                return has_graph("standard") || !has_graph("FeatSynth");
             case Reader::kFeatSynthGraph:
                 return has_graph("FeatSynth");
             default:

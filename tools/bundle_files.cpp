@@ -230,8 +230,9 @@ void check_tensor_file(const TensorFile& file, const std::string& directory,
         report.findings.back().expected = expected_content(file, facts);
         return;
     }
+    if (!check_size(file, facts, *size, report)) return;
     report.content = expected_content(file, facts);
-    if (!check_size(file, facts, *size, report) || *size == 0) return;
+    if (*size == 0) return;
     try {
         throw_if_interrupted();
         const FileView data(directory + "/" + report.name);

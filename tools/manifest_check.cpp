@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -17,6 +18,7 @@ namespace {
 constexpr const char* kFormat = "zorv-bundle-v0";
 constexpr int kMaxCrop = 1024;           // the compositor refuses wider ones
 constexpr int64_t kMaxPadded = 1 << 22;  // crop with the border of the sharpening kernel
+constexpr double kMaxCache = 0x1p46;     // bytes of all frames; beyond it no address space is left
 constexpr const char* kSpace = " \t\r\n";
 
 int32_t cut_to_int32(double value) {
@@ -125,7 +127,7 @@ void read_sharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     const auto ksize = keys.number("ksize");
     if (!ksize) return;
     const int size = cut_to_int32(*ksize);
-    const int64_t most = kMaxPadded - facts.crop.value_or(1) + 1;
+    const int64_t most = kMaxPadded - std::min(facts.crop.value_or(1), kMaxCrop) + 1;
     if (size < 1 || size % 2 == 0)
         report.fault(fmt::format("\"ksize\" reads as {}", size), "an odd number of at least 1");
     else if (size > most)
@@ -154,6 +156,14 @@ void read_placement_size(KeyReader& keys, BundleFacts& facts, FileReport& report
                     frames);
 }
 
+void check_frame_cache(const BundleFacts& facts, FileReport& report) {
+    if (!facts.target_frames || !facts.width || !facts.height) return;
+    const double bytes = 3.0 * *facts.target_frames * *facts.width * *facts.height;
+    if (bytes > kMaxCache)
+        report.fault(fmt::format("NT frames of W x H take {:.3g} bytes", bytes),
+                     fmt::format("at most {:.3g}", kMaxCache));
+}
+
 BundleFacts read_facts(const std::string& text, FileReport& report) {
     BundleFacts facts;
     KeyReader keys(text, report);
@@ -168,6 +178,7 @@ BundleFacts read_facts(const std::string& text, FileReport& report) {
     if (facts.crop && *facts.crop > kMaxCrop)
         report.fault(fmt::format("\"crop\" is {}: such crops cannot be pasted", *facts.crop),
                      fmt::format("at most {}", kMaxCrop));
+    check_frame_cache(facts, report);
     facts.drive_frames = keys.whole("frames", 0);
     read_sharpening(keys, facts, report);
     read_placement_size(keys, facts, report);

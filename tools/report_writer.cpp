@@ -34,6 +34,13 @@ std::string numbers(int64_t count, const char* word_for_one) {
     return fmt::format("{} {}{}", count, word_for_one, count == 1 ? "" : "s");
 }
 
+/** Names and excerpts come from anywhere: nothing in them may act on the terminal. */
+std::string plain(std::string text) {
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return text;
+}
+
 std::string label(const FileReport& file) {
     if (file.last_name.empty()) return file.name;
     const size_t base = file.last_name.rfind('/') + 1;
@@ -42,8 +49,8 @@ std::string label(const FileReport& file) {
 
 void write_facts(const BundleReport& report, std::back_insert_iterator<std::string> out) {
     const BundleFacts& facts = report.facts;
-    fmt::format_to(out, "bundle          {}\n", report.directory);
-    fmt::format_to(out, "subject         {}\n", facts.agent.empty() ? "?" : facts.agent);
+    fmt::format_to(out, "bundle          {}\n", plain(report.directory));
+    fmt::format_to(out, "subject         {}\n", facts.agent.empty() ? "?" : plain(facts.agent));
     fmt::format_to(out, "target frames   {} of {} x {}\n", number(facts.target_frames),
                    number(facts.width), number(facts.height));
     fmt::format_to(out, "crop            {0} x {0}\n", number(facts.crop));
@@ -63,18 +70,19 @@ void write_model(const ModelReport& model, std::back_insert_iterator<std::string
     for (const auto* tensors : {&model.inputs, &model.outputs})
         for (const ModelTensor& tensor : *tensors)
             fmt::format_to(out, "           {:<7}{:<12}{} {}\n",
-                           tensors == &model.inputs ? "input" : "output", tensor.name,
-                           shape_text(tensor), tensor.type);
+                           tensors == &model.inputs ? "input" : "output", plain(tensor.name),
+                           plain(shape_text(tensor)), tensor.type);
 }
 
 void write_file(const FileReport& file, std::back_insert_iterator<std::string> out) {
-    fmt::format_to(out, "{:<9}{}", word(file.severity()), label(file));
+    fmt::format_to(out, "{:<9}{}", word(file.severity()), plain(label(file)));
     if (!file.content.empty()) fmt::format_to(out, ": {}", file.content);
     if (file.count > 1) fmt::format_to(out, " ({} files)", file.count);
     fmt::format_to(out, "\n");
     for (const Finding& finding : file.findings) {
-        fmt::format_to(out, "         - {}", finding.what);
-        if (!finding.expected.empty()) fmt::format_to(out, "; expected {}", finding.expected);
+        fmt::format_to(out, "         - {}", plain(finding.what));
+        if (!finding.expected.empty())
+            fmt::format_to(out, "; expected {}", plain(finding.expected));
         fmt::format_to(out, "\n");
     }
     if (file.model) write_model(*file.model, out);
@@ -144,7 +152,8 @@ std::string report_text(const BundleReport& report) {
     write_facts(report, out);
     for (const FileReport& file : report.files) write_file(file, out);
     if (!report.others.empty())
-        fmt::format_to(out, "\nnot looked into: {}\n", fmt::join(report.others, ", "));
+        fmt::format_to(out, "\nnot looked into: {}\n",
+                       plain(fmt::format("{}", fmt::join(report.others, ", "))));
     fmt::format_to(out, "\n{}: {}\n", report.good() ? "good" : "NOT GOOD", counts_text(report));
     return text;
 }

@@ -38,14 +38,15 @@ class Graph:
         self.nodes.append(helper.make_node(op, inputs, [out], name=f"n{self.count}", **attributes))
         return out
 
-    def save(self, path, inputs, outputs, types=None):
-        """inputs and outputs: name -> shape. types: element types other than float."""
+    def save(self, path, inputs, outputs, types=None, domains=()):
+        """inputs and outputs: name -> shape. types: element types other than float. domains: of
+        further operators that are not standard."""
         def infos(entries):
             return [helper.make_tensor_value_info(n, (types or {}).get(n, TensorProto.FLOAT), s)
                     for n, s in entries.items()]
         graph = helper.make_graph(self.nodes, "test", infos(inputs), infos(outputs), self.constants)
-        model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", self.opset),
-                                                        helper.make_opsetid("com.velmarin.int8", 1)],
+        opsets = [("", self.opset), ("com.velmarin.int8", 1), *((domain, 1) for domain in domains)]
+        model = helper.make_model(graph, opset_imports=[helper.make_opsetid(*o) for o in opsets],
                                   ir_version=7, producer_name="zorv tests")
         checker.check_model(model)
         save(model, path)
@@ -79,6 +80,22 @@ def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None):
            {"pooled64": [batch, *pooled_shape], "P_rgb": [batch, 3, crop, crop],
             "kp_driving": [batch, 21, 3], "kp_source": [batch, 21, 3]},
            {"rgb": [batch, 3, crop, crop]})
+
+
+def own_operators(path):
+    """The standard graph with a node of either operator of the library."""
+    g = Graph()
+    weights = g.const(np.full((3, 3, 1, 1), 64), np.int8)
+    image = g("Int8ConvVNNI", "P_rgb", weights, g.const(np.full(3, 1 / 384)), g.const(np.zeros(3)),
+              domain="com.velmarin.int8")
+    line = (np.arange(CROP) * 2 + 1) / CROP - 1
+    image = g("GridSampleFast", image, np.stack(np.meshgrid(line, line), -1)[None], domain="com.velmarin")
+    mean = g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1)
+    g("Add", g("Add", image, mean), motion(g, "kp_driving", "kp_source"), out="rgb")
+    g.save(path,
+           {"pooled64": [1, 64, 32, 32], "P_rgb": [1, 3, CROP, CROP],
+            "kp_driving": [1, 21, 3], "kp_source": [1, 21, 3]},
+           {"rgb": [1, 3, CROP, CROP]}, domains=["com.velmarin"])
 
 
 def feat_synth(path, batch=1):
@@ -299,6 +316,7 @@ def main(directory):
     renderer(path("render_pooled_3d"), pooled_shape=(64, 1024))
     renderer(path("render_pooled_small"), pooled_shape=(64, 16, 32))
     renderer(path("render_crop_8"), crop=8)
+    own_operators(path("render_own_operators"))
     feat_synth(path("feat_synth"))
     feat_synth(path("feat_synth_b4"), batch=4)
     encoder(path("encoder"))

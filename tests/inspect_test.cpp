@@ -1,0 +1,497 @@
+// zorv inspect: names all that the library would refuse in a bundle, and nothing else.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <zorv_core.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bundle_check.h"
+#include "bundle_sheet.h"
+#include "model_check.h"
+#include "support/test_bundle.h"
+
+namespace fs = std::filesystem;
+
+namespace zorv {
+namespace {
+
+using test::TestBundle;
+using tools::BundleReport;
+using tools::Canvas;
+using tools::Color;
+using tools::FileReport;
+using tools::Finding;
+using tools::Severity;
+
+const FileReport* file_in(const BundleReport& report, const std::string& name) {
+    for (const FileReport& file : report.files)
+        if (file.name == name) return &file;
+    return nullptr;
+}
+
+std::set<std::string> files_with(const BundleReport& report, Severity severity) {
+    std::set<std::string> names;
+    for (const FileReport& file : report.files)
+        if (file.severity() == severity) names.insert(file.name);
+    return names;
+}
+
+std::string findings_of(const BundleReport& report) {
+    std::string text;
+    for (const FileReport& file : report.files)
+        for (const Finding& finding : file.findings)
+            text += file.name + ": " + finding.what + "; expected " + finding.expected + "\n";
+    return text;
+}
+
+using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
+
+Context open_context(const TestBundle& bundle, const std::string& key = "render") {
+    return {zorv_create(bundle.dir().c_str(), key.c_str(), 1, nullptr), &zorv_destroy};
+}
+bool opens(const TestBundle& bundle) {
+    return open_context(bundle) != nullptr;
+}
+bool renders(const TestBundle& bundle) {
+    const Context context = open_context(bundle);
+    return context && zorv_render_drive_crop(context.get(), 0);
+}
+bool shows(const TestBundle& bundle, int frame) {
+    const Context context = open_context(bundle);
+    return context && zorv_target_frame(context.get(), frame);
+}
+bool speaks(const TestBundle& bundle) {
+    zorv_stream* stream =
+        zorv_stream_create(bundle.dir().c_str(), test::modelFile("encoder").c_str(), 1, 0, 1.0f);
+    const std::vector<float> audio(640, 0.1f);
+    const bool made = stream && zorv_stream_run(stream, audio.data(), 640, nullptr, nullptr) == 1;
+    if (stream) zorv_stream_destroy(stream);
+    return made;
+}
+
+TEST(Inspect, ShowsWhatAGoodBundleHolds) {
+    TestBundle bundle({.withFsRed = true});
+    bundle.useModel("many", "render_b4");
+    bundle.useModel("synth", "feat_synth_b4");
+    test::writeFile(bundle.path("notes.txt"), "x");
+    const BundleReport report = tools::check_bundle(bundle.dir());
+    EXPECT_EQ(findings_of(report), "");
+    for (const std::string key : {"render", "many", "synth"})
+        EXPECT_TRUE(open_context(bundle, key)) << key;
+
+    EXPECT_EQ(report.facts.agent, "tiny");
+    EXPECT_EQ(report.facts.target_frames, 3);
+    EXPECT_EQ(report.facts.width, 48);
+    EXPECT_EQ(report.facts.height, 40);
+    EXPECT_EQ(report.facts.crop, 16);
+    EXPECT_EQ(report.facts.drive_frames, 4);
+    EXPECT_EQ(report.others, std::vector<std::string>{"notes.txt"});
+
+    const FileReport* frames = file_in(report, "target_frames/frame_000000.jpg");
+    ASSERT_TRUE(frames);
+    EXPECT_EQ(frames->last_name, "target_frames/frame_000002.jpg");
+    EXPECT_EQ(frames->count, 3);
+    const std::map<std::string, std::pair<std::string, int>> kinds = {
+        {"model_render.onnx", {"standard", 1}},
+        {"model_many.onnx", {"standard", 4}},
+        {"model_synth.onnx", {"FeatSynth", 4}}};
+    for (const auto& [name, kind] : kinds) {
+        const FileReport* file = file_in(report, name);
+        ASSERT_TRUE(file && file->model) << name;
+        EXPECT_EQ(file->model->graph, kind.first) << name;
+        EXPECT_EQ(file->model->batch, kind.second) << name;
+        EXPECT_TRUE(file->model->range) << name << " was not tried";
+    }
+    const auto& synth = file_in(report, "model_synth.onnx")->model->inputs;
+    ASSERT_EQ(synth.size(), 4u);
+    EXPECT_EQ(synth[0].name, "fs_red");
+    EXPECT_EQ(synth[0].type, "float32");
+    EXPECT_EQ(tools::shape_text(synth[0]), "4 x 64 x 64 x 64");
+}
+
+using Check = std::function<bool(const TestBundle&)>;
+
+struct Damage {
+    std::function<void(TestBundle&)> apply;
+    std::string file, what, expected;
+    Check works;  // what of the library works before and no longer after
+};
+
+Damage truncated(const std::string& file, const std::string& what, const std::string& expected,
+                 Check works = opens) {
+    return {[=](TestBundle& bundle) { bundle.truncate(file); }, file, what, expected, works};
+}
+Damage removed(const std::string& file, const std::string& expected, Check works = opens) {
+    return {[=](TestBundle& bundle) { bundle.remove(file); }, file, "missing", expected, works};
+}
+Damage manifest(const std::string& from, const std::string& to, const std::string& what,
+                const std::string& expected) {
+    return {[=](TestBundle& bundle) { bundle.replace("manifest.json", from, to); }, "manifest.json",
+            what, expected, opens};
+}
+Damage other_model(const std::string& model, const std::string& what, const std::string& expected,
+                   Check works = opens) {
+    return {[=](TestBundle& bundle) { bundle.useModel("render", model); }, "model_render.onnx",
+            what, expected, works};
+}
+
+// Each damage is found at its file and nowhere else, with what was expected there, and it is a
+// damage: something of the library stops working.
+TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
+    const std::string frame = "target_frames/frame_000001.jpg", picture = "JPEG picture of 48 x 40";
+    const Check shows_it = [](const TestBundle& bundle) { return shows(bundle, 1); };
+    const std::vector<Damage> damages = {
+        removed("manifest.json", ""),
+        manifest("zorv-bundle-v0", "zorv-bundle-v1", "zorv-bundle-v1", "\"zorv-bundle-v0\""),
+        manifest("\"agent\"", "\"agant\"", "key \"agent\" is missing", ""),
+        manifest("\"NT\": 3", "\"NT\": \"3\"", "\"NT\" reads as 0", "at least 1"),
+        manifest("\"H\": 40", "\"H\": -40", "\"H\" reads as -40", "at least 1"),
+        manifest("\"ksize\": 5", "\"ksize\": 4", "\"ksize\" reads as 4", "odd"),
+        manifest("\"frames\": 4", "\"frames\": -4", "\"frames\" reads as -4", "at least 0"),
+        removed("pooled64.f16", "3 x 64 x 32 x 32 float16 = 393216 bytes"),
+        truncated("pooled64.f16", "393215 bytes, 1 too few", "393216 bytes"),
+        removed("P.f16", "4608 bytes"),
+        {[](TestBundle& bundle) { bundle.extend("P.f16", 1536); }, "P.f16",
+         "6144 bytes, 1536 too many (4 rows)", "3 x 3 x 16 x 16 float16 = 4608 bytes", opens},
+        truncated("M.f32", "71 bytes, 1 too few", "3 x 6 float32 = 72 bytes"),
+        truncated("mask_512.u8", "255 bytes, 1 too few", "16 x 16 uint8 = 256 bytes"),
+        {[](TestBundle& bundle) { bundle.empty("drive/xs.f32"); }, "drive/xs.f32",
+         "0 bytes, 1008 too few", "4 x 63 float32 = 1008 bytes", opens},
+        removed("drive/xd.f32", "1008 bytes"),
+        {[](TestBundle& bundle) {
+             test::writeFile(bundle.path("drive/si.i32"),
+                             {"\0\0\0\0\2\0\0\0\3\0\0\0\xff\xff\xff\xff", 16});
+         },
+         "drive/si.i32", "2 of 4 indices are out of range, the first is entry 2: 3", "0 to 2",
+         opens},
+        removed(frame, picture, shows_it),
+        {[=](TestBundle& bundle) { bundle.noise(frame); }, frame, "cannot be decoded", picture,
+         shows_it},
+        {[=](TestBundle& bundle) {
+             const TestBundle wide({.width = 64});
+             test::writeFile(bundle.path(frame), test::readFile(wide.path(frame)));
+         },
+         frame, "is 64 x 40", picture, shows_it},
+        other_model("encoder", "input \"pooled64\" is missing", "64 x 32 x 32 float32"),
+        other_model("render_symbolic_batch", "is N x 64 x 32 x 32", "a fixed number"),
+        other_model("render_pooled_3d", "is 1 x 64 x 1024 float32", "64 x 32 x 32 float32"),
+        other_model("render_pooled_small", "is 1 x 64 x 16 x 32 float32",
+                    "1 x 64 x 32 x 32 float32", renders),
+        other_model("render_crop_8", "\"P_rgb\" is 1 x 3 x 8 x 8", "1 x 3 x 16 x 16 float32",
+                    renders),
+        {[](TestBundle& bundle) { bundle.noise("model_render.onnx"); }, "model_render.onnx",
+         "does not load", "an ONNX model", opens},
+        {[](TestBundle& bundle) {
+             bundle.useModel("render", "feat_synth"), bundle.remove("P.f16");
+         },
+         "fs_red.f16", "missing", "3 x 64 x 64 x 64 float16 = 1572864 bytes", opens},
+        removed("model_render.onnx", "a renderer model", speaks),
+        truncated("xs_target.bin", "755 bytes, 1 too few", "3 x 63 float32 = 756 bytes", speaks),
+        {[](TestBundle& bundle) {
+             test::writeFile(bundle.path("fca_stream.onnx"),
+                             test::readFile(test::modelFile("fca_stream_short_m")));
+         },
+         "fca_stream.onnx", "output \"m\" has 62 float32 values", "at least 63", speaks},
+    };
+    for (const Damage& damage : damages) {
+        TestBundle bundle;
+        SCOPED_TRACE(damage.file + ": " + damage.what);
+        ASSERT_TRUE(damage.works(bundle));
+        damage.apply(bundle);
+        EXPECT_FALSE(damage.works(bundle)) << "no damage";
+        const BundleReport report = tools::check_bundle(bundle.dir());
+        EXPECT_FALSE(report.good());
+        std::set<std::string> faulty = files_with(report, Severity::kFault);
+        faulty.erase("model_<key>.onnx");  // when the only one is gone
+        EXPECT_EQ(faulty, std::set<std::string>{damage.file}) << findings_of(report);
+        const FileReport* file = file_in(report, damage.file);
+        ASSERT_TRUE(file && !file->findings.empty());
+        EXPECT_TRUE(std::any_of(file->findings.begin(), file->findings.end(),
+                                [&](const Finding& finding) {
+                                    return finding.what.find(damage.what) != std::string::npos &&
+                                           finding.expected.find(damage.expected) !=
+                                               std::string::npos;
+                                }))
+            << findings_of(report);
+    }
+}
+
+TEST(Inspect, FindsEverythingInOneRun) {
+    TestBundle bundle;
+    bundle.replace("manifest.json", "\"sigma\"", "\"sigme\"");
+    bundle.truncate("pooled64.f16");
+    bundle.extend("M.f32");
+    bundle.remove("mask_512.u8");
+    bundle.truncate("target_frames/frame_000000.jpg", 400);
+    bundle.remove("target_frames/frame_000002.jpg");
+    bundle.useModel("bad", "encoder");
+    bundle.empty("model_render.onnx");
+    const BundleReport report = tools::check_bundle(bundle.dir());
+    EXPECT_EQ(
+        files_with(report, Severity::kFault),
+        (std::set<std::string>{"manifest.json", "pooled64.f16", "M.f32", "mask_512.u8",
+                               "target_frames/frame_000000.jpg", "target_frames/frame_000002.jpg",
+                               "model_bad.onnx", "model_render.onnx"}))
+        << findings_of(report);
+
+    // Absurd counts neither take memory nor time; the missing frames are one line.
+    bundle.write();
+    bundle.replace("manifest.json", "\"NT\": 3", "\"NT\": 1e99");
+    const BundleReport absurd = tools::check_bundle(bundle.dir());
+    const FileReport* missing = file_in(absurd, "target_frames/frame_000003.jpg");
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->count, 2147483647 - 3);
+
+    const test::TempDir empty;
+    EXPECT_EQ(files_with(tools::check_bundle(empty.path()), Severity::kFault).size(), 10u);
+}
+
+// What is odd but works is a warning: the bundle is still good, as it is for the library.
+TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
+    const auto put = [](const std::string& name, const std::string& bytes) {
+        return [=](TestBundle& bundle) { test::writeFile(bundle.path(name), bytes); };
+    };
+    const std::vector<std::pair<std::string, std::function<void(TestBundle&)>>> oddities = {
+        {"mask_512.u8", [](TestBundle& bundle) { bundle.extend("mask_512.u8"); }},
+        {"mask_512.u8", put("mask_512.u8", std::string(256, '\0'))},
+        {"xs_target.bin", [](TestBundle& bundle) { bundle.extend("xs_target.bin"); }},
+        {"M.f32", put("M.f32", std::string(72, '\0'))},
+        {"drive/xs.f32", put("drive/xs.f32", std::string(1008, '\xff'))},
+        {"target_frames/frame_000003.jpg", put("target_frames/frame_000003.jpg", "x")},
+        {"fca_stream.onnx", [](TestBundle& bundle) { bundle.remove("fca_stream.onnx"); }},
+        {"manifest.json",
+         [](TestBundle& bundle) {
+             bundle.replace("manifest.json", "\"tiny\"", "\"W\": \"tiny\"");
+         }},
+        {"manifest.json",
+         [](TestBundle& bundle) {
+             bundle.replace("manifest.json", "\"W\"", "\"M_src_w\": 100, \"M_src_h\": 40, \"W\"");
+         }},
+    };
+    for (size_t i = 0; i < oddities.size(); ++i) {
+        SCOPED_TRACE(oddities[i].first + " " + std::to_string(i));
+        TestBundle bundle;
+        oddities[i].second(bundle);
+        const BundleReport report = tools::check_bundle(bundle.dir());
+        const bool renamed = i == 7;  // the number after the earlier "W" is 0
+        EXPECT_EQ(opens(bundle), !renamed);
+        EXPECT_EQ(report.good(), !renamed) << findings_of(report);
+        EXPECT_NE(file_in(report, oddities[i].first)->severity(), Severity::kOk)
+            << findings_of(report);
+    }
+}
+
+// Whatever happens to a manifest, the inspection and the library read the same from it.
+TEST(Inspect, AgreesWithTheLibraryOnDamagedManifests) {
+    TestBundle bundle;
+    const std::string good = test::readFile(bundle.path("manifest.json"));
+    std::mt19937 random(20);
+    int opened = 0;
+    for (int round = 0; round < 100; ++round) {
+        std::string text = good;
+        const std::string bytes = "\"\":,0159-. eNWx";
+        for (unsigned change = 0; change < 1 + random() % 2; ++change) {
+            const size_t at = random() % text.size();
+            switch (random() % 3) {
+                case 0:
+                    text.erase(at, 1 + random() % 4);
+                    break;
+                case 1:
+                    text.insert(at, 1, bytes[random() % bytes.size()]);
+                    break;
+                default:
+                    text[at] = bytes[random() % bytes.size()];
+            }
+        }
+        test::writeFile(bundle.path("manifest.json"), text);
+        const BundleReport report = tools::check_bundle(bundle.dir());
+        bool context_faults = false;
+        for (const FileReport& file : report.files) {
+            if (file.severity() != Severity::kFault) continue;
+            // These are read later, each with an error of its own.
+            context_faults |= file.name.rfind("target_frames", 0) != 0;
+            for (const Finding& finding : file.findings)
+                EXPECT_EQ(finding.what.find("the library"), std::string::npos)
+                    << finding.what << "\n"
+                    << text;
+        }
+        EXPECT_EQ(opens(bundle), !context_faults) << text << findings_of(report);
+        opened += !context_faults;
+    }
+    EXPECT_GT(opened, 10) << "too few manifests survive to compare both sides";
+    EXPECT_LT(opened, 80);
+}
+
+TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
+    TestBundle bundle;
+    bundle.useModel("own", "render_own_operators");
+    FileReport model{"model_own.onnx"};
+    tools::check_renderer_model(bundle.dir(), tools::check_bundle(bundle.dir()).facts, model);
+    EXPECT_TRUE(model.findings.empty()) << model.findings[0].what;
+    ASSERT_TRUE(model.model);
+    EXPECT_EQ(model.model->batch, 1);
+}
+
+// ---- the sheet ----
+
+constexpr Color kOutline = {255, 214, 0}, kTop = {255, 64, 64}, kMask = {40, 230, 110},
+                kPoints = {0, 225, 255};
+
+/** Where a colour occurs below the legend and above the plots. */
+struct Area {
+    double count = 0, x = 0, y = 0;  // centre
+    int left = 1 << 30, right = -1, top = 1 << 30, bottom = -1;
+    int width() const { return right - left; }
+    int height() const { return bottom - top; }
+};
+
+Area find_colors(const Canvas& canvas, const std::vector<Color>& colors) {
+    Area area;
+    for (int y = 40; y < canvas.height() - 620; ++y)
+        for (int x = 0; x < canvas.width(); ++x) {
+            const uint8_t* pixel = canvas.rgb() + 3 * (y * canvas.width() + x);
+            for (const Color& color : colors) {
+                if (pixel[0] != color.r || pixel[1] != color.g || pixel[2] != color.b) continue;
+                area.count += 1, area.x += x, area.y += y;
+                area.left = std::min(area.left, x), area.right = std::max(area.right, x);
+                area.top = std::min(area.top, y), area.bottom = std::max(area.bottom, y);
+            }
+        }
+    area.x /= area.count, area.y /= area.count;
+    return area;
+}
+
+std::string floats(const std::vector<float>& values) {
+    return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float)};
+}
+
+Canvas sheet_of(const TestBundle& bundle) {
+    auto sheet = tools::draw_bundle(tools::check_bundle(bundle.dir()));
+    if (!sheet) throw std::runtime_error("no sheet");
+    return *sheet;
+}
+
+TEST(InspectSheet, DrawsCropMaskAndKeypointsWhereTheyLand) {
+    TestBundle bundle({.nt = 1, .width = 62, .height = 62});  // 10 sheet pixels per frame pixel
+    // A quarter turn: the crop's right is the frame's down, its top edge is on the right.
+    test::writeFile(bundle.path("M.f32"), floats({0, -2, 50, 2, 0, 10}));
+    // The mask takes the crop's left half; the keypoints stand at the crop's centre.
+    std::string mask;
+    for (int i = 0; i < 256; ++i) mask += i % 16 < 8 ? '\xff' : '\0';
+    test::writeFile(bundle.path("mask_512.u8"), mask);
+    test::writeFile(bundle.path("xs_target.bin"), std::string(252, '\0'));
+
+    const Canvas canvas = sheet_of(bundle);
+    const Area box = find_colors(canvas, {kOutline, kTop});
+    EXPECT_NEAR(box.width(), 320, 4);
+    EXPECT_NEAR(box.height(), 320, 4);
+    const double x = (box.left + box.right) / 2.0, y = (box.top + box.bottom) / 2.0;
+    EXPECT_NEAR(find_colors(canvas, {kTop}).x, box.right, 3);
+    const Area points = find_colors(canvas, {kPoints});
+    EXPECT_NEAR(points.x, x, 1.5);
+    EXPECT_NEAR(points.y, y, 1.5);
+    const Area halves = find_colors(canvas, {kMask});  // elsewhere the outline covers its line
+    EXPECT_NEAR(halves.top, y, 2);
+    EXPECT_NEAR(halves.bottom, y, 2);
+    EXPECT_NEAR(halves.width(), 320, 4);
+    // The frame's own pixels come through: this one was painted by a formula.
+    const int left = box.left - 190, top = box.top - 90;  // frame pixel (0, 0)
+    const uint8_t* pixel = canvas.rgb() + 3 * ((top + 300) * canvas.width() + left + 5);
+    EXPECT_NEAR(pixel[0], 127.5 + 100 * std::sin(0.13 * 30), 12);
+
+    // Placements for frames of twice the size shrink by half.
+    bundle.replace("manifest.json", "\"W\"", "\"M_src_w\": 124, \"M_src_h\": 124, \"W\"");
+    EXPECT_NEAR(find_colors(sheet_of(bundle), {kOutline, kTop}).width(), 160, 4);
+}
+
+TEST(InspectSheet, LeavesOutWhatIsDamaged) {
+    TestBundle bundle;
+    bundle.noise("target_frames/frame_000001.jpg");
+    bundle.truncate("mask_512.u8");
+    bundle.truncate("xs_target.bin");  // the stored sequence has source keypoints too
+    bundle.remove("drive/xd.f32");
+    const Canvas canvas = sheet_of(bundle);
+    EXPECT_GT(find_colors(canvas, {kPoints}).count, 0);
+    EXPECT_EQ(find_colors(canvas, {kMask}).count, 0);
+    bundle.truncate("M.f32");
+    EXPECT_EQ(find_colors(sheet_of(bundle), {kPoints, kOutline}).count, 0);
+}
+
+// ---- the program ----
+
+struct Outcome {
+    int code;
+    std::string out;
+};
+
+Outcome run(const std::string& arguments) {
+    std::FILE* pipe = popen((std::string(ZORV_PROGRAM) + " inspect " + arguments).c_str(), "r");
+    Outcome outcome{-1, ""};
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        outcome.out.append(buffer, n);
+    const int status = pclose(pipe);
+    if (WIFEXITED(status)) outcome.code = WEXITSTATUS(status);
+    return outcome;
+}
+
+TEST(InspectCommand, ExitStatusReportAndSheet) {
+    TestBundle bundle;
+    const test::TempDir work;
+    const std::string sheet = work.path() + "/sheet.png", dir = bundle.dir();
+    Outcome outcome = run(dir + " --json --sheet " + sheet + " 2>/dev/null");
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(test::readFile(sheet).substr(1, 3), "PNG");
+    auto report = nlohmann::json::parse(outcome.out);
+    EXPECT_EQ(report["good"], true);
+    EXPECT_EQ(report["manifest"]["NT"], 3);
+    EXPECT_EQ(report["manifest"]["frames"], 4);
+    const auto model = [&]() -> nlohmann::json {
+        for (const auto& file : report["files"])
+            if (file["name"] == "model_render.onnx") return file["model"];
+        return {};
+    };
+    EXPECT_EQ(model()["graph"], "standard");
+    EXPECT_EQ(model()["batch"], 1);
+    EXPECT_EQ(model()["inputs"][1]["shape"], (std::vector{1, 3, 16, 16}));
+
+    bundle.useModel("render", "render_symbolic_batch");
+    bundle.replace("manifest.json", "tiny", "t\xff\x1b[1m");
+    outcome = run(dir + " --json 2>/dev/null");
+    EXPECT_EQ(outcome.code, 1);
+    report = nlohmann::json::parse(outcome.out);
+    EXPECT_EQ(report["good"], false);
+    EXPECT_EQ(report["faults"], 1);
+    EXPECT_TRUE(model()["batch"].is_null());
+    EXPECT_EQ(model()["inputs"][0]["shape"][0], "N");
+
+    outcome = run(dir + " 2>&1");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.out.find("FAULT    model_render.onnx"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("zorv: bundle '"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find('\x1b'), std::string::npos) << "acts on the terminal";
+
+    fs::remove(sheet);
+    bundle.empty("manifest.json");
+    EXPECT_EQ(run(dir + " --sheet " + sheet + " >/dev/null 2>&1").code, 1);
+    EXPECT_TRUE(fs::is_empty(work.path())) << "half a sheet";
+    EXPECT_EQ(run(dir + "/manifest.json 2>&1").out,
+              "zorv: no bundle directory '" + dir + "/manifest.json'; check the path\n");
+    EXPECT_EQ(run(dir + " --sheet /nowhere/x.png 2>/dev/null").out, "");
+    EXPECT_EQ(run("2>/dev/null").code, 2);
+}
+
+}  // namespace
+}  // namespace zorv
