@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # From nothing to a talking face: builds, makes the demo subject, renders a clip.
 #
-#   scripts/demo.sh [speech file]
+#   scripts/demo.sh [--engine fca|motion] [speech file]
 #
 # The speech file may be anything that FFmpeg reads; without one a sentence is synthesised.
+# The engine turns speech into movement: fca (the default) hears the whole clip, motion hears it in
+# pieces, as a live stream would.
 # Leaves out/demo.mp4 and out/demo.png in the checkout.
 set -euo pipefail
 
 say() { printf '[demo] %s\n' "$*" >&2; }
 die() { say "$*"; exit 1; }
 
-if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [speech file]"; fi
+engine=fca
+if [ "${1:-}" = --engine ] && [ $# -ge 2 ]; then
+    engine=$2
+    shift 2
+fi
+if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [--engine fca|motion] [speech file]"; fi
 speech=
 if [ $# -eq 1 ]; then
     [ -f "$1" ] || die "no such file: $1"
@@ -21,6 +28,11 @@ cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
 python=/usr/bin/python3
 [ -x "$python" ] || python=python3
 subject=build/demo
+case $engine in
+    fca) models=(--encoder "$subject/speech_encoder.onnx") ;;
+    motion) models=(--motion-dir "$subject/motion") ;;
+    *) die "no engine '$engine': use fca or motion" ;;
+esac
 SENTENCE="Hello! I am a drawing that learned to talk. Every word you hear moves my lips, \
 and a plain processor renders me faster than you can listen. What shall I say next?"
 
@@ -42,7 +54,7 @@ fi
 
 say "rendering"
 report=$(build/release/bin/zorv render "$subject/bundle" --audio "$speech" \
-    --encoder "$subject/speech_encoder.onnx" -o out/demo.mp4 --sheet out/demo.png --json)
+    --engine "$engine" "${models[@]}" -o out/demo.mp4 --sheet out/demo.png --json)
 
 "$python" - "$PWD" "$report" <<'PY'
 import json, sys
