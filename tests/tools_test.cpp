@@ -19,6 +19,7 @@
 #include "audio_reader.h"
 #include "support/expression_dir.h"
 #include "support/test_bundle.h"
+#include "support/test_motion.h"
 #include "video_reader.h"
 
 namespace fs = std::filesystem;
@@ -309,6 +310,39 @@ TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {
     arguments.erase(encoder, encoder + 2);
     arguments.insert(arguments.end(), {"--motion-dir", expression.path()});
     mistake("--engine a2x needs a speech encoder");
+}
+
+TEST_F(RenderCommand, RendersThroughTheMotionEngine) {
+    const test::TestMotion motion;
+    const std::string audio = speech(4);  // more than one run of the generator
+    std::vector<std::string> arguments = {
+        "render", bundle_.dir(),    "--audio",   audio, "--engine",     "motion",
+        "-o",     target("frames"), "--threads", "1",   "--motion-dir", motion.dir()};
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
+    EXPECT_NE(test::readFile(target("frames/000000.png")),
+              test::readFile(target("frames/000004.png")));  // the same target frame, moved
+    fs::remove_all(target("frames"));
+
+    const auto mistake = [&](const std::string& advice) {
+        SCOPED_TRACE(advice);
+        expect_advice(run(arguments), 1, advice);
+        expect_nothing_written();
+    };
+    motion.useModel("lmdm", "lmdm_short");
+    mistake("rendering stopped after frame 0 of 100: zorv_motion_avail: ");
+    motion.writeMeta("{}");
+    mistake("zorv_motion_create: meta.json: missing nt");
+    const test::TestMotion longer({.nt = 4});
+    arguments.back() = longer.dir();
+    mistake("is for a subject of 4 target frames");
+    arguments.back() = path("nowhere");
+    mistake("check the path given to --motion-dir");
+    arguments.insert(arguments.end(), {"--encoder", test::modelFile("encoder")});
+    mistake("--encoder is not for --engine motion");
+    arguments.resize(arguments.size() - 4);
+    mistake("name it with --motion-dir");
 }
 
 }  // namespace

@@ -4,13 +4,13 @@
 #include <thread>
 
 #include "failure.h"
-#include "keypoint_engine.h"
 
 namespace zorv::tools {
 namespace {
 
 constexpr Engine kEngines[] = {
     {"fca", check_stream_options, open_stream_renderer},
+    {"motion", check_motion_options, open_motion_renderer},
     {"a2x", check_expression_options, open_expression_renderer},
 };
 

@@ -49,6 +49,8 @@ void check_encoder(const RenderOptions& options);
 
 void check_stream_options(const RenderOptions& options);
 std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options);
+void check_motion_options(const RenderOptions& options);
+std::unique_ptr<ClipRenderer> open_motion_renderer(const RenderOptions& options);
 void check_expression_options(const RenderOptions& options);
 std::unique_ptr<ClipRenderer> open_expression_renderer(const RenderOptions& options);
 

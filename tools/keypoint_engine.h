@@ -1,7 +1,7 @@
 // Audio engines that hand out keypoints, and what renders their frames.
 //
 // The library's families of this kind have the same functions, so an engine is a record of one
-// family's functions and a line in clip_renderer.cpp.
+// family's functions (see motion_engine.cpp) and a line in clip_renderer.cpp.
 #pragma once
 
 #include <memory>

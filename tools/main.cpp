@@ -24,7 +24,8 @@ void add_render(CLI::App& app, RenderOptions& options) {
         ->capture_default_str()
         ->check(CLI::IsMember(engine_names()));
     command->add_option("--encoder", options.encoder, "Speech encoder (.onnx), for fca and a2x");
-    command->add_option("--motion-dir", options.motion_dir, "Directory of an engine's models");
+    command->add_option("--motion-dir", options.motion_dir,
+                        "Directory of models, for motion and a2x");
     command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
         ->required();
     command->add_option("--sheet", options.sheet, "Also write a contact sheet (.png)");
