@@ -6,12 +6,21 @@
                        with zero point 128
     conv_C_S_M.onnx    the same in float
     int8_C_S_M.onnx    the same as Int8ConvVNNI
+    model_float.onnx   a renderer of realistic size with random weights: encoder, warp by keypoints,
+                       decoder; 5 GMAC per frame of 512 x 512
+    model_int8.onnx    its twin, converted like any other float model
 """
 import os
+import pathlib
 import sys
 
 import numpy as np
+import onnx
 from onnx import TensorProto, helper, numpy_helper, save
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "demo"))
+import int8_model
+from onnx_build import GraphBuilder
 
 SHAPES = [(64, 64, 64), (128, 64, 128), (64, 128, 64), (32, 256, 32), (256, 32, 256)]
 SAME = {"strides": [1, 1], "pads": [1, 1, 1, 1], "dilations": [1, 1], "group": 1}
@@ -27,8 +36,41 @@ def write(path, nodes, constants, c, side, m):
     save(helper.make_model(graph, opset_imports=domains, ir_version=8), path)
 
 
+def renderer():
+    random = np.random.default_rng(2)
+    g = GraphBuilder("renderer of random weights")
+    pooled, picture = g.input("pooled64", [1, 64, 32, 32]), g.input("P_rgb", [1, 3, 512, 512])
+    driving, source = g.input("kp_driving", [1, 21, 3]), g.input("kp_source", [1, 21, 3])
+
+    def conv(x, inputs, outputs, stride=1, relu=True):
+        weights = random.normal(size=(outputs, inputs, 3, 3)) * np.sqrt(2 / (9 * inputs))
+        x = g.op("Conv", x, weights, 0.01 * random.normal(size=outputs), strides=[stride, stride], pads=[1, 1, 1, 1])
+        return g.op("Relu", x) if relu else x
+
+    def enlarge(x):
+        return g.op("Resize", x, None, np.array([1, 1, 2, 2], np.float32), mode="nearest",
+                    coordinate_transformation_mode="asymmetric", nearest_mode="floor")
+
+    features = conv(conv(picture, 3, 32, 2), 32, 64, 2)                                  # 64 x 128 x 128
+    line = ((np.arange(128) + 0.5) / 64 - 1).astype(np.float32)
+    still = np.stack(np.meshgrid(line, line), axis=-1)
+    moved = g.matmul(g.reshape(driving - source, [1, 63]), 0.02 * random.normal(size=(63, 2)))
+    waves = 0.02 * np.sin(3 * still[..., ::-1])
+    features = g.grid_sample(features, g.reshape(moved, [1, 1, 1, 2]) + (still + waves).reshape(1, 128, 128, 2))
+    deep = conv(g.concat([conv(features, 64, 64, 2), enlarge(pooled)], 1), 128, 128)     # 128 x 64 x 64
+    for _ in range(2):
+        deep = g.op("Relu", deep + conv(conv(deep, 128, 128), 128, 128, relu=False))
+    wide = conv(enlarge(conv(enlarge(deep), 128, 64)), 64, 32)                           # 32 x 256 x 256
+    rgb = g.op("DepthToSpace", conv(wide, 32, 12, relu=False), blocksize=2, mode="DCR")
+    g.output("rgb", g.op("Sigmoid", rgb), [1, 3, 512, 512])
+    return g.model()
+
+
 def main(directory):
     os.makedirs(directory, exist_ok=True)
+    model = renderer()
+    onnx.save(model, os.path.join(directory, "model_float.onnx"))
+    onnx.save(int8_model.convert(model), os.path.join(directory, "model_int8.onnx"))
     random = np.random.default_rng(1)
     node = helper.make_node
     for c, side, m in SHAPES:
