@@ -12,8 +12,8 @@ namespace {
 
 struct Vnni512 {
     static constexpr int kLanes = 16;
-    static constexpr int kBlock = 8;
-    static constexpr int kSegments = 2;
+    static constexpr int kBlock = 4;
+    static constexpr int kSegments = 4;
     static constexpr int kQuadBytes = 4;
     using F = __m512;
     using Sum = __m512i;
