@@ -46,22 +46,38 @@ struct Vnni512 {
 
     static F set(float v) { return _mm512_set1_ps(v); }
     static Sum setInt(std::int32_t v) { return _mm512_set1_epi32(v); }
-    static F mul(F a, F b) { return _mm512_mul_ps(a, b); }
     static F sub(F a, F b) { return _mm512_sub_ps(a, b); }
     static F div(F a, F b) { return _mm512_div_ps(a, b); }
-    static F abs(F a) { return _mm512_abs_ps(a); }
-    static F round(F a) {
-        return _mm512_roundscale_ps(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+    static F multiplyAdd(F a, F b, F c) { return _mm512_fmadd_ps(a, b, c); }
+    static F multiplySubtract(F a, F b, F c) { return _mm512_fmsub_ps(a, b, c); }
+    static Sum maxInt(Sum a, Sum b) { return _mm512_max_epi32(a, b); }
+    static Sum magnitudeBits(F a) {
+        return _mm512_and_si512(_mm512_castps_si512(a), _mm512_set1_epi32(0x7fffffff));
     }
-    static bool anyAbove(F a, F limit) { return _mm512_cmp_ps_mask(a, limit, _CMP_GT_OQ) != 0; }
+    static bool anyAbove(Sum bits, float limit) {
+        const Sum limits = _mm512_castps_si512(_mm512_set1_ps(limit));
+        return _mm512_cmpgt_epi32_mask(bits, limits) != 0;
+    }
     static Sum toInt(F a) { return _mm512_cvtps_epi32(a); }
     static Sum addInt(Sum a, Sum b) { return _mm512_add_epi32(a, b); }
+
     /// Saturating packs clamp to bytes; the shuffle makes quads of them.
-    static Sum quads(Sum a, Sum b, Sum c, Sum d) {
-        const Sum ab = _mm512_packs_epi32(a, b), cd = _mm512_packs_epi32(c, d);
+    static Sum quads(const Sum (&v)[4]) {
+        const Sum ab = _mm512_packs_epi32(v[0], v[1]), cd = _mm512_packs_epi32(v[2], v[3]);
         const Sum order = _mm512_broadcast_i32x4(
             _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
         return _mm512_shuffle_epi8(_mm512_packus_epi16(ab, cd), order);
+    }
+    /// From integers in the low 16 bits of each lane.
+    static Sum quadsOfLowHalves(const F (&v)[4]) {
+        const Sum ab = lowHalves(v[0], v[1]), cd = lowHalves(v[2], v[3]);
+        const Sum order = _mm512_broadcast_i32x4(
+            _mm_setr_epi8(0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15));
+        return _mm512_shuffle_epi8(_mm512_packus_epi16(ab, cd), order);
+    }
+    static Sum lowHalves(F a, F b) {
+        const Sum high = _mm512_slli_epi32(_mm512_castps_si512(b), 16);
+        return _mm512_mask_blend_epi16(0xaaaaaaaau, _mm512_castps_si512(a), high);
     }
     static void storeQuads(std::uint32_t* p, __m512i v) { _mm512_storeu_si512(p, v); }
 };

@@ -103,6 +103,29 @@ class TileQueue {
     int count_ = 0;
 };
 
+/// The input rows that the next `count` output rows add, fetched a part at a time: the tiles hop
+/// between rows and quads in a way that the processor does not foresee.
+class NextRows {
+  public:
+    NextRows(const ConvGeometry& g, const std::uint8_t* image, std::int64_t last,
+             std::int64_t count, std::int64_t parts) {
+        const std::int64_t stride = g.attributes.strides[0];
+        const std::int64_t from = last * stride + g.attributes.dilations[0] * (g.kh - 1) + 1;
+        const std::int64_t to = lesser(from + count * stride, g.rows);
+        at_ = image + lesser(from, g.rows) * g.rowBytes;
+        end_ = image + to * g.rowBytes;
+        part_ = (end_ - at_ + parts - 1) / parts;
+    }
+    void fetchPart() {
+        const std::uint8_t* stop = part_ < end_ - at_ ? at_ + part_ : end_;
+        for (; at_ < stop; at_ += 64) __builtin_prefetch(at_, 0, 2);
+    }
+
+  private:
+    const std::uint8_t *at_, *end_;
+    std::ptrdiff_t part_;
+};
+
 /// Rows [first, first + count) of one image, all channels: so few that the rows' quantised pixels
 /// stay in the nearest cache while the weights pass by.
 template <class V>
@@ -110,6 +133,7 @@ void convolveRowBlock(const ConvRun& run, std::int64_t image, std::int64_t first
                       std::int64_t count) {
     const ConvGeometry& g = run.geometry;
     const std::uint8_t* const rows = run.quantised + image * g.imageBytes;
+    NextRows next(g, rows, first + count - 1, count, g.attributes.group * run.weights.blocks);
     for (std::int64_t group = 0; group < g.attributes.group; ++group) {
         for (std::int64_t b = 0; b < run.weights.blocks; ++b) {
             const std::int64_t channel = group * g.groupOut + b * V::kBlock;
@@ -119,6 +143,7 @@ void convolveRowBlock(const ConvRun& run, std::int64_t image, std::int64_t first
                                      run.bias + channel,
                                      lesser(V::kBlock, g.groupOut - b * V::kBlock),
                                      static_cast<int>(lesser(V::kLanes, g.ow))};
+            next.fetchPart();
             TileQueue<V> queue(g, block);
             for (std::int64_t row = first; row < first + count; ++row) {
                 const std::uint8_t* pixels =
@@ -179,6 +204,8 @@ inline bool reciprocalServes(float scale) {
     return scale > 0x1p-100f && scale < 0x1p100f;
 }
 constexpr float kSafeFraction = 0.5f - 0x1p-13f;
+/// Added to a small number it leaves the number's integer part in the low bits, rounded to even.
+constexpr float kRounder = 0x1.8p23f;
 
 template <class V>
 void quantiseRowLanes(const float* const* channels, std::int64_t width, Quantisation q,
@@ -187,24 +214,36 @@ void quantiseRowLanes(const float* const* channels, std::int64_t width, Quantisa
     const float* const in[4] = {some, channels[1] ? channels[1] : some,
                                 channels[2] ? channels[2] : some, channels[3] ? channels[3] : some};
     if (width < V::kLanes) return kInt8ConvPortable.quantiseRow(in, width, q, out);
-    const bool byProduct = reciprocalServes(q.scale);
     const auto scale = V::set(q.scale), reciprocal = V::set(1 / q.scale);
     const auto zeroPoint = V::setInt(q.zeroPoint);
-    const auto block = [&](std::int64_t x) {
-        typename V::F value[4], rounded[4];
-        for (int i = 0; i < 4; ++i) {
-            value[i] = V::mul(V::load(in[i] + x), reciprocal);
-            rounded[i] = V::round(value[i]);
-            value[i] = V::abs(V::sub(value[i], rounded[i]));
-        }
-        const auto fraction = V::max(V::max(value[0], value[1]), V::max(value[2], value[3]));
-        if (!byProduct || V::anyAbove(fraction, V::set(kSafeFraction))) {
-            for (int i = 0; i < 4; ++i) rounded[i] = V::div(V::load(in[i] + x), scale);
-        }
+    const auto rounder = V::set(kRounder + static_cast<float>(q.zeroPoint));
+    const auto byQuotient = [&](std::int64_t x) {
         typename V::Sum bytes[4];
-        for (int i = 0; i < 4; ++i) bytes[i] = V::addInt(V::toInt(rounded[i]), zeroPoint);
-        V::storeQuads(out + x, V::quads(bytes[0], bytes[1], bytes[2], bytes[3]));
+        for (int i = 0; i < 4; ++i) {
+            const auto quotient = V::div(V::load(in[i] + x), scale);
+            bytes[i] = V::addInt(V::toInt(quotient), zeroPoint);
+        }
+        V::storeQuads(out + x, V::quads(bytes));
     };
+    const auto block = [&](std::int64_t x) {
+        typename V::F sums[4];
+        typename V::Sum farthest = V::zero();  // |fraction|, whose bits order like integers
+        for (int i = 0; i < 4; ++i) {
+            const auto value = V::load(in[i] + x);
+            sums[i] = V::multiplyAdd(value, reciprocal, rounder);
+            const auto whole = V::sub(sums[i], rounder);
+            const auto fraction = V::multiplySubtract(value, reciprocal, whole);
+            farthest = V::maxInt(farthest, V::magnitudeBits(fraction));
+        }
+        if (V::anyAbove(farthest, kSafeFraction)) return byQuotient(x);  // so is a NaN
+        V::storeQuads(out + x, V::quadsOfLowHalves(sums));
+    };
+    if (!reciprocalServes(q.scale)) {
+        std::int64_t x = 0;
+        for (; x + V::kLanes <= width; x += V::kLanes) byQuotient(x);
+        if (x < width) byQuotient(width - V::kLanes);
+        return;
+    }
     std::int64_t x = 0;
     for (; x + V::kLanes <= width; x += V::kLanes) block(x);
     if (x < width) block(width - V::kLanes);  // again some pixels that are done
