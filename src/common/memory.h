@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace zorv {
 
@@ -66,5 +67,22 @@ class ZeroedArray {
     ZeroedPages pages_;
     std::size_t size_ = 0;
 };
+
+/// A vector whose storage starts at a cache line.
+template <class T>
+struct CacheLineAllocator {
+    using value_type = T;
+    static constexpr std::align_val_t kLine{64};
+    CacheLineAllocator() = default;
+    template <class U>
+    explicit(false) CacheLineAllocator(const CacheLineAllocator<U>&) {}
+    T* allocate(std::size_t n) {
+        return static_cast<T*>(::operator new(checkedProduct(n, sizeof(T)), kLine));
+    }
+    void deallocate(T* p, std::size_t) { ::operator delete(p, kLine); }
+    bool operator==(const CacheLineAllocator&) const = default;
+};
+template <class T>
+using AlignedVector = std::vector<T, CacheLineAllocator<T>>;
 
 }  // namespace zorv

@@ -5,6 +5,10 @@
 namespace zorv {
 namespace {
 
+void scaleRow(const float* in, float scale, float* out, int count) {
+    for (int i = 0; i < count; ++i) out[i] = scale * in[i];
+}
+
 void blurRow(const float* in, const float* weights, int taps, float* out, int count) {
     for (int i = 0; i < count; ++i) out[i] = 0;
     for (int t = 0; t < taps; ++t) {
@@ -98,8 +102,8 @@ void blendRow(const RowPositions& row, const PhaseTable& table, const float* con
 
 }  // namespace
 
-const PasteKernels kPasteKernelsPortable = {SimdLevel::kPortable, blurRow, sharpenRow, coverRow,
-                                            blendRow};
+const PasteKernels kPasteKernelsPortable = {SimdLevel::kPortable, scaleRow, blurRow,
+                                            sharpenRow,           coverRow, blendRow};
 
 const PasteKernels& pasteKernels(SimdLevel level) {
     switch (level) {

@@ -1,6 +1,7 @@
 // The compositor's inner loops, one table per instruction set. Every version does the same
 // single-precision operations in the same order for each element (a lane is an element, and a
-// product and its sum round separately), so all levels give the same bits.
+// product and its sum round separately), so all levels give the same bytes; inside, no more than
+// the sign of a zero may differ.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +13,10 @@
 namespace zorv {
 
 /// Every plane that is resampled has this many zeros around it, so that no tap needs a bounds
-/// check, and this many more behind each row for vectors that read past the last tap.
+/// check, and this many more behind each row for vectors that read past the last tap. On the
+/// left the zeros fill a cache line, so that rows start at one.
 constexpr int kApron = 4;
+constexpr int kMargin = 16;
 constexpr int kSlack = 56;
 
 /// Crop positions of one frame row in 1/1024 crop pixel: pixel i lies at (colU[i] + rowU,
@@ -28,6 +31,9 @@ struct RowPositions {
 
 struct PasteKernels {
     SimdLevel level;
+
+    /// out[i] = scale * in[i].
+    void (*scaleRow)(const float* in, float scale, float* out, int count);
 
     /// out[i] = sum over t of weights[t] * in[i + t]; in has count + taps - 1 elements.
     void (*blurRow)(const float* in, const float* weights, int taps, float* out, int count);

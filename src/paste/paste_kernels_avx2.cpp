@@ -36,6 +36,8 @@ struct Avx2 {
     static M equalI(I a, I b) { return _mm256_castsi256_ps(_mm256_cmpeq_epi32(a, b)); }
     static M noLanes() { return zero(); }
     static M either(M a, M b) { return _mm256_or_ps(a, b); }
+    /// a + b in the given lanes, a in the others (whose b may be no number).
+    static F addWhere(M lanes, F a, F b) { return add(a, _mm256_and_ps(lanes, b)); }
     static F select(M lanes, F yes, F no) { return _mm256_blendv_ps(no, yes, lanes); }
 
     static I loadLanes(const int* p, int first, int last) {
@@ -48,14 +50,47 @@ struct Avx2 {
     }
     static F pick(F a, I index) { return _mm256_permutevar8x32_ps(a, index); }
     static F pick2(F a, F b, I index) {
-        const M second = _mm256_castsi256_ps(_mm256_cmpgt_epi32(index, setI(kLanes - 1)));
+        const M second = _mm256_castsi256_ps(_mm256_slli_epi32(index, 28));  // the 8 of the index
         return select(second, pick(b, index), pick(a, index));
     }
+    static F loadHalves(const float* low, const float* high) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(low)), _mm_loadu_ps(high),
+                                    1);
+    }
+    /// Both halves of v are 4 x 4 matrices whose rows become columns.
+    static void transposeHalves(F* v) {
+        const F low01 = _mm256_unpacklo_ps(v[0], v[1]);
+        const F low23 = _mm256_unpacklo_ps(v[2], v[3]);
+        const F high01 = _mm256_unpackhi_ps(v[0], v[1]);
+        const F high23 = _mm256_unpackhi_ps(v[2], v[3]);
+        v[0] = _mm256_shuffle_ps(low01, low23, 0x44);
+        v[1] = _mm256_shuffle_ps(low01, low23, 0xee);
+        v[2] = _mm256_shuffle_ps(high01, high23, 0x44);
+        v[3] = _mm256_shuffle_ps(high01, high23, 0xee);
+    }
+    /// Turning each lane's weights, which lie side by side, beats one gather per tap.
     template <int kTaps>
     static void lookup(const PhaseTable& table, I phase, F* weights) {
-        for (int k = 0; k < kTaps; ++k) {
-            weights[k] = _mm256_i32gather_ps(table.byTap.data() + k * kPhases, phase, 4);
+        if constexpr (kTaps % 4 == 0) {
+            alignas(32) int phases[kLanes];
+            _mm256_store_si256(reinterpret_cast<I*>(phases), phase);
+            for (int k = 0; k < kTaps; k += 4) {
+                for (int l = 0; l < 4; ++l) {
+                    weights[k + l] =
+                        loadHalves(table.at(phases[l]) + k, table.at(phases[l + 4]) + k);
+                }
+                transposeHalves(weights + k);
+            }
+        } else {
+            for (int k = 0; k < kTaps; ++k) {
+                weights[k] = _mm256_i32gather_ps(table.byTap.data() + k * kPhases, phase, 4);
+            }
         }
+    }
+    /// taps[k] = the eight values from p + k on.
+    template <int kTaps>
+    static void adjacentTaps(const float* p, F* taps) {
+        for (int k = 0; k < kTaps; ++k) taps[k] = load(p + k);
     }
 
     static F loadBytes(const std::uint8_t* p) {
@@ -110,7 +145,8 @@ struct Avx2 {
 
 }  // namespace
 
-const PasteKernels kPasteKernelsAvx2 = {SimdLevel::kAvx2, blurRowLanes<Avx2>, sharpenRowLanes<Avx2>,
+const PasteKernels kPasteKernelsAvx2 = {SimdLevel::kAvx2,    scaleRowLanes<Avx2>,
+                                        blurRowLanes<Avx2>,  sharpenRowLanes<Avx2>,
                                         coverRowLanes<Avx2>, blendRowLanes<Avx2>};
 
 }  // namespace zorv

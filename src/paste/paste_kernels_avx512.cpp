@@ -38,6 +38,8 @@ struct Avx512 {
     static M equalI(I a, I b) { return _mm512_cmpeq_epi32_mask(a, b); }
     static M noLanes() { return 0; }
     static M either(M a, M b) { return static_cast<M>(a | b); }
+    /// a + b in the given lanes, a in the others.
+    static F addWhere(M lanes, F a, F b) { return _mm512_mask_add_ps(a, lanes, a, b); }
     static F select(M lanes, F yes, F no) { return _mm512_mask_blend_ps(lanes, no, yes); }
 
     static I loadLanes(const int* p, int first, int last) {
@@ -52,6 +54,24 @@ struct Avx512 {
             const float* byPhase = table.byTap.data() + k * kPhases;
             weights[k] = pick2(load(byPhase), load(byPhase + kLanes), phase);
         }
+    }
+    /// taps[k] = the 16 values from p + k on. Nearly every load lies across two cache lines and
+    /// costs twice, a shuffle costs arithmetic: half of each is faster than either.
+    template <int kTaps>
+    static void adjacentTaps(const float* p, F* taps) {
+        for (int k = 0; k < std::min(kTaps, 4); ++k) taps[k] = load(p + k);
+        if constexpr (kTaps == 8) {
+            const F next = load(p + kLanes);
+            taps[4] = shifted<4>(taps[0], next);
+            taps[5] = shifted<5>(taps[0], next);
+            taps[6] = shifted<6>(taps[0], next);
+            taps[7] = shifted<7>(taps[0], next);
+        }
+    }
+    template <int kBy>
+    static F shifted(F a, F b) {
+        return _mm512_castsi512_ps(
+            _mm512_alignr_epi32(_mm512_castps_si512(b), _mm512_castps_si512(a), kBy));
     }
 
     static F loadBytes(const std::uint8_t* p) {
@@ -100,8 +120,8 @@ struct Avx512 {
 
 }  // namespace
 
-const PasteKernels kPasteKernelsAvx512 = {SimdLevel::kAvx512, blurRowLanes<Avx512>,
-                                          sharpenRowLanes<Avx512>, coverRowLanes<Avx512>,
-                                          blendRowLanes<Avx512>};
+const PasteKernels kPasteKernelsAvx512 = {SimdLevel::kAvx512,    scaleRowLanes<Avx512>,
+                                          blurRowLanes<Avx512>,  sharpenRowLanes<Avx512>,
+                                          coverRowLanes<Avx512>, blendRowLanes<Avx512>};
 
 }  // namespace zorv

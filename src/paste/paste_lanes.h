@@ -11,23 +11,44 @@
 
 namespace zorv {
 
-/// Runs body(i) for each whole step from `from` on; returns where the rest begins.
-template <int kStep, class Body>
-int wholeBlocks(int from, int count, const Body& body) {
-    for (; from + kStep <= count; from += kStep) body(from);
-    return from;
+/// Runs block.operator()<kVectors>(i) over [0, count), in blocks of eight vectors, four and one.
+/// The last vector may do some elements again, with the same result. False: less than a vector.
+/// Eight sums at a time, since one sum has to wait for each of its additions.
+template <class V, class Block>
+[[gnu::always_inline]] inline bool overBlocks(int count, const Block& block) {
+    if (count < V::kLanes) return count == 0;
+    int i = 0;
+    for (; i + 8 * V::kLanes <= count; i += 8 * V::kLanes) block.template operator()<8>(i);
+    for (; i + 4 * V::kLanes <= count; i += 4 * V::kLanes) block.template operator()<4>(i);
+    for (; i + V::kLanes <= count; i += V::kLanes) block.template operator()<1>(i);
+    if (i < count) block.template operator()<1>(count - V::kLanes);
+    return true;
 }
 
+/// sums[b] = sum over t of weights[t] * load(t, offset of vector b)
 template <class V, int kVectors, class Load>
 [[gnu::always_inline]] inline void weighted(const float* weights, int taps, typename V::F* sums,
                                             const Load& load) {
-    for (int b = 0; b < kVectors; ++b) sums[b] = V::zero();
-    for (int t = 0; t < taps; ++t) {
+    for (int b = 0; b < kVectors; ++b) {
+        sums[b] = V::mul(V::set(weights[0]), load(0, b * V::kLanes));
+    }
+    for (int t = 1; t < taps; ++t) {
         const auto w = V::set(weights[t]);
         for (int b = 0; b < kVectors; ++b) {
             sums[b] = V::add(sums[b], V::mul(w, load(t, b * V::kLanes)));
         }
     }
+}
+
+template <class V>
+void scaleRowLanes(const float* in, float scale, float* out, int count) {
+    const auto block = [&]<int kVectors>(int i) {
+        for (int b = 0; b < kVectors; ++b) {
+            const int at = i + b * V::kLanes;
+            V::store(out + at, V::mul(V::set(scale), V::load(in + at)));
+        }
+    };
+    if (!overBlocks<V>(count, block)) kPasteKernelsPortable.scaleRow(in, scale, out, count);
 }
 
 template <class V>
@@ -38,14 +59,7 @@ void blurRowLanes(const float* in, const float* weights, int taps, float* out, i
                               [&](int t, int at) { return V::load(in + i + t + at); });
         for (int b = 0; b < kVectors; ++b) V::store(out + i + b * V::kLanes, sums[b]);
     };
-    const auto four = [&](int i) { block.template operator()<4>(i); };
-    const auto one = [&](int i) { block.template operator()<1>(i); };
-    int i = wholeBlocks<4 * V::kLanes>(0, count, four);
-    i = wholeBlocks<V::kLanes>(i, count, one);
-    if (i == count) return;
-    if (count >= V::kLanes) {
-        one(count - V::kLanes);  // again some elements that are done, with the same result
-    } else {
+    if (!overBlocks<V>(count, block)) {
         kPasteKernelsPortable.blurRow(in, weights, taps, out, count);
     }
 }
@@ -64,14 +78,7 @@ void sharpenRowLanes(const float* const* rows, const float* weights, int taps, c
             V::store(out + i + b * V::kLanes, V::clampKeepingNan(mixed));
         }
     };
-    const auto four = [&](int i) { block.template operator()<4>(i); };
-    const auto one = [&](int i) { block.template operator()<1>(i); };
-    int i = wholeBlocks<4 * V::kLanes>(0, count, four);
-    i = wholeBlocks<V::kLanes>(i, count, one);
-    if (i == count) return;
-    if (count >= V::kLanes) {
-        one(count - V::kLanes);
-    } else {
+    if (!overBlocks<V>(count, block)) {
         kPasteKernelsPortable.sharpenRow(rows, weights, taps, in, scale, amount, out, count);
     }
 }
@@ -112,69 +119,103 @@ struct LaneGroup {
 /// Weights of one group, vertical ones spread over all rows that any lane reads.
 template <class V, int kTaps>
 struct LaneWeights {
+    static constexpr int kMaxRows = kTaps + LaneGroup<V>::kMaxSpanY;
     typename V::F x[kTaps];
-    typename V::F y[kTaps + LaneGroup<V>::kMaxSpanY];
-    typename V::M reads[kTaps + LaneGroup<V>::kMaxSpanY];  ///< lanes that read this row at all
+    typename V::F y[kMaxRows];
+    typename V::M reads[kMaxRows];  ///< lanes that read this row at all; unset on a level group
     int rows;
 
     LaneWeights(const LaneGroup<V>& group, const PhaseTable& table) {
-        typename V::F own[kTaps];
         V::template lookup<kTaps>(table, group.phaseX, x);
-        V::template lookup<kTaps>(table, group.phaseY, own);
+        V::template lookup<kTaps>(table, group.phaseY, y);
         rows = kTaps + group.spanY;
-        if (group.spanY == 0) {
-            for (int r = 0; r < kTaps; ++r) y[r] = own[r];
-            return;
+        if (group.spanY != 0) spread(group);
+    }
+
+  private:
+    void spread(const LaneGroup<V>& group) {
+        typename V::F own[kTaps];
+        std::copy_n(y, kTaps, own);
+        const auto top = V::equalI(group.rowOffset, V::setI(0));
+        for (int r = 0; r < kTaps; ++r) {
+            y[r] = V::select(top, own[r], V::zero());
+            reads[r] = top;
         }
-        for (int r = 0; r < rows; ++r) {
-            y[r] = V::zero();
-            reads[r] = V::noLanes();
-        }
-        for (int d = 0; d <= group.spanY; ++d) {
+        for (int d = 1; d <= group.spanY; ++d) {
             const auto lanes = V::equalI(group.rowOffset, V::setI(d));
-            for (int r = 0; r < kTaps; ++r) {
+            for (int r = 0; r < kTaps - 1; ++r) {
                 y[r + d] = V::select(lanes, own[r], y[r + d]);
                 reads[r + d] = V::either(lanes, reads[r + d]);
             }
+            y[kTaps - 1 + d] = V::select(lanes, own[kTaps - 1], V::zero());
+            reads[kTaps - 1 + d] = lanes;
         }
     }
 };
 
-template <class V, int kTaps, class Window>
-[[gnu::always_inline]] inline typename V::F resampleWith(const float* at, std::ptrdiff_t stride,
-                                                         bool level,
-                                                         const LaneWeights<V, kTaps>& weights,
-                                                         const Window& window) {
-    auto sum = V::zero();
-    for (int r = 0; r < weights.rows; ++r, at += stride) {
-        auto rowSum = V::zero();
-        for (int k = 0; k < kTaps; ++k) {
-            rowSum = V::add(rowSum, V::mul(weights.x[k], window(at + k)));
+/// `tapsAt(p, taps)` loads what the lanes read from the row that starts at p, tap by tap. The
+/// sums start with the first product: a 0 before it would change no more than the sign of a zero.
+template <class V, int kTaps, int kPlanes, class TapsAt>
+[[gnu::always_inline]] inline void resampleWith(const float* const* at, std::ptrdiff_t stride,
+                                                const LaneWeights<V, kTaps>& weights,
+                                                const TapsAt& tapsAt, typename V::F* sums) {
+    const auto weighted = [&](int c, int r) {
+        typename V::F taps[kTaps];
+        tapsAt(at[c] + r * stride, taps);
+        auto sum = V::mul(weights.x[0], taps[0]);
+        for (int k = 1; k < kTaps; ++k) sum = V::add(sum, V::mul(weights.x[k], taps[k]));
+        return V::mul(weights.y[r], sum);
+    };
+    for (int c = 0; c < kPlanes; ++c) sums[c] = V::zero();
+    if (weights.rows == kTaps) {
+        for (int r = 0; r < kTaps; ++r) {
+            for (int c = 0; c < kPlanes; ++c) sums[c] = V::add(sums[c], weighted(c, r));
         }
-        const auto next = V::add(sum, V::mul(weights.y[r], rowSum));
-        sum = level ? next : V::select(weights.reads[r], next, sum);
+        return;
     }
-    return sum;
+    for (int r = 0; r < weights.rows; ++r) {
+        for (int c = 0; c < kPlanes; ++c) {
+            sums[c] = V::addWhere(weights.reads[r], sums[c], weighted(c, r));
+        }
+    }
 }
 
-/// One plane around the group; `plane` points at element (0, 0).
-template <class V, int kTaps>
-inline typename V::F resampleLanes(const LaneGroup<V>& group, const LaneWeights<V, kTaps>& weights,
-                                   const float* plane, std::ptrdiff_t stride, int before) {
-    const float* at = plane + (group.top - before) * stride + group.left - before;
-    const bool level = group.spanY == 0;
+/// Taps picked out of two vectors per kShared taps: they lie at most 2 * kLanes - kShared apart.
+template <class V, int kTaps, int kShared>
+struct PickedTaps {
+    typename V::I index[kShared];
+    explicit PickedTaps(const LaneGroup<V>& group) {
+        for (int k = 0; k < kShared; ++k) index[k] = V::addI(group.index, V::setI(k));
+    }
+    [[gnu::always_inline]] void operator()(const float* p, typename V::F* taps) const {
+        for (int k = 0; k < kTaps; k += kShared) {
+            const auto a = V::load(p + k);
+            const auto b = V::load(p + k + V::kLanes);
+            for (int i = 0; i < kShared; ++i) taps[k + i] = V::pick2(a, b, index[i]);
+        }
+    }
+};
+
+/// kPlanes planes around the group; `planes` point at elements (0, 0).
+template <class V, int kTaps, int kPlanes>
+inline void resampleLanes(const LaneGroup<V>& group, const LaneWeights<V, kTaps>& weights,
+                          const float* const* planes, std::ptrdiff_t stride, int before,
+                          typename V::F* sums) {
+    const float* at[kPlanes];
+    for (int c = 0; c < kPlanes; ++c) {
+        at[c] = planes[c] + (group.top - before) * stride + group.left - before;
+    }
+    const auto with = [&](const auto& tapsAt) {
+        resampleWith<V, kTaps, kPlanes>(at, stride, weights, tapsAt, sums);
+    };
+    constexpr int kShared = std::min(kTaps, 4);
     if (group.adjacent) {
-        return resampleWith<V, kTaps>(at, stride, level, weights,
-                                      [](const float* p) { return V::load(p); });
+        with([](const float* p, typename V::F* taps) { V::template adjacentTaps<kTaps>(p, taps); });
+    } else if (group.spanX <= 2 * V::kLanes - kShared) {
+        with(PickedTaps<V, kTaps, kShared>(group));
+    } else {
+        with(PickedTaps<V, kTaps, 1>(group));
     }
-    if (group.spanX < V::kLanes) {
-        return resampleWith<V, kTaps>(at, stride, level, weights, [&](const float* p) {
-            return V::pick(V::load(p), group.index);
-        });
-    }
-    return resampleWith<V, kTaps>(at, stride, level, weights, [&](const float* p) {
-        return V::pick2(V::load(p), V::load(p + V::kLanes), group.index);
-    });
 }
 
 static inline RowPositions partOf(const RowPositions& row, int i, int count) {
@@ -193,7 +234,9 @@ void coverRowLanes(const RowPositions& row, const PhaseTable& linear, const floa
         }
         const LaneWeights<V, 2> weights(group, linear);
         std::uint8_t bytes[V::kLanes];
-        V::roundToBytes(resampleLanes<V, 2>(group, weights, mask, stride, 0), bytes);
+        typename V::F level;
+        resampleLanes<V, 2, 1>(group, weights, &mask, stride, 0, &level);
+        V::roundToBytes(level, bytes);
         std::memcpy(levels + i, bytes, static_cast<std::size_t>(n));
     }
 }
@@ -218,8 +261,9 @@ void blendRowTaps(const RowPositions& row, const PhaseTable& table, const float*
                   std::ptrdiff_t stride, const std::uint8_t* levels, std::uint8_t* pixels) {
     for (int i = 0; i < row.count; i += V::kLanes) {
         const int n = std::min(V::kLanes, row.count - i);
-        std::uint8_t cover[V::kLanes] = {};
-        std::memcpy(cover, levels + i, static_cast<std::size_t>(n));
+        std::uint8_t padded[V::kLanes] = {};
+        if (n < V::kLanes) std::memcpy(padded, levels + i, static_cast<std::size_t>(n));
+        const std::uint8_t* cover = n < V::kLanes ? padded : levels + i;
         int first = 0;
         int last = n - 1;
         while (first <= last && cover[first] == 0) ++first;
@@ -233,9 +277,7 @@ void blendRowTaps(const RowPositions& row, const PhaseTable& table, const float*
         }
         const LaneWeights<V, kTaps> weights(group, table);
         typename V::F colours[3];
-        for (int c = 0; c < 3; ++c) {
-            colours[c] = resampleLanes<V, kTaps>(group, weights, planes[c], stride, table.before);
-        }
+        resampleLanes<V, kTaps, 3>(group, weights, planes, stride, table.before, colours);
         const auto alpha = V::div(V::loadBytes(cover), V::set(255));
         if (n == V::kLanes) {
             blendLanes<V>(colours, alpha, out);

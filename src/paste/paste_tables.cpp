@@ -10,8 +10,6 @@ PhaseTable makeTable(int taps, int before, void (*fill)(int phase, float* weight
     PhaseTable table;
     table.taps = taps;
     table.before = before;
-    table.weights.resize(static_cast<std::size_t>(kPhases * taps));
-    table.byTap.resize(table.weights.size());
     for (int p = 0; p < kPhases; ++p) {
         fill(p, table.weights.data() + p * taps);
         for (int k = 0; k < taps; ++k) table.byTap[k * kPhases + p] = table.at(p)[k];

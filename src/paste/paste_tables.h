@@ -1,19 +1,23 @@
 // Weights of the compositor's kernels, by 1/32-pixel phase.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <vector>
 
 namespace zorv {
 
 constexpr int kPhases = 32;
+constexpr int kMaxTaps = 8;
 
 /// One resampling kernel: weight of tap k at phase p is weights[p * taps + k]. Tap 0 lies
 /// `before` pixels before the pixel that the position falls into.
 struct PhaseTable {
     int taps = 0;
     int before = 0;
-    std::vector<float> weights;  ///< phase by phase
-    std::vector<float> byTap;    ///< the same weights tap by tap: byTap[k * kPhases + p]
+    /// Aligned so that no vector of weights lies across two cache lines.
+    alignas(64) std::array<float, kPhases * kMaxTaps> weights{};  ///< phase by phase
+    alignas(64) std::array<float, kPhases * kMaxTaps> byTap{};    ///< byTap[k * kPhases + p]
     const float* at(int phase) const { return weights.data() + phase * taps; }
 };
 

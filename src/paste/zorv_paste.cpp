@@ -17,6 +17,10 @@ namespace {
 constexpr int kMaxSide = 1024;
 /// Reach of the widest kernel around the pixel that a position falls into.
 constexpr int kReach = 4;
+/// Columns are sharpened in whole blocks of vectors.
+constexpr int kBlock = 32;
+/// Crop rows from the one that is blurred to the one that is fetched.
+constexpr int kAhead = 4;
 
 /// Settled once: `ZORV_PASTE_THREADS`, else 4; at most one per processor. The vector loops take
 /// a few milliseconds for a whole crop, and starting the threads of each pass about as much as
@@ -59,6 +63,10 @@ int foldIndex(std::int64_t index, int side) {
     const std::int64_t period = 2 * std::int64_t{side} - 2;
     index = std::abs(index) % period;
     return static_cast<int>(index < side ? index : period - index);
+}
+
+std::ptrdiff_t roundUp(std::ptrdiff_t n, std::ptrdiff_t step) {
+    return (n + step - 1) / step * step;
 }
 
 }  // namespace
@@ -112,20 +120,26 @@ void Paste::chooseKernels(const Unsharp& unsharp) {
 }
 
 void Paste::layPlanes(const std::vector<std::uint8_t>& mask) {
-    stride_ = side_ + 2 * kApron + kSlack;
+    stride_ = roundUp(kMargin + side_ + kApron + kSlack, kMargin);
     const std::size_t size = static_cast<std::size_t>((side_ + 2 * kApron) * stride_);
+    // A third of a page apart, the same row of the three planes keeps out of each other's way in
+    // the first-level cache.
+    planeSize_ = roundUp(static_cast<std::ptrdiff_t>(size), 1024) + 336;
     mask_.assign(size, 0.0f);
     for (int y = 0; y < side_; ++y) {
         for (int x = 0; x < side_; ++x) {
             mask_[static_cast<std::size_t>(origin(y) + x)] = mask[std::size_t{1} * y * side_ + x];
         }
     }
-    for (std::vector<float>& plane : planes_) plane.assign(size, 0.0f);
-    ring_ = std::min(side_, ksize_);
+    planes_.assign(3 * static_cast<std::size_t>(planeSize_), 0.0f);
+    const int ring = std::min(side_, ksize_);
+    const std::ptrdiff_t ringStride = roundUp(side_, kMargin);
+    slot_.resize(static_cast<std::size_t>(side_));
+    for (int y = 0; y < side_; ++y) slot_[y] = y % ring * ringStride;
     scratch_.resize(static_cast<std::size_t>(workers_));
     for (Scratch& scratch : scratch_) {
         scratch.pad.resize(static_cast<std::size_t>(padded_));
-        scratch.blurred.resize(static_cast<std::size_t>(ring_) * side_);
+        scratch.blurred.resize(static_cast<std::size_t>(ring * ringStride));
         scratch.taps.resize(static_cast<std::size_t>(ksize_));
     }
     fold_.resize(static_cast<std::size_t>(padded_));
@@ -143,7 +157,9 @@ void Paste::findNeeds(const std::vector<std::uint8_t>& mask) {
         while (!span.empty() && row[span.begin] == 0) ++span.begin;
         while (!span.empty() && row[span.end - 1] == 0) --span.end;
         if (span.empty()) continue;
-        span = {std::max(span.begin - kReach, 0), std::min(span.end + kReach, side_)};
+        span = {std::max(span.begin - kReach, 0), span.end + kReach};
+        span.begin -= span.begin % kBlock;
+        span.end = std::min(static_cast<int>(roundUp(span.end, kBlock)), side_);
         const int last = std::min(y + kReach, side_ - 1);
         for (int near = std::max(y - kReach, 0); near <= last; ++near) {
             sharpened_[near].include(span);
@@ -179,21 +195,22 @@ void Paste::composite(const float* crop, float scale, const float* M, std::uint8
     compositeTail(frame, W);
 }
 
+// One split for all three planes: starting threads costs as much as sharpening a third of them.
 void Paste::fillPlanes(const float* crop, float scale) {
     const std::ptrdiff_t area = std::ptrdiff_t{1} * side_ * side_;
-    for (int c = 0; c < 3; ++c) unsharpPlane(crop + c * area, scale, planes_[c].data());
-}
-
-void Paste::unsharpPlane(const float* source, float scale, float* plane) {
     std::atomic<std::size_t> next{0};
     split(side_, [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-        unsharpRows(source, scale, plane, scratch_[next++], static_cast<int>(begin),
-                    static_cast<int>(end));
+        Scratch& scratch = scratch_[next++];
+        for (int c = 0; c < 3; ++c) {
+            unsharpPlane(crop + c * area, scale, plane(c), scratch, static_cast<int>(begin),
+                         static_cast<int>(end));
+        }
     });
 }
 
-void Paste::unsharpRows(const float* source, float scale, float* plane, Scratch& scratch, int begin,
-                        int end) {
+/// Rows [begin, end) of one plane.
+void Paste::unsharpPlane(const float* source, float scale, float* plane, Scratch& scratch,
+                         int begin, int end) {
     int ready = 0;  // rows below this one are blurred, as far as they are still needed
     for (int y = begin; y < end; ++y) {
         const Span span = sharpened_[y];
@@ -202,10 +219,8 @@ void Paste::unsharpRows(const float* source, float scale, float* plane, Scratch&
         for (ready = std::max(ready, rows.begin); ready < rows.end; ++ready) {
             blurRow(source, scale, ready, scratch);
         }
-        for (int t = 0; t < ksize_; ++t) {
-            const std::ptrdiff_t slot = fold_[y + t] % ring_;
-            scratch.taps[t] = scratch.blurred.data() + slot * side_ + span.begin;
-        }
+        const float* blurred = scratch.blurred.data() + span.begin;
+        for (int t = 0; t < ksize_; ++t) scratch.taps[t] = blurred + slot_[fold_[y + t]];
         kernels_.sharpenRow(scratch.taps.data(), kernel_.data(), ksize_,
                             source + std::ptrdiff_t{1} * y * side_ + span.begin, scale, amount_,
                             plane + origin(y) + span.begin, span.end - span.begin);
@@ -216,21 +231,27 @@ void Paste::blurRow(const float* source, float scale, int row, Scratch& scratch)
     const Span span = blurred_[row];
     if (span.empty()) return;
     const float* values = source + std::ptrdiff_t{1} * row * side_;
+    // The crop comes from another engine, so its rows are rarely in a near cache.
+    if (row + kAhead < side_) {
+        for (int i = span.begin; i < span.end; i += kMargin) {
+            __builtin_prefetch(values + kAhead * side_ + i);
+        }
+    }
     const int last = span.end + ksize_ - 1;
     const int inner = std::min(last, ksize_ / 2 + side_);
     float* pad = scratch.pad.data();
     int i = span.begin;
     for (; i < std::min(last, ksize_ / 2); ++i) pad[i] = scale * values[fold_[i]];
-    for (; i < inner; ++i) pad[i] = scale * values[i - ksize_ / 2];
-    for (; i < last; ++i) pad[i] = scale * values[fold_[i]];
-    float* out = scratch.blurred.data() + std::ptrdiff_t{1} * (row % ring_) * side_;
+    if (i < inner) kernels_.scaleRow(values + i - ksize_ / 2, scale, pad + i, inner - i);
+    for (i = std::max(i, inner); i < last; ++i) pad[i] = scale * values[fold_[i]];
+    float* out = scratch.blurred.data() + slot_[row];
     kernels_.blurRow(pad + span.begin, kernel_.data(), ksize_, out + span.begin,
                      span.end - span.begin);
 }
 
 void Paste::compositeTail(std::uint8_t* frame, int W) {
     const float* planes[3];
-    for (int c = 0; c < 3; ++c) planes[c] = planes_[c].data() + origin(0);
+    for (int c = 0; c < 3; ++c) planes[c] = plane(c) + origin(0);
     const std::vector<PlacedRow>& rows = placement_.rows();
     split(static_cast<std::ptrdiff_t>(rows.size()), [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
         for (std::ptrdiff_t i = begin; i < end; ++i) {

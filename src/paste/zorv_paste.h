@@ -1,12 +1,12 @@
 // Puts a rendered face crop back into its target frame.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "bundle/zorv_bundle.h"
+#include "common/memory.h"
 #include "paste/paste_kernels.h"
 #include "paste/paste_placement.h"
 
@@ -48,8 +48,8 @@ class Paste {
     };
     /// What one worker of the sharpening pass needs for itself.
     struct Scratch {
-        std::vector<float> pad;          ///< one scaled crop row with its reflected border
-        std::vector<float> blurred;      ///< the last horizontally blurred rows, a ring
+        AlignedVector<float> pad;        ///< one scaled crop row with its reflected border
+        AlignedVector<float> blurred;    ///< the last horizontally blurred rows, a ring
         std::vector<const float*> taps;  ///< the blurred rows under the vertical kernel
     };
 
@@ -57,12 +57,13 @@ class Paste {
     void layPlanes(const std::vector<std::uint8_t>& mask);
     void findNeeds(const std::vector<std::uint8_t>& mask);
     Span window(int row) const;
-    std::ptrdiff_t origin(int row) const { return (row + kApron) * stride_ + kApron; }
+    std::ptrdiff_t origin(int row) const { return (row + kApron) * stride_ + kMargin; }
+
+    float* plane(int c) { return planes_.data() + c * planeSize_; }
 
     void fillPlanes(const float* crop, float scale);
-    void unsharpPlane(const float* source, float scale, float* plane);
-    void unsharpRows(const float* source, float scale, float* plane, Scratch& scratch, int begin,
-                     int end);
+    void unsharpPlane(const float* source, float scale, float* plane, Scratch& scratch, int begin,
+                      int end);
     void blurRow(const float* source, float scale, int row, Scratch& scratch);
     void compositeTail(std::uint8_t* frame, int W);
 
@@ -75,17 +76,18 @@ class Paste {
     float amount_;
     const PasteKernels& kernels_;
     int workers_;
-    int ring_ = 0;               ///< rows in Scratch::blurred
     std::vector<float> kernel_;  ///< ksize Gaussian weights
     PhaseTable resampling_;
     PhaseTable linear_;
-    std::vector<int> fold_;                     ///< padded index -> reflected crop index
-    std::ptrdiff_t stride_ = 0;                 ///< of the mask and the planes below
-    std::vector<float> mask_;                   ///< with an apron of zeros
-    std::array<std::vector<float>, 3> planes_;  ///< sharpened; zeros where never resampled
-    std::vector<Span> sharpened_;               ///< per crop row: the columns that can be resampled
-    std::vector<Span> blurred_;                 ///< per crop row: the columns that those blur over
-    std::vector<Scratch> scratch_;              ///< one per worker
+    std::vector<int> fold_;             ///< padded index -> reflected crop index
+    std::vector<std::ptrdiff_t> slot_;  ///< crop row -> its place in Scratch::blurred
+    std::ptrdiff_t stride_ = 0;         ///< of the mask and the planes below
+    AlignedVector<float> mask_;         ///< with an apron of zeros
+    AlignedVector<float> planes_;       ///< three, sharpened; zeros where never resampled
+    std::ptrdiff_t planeSize_ = 0;      ///< from one plane to the next
+    std::vector<Span> sharpened_;       ///< per crop row: the columns that can be resampled
+    std::vector<Span> blurred_;         ///< per crop row: the columns that those blur over
+    std::vector<Scratch> scratch_;      ///< one per worker
     Placement placement_;
 };
 
