@@ -31,7 +31,7 @@ FRAME_RATE = 25
 SHARPENING = {"amount": 0.25, "sigma": 1.2, "ksize": 7}
 POOLED_VALUES, FEATURE_VALUES = 64 * 32 * 32, 64 * 64 * 64
 RENDERERS = {"render": (render_model.standard_graph, 1),
-             "render_b4": (render_model.standard_graph, 4),
+             "b24_fp32": (render_model.standard_graph, 4),
              "refined": (render_model.refined_graph, 1),
              "synth": (render_model.synth_graph, 1)}
 

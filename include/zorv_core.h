@@ -486,6 +486,148 @@ ZORV_API int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* x
  */
 ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direction, int loop);
 
+/* ------------------------------------------------------------------------------------------
+ * Utterance engine: speech as it arrives becomes video that never stops
+ *
+ *     zorv_utt* utt = zorv_utt_open(ctx, "motion_dir");
+ *     if (!utt) { puts(zorv_utt_last_error()); return 1; }
+ *     // whenever speech arrives, on any thread:
+ *     zorv_utt_push_audio(utt, pcm, samples);
+ *     zorv_utt_end_utterance(utt);                 // after the last piece of an utterance
+ *     // 25 times a second, on any thread:
+ *     zorv_utt_frame_info info;
+ *     if (zorv_utt_pull_frame(utt, rgba, size, &info)) show(rgba);
+ *     // when the user starts to speak:
+ *     zorv_utt_interrupt(utt);
+ *     zorv_utt_destroy(utt);                       // before zorv_destroy(ctx)
+ *
+ * The engine warms up on a thread of its own and shows the bundle's own frames meanwhile; audio
+ * pushed before it is ready is spoken once it is. Up to 8 finished frames wait for the host, and
+ * nothing more is produced until it pulls: the host's pulls are the clock. The bundle frame index
+ * runs on by one from frame to frame, round and round, through idling, speech and ramps, except
+ * that an interrupt takes back the frames that it drops.
+ *
+ * Audio between two calls of zorv_utt_end_utterance is one utterance; more may be pushed while
+ * an earlier one is spoken. ceil(samples / 640) speech frames belong to an utterance, and a ramp
+ * that closes the mouth follows them.
+ *
+ * When something fails while the engine runs (a model, a target frame, the motion source), the
+ * utterance ends with a ramp, what was pushed of it is dropped up to its end, idle frames go on
+ * and the next utterance is spoken. zorv_utt_failure tells the reason.
+ *
+ * While an engine lives, its context must not be rendered by the host or by a second engine.
+ * ------------------------------------------------------------------------------------------ */
+
+typedef struct zorv_utt zorv_utt;
+
+/** How an engine shall behave; a field that is zero takes its default. */
+typedef struct zorv_utt_opts {
+    const char* motion_dir;   /**< models of the motion source; required. A directory that holds
+                                   a2x_enc_stream.onnx is the expression engine's, any other one
+                                   the motion engine's */
+    int threads;              /**< model threads of the motion source; below 1: the context's */
+    const char* ep;           /**< execution provider of the motion engine; NULL: the CPU */
+    const char* steady_model; /**< model key of a second renderer, used for batches of speech
+                                   frames; NULL or "": "b24_fp32"; "-": none. The environment
+                                   variable ZORV_STEADY_MODEL overrides it */
+    int eager;                /**< frames per provisional step of the motion source: 1 or more;
+                                   below 1: adaptive; -2: hybrid, steps of 3 */
+    double silence_end_s;     /**< seconds without new audio that end an utterance; 0: 0.6 s;
+                                   negative: never */
+    int ramp_frames;          /**< frames from speech back to rest; below 1: 6 */
+    int ramp_frames_interrupt; /**< the same after an interrupt; below 1: 4 */
+} zorv_utt_opts;
+
+/** What is known of a pulled frame. */
+typedef struct zorv_utt_frame_info {
+    uint64_t sequence;       /**< counts every finished frame from 0; a gap shows frames that an
+                                  interrupt dropped */
+    int32_t kind;            /**< 0 idle, 1 speech, 2 ramp */
+    int32_t frame;           /**< bundle frame that it is drawn on */
+    int32_t speech_sequence; /**< number of a speech frame within its utterance, else -1 */
+} zorv_utt_frame_info;
+
+/** Counted since the engine was created. */
+typedef struct zorv_utt_stats {
+    uint64_t frames_pulled;
+    uint64_t speech_frames_pulled;
+    uint64_t utterances_started;   /**< utterances whose first speech frame was finished */
+    double first_frame_latency_ms; /**< of the latest one: from its first pushed audio to its
+                                        first finished speech frame */
+    double render_ms;              /**< per speech frame, a running average */
+    uint64_t reserved;             /**< always 0 */
+    int state;                     /**< 0 idle, 1 waiting for the first speech frame, 2 speaking,
+                                        3 ramping back to rest */
+} zorv_utt_stats;
+
+/**
+ * Creates an engine on a context and starts its threads; models load in the background
+ * (zorv_utt_ready). The texts of `opts` are copied; the context must outlive the engine.
+ * motion_dir/xs_target.bin (zorv_nt x 63 floats) holds the bundle frames' own keypoints; without
+ * it there are no ramps.
+ * Returns an engine that the caller destroys, or NULL: "zorv_utt_create: NULL ctx/opts" or
+ * "zorv_utt_create: " and the reason. Thread-safety: any thread.
+ */
+ZORV_API zorv_utt* zorv_utt_create(zorv_ctx* ctx, const zorv_utt_opts* opts);
+
+/** zorv_utt_create with all defaults. */
+ZORV_API zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir);
+
+/** Stops the threads, dropping what is in progress, and frees the engine. NULL is allowed. No
+ *  other call on the engine may be running. */
+ZORV_API void zorv_utt_destroy(zorv_utt* utt);
+
+/** 1 when speech can be shown, 0 while models load, -1 for NULL and when the engine cannot speak
+ *  (zorv_utt_last_error says why; idle frames go on and pushed audio is discarded). Any thread. */
+ZORV_API int zorv_utt_ready(zorv_utt* utt);
+
+/**
+ * Appends n samples (mono, 16,000 Hz) to the utterance that is being pushed, or starts one; never
+ * waits. n = 0 does nothing. Returns 1, or 0 with "zorv_utt_push_audio: bad args" (NULL, n < 0)
+ * or an allocation failure, with nothing appended. Any thread.
+ */
+ZORV_API int zorv_utt_push_audio(zorv_utt* utt, const int16_t* pcm, int n);
+
+/** Ends the utterance that is being pushed; without audio since the last end it does nothing.
+ *  NULL is ignored. Any thread. */
+ZORV_API void zorv_utt_end_utterance(zorv_utt* utt);
+
+/**
+ * Stops speaking at once: drops all audio and every frame that was not pulled. Once it has
+ * returned, no frame of an utterance pushed before is handed out. The mouth closes from the last
+ * frame that was pulled; the next utterance may be pushed at once. NULL is ignored. Any thread.
+ */
+ZORV_API void zorv_utt_interrupt(zorv_utt* utt);
+
+/** Frames that can be pulled now, 0 to 8; 0 for NULL. Any thread. */
+ZORV_API int zorv_utt_frames_available(zorv_utt* utt);
+
+/**
+ * Takes the oldest finished frame; never waits for one.
+ * buf   receives W x H x 4 bytes R G B 255.
+ * cap   bytes available at buf.
+ * info  receives what is known of the frame; NULL is allowed.
+ * Returns 1; 0 without a text when there is none, also when an interrupt came while it was
+ * copied; 0 with "zorv_utt_pull_frame: buffer too small" (the frame stays) or
+ * "zorv_utt_pull_frame: bad args". Thread-safety: any thread; pulls take turns.
+ */
+ZORV_API int zorv_utt_pull_frame(zorv_utt* utt, uint8_t* buf, size_t cap,
+                                 zorv_utt_frame_info* info);
+
+/** Copies the statistics. NULL arguments are ignored. Any thread. */
+ZORV_API void zorv_utt_get_stats(zorv_utt* utt, zorv_utt_stats* stats);
+
+/**
+ * What went wrong while the engine ran: copies the reason of the latest failure to `text` (cut to
+ * `capacity` bytes with its end mark; "" when none; NULL is allowed) and returns the number of
+ * failures so far. A failure is an utterance that was given up, or a single frame that was left
+ * out. 0 for a NULL engine. Any thread.
+ */
+ZORV_API uint64_t zorv_utt_failure(zorv_utt* utt, char* text, size_t capacity);
+
+/** This family's last error on the calling thread, "" if none. Any thread. */
+ZORV_API const char* zorv_utt_last_error(void);
+
 #ifdef __cplusplus
 }
 #endif

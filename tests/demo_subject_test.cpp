@@ -89,7 +89,7 @@ class DemoSubject : public testing::Test {
 };
 
 TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
-    for (const char* key : {"render", "render_b4", "synth", "refined", "refined_int8"}) {
+    for (const char* key : {"render", "b24_fp32", "synth", "refined", "refined_int8"}) {
         const Context ctx = open(key);
         ASSERT_TRUE(ctx) << zorv_last_error();
         for (const int frame : {0, zorv_nt(ctx.get()) / 2, zorv_nt(ctx.get()) - 1}) {

@@ -241,6 +241,14 @@ Renderer::Renderer(const Manifest& manifest, const Identity& identity, const std
 
 Renderer::~Renderer() = default;
 
+void Renderer::stop() {
+    impl_->runOptions.SetTerminate();
+}
+
+void Renderer::rearm() {
+    impl_->runOptions.UnsetTerminate();
+}
+
 std::int32_t Renderer::batch() const {
     return impl_->batch;
 }

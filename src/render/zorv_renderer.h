@@ -28,6 +28,11 @@ class Renderer {
     const float* render(const std::int32_t* frameIdx, const float* kpSource, const float* kpDriving,
                         std::int32_t n);
 
+    /// Ends a render that runs on another thread: it throws soon, and so does every later one
+    /// until rearm(). Any thread; neither may overlap the other.
+    void stop();
+    void rearm();
+
     /// The fixed batch size of the model.
     std::int32_t batch() const;
 

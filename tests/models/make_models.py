@@ -312,6 +312,7 @@ def main(directory):
     renderer(path("render"))
     renderer(path("render_b4"), batch=4)
     renderer(path("render_fails"), fail_at=100)
+    renderer(path("render_fails_b4"), batch=4, fail_at=100)
     renderer(path("render_symbolic_batch"), batch="N")
     renderer(path("render_pooled_3d"), pooled_shape=(64, 1024))
     renderer(path("render_pooled_small"), pooled_shape=(64, 16, 32))

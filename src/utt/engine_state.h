@@ -1,0 +1,107 @@
+// What the threads of one utterance engine share. docs/utterance.md tells who waits for whom.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "common/mutex.h"
+#include "render/zorv_renderer.h"
+#include "utt/clock.h"
+#include "utt/failure_text.h"
+#include "utt/frame_ring.h"
+#include "utt/motion_source.h"
+#include "utt/speech_input.h"
+#include "zorv_core.h"
+
+namespace zorv {
+
+enum class UttState : int {
+    kIdle = 0,      ///< the bundle's own frames
+    kStarted = 1,   ///< audio has arrived, its first speech frame has not
+    kSpeaking = 2,  ///< speech frames are shown
+    kRamping = 3,   ///< the lips return to rest
+};
+
+/// How far the warm-up thread has come.
+enum class Warmth { kWarming, kReady, kFailed };
+
+/// Every member is guarded by `mutex` but the generation, which is written with it held and read
+/// anywhere. Whoever changes something that another thread may wait for calls changed().
+struct EngineState {
+    explicit EngineState(Clock& engineClock) : clock(engineClock) {}
+
+    /// Wakes all who wait for the state to change.
+    void changed() ZORV_REQUIRES(mutex) {
+        ++changes;
+        wake.notifyAll();
+    }
+
+    void announce() ZORV_EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
+        changed();
+    }
+
+    /// Frames that the host has not got yet: in the ring, queued for compositing, or in the
+    /// compositing thread's hands.
+    int waiting() const ZORV_REQUIRES(mutex) { return ring.size() + composing; }
+
+    /// Something went wrong that the host should be able to read.
+    void noteFailure(const char* text) ZORV_REQUIRES(mutex) {
+        failureText.set(text);
+        ++failures;
+    }
+
+    /// For good: ready() tells the host.
+    void noteFatal(const char* text) ZORV_REQUIRES(mutex) {
+        warmth = Warmth::kFailed;
+        fatalText.set(text);
+    }
+
+    /// Installs the renderer that is about to run, so that an interrupt can end the run. False,
+    /// with nothing installed, when an interrupt or the end has come already.
+    bool beginRender(Renderer& renderer, std::uint64_t expected) ZORV_EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
+        if (stopping || generation != expected) return false;
+        renderer.rearm();
+        running = &renderer;
+        return true;
+    }
+    void endRender() ZORV_EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
+        running = nullptr;
+    }
+    void stopRender() ZORV_REQUIRES(mutex) {
+        if (running) running->stop();
+    }
+
+    Clock& clock;
+
+    Mutex mutex;
+    CondVar wake;
+    std::uint64_t changes ZORV_GUARDED_BY(mutex) = 0;
+
+    bool stopping ZORV_GUARDED_BY(mutex) = false;
+    std::atomic<std::uint64_t> generation{0};  ///< counts interrupts
+
+    SpeechInput input ZORV_GUARDED_BY(mutex);
+    FrameRing ring ZORV_GUARDED_BY(mutex);
+    int composing ZORV_GUARDED_BY(mutex) = 0;
+
+    Warmth warmth ZORV_GUARDED_BY(mutex) = Warmth::kWarming;
+    FailureText fatalText ZORV_GUARDED_BY(mutex);  ///< why warmth is kFailed
+    /// Not one frame of the bundle can be decoded: there is nothing to idle with.
+    bool blind ZORV_GUARDED_BY(mutex) = false;
+    // Installed once, before warmth becomes kReady, and kept until the threads are gone.
+    std::unique_ptr<MotionSource> source ZORV_GUARDED_BY(mutex);
+    std::unique_ptr<Renderer> steady ZORV_GUARDED_BY(mutex);
+    Renderer* running ZORV_GUARDED_BY(mutex) = nullptr;
+
+    zorv_utt_stats stats ZORV_GUARDED_BY(mutex) = {};
+    std::uint64_t failures ZORV_GUARDED_BY(mutex) = 0;
+    FailureText failureText ZORV_GUARDED_BY(mutex);  ///< of the latest failure
+    /// The latest utterance of which a speech frame could not be composited; 0 for none.
+    std::uint64_t brokenUtterance ZORV_GUARDED_BY(mutex) = 0;
+};
+
+}  // namespace zorv

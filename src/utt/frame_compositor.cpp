@@ -1,0 +1,152 @@
+#include "utt/frame_compositor.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "capi/rgba.h"
+
+namespace zorv {
+namespace {
+
+constexpr float kCropScale = 255.0f;  // crops are nominally in [0, 1]
+
+}  // namespace
+
+FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelined)
+    : ctx_(ctx),
+      state_(state),
+      pipelined_(pipelined),
+      pixels_(ctx.frameBytes() / 3),
+      cropFloats_(std::size_t{3} * static_cast<unsigned>(ctx.manifest.crop) *
+                  static_cast<unsigned>(ctx.manifest.crop)) {}
+
+void FrameCompositor::enqueue(const float* crop, const FrameJob& job) {
+    if (pipelined_) {
+        enqueuePipe(crop, job);
+        return;
+    }
+    {
+        const MutexLock lock(state_.mutex);
+        ++state_.composing;
+    }
+    process(crop, job);
+}
+
+void FrameCompositor::enqueuePipe(const float* crop, const FrameJob& job) {
+    QueuedJob queued;
+    queued.job = job;
+    queued.hasCrop = crop != nullptr;
+    if (crop) {
+        {
+            const MutexLock lock(queueMutex_);
+            if (!spareCrops_.empty()) {
+                queued.crop = std::move(spareCrops_.back());
+                spareCrops_.pop_back();
+            }
+        }
+        queued.crop.assign(crop, crop + cropFloats_);
+    }
+    const MutexLock engine(state_.mutex);
+    if (state_.stopping || !current(job)) return;
+    const MutexLock lock(queueMutex_);
+    queue_.push_back(std::move(queued));
+    ++state_.composing;
+    queueWake_.notifyAll();
+}
+
+void FrameCompositor::run() {
+    for (;;) {
+        QueuedJob next;
+        {
+            const MutexLock lock(queueMutex_);
+            while (!stopping_ && queue_.empty()) queueWake_.wait(queueMutex_);
+            if (stopping_) return;
+            next = std::move(queue_.front());
+            queue_.pop_front();
+        }
+        process(next.hasCrop ? next.crop.data() : nullptr, next.job);
+        if (next.hasCrop) {
+            const MutexLock lock(queueMutex_);
+            if (spareCrops_.size() < FrameRing::kSlots) {
+                spareCrops_.push_back(std::move(next.crop));
+            }
+        }
+    }
+}
+
+void FrameCompositor::stop() {
+    const MutexLock lock(queueMutex_);
+    stopping_ = true;
+    queueWake_.notifyAll();
+}
+
+void FrameCompositor::dropQueued(EngineState& state) {
+    const MutexLock lock(queueMutex_);
+    state.composing -= static_cast<int>(queue_.size());
+    for (QueuedJob& queued : queue_) {
+        if (queued.hasCrop && spareCrops_.size() < FrameRing::kSlots) {
+            spareCrops_.push_back(std::move(queued.crop));
+        }
+    }
+    queue_.clear();
+}
+
+/// Composites one frame and publishes or drops it. The engine's lock is held for publishing only.
+void FrameCompositor::process(const float* crop, const FrameJob& job) noexcept {
+    bool composed = false;
+    FailureText failure;
+    if (current(job)) {
+        try {
+            compose(crop, job.info.index);
+            composed = true;
+        } catch (const std::exception& error) {
+            failure.set(error.what());
+        }
+    }
+    const MutexLock lock(state_.mutex);
+    --state_.composing;
+    if (!failure.empty()) noteFailure(job, failure.get());
+    publish(job, composed);
+    state_.changed();
+}
+
+const std::uint8_t* FrameCompositor::target(int index) {
+    const MutexLock lock(targetMutex_);
+    return ctx_.target(index);
+}
+
+void FrameCompositor::compose(const float* crop, int index) {
+    const std::uint8_t* frame = target(index);
+    if (crop) {
+        rgb_.assign(frame, frame + pixels_ * 3);
+        ctx_.paste->composite(crop, kCropScale, ctx_.identity.M(index), rgb_.data(),
+                              ctx_.manifest.W, ctx_.manifest.H);
+        frame = rgb_.data();
+    }
+    rgba_.resize(pixels_ * 4);
+    rgbToRgba(frame, rgba_.data(), pixels_);
+}
+
+void FrameCompositor::publish(const FrameJob& job, bool composed) {
+    if (!composed || state_.stopping || !current(job)) return;
+    if (job.info.kind == FrameKind::kIdle) undecodable_ = 0;
+    if (job.info.kind == FrameKind::kSpeech && job.info.speechSequence == 0) {
+        ++state_.stats.utterances_started;
+        state_.stats.first_frame_latency_ms = state_.clock.nowMs() - job.utteranceStartMs;
+    }
+    state_.ring.put(rgba_, job.info);
+}
+
+void FrameCompositor::noteFailure(const FrameJob& job, const char* text) {
+    if (!current(job)) return;
+    state_.noteFailure(text);
+    if (job.info.kind == FrameKind::kSpeech) state_.brokenUtterance = job.utterance;
+    if (job.info.kind == FrameKind::kIdle && ++undecodable_ >= ctx_.manifest.NT) {
+        // Not one frame of the bundle can be shown.
+        state_.blind = true;
+        state_.noteFatal(text);
+    }
+}
+
+}  // namespace zorv

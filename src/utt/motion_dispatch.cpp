@@ -1,0 +1,112 @@
+#include "utt/motion_dispatch.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+namespace zorv {
+namespace {
+
+/// Runs the steps in order; false as soon as one has left an error text.
+bool exchangeSteps(const MotionRequest& request, MotionResult& result) {
+    MotionSource& source = *request.source;
+    const auto good = [&] {
+        result.error.set(source.error());
+        return result.error.empty();
+    };
+    source.clearError();
+    if (request.reset) {
+        source.reset(request.startFrame, 1, 1);  // forward, round and round
+        if (!good()) return false;
+    }
+    if (request.eager != 0) source.setEager(request.eager);
+    if (!request.samples.empty()) {
+        source.push(request.samples.data(), static_cast<int>(request.samples.size()));
+        if (!good()) return false;
+    }
+    if (request.finish) {
+        source.finish();
+        if (!good()) return false;
+    }
+    result.available = source.avail();
+    if (!good()) return false;
+    const int wanted = std::min(request.maxFrames, result.available);
+    if (wanted > 0) {
+        MotionFrames& frames = result.frames;
+        frames.count =
+            source.pull(frames.index.data(), frames.source.data(), frames.driving.data(), wanted);
+        if (!good()) return false;
+    }
+    result.left = result.available - result.frames.count;
+    result.total = source.total();
+    return true;
+}
+
+}  // namespace
+
+void exchange(const MotionRequest& request, MotionResult& result) {
+    result.generation = request.generation;
+    result.utterance = request.utterance;
+    result.drains = request.drains;
+    result.frames.count = 0;
+    result.available = 0;
+    result.left = 0;
+    result.total = -1;
+    result.error.clear();
+    try {
+        result.failed = !exchangeSteps(request, result);
+    } catch (const std::exception& error) {
+        result.failed = true;
+        result.error.set(error.what());
+    } catch (...) {
+        result.failed = true;
+        result.error.set("motion source: unknown failure");
+    }
+    if (result.failed) result.frames.count = 0;
+}
+
+void MotionDispatch::post(MotionRequest& request) {
+    const MutexLock lock(mutex_);
+    std::swap(request_, request);
+    busy_ = true;
+    posted_ = true;
+    done_ = false;
+    wake_.notifyAll();
+}
+
+bool MotionDispatch::collect(MotionResult& result) {
+    if (!busy_) return false;
+    const MutexLock lock(mutex_);
+    if (!done_) return false;
+    std::swap(result_, result);
+    busy_ = false;
+    done_ = false;
+    return true;
+}
+
+void MotionDispatch::run() {
+    for (;;) {
+        {
+            const MutexLock lock(mutex_);
+            while (!stopping_ && !posted_) wake_.wait(mutex_);
+            if (stopping_) return;
+            posted_ = false;
+        }
+        // Without the lock: request_ and result_ are this thread's until done_ is set.
+        exchange(request_, result_);
+        {
+            const MutexLock lock(mutex_);
+            done_ = true;
+        }
+        // Not under mutex_: it takes the engine's lock.
+        onDone_();
+    }
+}
+
+void MotionDispatch::stop() {
+    const MutexLock lock(mutex_);
+    stopping_ = true;
+    wake_.notifyAll();
+}
+
+}  // namespace zorv

@@ -1,0 +1,80 @@
+// The thread that drives the motion source.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "common/mutex.h"
+#include "utt/failure_text.h"
+#include "utt/motion_source.h"
+
+namespace zorv {
+
+/// One exchange with the motion source, in the order of the members.
+struct MotionRequest {
+    MotionSource* source = nullptr;
+    std::uint64_t generation = 0;  ///< of interrupts, and
+    std::uint64_t utterance = 0;   ///< the utterance: a result that is out of date is thrown away
+    bool reset = false;
+    int startFrame = 0;
+    int eager = 0;  ///< 0 leaves the source's value
+    std::vector<float> samples;
+    bool finish = false;
+    bool drains = false;  ///< sent after the request that carried `finish`
+    int maxFrames = 0;    ///< at most MotionFrames::kMax
+};
+
+struct MotionResult {
+    std::uint64_t generation = 0;
+    std::uint64_t utterance = 0;
+    bool drains = false;
+    MotionFrames frames;
+    int available = 0;  ///< frames that the source had ready
+    int left = 0;       ///< of those, not taken
+    int total = -1;
+    bool failed = false;
+    FailureText error;
+};
+
+/// Does request: one exchange. The source's errors are told by its text, not by its results.
+void exchange(const MotionRequest& request, MotionResult& result);
+
+/// Hands one request at a time to a thread of its own, so that models which need longer than a
+/// frame never hold up rendering.
+///
+///     run loop                 dispatch thread
+///     post -> [request] ->     exchange
+///     collect <- [result] <-   onDone()
+class MotionDispatch {
+  public:
+    explicit MotionDispatch(std::function<void()> onDone) : onDone_(std::move(onDone)) {}
+
+    // For the run loop:
+
+    /// A request was posted and its result not collected.
+    bool busy() const { return busy_; }
+    /// REQUIRES: !busy(). Swaps the request's buffers for used ones.
+    void post(MotionRequest& request);
+    /// True when the result has come; it is swapped into `result`.
+    bool collect(MotionResult& result);
+
+    /// The thread's body: serves requests until stop().
+    void run();
+    void stop();
+
+  private:
+    bool busy_ = false;  // the run loop's own
+
+    const std::function<void()> onDone_;
+    Mutex mutex_;
+    CondVar wake_;
+    bool stopping_ ZORV_GUARDED_BY(mutex_) = false;
+    bool posted_ ZORV_GUARDED_BY(mutex_) = false;
+    bool done_ ZORV_GUARDED_BY(mutex_) = false;
+    // Belong to the dispatch thread from posted_ to done_, to the run loop else.
+    MotionRequest request_;
+    MotionResult result_;
+};
+
+}  // namespace zorv

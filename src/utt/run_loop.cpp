@@ -1,0 +1,452 @@
+#include "utt/run_loop.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace zorv {
+namespace {
+
+/// Audio goes to the source in pieces of a second: a long push does not hold up the first frames,
+/// and the source is soon free again after an interrupt.
+constexpr std::size_t kSamplesPerRequest = 16000;
+
+/// Without a speech frame for so long, an utterance in progress shows rest meanwhile.
+constexpr double kStallMs = 600;
+
+/// After a turn that failed (memory ran out), before the next one.
+constexpr double kRetryMs = 10;
+
+constexpr std::size_t at(int frame) {
+    return static_cast<std::size_t>(frame) * kKeypointFloats;
+}
+
+}  // namespace
+
+RunLoop::RunLoop(EngineState& state, zorv_ctx& ctx, const UttOptions& options,
+                 const std::vector<float>& rows, MotionDispatch& dispatch,
+                 FrameCompositor& compositor)
+    : state_(state),
+      ctx_(ctx),
+      options_(options),
+      rows_(rows),
+      dispatch_(dispatch),
+      compositor_(compositor),
+      nt_(ctx.manifest.NT) {}
+
+void RunLoop::run() {
+    for (;;) {
+        look();
+        if (view_.stopping) return;
+        try {
+            if (!turn()) waitForChange(dueMs());
+        } catch (const std::exception& error) {
+            failUtterance(error.what());
+            waitForChange(view_.nowMs + kRetryMs);
+        }
+    }
+}
+
+void RunLoop::look() {
+    const MutexLock lock(state_.mutex);
+    SpeechInput& input = state_.input;
+    view_.stopping = state_.stopping;
+    view_.changes = state_.changes;
+    view_.generation = state_.generation;
+    view_.waiting = state_.waiting();
+    view_.blind = state_.blind;
+    view_.brokenUtterance = state_.brokenUtterance;
+    view_.nowMs = state_.clock.nowMs();
+    const bool ready = state_.warmth == Warmth::kReady;
+    view_.source = ready ? state_.source.get() : nullptr;
+    view_.steady = ready ? state_.steady.get() : nullptr;
+
+    view_.silentAtMs = Clock::kNever;
+    if (view_.generation == generation_ && utterance_.inProgress) {
+        if (!input.ended() && options_.silenceMs >= 0) {
+            view_.silentAtMs = input.lastPushMs() + options_.silenceMs;
+            if (view_.nowMs >= view_.silentAtMs) input.end();
+        }
+        if (utterance_.failed) {
+            input.discard();
+            if (input.ended()) {
+                input.drop();
+                utterance_ = {};
+            }
+        }
+    }
+    view_.hasInput = !input.empty();
+    view_.hasSamples = view_.hasInput && !input.exhausted();
+    view_.ended = view_.hasInput && input.ended();
+    view_.startMs = view_.hasInput ? input.startMs() : 0;
+    if (view_.ended) view_.silentAtMs = Clock::kNever;
+}
+
+/// The only wait of this thread.
+void RunLoop::waitForChange(double due) {
+    const MutexLock lock(state_.mutex);
+    while (!state_.stopping && state_.changes == view_.changes && state_.clock.nowMs() < due) {
+        state_.clock.wait(state_.wake, state_.mutex, due);
+    }
+}
+
+/// When something happens that no other thread announces.
+double RunLoop::dueMs() const {
+    const bool stalls = shown_ == UttState::kSpeaking && awaitsSpeech() && rendered_.empty() &&
+                        pending_.count() == 0 && room();
+    const double stallMs = stalls ? utterance_.lastSpeechMs + kStallMs : Clock::kNever;
+    return std::min(view_.silentAtMs, stallMs);
+}
+
+/// Takes each step that is due; false when none was.
+bool RunLoop::turn() {
+    if (view_.generation != generation_) {
+        afterInterrupt();
+        return true;
+    }
+    bool moved = collectResult();
+    moved |= noticeFailure();
+    moved |= startUtterance();
+    moved |= postRequest();
+    moved |= speak();
+    moved |= endUtterance();
+    moved |= endStall();
+    moved |= ramp();
+    moved |= idle();
+    return moved;
+}
+
+/// Goes on from the last frame that the host has: what came after it was dropped.
+void RunLoop::afterInterrupt() {
+    utterance_ = {};
+    pending_.clear();
+    rendered_.clear();
+    rampLeft_ = 0;
+    FrameInfo last;
+    bool any = false;
+    {
+        const MutexLock lock(state_.mutex);
+        generation_ = state_.generation;
+        if (const FrameInfo* popped = state_.ring.lastPopped()) {
+            last = *popped;
+            any = true;
+        }
+    }
+    idleIndex_ = any ? after(last.index) : 0;
+    if (any && last.kind != FrameKind::kIdle) {
+        startRamp(options_.rampFramesInterrupt, last.index, last.driving);
+    } else {
+        setState(UttState::kIdle);
+    }
+}
+
+bool RunLoop::collectResult() {
+    if (!dispatch_.collect(result_)) return false;
+    const bool outdated = result_.generation != generation_ ||
+                          result_.utterance != utteranceNumber_ || !awaitsSpeech();
+    if (outdated) return true;
+    if (result_.failed) {
+        failUtterance(result_.error.get());
+        return true;
+    }
+    pending_.append(result_.frames);
+    utterance_.available = result_.available;
+    utterance_.left = result_.left;
+    utterance_.drained = result_.drains && result_.available == 0;
+    return true;
+}
+
+/// A speech frame of this utterance could not be composited.
+bool RunLoop::noticeFailure() {
+    if (!awaitsSpeech() || view_.brokenUtterance != utteranceNumber_) return false;
+    utterance_.failed = true;
+    settle();
+    return true;
+}
+
+bool RunLoop::startUtterance() {
+    if (utterance_.inProgress || !view_.hasInput || !view_.source) return false;
+    utterance_ = {};
+    utterance_.inProgress = true;
+    utterance_.resetDue = true;
+    utterance_.startMs = view_.startMs;
+    ++utteranceNumber_;
+    pending_.clear();
+    rendered_.clear();
+    if (shown_ == UttState::kIdle) setState(UttState::kStarted);
+    return true;
+}
+
+bool RunLoop::postRequest() {
+    const int roomLeft = MotionFrames::kMax - pending_.count();
+    if (!awaitsSpeech() || dispatch_.busy() || roomLeft < 1) return false;
+    const bool finishing = view_.ended && !utterance_.drained;
+    // A source that had frames may make more out of the audio that it has.
+    const bool due = utterance_.resetDue || view_.hasSamples || utterance_.available > 0;
+    if (!due && !finishing) return false;
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.generation != generation_) return false;
+        request_.samples.clear();
+        // A source that can fill the room with what it has needs no more audio yet.
+        if (utterance_.left < roomLeft) {
+            state_.input.take(kSamplesPerRequest, request_.samples);
+        }
+        request_.drains = utterance_.finishSent;
+        request_.finish =
+            state_.input.ended() && state_.input.exhausted() && !utterance_.finishSent;
+    }
+    utterance_.finishSent |= request_.finish;
+    request_.source = view_.source;
+    request_.generation = generation_;
+    request_.utterance = utteranceNumber_;
+    request_.reset = utterance_.resetDue;
+    request_.startFrame = idleIndex_;
+    request_.eager = 0;
+    request_.maxFrames = roomLeft;
+    if (utterance_.resetDue) utterance_.shift = 0;
+    utterance_.resetDue = false;
+    dispatch_.post(request_);
+    return true;
+}
+
+/// Speech frames: enqueues what is rendered, else renders what is pending.
+bool RunLoop::speak() {
+    if (!room()) return false;
+    if (!rendered_.empty()) {
+        enqueueRendered();
+        return true;
+    }
+    const int pending = pending_.count();
+    if (pending == 0) return false;
+    setState(UttState::kSpeaking);
+    rampLeft_ = 0;
+    const int batch = view_.steady ? std::min(view_.steady->batch(), MotionFrames::kMax) : 0;
+    if (pending < batch && dispatch_.busy() && pending + utterance_.left >= batch) {
+        return false;  // the exchange under way will fill the batch, and wakes us
+    }
+    renderSpeech(pending >= batch ? std::max(batch, 1) : 1);
+    return true;
+}
+
+/// Renders the first frames that are pending: together with the steady renderer when there are n
+/// of them and it takes so many, else the first one alone with the context's.
+void RunLoop::renderSpeech(int n) {
+    const bool together = n > 1 && view_.steady && n <= view_.steady->batch();
+    const int m = together ? std::min(n, pending_.count()) : 1;
+    std::array<std::int32_t, MotionFrames::kMax> index;
+    std::array<float, MotionFrames::kMax * kKeypointFloats> source;
+    std::array<float, MotionFrames::kMax * kKeypointFloats> driving;
+    for (int k = 0; k < m; ++k) {
+        const int from = pending_.next + k;
+        const float* src = pending_.frames.source.data() + at(from);
+        const float* drv = pending_.frames.driving.data() + at(from);
+        const int given = pending_.frames.index[static_cast<std::size_t>(from)];
+        // Frames shown meanwhile have moved the body on: the motion moves with it.
+        const bool moved = utterance_.shift > 0 && !rows_.empty();
+        const int shown = moved ? (given + utterance_.shift) % nt_ : given;
+        for (std::size_t i = 0; i < kKeypointFloats; ++i) {
+            source[at(k) + i] = moved ? row(shown)[i] : src[i];
+            driving[at(k) + i] = moved ? row(shown)[i] + (drv[i] - src[i]) : drv[i];
+        }
+        index[static_cast<std::size_t>(k)] = shown;
+        FrameInfo& info = rendered_.infos[static_cast<std::size_t>(k)];
+        info.kind = FrameKind::kSpeech;
+        info.index = shown;
+        std::copy_n(driving.data() + at(k), kKeypointFloats, info.driving.begin());
+    }
+    pending_.next += m;
+    rendered_.clear();
+    const double begin = state_.clock.nowMs();
+    try {
+        Renderer& renderer = together ? *view_.steady : *ctx_.renderer;
+        rendered_.crops = render(renderer, index.data(), source.data(), driving.data(), m);
+    } catch (const std::exception& error) {
+        // A single frame is left out. A batch is too much to leave out.
+        if (m == 1) {
+            noteFailure(error.what());
+        } else {
+            failUtterance(error.what());
+        }
+        return;
+    }
+    if (!rendered_.crops) return;
+    rendered_.count = m;
+    rendered_.renderMs = (state_.clock.nowMs() - begin) / m;
+    enqueueRendered();
+}
+
+void RunLoop::enqueueRendered() {
+    const auto slot = static_cast<std::size_t>(rendered_.next);
+    const std::size_t cropFloats = std::size_t{3} * static_cast<unsigned>(ctx_.manifest.crop) *
+                                   static_cast<unsigned>(ctx_.manifest.crop);
+    FrameInfo& info = rendered_.infos[slot];
+    info.speechSequence = utterance_.sequence;
+    lastIndex_ = info.index;
+    lastDriving_ = info.driving;
+    idleIndex_ = after(info.index);
+    ++rendered_.next;
+    ++utterance_.sequence;
+    utterance_.rendered = true;
+    enqueue(rendered_.crops + slot * cropFloats, info, rendered_.renderMs);
+    utterance_.lastSpeechMs = state_.clock.nowMs();
+}
+
+void RunLoop::enqueue(const float* crop, const FrameInfo& info, double renderMs) {
+    FrameJob job;
+    job.info = info;
+    job.generation = generation_;
+    job.utterance = utteranceNumber_;
+    job.utteranceStartMs = utterance_.startMs;
+    if (info.kind == FrameKind::kSpeech) {
+        const MutexLock lock(state_.mutex);
+        double& average = state_.stats.render_ms;
+        average = average > 0 ? 0.9 * average + 0.1 * renderMs : renderMs;
+    }
+    ++view_.waiting;  // until the next look, the frame counts whatever becomes of it
+    compositor_.enqueue(crop, job);
+}
+
+/// An idle or ramp frame of the next bundle frame.
+void RunLoop::enqueueOther(const float* crop, FrameKind kind, const Keypoints& driving) {
+    FrameInfo info;
+    info.kind = kind;
+    info.index = idleIndex_;
+    info.driving = driving;
+    idleIndex_ = after(idleIndex_);
+    ++utterance_.shift;
+    enqueue(crop, info, 0);
+}
+
+/// Null when an interrupt or the end came before or while it ran.
+const float* RunLoop::render(Renderer& renderer, const std::int32_t* index, const float* source,
+                             const float* driving, int n) {
+    if (!state_.beginRender(renderer, generation_)) return nullptr;
+    try {
+        const float* crops = renderer.render(index, source, driving, n);
+        state_.endRender();
+        return crops;
+    } catch (...) {
+        state_.endRender();
+        const MutexLock lock(state_.mutex);
+        if (state_.stopping || state_.generation != generation_) return nullptr;
+        throw;
+    }
+}
+
+bool RunLoop::endUtterance() {
+    if (!awaitsSpeech() || !utterance_.drained || pending_.count() > 0 || !rendered_.empty()) {
+        return false;
+    }
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.generation != generation_) return false;
+        state_.input.drop();
+    }
+    utterance_.inProgress = false;
+    settle();
+    return true;
+}
+
+/// Nothing to say for a while, though the utterance has not ended.
+bool RunLoop::endStall() {
+    if (shown_ != UttState::kSpeaking || !awaitsSpeech() || !rendered_.empty() ||
+        pending_.count() > 0 || view_.nowMs < utterance_.lastSpeechMs + kStallMs) {
+        return false;
+    }
+    settle();
+    return true;
+}
+
+bool RunLoop::ramp() {
+    if (shown_ != UttState::kRamping || rampLeft_ < 1 || !room()) return false;
+    const float weight = static_cast<float>(rampLeft_ - 1) / static_cast<float>(rampLength_);
+    const float* base = row(idleIndex_);
+    Keypoints driving;
+    for (std::size_t i = 0; i < kKeypointFloats; ++i) {
+        driving[i] = base[i] + weight * rampOffset_[i];
+    }
+    --rampLeft_;  // a frame that fails counts as well
+    try {
+        const std::int32_t index = idleIndex_;
+        const float* crop = render(*ctx_.renderer, &index, base, driving.data(), 1);
+        if (!crop) return true;
+        enqueueOther(crop, FrameKind::kRamp, driving);
+    } catch (const std::exception& error) {
+        noteFailure(error.what());
+    }
+    if (rampLeft_ == 0) setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
+    return true;
+}
+
+/// Idle frames fill the ring; while speech is awaited they come one at a time, as late as they
+/// can, so that it starts soon.
+bool RunLoop::idle() {
+    const bool alone = shown_ == UttState::kStarted && view_.waiting == 0;
+    if (view_.blind || !(alone || (shown_ == UttState::kIdle && room()))) return false;
+    enqueueOther(nullptr, FrameKind::kIdle, {});
+    return true;
+}
+
+void RunLoop::failUtterance(const char* text) {
+    noteFailure(text);
+    if (!utterance_.inProgress) return;
+    utterance_.failed = true;
+    settle();
+}
+
+void RunLoop::noteFailure(const char* text) {
+    const MutexLock lock(state_.mutex);
+    state_.noteFailure(text);
+}
+
+/// No speech frame comes next: the mouth closes when it was speaking.
+void RunLoop::settle() {
+    pending_.clear();
+    rendered_.clear();
+    if (shown_ == UttState::kSpeaking && utterance_.rendered) {
+        startRamp(options_.rampFrames, lastIndex_, lastDriving_);
+    } else if (shown_ != UttState::kRamping) {
+        setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
+    }
+}
+
+/// From `driving`, as shown on bundle frame `index`, to rest. Without rows there is no rest to
+/// return to.
+void RunLoop::startRamp(int frames, int index, const Keypoints& driving) {
+    if (rows_.empty()) {
+        setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
+        return;
+    }
+    for (std::size_t i = 0; i < kKeypointFloats; ++i) rampOffset_[i] = driving[i] - row(index)[i];
+    rampLength_ = rampLeft_ = frames;
+    setState(UttState::kRamping);
+}
+
+void RunLoop::setState(UttState state) {
+    if (state == shown_) return;
+    shown_ = state;
+    const MutexLock lock(state_.mutex);
+    state_.stats.state = static_cast<int>(state);
+}
+
+const float* RunLoop::row(int index) const {
+    return rows_.data() + at(index);
+}
+
+void RunLoop::Pending::append(const MotionFrames& more) {
+    if (next > 0) {
+        const int left = count();
+        std::copy_n(frames.index.begin() + next, left, frames.index.begin());
+        std::copy_n(frames.source.begin() + at(next), at(left), frames.source.begin());
+        std::copy_n(frames.driving.begin() + at(next), at(left), frames.driving.begin());
+        frames.count = left;
+        next = 0;
+    }
+    const int n = std::min(more.count, MotionFrames::kMax - frames.count);
+    std::copy_n(more.index.begin(), n, frames.index.begin() + frames.count);
+    std::copy_n(more.source.begin(), at(n), frames.source.begin() + at(frames.count));
+    std::copy_n(more.driving.begin(), at(n), frames.driving.begin() + at(frames.count));
+    frames.count += n;
+}
+
+}  // namespace zorv

@@ -1,0 +1,151 @@
+// The thread that decides what the next frame shows.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "capi/zorv_ctx.h"
+#include "utt/engine_state.h"
+#include "utt/frame_compositor.h"
+#include "utt/motion_dispatch.h"
+#include "utt/utt_options.h"
+
+namespace zorv {
+
+/// Turns, one after the other: look at the shared state, take the steps that are due, and wait
+/// for a change when none was. The loop is the only caller of both renderers once the warm-up is
+/// done, and the only one who lets frames in: it starts none while FrameRing::kSlots are waiting.
+///
+/// A turn goes by the interrupt generation that it saw at its top. Whatever takes input, starts
+/// or ends an utterance compares it again under the engine's lock and does nothing when it is
+/// out of date; the next turn then begins with the interrupt.
+class RunLoop {
+  public:
+    /// `rows`: NT x 63 floats, the bundle frames' own keypoints, or empty.
+    RunLoop(EngineState& state, zorv_ctx& ctx, const UttOptions& options,
+            const std::vector<float>& rows, MotionDispatch& dispatch, FrameCompositor& compositor);
+
+    /// The thread's body: returns once the state is stopping.
+    void run();
+
+  private:
+    using Keypoints = std::array<float, kKeypointFloats>;
+
+    /// The shared state at the top of a turn.
+    struct View {
+        bool stopping = false;
+        std::uint64_t changes = 0;
+        std::uint64_t generation = 0;
+        int waiting = 0;
+        bool blind = false;
+        MotionSource* source = nullptr;  ///< null until the engine is ready
+        Renderer* steady = nullptr;
+        std::uint64_t brokenUtterance = 0;
+        double nowMs = 0;
+        // Of the utterance in front:
+        bool hasInput = false;
+        bool hasSamples = false;
+        bool ended = false;
+        double startMs = 0;
+        double silentAtMs = Clock::kNever;  ///< when silence will end it
+    };
+
+    /// What belongs to the utterance in progress, and nothing else.
+    struct Utterance {
+        bool inProgress = false;  ///< in front of the input, from its start to its end
+        bool failed = false;      ///< given up; in progress until its end mark
+        double startMs = 0;
+        bool resetDue = false;    ///< the source has not been told
+        bool finishSent = false;  ///< the source has all its audio
+        bool drained = false;     ///< and has handed out all its frames
+        int available = 0;        ///< frames that the source had in the last exchange
+        int left = 0;             ///< and of those did not hand out
+        int sequence = 0;         ///< speech frames so far
+        bool rendered = false;    ///< at least one speech frame
+        int shift = 0;            ///< other frames shown since the source was reset
+        double lastSpeechMs = 0;  ///< when the last speech frame was produced
+    };
+
+    /// Speech frames in input order; `next` is the first that is left.
+    struct Pending {
+        MotionFrames frames;
+        int next = 0;
+
+        int count() const { return frames.count - next; }
+        void clear() { frames.count = next = 0; }
+        void append(const MotionFrames& more);
+    };
+
+    /// Rendered speech frames that are not enqueued yet: crops of one renderer's last run.
+    struct Rendered {
+        const float* crops = nullptr;
+        int count = 0;
+        int next = 0;
+        double renderMs = 0;  ///< per frame
+        std::array<FrameInfo, MotionFrames::kMax> infos;
+
+        bool empty() const { return next >= count; }
+        void clear() { next = count = 0; }
+    };
+
+    void look();
+    void waitForChange(double due);
+    double dueMs() const;
+
+    bool turn();
+    void afterInterrupt();
+    bool collectResult();
+    bool noticeFailure();
+    bool startUtterance();
+    bool postRequest();
+    bool speak();
+    bool endUtterance();
+    bool endStall();
+    bool ramp();
+    bool idle();
+
+    bool room() const { return view_.waiting < static_cast<int>(FrameRing::kSlots); }
+    void renderSpeech(int n);
+    void enqueueRendered();
+    void enqueue(const float* crop, const FrameInfo& info, double renderMs);
+    void enqueueOther(const float* crop, FrameKind kind, const Keypoints& driving);
+    const float* render(Renderer& renderer, const std::int32_t* index, const float* source,
+                        const float* driving, int n);
+    void failUtterance(const char* text);
+    void noteFailure(const char* text);
+    void startRamp(int frames, int index, const Keypoints& driving);
+    void settle();
+    void setState(UttState state);
+    const float* row(int index) const;
+    int after(int index) const { return (index + 1) % nt_; }
+    bool awaitsSpeech() const { return utterance_.inProgress && !utterance_.failed; }
+
+    EngineState& state_;
+    zorv_ctx& ctx_;
+    const UttOptions& options_;
+    const std::vector<float>& rows_;
+    MotionDispatch& dispatch_;
+    FrameCompositor& compositor_;
+    const int nt_;
+
+    // All below is this thread's own.
+    View view_;
+    std::uint64_t generation_ = 0;       ///< the last interrupt that was seen to
+    std::uint64_t utteranceNumber_ = 0;  ///< counts starts
+    Utterance utterance_;
+    Pending pending_;
+    Rendered rendered_;
+    MotionRequest request_;
+    MotionResult result_;
+
+    UttState shown_ = UttState::kIdle;
+    int idleIndex_ = 0;  ///< bundle frame of the next frame that is not speech
+    int lastIndex_ = 0;  ///< of the last speech frame, with
+    Keypoints lastDriving_{};
+    int rampLength_ = 0;
+    int rampLeft_ = 0;
+    Keypoints rampOffset_{};
+};
+
+}  // namespace zorv

@@ -1,0 +1,291 @@
+#include "utt/zorv_utt.h"
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "common/error.h"
+#include "common/file.h"
+
+namespace zorv {
+namespace {
+
+constexpr float kSampleScale = 3.0517578e-5f;  // 1 / 32768
+
+/// The bundle frames' own keypoints; empty when the file does not fit the bundle.
+std::vector<float> readRows(const std::string& motionDir, int nt) {
+    std::vector<float> rows(static_cast<std::size_t>(nt) * kKeypointFloats);
+    const ReadStatus status =
+        readExactly(motionDir + "/xs_target.bin", rows.data(), rows.size() * sizeof(float));
+    if (status != ReadStatus::kOk) rows.clear();
+    return rows;
+}
+
+}  // namespace
+}  // namespace zorv
+
+using zorv::MutexLock;
+
+zorv_utt::zorv_utt(zorv_ctx& ctx, const zorv_utt_opts& opts,
+                   const zorv::UttSurroundings& surroundings)
+    : ctx_(ctx),
+      options_(zorv::resolveOptions(opts, ctx.threads)),
+      rows_(zorv::readRows(options_.motionDir, ctx.manifest.NT)),
+      openSource_(surroundings.openSource),
+      state_(surroundings.clock ? *surroundings.clock : steadyClock_),
+      compositor_(ctx, state_, options_.pipelined),
+      dispatch_([this] { state_.announce(); }),
+      loop_(state_, ctx, options_, rows_, dispatch_, compositor_) {
+    try {
+        start();
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+zorv_utt::~zorv_utt() {
+    stop();
+}
+
+void zorv_utt::start() {
+    runThread_ = std::thread([this] { loop_.run(); });
+    warmThread_ = std::thread([this] { warm(); });
+    dispatchThread_ = std::thread([this] { dispatch_.run(); });
+    if (options_.pipelined) pasteThread_ = std::thread([this] { compositor_.run(); });
+}
+
+/// Ends the threads that run, those first that use others.
+void zorv_utt::stop() {
+    {
+        const MutexLock lock(state_.mutex);
+        state_.stopping = true;
+        state_.stopRender();
+        state_.changed();
+    }
+    compositor_.stop();
+    for (std::thread* thread : {&runThread_, &warmThread_, &pasteThread_}) {
+        if (thread->joinable()) thread->join();
+    }
+    dispatch_.stop();
+    if (dispatchThread_.joinable()) dispatchThread_.join();
+}
+
+void zorv_utt::warm() noexcept {
+    try {
+        warmUp();
+    } catch (const std::exception& error) {
+        const MutexLock lock(state_.mutex);
+        state_.noteFatal(error.what());
+        state_.input.clear();
+        state_.changed();
+    }
+}
+
+void zorv_utt::warmUp() {
+    auto source = openSource_(options_);
+    const int nt = source->nt();
+    if (nt != ctx_.manifest.NT) {
+        throw std::runtime_error("motion source has " + std::to_string(nt) +
+                                 " frames, the bundle " + std::to_string(ctx_.manifest.NT));
+    }
+    source->setEager(options_.eager);
+    std::unique_ptr<zorv::Renderer> steady;
+    if (!options_.steadyModel.empty()) {
+        steady = std::make_unique<zorv::Renderer>(ctx_.manifest, ctx_.identity,
+                                                  options_.steadyModel, ctx_.threads, ctx_.ep);
+    }
+    // The run loop renders nothing before the engine is ready.
+    const zorv::Drive& drive = ctx_.drive;
+    if (drive.frames > 0) {
+        ctx_.renderer->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
+        if (steady) steady->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
+    }
+    const MutexLock lock(state_.mutex);
+    state_.steady = std::move(steady);
+    state_.source = std::move(source);
+    if (state_.warmth == zorv::Warmth::kWarming) state_.warmth = zorv::Warmth::kReady;
+    state_.changed();
+}
+
+int zorv_utt::ready(std::string& text) {
+    const MutexLock lock(state_.mutex);
+    if (state_.warmth == zorv::Warmth::kWarming) return 0;
+    if (state_.warmth == zorv::Warmth::kReady) return 1;
+    text = state_.fatalText.get();
+    return -1;
+}
+
+void zorv_utt::push(const std::int16_t* pcm, std::size_t n) {
+    const MutexLock turn(pushMutex_);
+    samples_.resize(n);
+    for (std::size_t i = 0; i < n; ++i)
+        samples_[i] = static_cast<float>(pcm[i]) * zorv::kSampleScale;
+    const MutexLock lock(state_.mutex);
+    if (state_.warmth == zorv::Warmth::kFailed) return;
+    state_.input.push(samples_.data(), n, state_.clock.nowMs());
+    state_.changed();
+}
+
+void zorv_utt::endUtterance() {
+    const MutexLock lock(state_.mutex);
+    state_.input.end();
+    state_.changed();
+}
+
+void zorv_utt::interrupt() {
+    const MutexLock lock(state_.mutex);
+    ++state_.generation;
+    state_.input.clear();
+    state_.ring.drop();
+    compositor_.dropQueued(state_);
+    state_.stopRender();
+    state_.changed();
+}
+
+int zorv_utt::available() {
+    const MutexLock lock(state_.mutex);
+    return state_.ring.size();
+}
+
+zorv_utt::Pull zorv_utt::pull(std::uint8_t* buffer, std::size_t capacity,
+                              zorv_utt_frame_info* info) {
+    const MutexLock turn(pullMutex_);
+    std::uint64_t generation = 0;
+    zorv_utt_frame_info frame;
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.ring.size() == 0) return Pull::kNothing;
+        zorv::FrameRing::Slot& oldest = state_.ring.front();
+        if (capacity < oldest.pixels.size()) return Pull::kTooSmall;
+        generation = state_.generation;
+        frame = {state_.ring.frontSequence(), static_cast<std::int32_t>(oldest.info.kind),
+                 oldest.info.index, oldest.info.speechSequence};
+        oldest.pixels.swap(reading_);
+    }
+    // Without the engine's lock: the frame is out of the ring's reach, and pulls take turns.
+    std::memcpy(buffer, reading_.data(), reading_.size());
+    const MutexLock lock(state_.mutex);
+    if (state_.generation != generation) return Pull::kNothing;
+    state_.ring.pop();
+    ++state_.stats.frames_pulled;
+    if (frame.kind == static_cast<std::int32_t>(zorv::FrameKind::kSpeech)) {
+        ++state_.stats.speech_frames_pulled;
+    }
+    state_.changed();
+    if (info) *info = frame;
+    return Pull::kDone;
+}
+
+zorv_utt_stats zorv_utt::stats() {
+    const MutexLock lock(state_.mutex);
+    return state_.stats;
+}
+
+std::uint64_t zorv_utt::failure(char* text, std::size_t capacity) {
+    const MutexLock lock(state_.mutex);
+    if (text && capacity > 0) std::snprintf(text, capacity, "%s", state_.failureText.get());
+    return state_.failures;
+}
+
+namespace {
+
+using Errors = zorv::LastError<zorv_utt>;
+
+}  // namespace
+
+extern "C" {
+
+zorv_utt* zorv_utt_create(zorv_ctx* ctx, const zorv_utt_opts* opts) {
+    Errors::clear();
+    if (!ctx || !opts) {
+        Errors::set("zorv_utt_create: NULL ctx/opts");
+        return nullptr;
+    }
+    return zorv::guarded<Errors, zorv_utt*>("zorv_utt_create", nullptr,
+                                            [&] { return new zorv_utt(*ctx, *opts); });
+}
+
+zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir) {
+    zorv_utt_opts opts = {};
+    opts.motion_dir = motion_dir;
+    return zorv_utt_create(ctx, &opts);
+}
+
+void zorv_utt_destroy(zorv_utt* utt) {
+    Errors::clear();
+    delete utt;
+}
+
+int zorv_utt_ready(zorv_utt* utt) {
+    Errors::clear();
+    if (!utt) return -1;
+    return zorv::guarded<Errors>("zorv_utt_ready", -1, [&] {
+        std::string text;
+        const int ready = utt->ready(text);
+        if (ready < 0) Errors::set(std::move(text));
+        return ready;
+    });
+}
+
+int zorv_utt_push_audio(zorv_utt* utt, const int16_t* pcm, int n) {
+    Errors::clear();
+    if (!utt || !pcm || n < 0) {
+        Errors::set("zorv_utt_push_audio: bad args");
+        return 0;
+    }
+    return zorv::guarded<Errors>("zorv_utt_push_audio", 0, [&] {
+        utt->push(pcm, static_cast<std::size_t>(n));
+        return 1;
+    });
+}
+
+void zorv_utt_end_utterance(zorv_utt* utt) {
+    Errors::clear();
+    if (utt) utt->endUtterance();
+}
+
+void zorv_utt_interrupt(zorv_utt* utt) {
+    Errors::clear();
+    if (utt) utt->interrupt();
+}
+
+int zorv_utt_frames_available(zorv_utt* utt) {
+    Errors::clear();
+    return utt ? utt->available() : 0;
+}
+
+int zorv_utt_pull_frame(zorv_utt* utt, uint8_t* buf, size_t cap, zorv_utt_frame_info* info) {
+    Errors::clear();
+    if (!utt || !buf) {
+        Errors::set("zorv_utt_pull_frame: bad args");
+        return 0;
+    }
+    return zorv::guarded<Errors>("zorv_utt_pull_frame", 0, [&] {
+        const zorv_utt::Pull result = utt->pull(buf, cap, info);
+        if (result == zorv_utt::Pull::kTooSmall) {
+            Errors::set("zorv_utt_pull_frame: buffer too small");
+        }
+        return result == zorv_utt::Pull::kDone ? 1 : 0;
+    });
+}
+
+void zorv_utt_get_stats(zorv_utt* utt, zorv_utt_stats* stats) {
+    Errors::clear();
+    if (utt && stats) *stats = utt->stats();
+}
+
+uint64_t zorv_utt_failure(zorv_utt* utt, char* text, size_t capacity) {
+    Errors::clear();
+    if (utt) return utt->failure(text, capacity);
+    if (text && capacity > 0) *text = 0;
+    return 0;
+}
+
+const char* zorv_utt_last_error(void) {
+    return Errors::get();
+}
+
+}  // extern "C"

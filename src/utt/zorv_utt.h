@@ -1,0 +1,79 @@
+// The utterance engine behind the zorv_utt handle.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "capi/zorv_ctx.h"
+#include "utt/engine_state.h"
+#include "utt/frame_compositor.h"
+#include "utt/motion_dispatch.h"
+#include "utt/run_loop.h"
+#include "utt/utt_options.h"
+
+namespace zorv {
+
+/// What an engine takes from outside; tests hand in their own.
+struct UttSurroundings {
+    Clock* clock = nullptr;  ///< null: the steady clock; must outlive the engine
+    std::function<std::unique_ptr<MotionSource>(const UttOptions&)> openSource = openMotionSource;
+};
+
+}  // namespace zorv
+
+/// Owns the threads and what they share. The constructor returns with all threads running, the
+/// destructor with all of them ended. Members of this class are called by the host's threads.
+struct zorv_utt {
+  public:
+    /// `ctx` must outlive the engine. Throws with a one-line text.
+    zorv_utt(zorv_ctx& ctx, const zorv_utt_opts& opts,
+             const zorv::UttSurroundings& surroundings = {});
+    ~zorv_utt();
+    zorv_utt(const zorv_utt&) = delete;
+    zorv_utt& operator=(const zorv_utt&) = delete;
+
+    /// 1, 0 or -1; `text` receives the reason for -1.
+    int ready(std::string& text);
+    void push(const std::int16_t* pcm, std::size_t n);
+    void endUtterance();
+    void interrupt();
+    int available();
+
+    enum class Pull { kDone, kNothing, kTooSmall };
+    Pull pull(std::uint8_t* buffer, std::size_t capacity, zorv_utt_frame_info* info);
+
+    zorv_utt_stats stats();
+    std::uint64_t failure(char* text, std::size_t capacity);
+
+  private:
+    void start();
+    void stop();
+    void warm() noexcept;
+    void warmUp();
+
+    zorv_ctx& ctx_;
+    const zorv::UttOptions options_;
+    const std::vector<float> rows_;  ///< NT x 63 keypoints of the bundle frames, or empty
+    const std::function<std::unique_ptr<zorv::MotionSource>(const zorv::UttOptions&)> openSource_;
+    zorv::SteadyClock steadyClock_;
+
+    zorv::EngineState state_;
+    zorv::FrameCompositor compositor_;
+    zorv::MotionDispatch dispatch_;
+    zorv::RunLoop loop_;
+
+    /// Pushes and pulls take turns among themselves; each is taken before the engine's lock.
+    zorv::Mutex pushMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
+    std::vector<float> samples_ ZORV_GUARDED_BY(pushMutex_);
+    zorv::Mutex pullMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
+    zorv::Pixels reading_ ZORV_GUARDED_BY(pullMutex_);  ///< the frame being copied to the host
+
+    std::thread runThread_;
+    std::thread warmThread_;
+    std::thread dispatchThread_;
+    std::thread pasteThread_;
+};

@@ -1,0 +1,591 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <future>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/failure.h"
+#include "support/utt_player.h"
+
+namespace zorv {
+namespace {
+
+using test::difference;
+using test::PulledFrame;
+using test::UttPlayer;
+using test::UttPlayerOptions;
+
+constexpr int kIdle = 0;
+constexpr int kSpeech = 1;
+constexpr int kRamp = 2;
+
+/// "IIISSSRR": the kinds of frames.
+std::string kinds(const std::vector<PulledFrame>& frames) {
+    std::string text;
+    for (const PulledFrame& frame : frames) text += "ISR"[frame.info.kind];
+    return text;
+}
+
+/// The same with equal neighbours as one: "I3 S3 R2".
+std::string runs(const std::vector<PulledFrame>& frames) {
+    const std::string all = kinds(frames);
+    std::string text;
+    for (std::size_t i = 0; i < all.size();) {
+        const std::size_t end = std::min(all.find_first_not_of(all[i], i), all.size());
+        if (!text.empty()) text += ' ';
+        text += all[i];
+        text += std::to_string(end - i);
+        i = end;
+    }
+    return text;
+}
+
+/// Numbers and bundle frames run on by one, and idle and ramp frames have no speech number.
+void expectContinuous(const std::vector<PulledFrame>& frames, int nt) {
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        const zorv_utt_frame_info& info = frames[i].info;
+        if (info.kind != kSpeech) {
+            EXPECT_EQ(info.speech_sequence, -1) << "frame " << i;
+        }
+        if (i == 0) continue;
+        const zorv_utt_frame_info& before = frames[i - 1].info;
+        EXPECT_EQ(info.sequence, before.sequence + 1) << "frame " << i;
+        EXPECT_EQ(info.frame, (before.frame + 1) % nt) << "frame " << i;
+    }
+}
+
+std::string failureText(zorv_utt* utt) {
+    char text[256];
+    zorv_utt_failure(utt, text, sizeof text);
+    return text;
+}
+
+zorv_utt_stats stats(zorv_utt* utt) {
+    zorv_utt_stats all;
+    zorv_utt_get_stats(utt, &all);
+    return all;
+}
+
+TEST(SpeechInputTest, CutsAudioIntoUtterancesAtMarks) {
+    SpeechInput input;
+    const std::vector<float> audio(100, 0.5f);
+    std::vector<float> taken;
+    input.end();
+    input.push(audio.data(), 0, 5);
+    EXPECT_TRUE(input.empty()) << "an end or a push without audio starts nothing";
+
+    input.push(audio.data(), 100, 10);
+    input.push(audio.data(), 50, 20);
+    input.end();
+    input.end();
+    input.push(audio.data(), 30, 40);
+    EXPECT_EQ(input.startMs(), 10);
+    EXPECT_EQ(input.lastPushMs(), 40);
+    for (const std::size_t expected : {60u, 60u, 30u, 0u}) {
+        input.take(60, taken);
+        EXPECT_EQ(taken.size(), expected);
+    }
+    EXPECT_TRUE(input.ended() && input.exhausted());
+    input.drop();
+    EXPECT_FALSE(input.ended() || input.exhausted());
+    EXPECT_EQ(input.startMs(), 40);
+    input.discard();
+    EXPECT_TRUE(input.exhausted() && !input.empty());
+    input.clear();
+    EXPECT_TRUE(input.empty());
+}
+
+TEST(UttOptionsTest, DefaultsComeFromContextEnvironmentAndFiles) {
+    zorv_utt_opts opts = {};
+    EXPECT_EQ(test::failure([&] { resolveOptions(opts, 3); }), "opts.motion_dir required");
+    const test::TempDir dir;
+    opts.motion_dir = dir.path().c_str();
+    UttOptions options = resolveOptions(opts, 3);
+    EXPECT_EQ(options.threads, 3);
+    EXPECT_EQ(options.steadyModel, "b24_fp32");
+    EXPECT_EQ(options.eager, -1);
+    EXPECT_EQ(options.silenceMs, 600);
+    EXPECT_EQ(options.rampFrames, 6);
+    EXPECT_EQ(options.rampFramesInterrupt, 4);
+    EXPECT_FALSE(options.expression || options.pipelined);
+
+    opts = {dir.path().c_str(), 2, "xnnpack", "-", 5, 1.5, 9, 8};
+    options = resolveOptions(opts, 3);
+    EXPECT_EQ(options.threads, 2);
+    EXPECT_EQ(options.ep, "xnnpack");
+    EXPECT_EQ(options.steadyModel, "");
+    EXPECT_EQ(options.eager, 5);
+    EXPECT_EQ(options.silenceMs, 1500);
+    EXPECT_EQ(options.rampFrames, 9);
+    EXPECT_EQ(options.rampFramesInterrupt, 8);
+    opts.silence_end_s = -3;
+    EXPECT_EQ(resolveOptions(opts, 3).silenceMs, -1);
+
+    const auto eager = [&](int value, const char* hybrid) {
+        ::setenv("ZORV_UTT_HYBRID", hybrid, 1);
+        opts.eager = value;
+        const int result = resolveOptions(opts, 3).eager;
+        ::unsetenv("ZORV_UTT_HYBRID");
+        return result;
+    };
+    EXPECT_EQ(eager(-2, ""), 3);
+    EXPECT_EQ(eager(-2, "0"), 3);
+    EXPECT_EQ(eager(0, "0"), -1);
+    EXPECT_EQ(eager(-1, ""), -1);
+    EXPECT_EQ(eager(-5, "yes"), 3);
+    EXPECT_EQ(eager(7, "1"), 7);
+
+    ::setenv("ZORV_STEADY_MODEL", "other", 1);
+    EXPECT_EQ(resolveOptions(opts, 3).steadyModel, "other");
+    ::unsetenv("ZORV_STEADY_MODEL");
+
+    test::writeFile(dir.path() + "/a2x_enc_stream.onnx", "");
+    options = resolveOptions(opts, 3);
+    EXPECT_TRUE(options.expression && options.pipelined);
+    ::setenv("ZORV_UTT_PIPELINE_PASTE", "0", 1);
+    EXPECT_FALSE(resolveOptions(opts, 3).pipelined);
+    ::unsetenv("ZORV_UTT_PIPELINE_PASTE");
+}
+
+/// Everything below holds in both compositing modes, with and without a steady renderer.
+class UttTest : public testing::TestWithParam<std::pair<bool, const char*>> {
+  protected:
+    static UttPlayerOptions options() {
+        UttPlayerOptions result;
+        result.pipelined = GetParam().first;
+        result.steady = GetParam().second;
+        return result;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Modes, UttTest,
+                         testing::Values(std::pair(false, "-"), std::pair(false, "b4"),
+                                         std::pair(true, "-"), std::pair(true, "b4")),
+                         [](const auto& mode) {
+                             const std::string first = mode.param.first ? "Pipelined" : "Direct";
+                             return first + (*mode.param.second == '-' ? "Single" : "Batched");
+                         });
+
+TEST_P(UttTest, IdlesThroughTheBundleAndStopsAtEightWaitingFrames) {
+    UttPlayer player(options());
+    player.waitForFrames(8);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    player.waitForFrames(8);
+    const auto frames = player.pull(23);
+    expectContinuous(frames, 5);
+    EXPECT_EQ(runs(frames), "I23");
+    EXPECT_EQ(frames[0].info.sequence, 0u);
+    EXPECT_EQ(frames[0].info.frame, 0);
+    for (const PulledFrame& frame : frames) EXPECT_EQ(frame.rgba, player.still(frame.info.frame));
+    EXPECT_EQ(stats(player.utt()).frames_pulled, 23u);
+}
+
+TEST_P(UttTest, SpeaksEveryFrameThenRampsAndIdlesOn) {
+    for (const int nt : {1, 5}) {
+        UttPlayerOptions wanted = options();
+        wanted.nt = nt;
+        UttPlayer player(wanted);
+        player.clock.advance(7);
+        player.push(20, 0.4f);
+        const std::int16_t odd = 9000;
+        EXPECT_EQ(zorv_utt_push_audio(player.utt(), &odd, 1), 1);
+        zorv_utt_end_utterance(player.utt());
+
+        auto frames = player.pullUntil(kRamp, 300);
+        const auto rest = player.pull(12);
+        frames.insert(frames.end(), rest.begin(), rest.end());
+        expectContinuous(frames, nt);
+        const std::string all = runs(frames);
+        EXPECT_NE(all.find(" S21 R6 I7"), std::string::npos) << all;
+        int left = 6;
+        for (const PulledFrame& frame : frames) {
+            const zorv_utt_frame_info& info = frame.info;
+            if (info.kind == kIdle) continue;
+            float offset = info.speech_sequence < 20 ? 0.4f : 9000 / 32768.f;
+            if (info.kind == kRamp) offset = 9000 / 32768.f * static_cast<float>(--left) / 6;
+            EXPECT_LE(difference(frame.rgba, player.picture(info.frame, offset)), 1)
+                << "speech " << info.speech_sequence << ", left " << left;
+        }
+        EXPECT_EQ(stats(player.utt()).utterances_started, 1u);
+        EXPECT_EQ(stats(player.utt()).speech_frames_pulled, 21u);
+        EXPECT_EQ(stats(player.utt()).first_frame_latency_ms, 0) << "by a clock that stood still";
+        EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 0u);
+    }
+}
+
+TEST_P(UttTest, UtterancesPushedAheadAreSpokenInTurn) {
+    UttPlayer player(options());
+    std::mt19937 random(5);
+    std::vector<int> lengths;
+    std::string pushed;
+    for (int u = 0; u < 12; ++u) {
+        const int samples = 1 + static_cast<int>(random() % 20000);
+        lengths.push_back((samples + 639) / 640);
+        const std::vector<std::int16_t> pcm(static_cast<std::size_t>(samples), 8000);
+        for (int at = 0; at < samples;) {
+            const int n = std::min(samples - at, 1 + static_cast<int>(random() % 4000));
+            zorv_utt_push_audio(player.utt(), pcm.data() + at, n);
+            at += n;
+        }
+        zorv_utt_end_utterance(player.utt());
+        zorv_utt_end_utterance(player.utt());
+    }
+    std::vector<PulledFrame> frames;
+    for (std::size_t u = 0; u < lengths.size(); ++u) {
+        for (int k = 0; k < lengths[u];) {
+            const auto next = player.pull(1);
+            ASSERT_EQ(next.size(), 1u);
+            frames.push_back(next[0]);
+            if (next[0].info.kind != kSpeech) continue;
+            EXPECT_EQ(next[0].info.speech_sequence, k++) << "utterance " << u;
+        }
+    }
+    const auto rest = player.pull(20);
+    frames.insert(frames.end(), rest.begin(), rest.end());
+    EXPECT_EQ(kinds(rest).find('S'), std::string::npos);
+    expectContinuous(frames, 5);
+    EXPECT_EQ(player.script.resets, 12);
+}
+
+TEST_P(UttTest, AnInterruptDropsAllAndClosesTheMouthFromTheLastPulledFrame) {
+    UttPlayer player(options());
+    player.push(60, 0.5f);
+    auto before = player.pullUntil(kSpeech, 300);
+    const auto more = player.pull(3);
+    player.waitForFrames(8);
+    zorv_utt_interrupt(player.utt());
+    const auto after = player.pull(10);
+    EXPECT_EQ(runs(after), "R4 I6");
+    EXPECT_EQ(after[0].info.frame, (more.back().info.frame + 1) % 5);
+    EXPECT_GT(after[0].info.sequence, more.back().info.sequence + 8) << "the gap shows the drops";
+    for (int k = 0; k < 4; ++k) {
+        const float offset = 0.5f * static_cast<float>(3 - k) / 4;
+        EXPECT_LE(difference(after[k].rgba, player.picture(after[k].info.frame, offset)), 1) << k;
+    }
+    expectContinuous(after, 5);
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 0u);
+
+    // The next utterance is a whole one.
+    player.say(9, 0.25f);
+    auto next = player.pullUntil(kRamp, 300);
+    EXPECT_NE(runs(next).find(" S9 R1"), std::string::npos) << runs(next);
+    expectContinuous(next, 5);
+}
+
+TEST_P(UttTest, AnInterruptWhileIdleTakesBackWhatWasNotPulled) {
+    UttPlayer player(options());
+    player.waitForFrames(8);
+    zorv_utt_interrupt(player.utt());
+    auto frames = player.pull(3);
+    EXPECT_EQ(frames[0].info.frame, 0) << "nothing had been shown";
+    zorv_utt_interrupt(player.utt());
+    zorv_utt_interrupt(player.utt());
+    frames = player.pull(3);
+    EXPECT_EQ(frames[0].info.frame, 3);
+    EXPECT_EQ(runs(frames), "I3");
+}
+
+TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
+    UttPlayerOptions wanted = options();
+    wanted.silenceS = 1;
+    UttPlayer player(wanted);
+    player.push(5, 0.5f);
+    auto frames = player.pullUntil(kSpeech, 100);
+    const auto others = player.pull(4);
+    EXPECT_EQ(runs(others), "S4");
+    frames.insert(frames.end(), others.begin(), others.end());
+    player.clock.advance(590);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(zorv_utt_frames_available(player.utt()), 0) << "nothing is inserted in speech";
+
+    // After 600 ms without a frame the mouth closes, and the body idles on, frame by frame.
+    player.clock.advance(20);
+    const auto pause = player.pull(9);
+    EXPECT_EQ(runs(pause), "R6 I3");
+    player.waitForFrames(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(zorv_utt_frames_available(player.utt()), 1);
+    EXPECT_EQ(stats(player.utt()).state, 1);
+
+    // More of the same utterance: its frames go on at the body's place, with their numbers.
+    player.push(5, 0.25f);
+    const auto resumed = player.pullUntil(kSpeech, 20);
+    EXPECT_EQ(resumed.back().info.speech_sequence, 5);
+    EXPECT_LE(difference(resumed.back().rgba, player.picture(resumed.back().info.frame, 0.25f)), 1);
+    frames.insert(frames.end(), pause.begin(), pause.end());
+    frames.insert(frames.end(), resumed.begin(), resumed.end());
+    player.pull(4);
+    expectContinuous(frames, 5);
+
+    player.clock.advance(1001);
+    EXPECT_TRUE(player.waitFor([&] { return stats(player.utt()).state != 2; }));
+    EXPECT_EQ(runs(player.pull(10)), "R6 I4");
+    EXPECT_EQ(player.script.resets, 1);
+    player.waitForFrames(8);
+}
+
+TEST_P(UttTest, AudioBeforeReadyIsKept) {
+    UttPlayerOptions wanted = options();
+    wanted.waitUntilReady = false;
+    UttPlayer player(wanted);
+    player.say(4, 0.5f);
+    player.clock.advance(5000);
+    const auto frames = player.pullUntil(kRamp, 5000);
+    EXPECT_NE(runs(frames).find(" S4 R1"), std::string::npos) << runs(frames);
+}
+
+TEST_P(UttTest, AFailedSourceEndsItsUtteranceOnly) {
+    UttPlayer player(options());
+    player.push(6, 0.5f);
+    auto frames = player.pullUntil(kSpeech, 100);
+    frames = player.pull(5);
+    player.script.failAvail = true;
+    player.push(6, 0.5f);
+    frames = player.pull(14);
+    EXPECT_EQ(runs(frames), "R6 I8");
+    EXPECT_EQ(failureText(player.utt()), "avail: broken model");
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 1u);
+
+    player.push(6, 0.5f);  // still of the failed utterance
+    zorv_utt_end_utterance(player.utt());
+    player.say(7, 0.25f);
+    frames = player.pullUntil(kRamp, 100);
+    EXPECT_NE(runs(frames).find(" S7 R1"), std::string::npos) << runs(frames);
+    EXPECT_EQ(stats(player.utt()).utterances_started, 2u);
+}
+
+TEST_P(UttTest, ATargetFrameThatCannotBeDecodedEndsTheUtterance) {
+    UttPlayer player(options());
+    player.waitForFrames(8);
+    player.bundle.empty("target_frames/frame_000003.jpg");  // cached by now, as are all five
+    player.pull(8);
+    player.say(8, 0.5f);
+    auto frames = player.pullUntil(kRamp, 100);
+    EXPECT_NE(runs(frames).find("S8 R1"), std::string::npos) << "decoded frames stay usable";
+
+    UttPlayerOptions large = options();
+    large.nt = 12;
+    UttPlayer damaged(large);
+    damaged.waitForFrames(8);
+    const std::string file = damaged.bundle.path("target_frames/frame_000009.jpg");
+    const std::string picture = test::readFile(file);
+    test::writeFile(file, "");
+    damaged.say(8, 0.5f);
+    EXPECT_TRUE(damaged.waitFor([&] {
+        damaged.pull(1);
+        return zorv_utt_failure(damaged.utt(), nullptr, 0) > 0;
+    }));
+    EXPECT_NE(failureText(damaged.utt()).find("decode failed: "), std::string::npos);
+    test::writeFile(file, picture);
+    damaged.pull(30);
+    damaged.say(2, 0.5f);
+    frames = damaged.pullUntil(kRamp, 100);
+    EXPECT_NE(runs(frames).find(" S2 R1"), std::string::npos) << runs(frames);
+}
+
+TEST_P(UttTest, StressedByInterruptsNoOldFrameIsEverPulled) {
+    UttPlayer player(options());
+    constexpr int kLevels = 16;  // of speech; each utterance its own, in turn
+    std::vector<std::vector<std::vector<std::uint8_t>>> pictures(5);
+    for (int frame = 0; frame < 5; ++frame) {
+        for (int level = 0; level < kLevels; ++level) {
+            pictures[frame].push_back(player.picture(frame, static_cast<float>(level) / 16));
+        }
+    }
+    const auto levelOf = [&](const PulledFrame& frame) {
+        for (int level = 0; level < kLevels; ++level) {
+            if (difference(frame.rgba, pictures[frame.info.frame][level]) <= 1) return level;
+        }
+        return -1;
+    };
+
+    std::mutex order;  // of pushes and interrupts
+    int pushed = 0;
+    int dead = 0;  // utterances up to this one must not be seen any more
+    std::atomic<bool> stop{false};
+    std::atomic<int> pulled{0};
+    std::thread interrupter([&] {
+        std::mt19937 random(11);
+        for (int i = 0; i < 500; ++i) {
+            // At any moment within the next frames.
+            const int until = pulled + static_cast<int>(random() % 20);
+            player.waitFor([&] { return pulled >= until; });
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+            const std::lock_guard lock(order);
+            zorv_utt_interrupt(player.utt());
+            dead = pushed;
+        }
+        stop = true;
+    });
+    std::mt19937 random(12);
+    PulledFrame frame;
+    frame.rgba.resize(player.frameBytes());
+    int speech = 0;
+    int wrong = 0;
+    while (!stop) {
+        int deadBefore = 0;
+        {
+            const std::lock_guard lock(order);
+            if (pushed - dead < 3 && random() % 4 == 0) {
+                ++pushed;
+                player.say(1 + static_cast<int>(random() % 12),
+                           static_cast<float>(pushed % kLevels) / 16);
+            }
+            deadBefore = dead;
+        }
+        if (!zorv_utt_pull_frame(player.utt(), frame.rgba.data(), frame.rgba.size(), &frame.info)) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+            continue;
+        }
+        ++pulled;
+        if (frame.info.kind != kSpeech) continue;
+        ++speech;
+        const int level = levelOf(frame);
+        bool alive = false;
+        for (int u = deadBefore + 1; u <= pushed; ++u) alive |= u % kLevels == level;
+        wrong += alive ? 0 : 1;
+    }
+    interrupter.join();
+    EXPECT_EQ(wrong, 0) << "of " << speech;
+    EXPECT_GT(speech, 100);
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 0u) << failureText(player.utt());
+    zorv_utt_interrupt(player.utt());
+    player.say(10, 0.5f);
+    player.pullUntil(kSpeech, 200);
+    EXPECT_EQ(runs(player.pullUntil(kRamp, 10)), "S9 R1");
+}
+
+TEST_P(UttTest, EndsInTimeFromEveryState) {
+    const auto destroyed = [](UttPlayer& player) {
+        auto done = std::async(std::launch::async, [&] { player.destroy(); });
+        const bool inTime = done.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        if (!inTime) std::abort();  // a deadlock: nothing can be cleaned up
+        return inTime;
+    };
+    for (const int pulls : {0, 3, 10, 14, 20}) {
+        UttPlayer player(options());
+        player.push(20, 0.5f);
+        player.pull(pulls);
+        if (pulls > 10) zorv_utt_interrupt(player.utt());
+        EXPECT_TRUE(destroyed(player)) << pulls;
+    }
+    UttPlayerOptions warming = options();
+    warming.waitUntilReady = false;
+    UttPlayer player(warming);
+    EXPECT_TRUE(destroyed(player));
+}
+
+TEST(UttFailureTest, WarmUpFailuresAreTold) {
+    UttPlayerOptions options;
+    options.sourceNt = 4;
+    options.waitUntilReady = false;
+    UttPlayer other(options);
+    EXPECT_TRUE(other.waitFor([&] { return zorv_utt_ready(other.utt()) == -1; }));
+    EXPECT_STREQ(zorv_utt_last_error(), "motion source has 4 frames, the bundle 5");
+    other.say(5, 0.5f);
+    EXPECT_EQ(runs(other.pull(30)), "I30") << "audio is discarded, idle frames go on";
+
+    options.sourceNt = 0;
+    options.steady = nullptr;  // b24_fp32, which the bundle lacks
+    UttPlayer lacking(options);
+    EXPECT_TRUE(lacking.waitFor([&] { return zorv_utt_ready(lacking.utt()) == -1; }));
+    EXPECT_NE(std::string(zorv_utt_last_error()).find("model_b24_fp32.onnx"), std::string::npos);
+}
+
+TEST(UttFailureTest, AFailedBatchEndsTheUtteranceAFailedFrameIsLeftOut) {
+    UttPlayerOptions options;
+    options.render = "render_fails";
+    UttPlayer player(options);
+    player.waitForFrames(8);
+    player.script.gain = 400;  // the model refuses keypoints beyond 100
+    player.push(2, 0.1f);
+    player.push(1, 0.5f);
+    player.push(2, 0.1f);
+    zorv_utt_end_utterance(player.utt());
+    auto frames = player.pullUntil(kRamp, 100);
+    EXPECT_NE(runs(frames).find(" S4 R1"), std::string::npos) << runs(frames);
+    EXPECT_EQ(frames[frames.size() - 2].info.speech_sequence, 3);
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 1u);
+
+    options.render = "render";
+    options.steady = "b4";
+    options.steadyModel = "render_fails_b4";
+    UttPlayer batched(options);
+    batched.waitForFrames(8);
+    batched.script.gain = 400;
+    batched.push(8, 0.5f);
+    frames = batched.pull(8);
+    EXPECT_TRUE(batched.waitFor([&] { return zorv_utt_failure(batched.utt(), nullptr, 0) == 1; }));
+    batched.push(4, 0.1f);
+    zorv_utt_end_utterance(batched.utt());
+    batched.say(5, 0.1f);
+    frames = batched.pullUntil(kRamp, 100);
+    EXPECT_NE(runs(frames).find("S5 R1"), std::string::npos) << runs(frames);
+}
+
+TEST(UttFailureTest, WithoutRowsThereAreNoRamps) {
+    UttPlayerOptions options;
+    options.withRows = false;
+    UttPlayer player(options);
+    player.say(6, 0.5f);
+    const auto frames = player.pull(30);
+    EXPECT_NE(runs(frames).find(" S6 I"), std::string::npos) << runs(frames);
+}
+
+TEST(UttFailureTest, NothingToIdleWithIsFatal) {
+    UttPlayerOptions options;
+    options.nt = 9;
+    options.waitUntilReady = false;
+    for (const bool pipelined : {false, true}) {
+        options.pipelined = pipelined;
+        UttPlayer player(options);
+        for (int frame = 0; frame < 9; ++frame) {
+            player.bundle.empty("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
+        }
+        // Frames decoded before that go on to be shown.
+        if (zorv_utt_frames_available(player.utt()) > 0) continue;
+        EXPECT_TRUE(player.waitFor([&] { return zorv_utt_ready(player.utt()) == -1; }));
+        EXPECT_NE(std::string(zorv_utt_last_error()).find("decode failed"), std::string::npos);
+    }
+}
+
+TEST(UttInterfaceTest, RefusesBadArguments) {
+    EXPECT_EQ(zorv_utt_create(nullptr, nullptr), nullptr);
+    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_create: NULL ctx/opts");
+    zorv_utt_destroy(nullptr);
+    zorv_utt_end_utterance(nullptr);
+    zorv_utt_interrupt(nullptr);
+    zorv_utt_get_stats(nullptr, nullptr);
+    EXPECT_EQ(zorv_utt_ready(nullptr), -1);
+    EXPECT_EQ(zorv_utt_frames_available(nullptr), 0);
+    EXPECT_STREQ(zorv_utt_last_error(), "");
+    EXPECT_EQ(zorv_utt_failure(nullptr, nullptr, 0), 0u);
+
+    UttPlayer player;
+    EXPECT_EQ(zorv_utt_open(&player.reference(), nullptr), nullptr);
+    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_create: opts.motion_dir required");
+    const std::int16_t sample = 0;
+    EXPECT_EQ(zorv_utt_push_audio(player.utt(), nullptr, 0), 0);
+    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_push_audio: bad args");
+    EXPECT_EQ(zorv_utt_push_audio(player.utt(), &sample, -1), 0);
+    EXPECT_EQ(zorv_utt_push_audio(nullptr, &sample, 1), 0);
+    EXPECT_EQ(zorv_utt_push_audio(player.utt(), &sample, 0), 1);
+    EXPECT_STREQ(zorv_utt_last_error(), "");
+
+    player.waitForFrames(8);
+    std::vector<std::uint8_t> rgba(player.frameBytes());
+    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), nullptr, rgba.size(), nullptr), 0);
+    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_pull_frame: bad args");
+    zorv_utt_frame_info info;
+    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), rgba.data(), rgba.size() - 1, &info), 0);
+    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_pull_frame: buffer too small");
+    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), rgba.data(), rgba.size(), &info), 1);
+    EXPECT_EQ(info.sequence, 0u);
+    EXPECT_EQ(rgba, player.still(0));
+}
+
+}  // namespace
+}  // namespace zorv
