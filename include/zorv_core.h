@@ -522,42 +522,53 @@ typedef struct zorv_utt zorv_utt;
 
 /** How an engine shall behave; a field that is zero takes its default. */
 typedef struct zorv_utt_opts {
-    const char* motion_dir;   /**< models of the motion source; required. A directory that holds
-                                   a2x_enc_stream.onnx is the expression engine's, any other one
-                                   the motion engine's */
-    int threads;              /**< model threads of the motion source; below 1: the context's */
-    const char* ep;           /**< execution provider of the motion engine; NULL: the CPU */
-    const char* steady_model; /**< model key of a second renderer, used for batches of speech
-                                   frames; NULL or "": "b24_fp32"; "-": none. The environment
-                                   variable ZORV_STEADY_MODEL overrides it */
-    int eager;                /**< frames per provisional step of the motion source: 1 or more;
-                                   below 1: adaptive; -2: hybrid, steps of 3 */
-    double silence_end_s;     /**< seconds without new audio that end an utterance; 0: 0.6 s;
-                                   negative: never */
-    int ramp_frames;          /**< frames from speech back to rest; below 1: 6 */
-    int ramp_frames_interrupt; /**< the same after an interrupt; below 1: 4 */
+    /** Models of the motion source; required. A directory that holds a2x_enc_stream.onnx is the
+     *  expression engine's, any other one the motion engine's. */
+    const char* motion_dir;
+    /** Model threads of the motion source; below 1: the context's. */
+    int threads;
+    /** Execution provider of the motion engine, as for zorv_create; NULL: the CPU. */
+    const char* ep;
+    /** Model key of a second renderer, used for batches of speech frames; NULL or "": "b24_fp32";
+     *  "-": none. The environment variable ZORV_STEADY_MODEL overrides it. */
+    const char* steady_model;
+    /** Frames per provisional step of the motion source: 1 or more; below 1: adaptive; -2:
+     *  hybrid, steps of 3. */
+    int eager;
+    /** Seconds without new audio that end an utterance; 0: 0.6 s; negative: never. */
+    double silence_end_s;
+    /** Frames from speech back to rest; below 1: 6. */
+    int ramp_frames;
+    /** The same after an interrupt; below 1: 4. */
+    int ramp_frames_interrupt;
 } zorv_utt_opts;
 
 /** What is known of a pulled frame. */
 typedef struct zorv_utt_frame_info {
-    uint64_t sequence;       /**< counts every finished frame from 0; a gap shows frames that an
-                                  interrupt dropped */
-    int32_t kind;            /**< 0 idle, 1 speech, 2 ramp */
-    int32_t frame;           /**< bundle frame that it is drawn on */
-    int32_t speech_sequence; /**< number of a speech frame within its utterance, else -1 */
+    /** Counts every finished frame from 0; a gap shows frames that an interrupt dropped. */
+    uint64_t sequence;
+    /** 0 idle, 1 speech, 2 ramp. */
+    int32_t kind;
+    /** Bundle frame that it is drawn on. */
+    int32_t frame;
+    /** Number of a speech frame within its utterance, from 0; else -1. */
+    int32_t speech_sequence;
 } zorv_utt_frame_info;
 
 /** Counted since the engine was created. */
 typedef struct zorv_utt_stats {
     uint64_t frames_pulled;
     uint64_t speech_frames_pulled;
-    uint64_t utterances_started;   /**< utterances whose first speech frame was finished */
-    double first_frame_latency_ms; /**< of the latest one: from its first pushed audio to its
-                                        first finished speech frame */
-    double render_ms;              /**< per speech frame, a running average */
-    uint64_t reserved;             /**< always 0 */
-    int state;                     /**< 0 idle, 1 waiting for the first speech frame, 2 speaking,
-                                        3 ramping back to rest */
+    /** Utterances whose first speech frame was finished. */
+    uint64_t utterances_started;
+    /** Of the latest one: from its first pushed audio to its first finished speech frame. */
+    double first_frame_latency_ms;
+    /** Per speech frame, a running average. */
+    double render_ms;
+    /** Always 0. */
+    uint64_t reserved;
+    /** 0 idle, 1 waiting for the first speech frame, 2 speaking, 3 ramping back to rest. */
+    int state;
 } zorv_utt_stats;
 
 /**

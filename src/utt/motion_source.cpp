@@ -73,8 +73,7 @@ class EngineSource final : public MotionSource {
 std::unique_ptr<MotionSource> openMotionSource(const UttOptions& options) {
     const char* dir = options.motionDir.c_str();
     if (options.expression) {
-        return std::make_unique<EngineSource<ExpressionApi>>(
-            zorv_a2x_create(dir, options.threads));
+        return std::make_unique<EngineSource<ExpressionApi>>(zorv_a2x_create(dir, options.threads));
     }
     return std::make_unique<EngineSource<MotionApi>>(
         zorv_motion_create(dir, options.threads, options.ep.c_str()));
