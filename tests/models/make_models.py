@@ -215,7 +215,7 @@ def a2x_models(path):
     encoder(path("a2x_w2v"), layers=12)
     a2x_trunk(path("a2x_trunk"))
     a2x_trunk(path("a2x_trunk_open"), declared="steps")
-    a2x_trunk(path("a2x_trunk_short"), steps=300)
+    a2x_trunk(path("a2x_trunk_short"), steps=290)
     a2x_head(path("a2x_head"))
     a2x_enc_stream(path("a2x_enc_stream"))
     a2x_dec(path("a2x_dec"))
