@@ -3,12 +3,15 @@
 //   env=NAME=VALUE    sets a variable           preload[=PATH]   loads the speech encoder
 //   stream=DIR        opens an engine, streams a clip, closes it
 //   together=DIR      four threads do the same at once
+//   tasks             counts the threads of this process
 #include <zorv_core.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,6 +59,9 @@ void step(const std::string& verb, const std::string& value) {
         for (std::string& result : results) threads.emplace_back([&] { result = stream(value); });
         for (std::thread& thread : threads) thread.join();
         for (const std::string& result : results) std::printf("%s\n", result.c_str());
+    } else if (verb == "tasks") {
+        const std::filesystem::directory_iterator all("/proc/self/task");
+        std::printf("%d\n", static_cast<int>(std::distance(begin(all), end(all))));
     } else {
         std::printf("unknown step %s\n", verb.c_str());
     }

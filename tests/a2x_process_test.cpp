@@ -46,6 +46,7 @@ class A2xProcess : public testing::Test {
     std::string stream_ = "stream=" + dir_.path();
     std::string together_ = "together=" + dir_.path();
     ScopedEnv encoder_{"W2V_ONNX", modelFile("a2x_w2v")};
+    ScopedEnv threads_{"ZORV_A2X_W2V_THREADS", "1"};
 };
 
 TEST_F(A2xProcess, PreloadSaysWhatIsMissingAndMayBeRepaired) {
@@ -64,6 +65,18 @@ TEST_F(A2xProcess, PreloadSaysWhatIsMissingAndMayBeRepaired) {
     EXPECT_TRUE(lines[6].starts_with("60 frames ")) << lines[6];
     EXPECT_TRUE(lines[7].starts_with("1 ")) << "the first load wins whatever is asked later";
     EXPECT_EQ(lines[8], lines[6]);
+}
+
+TEST_F(A2xProcess, PreloadGivesTheEncoderItsOwnThreads) {
+    const auto added = [](const char* setting) {
+        const ScopedEnv env("ZORV_A2X_W2V_THREADS", setting);
+        const Lines lines = probe({"tasks", "preload=", "tasks"});
+        EXPECT_EQ(lines.size(), 3u);
+        return std::stoi(lines.at(2)) - std::stoi(lines.at(0));  // beside the caller's
+    };
+    EXPECT_EQ(added(nullptr), 5);
+    EXPECT_EQ(added("3"), 2);
+    EXPECT_EQ(added("-4"), 0);
 }
 
 TEST_F(A2xProcess, CreationFailsWithTheRuntimesTextWhenTheEncoderDoesNotLoad) {

@@ -398,7 +398,8 @@ TEST_F(A2xTest, TheEncoderRunsOnlyForNewFrames) {
     EXPECT_EQ(engine->encoderRuns(), runs + 1);
 }
 
-/// Memory of the process that is in use now.
+/// Memory of the process that is in use now. Under TSan that holds a shadow of every byte that was
+/// ever touched, and tells nothing.
 std::size_t residentBytes() {
     FILE* file = std::fopen("/proc/self/statm", "r");
     unsigned long pages = 0, resident = 0;
@@ -407,7 +408,7 @@ std::size_t residentBytes() {
     return resident * 4096;
 }
 
-TEST_F(A2xTest, MemoryIsLetGoAsTheStreamIsPulledAndTheEndOfTheTableStopsIt) {
+TEST_F(A2xTest, MemoryIsLetGoAsFramesArePulledAndTheTablesEndIsTheEnd) {
     constexpr int kRows = 1500;  // 53 MiB of features
     const ExpressionDir dir({.window = 0, .rows = kRows});
     const std::vector<float> audio = speechLike(16000);
@@ -527,7 +528,8 @@ TEST_F(A2xTest, CreationSaysWhichFileOrKeyIsWrong) {
     EXPECT_EQ(zorv_a2x_nt(open(odd).get()), 1) << "floats of a started row do not count";
 }
 
-TEST_F(A2xTest, ThreadsOfTheModelRuntime) {
+// TSan cannot follow the locks of the model runtime's own threads: not for it.
+TEST_F(A2xTest, TheModelRuntimeGetsTheThreadsThatWereAskedFor) {
     const ExpressionDir dir;
     const A2xPtr first = open(dir);  // the encoder's threads are there
     const auto tasks = [] {
