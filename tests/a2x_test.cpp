@@ -396,6 +396,12 @@ TEST_F(A2xTest, TheEncoderRunsOnlyForNewFrames) {
     drain(engine.get(), frames);
     EXPECT_EQ(frames.size(), 150u);
     EXPECT_EQ(engine->encoderRuns(), runs + 1);
+
+    // Pulled one by one, the last frames want features that the audio cannot give.
+    zorv_a2x_reset(engine.get(), 0, 1, 1);
+    zorv_a2x_push(engine.get(), audio.data(), 640 * 100);
+    for (int frame = 0; frame < 94; ++frame) ASSERT_EQ(pull(engine.get(), 1).size(), 1u);
+    EXPECT_EQ(engine->encoderRuns(), 1);
 }
 
 /// Memory of the process that is in use now. Under TSan that holds a shadow of every byte that was
