@@ -100,8 +100,8 @@ class BareModels {
     BareModels(const CutDirectory& dir, bool shortWindow)
         : meta_(dir.meta),
           w2v_(*get_shared_w2v("", 1)),
-          enc_(env_, (dir.path / "a2x_enc_stream.onnx").c_str(), options()),
-          dec_(env_, (dir.path / "a2x_dec.onnx").c_str(), options(), meta_.h),
+          enc_(placement_.open(env_, (dir.path / "a2x_enc_stream.onnx").string())),
+          dec_(placement_.open(env_, (dir.path / "a2x_dec.onnx").string()), meta_.h),
           state_(DecoderState::zero(meta_.h)),
           ctx_(static_cast<std::size_t>(meta_.h)) {
         if (shortWindow) short_ = std::make_unique<ShortWindow>();
@@ -147,14 +147,9 @@ class BareModels {
         ModelRun model;
     };
 
-    static Ort::SessionOptions options() {
-        Ort::SessionOptions options = zorv::makeSessionOptions(1);
-        options.AddConfigEntry("session.intra_op.allow_spinning", "0");
-        return options;
-    }
-
     const Meta meta_;
     Ort::Env env_ = zorv::makeOrtEnv("bench");
+    Placement placement_{1, "enc/dec"};
     LegacyWindow w2v_;
     std::unique_ptr<ShortWindow> short_;
     Ort::Session enc_;

@@ -5,7 +5,6 @@
 #include <limits>
 #include <vector>
 
-#include "a2x/a2x_cuda.h"
 #include "a2x/a2x_features.h"
 #include "a2x/a2x_math.h"
 #include "a2x/a2x_model.h"
@@ -123,12 +122,6 @@ TEST(A2xMath, SettingsAreReadAsIntegersAndSaturate) {
     EXPECT_EQ(json_int(R"({"h")", "h", 9), 9);
     EXPECT_EQ(json_int("{}", "h", 9), 9);
     EXPECT_EQ(json_int(R"("h":  99999999999999999999)", "h", 9), 2147483647);
-
-    const std::size_t standard = std::size_t{3072} << 20;
-    for (const char* none : {"0", "-5", "", "x"}) EXPECT_EQ(cudaMemoryLimit(none), standard);
-    EXPECT_EQ(cudaMemoryLimit(nullptr), standard);
-    EXPECT_EQ(cudaMemoryLimit("512"), std::size_t{512} << 20);
-    EXPECT_EQ(cudaMemoryLimit("99999999999999999") % 1048576, 0u) << "saturates at whole MiB";
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "a2x/a2x_cuda.h"
 #include "a2x/a2x_settings.h"
 #include "a2x/zorv_a2x.h"
 
@@ -19,13 +18,6 @@ int engineThreads(int threads) {
     return integerSetting("ZORV_A2X_THREADS", threads < 5 ? threads : 4);
 }
 
-Ort::SessionOptions modelOptions(int threads) {
-    Ort::SessionOptions options = makeSessionOptions(std::max(threads, 1));
-    options.AddConfigEntry("session.intra_op.allow_spinning", "0");
-    zorv_a2x_maybe_cuda(options, "enc/dec");
-    return options;
-}
-
 }  // namespace
 }  // namespace zorv::a2x
 
@@ -34,7 +26,7 @@ using namespace zorv::a2x;
 zorv_a2x::zorv_a2x(const std::string& dir, int threads)
     : env_(zorv::makeOrtEnv("zorv_a2x")),
       threads_(engineThreads(threads)),
-      options_(modelOptions(threads_)),
+      placement_(threads_, "enc/dec"),
       meta_(dir),
       tables_(dir, meta_),
       enc_left_(meta_.fieldOf(meta_.left)),
@@ -46,8 +38,8 @@ zorv_a2x::zorv_a2x(const std::string& dir, int threads)
       enc_out_(limit_, static_cast<std::size_t>(meta_.h)),
       frames_(limit_, kKeypointFloats) {
     openSharedEncoder();
-    enc_.emplace(env_, dir + "/a2x_enc_stream.onnx", options_, meta_);
-    dec_.emplace(env_, dir + "/a2x_dec.onnx", options_, meta_.h);
+    enc_.emplace(placement_.open(env_, dir + "/a2x_enc_stream.onnx"), meta_);
+    dec_.emplace(placement_.open(env_, dir + "/a2x_dec.onnx"), meta_.h);
     primeWithSilence();
 }
 

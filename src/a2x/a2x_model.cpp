@@ -93,12 +93,11 @@ Tables::Tables(const std::string& dir, const Meta& meta) {
         std::min<std::size_t>(rows, std::numeric_limits<std::int32_t>::max()));
 }
 
-StreamEncoder::StreamEncoder(Ort::Env& env, const std::string& path,
-                             const Ort::SessionOptions& options, const Meta& meta)
+StreamEncoder::StreamEncoder(Ort::Session session, const Meta& meta)
     : h_(meta.h),
       left_(meta.left),
       window_(meta.window),
-      session_(env, path.c_str(), options),
+      session_(std::move(session)),
       enc_out_name_(firstOutputName(session_)),
       model_(session_, {"feat", "pos_window", "attn"}, {enc_out_name_}) {}
 
@@ -119,9 +118,8 @@ const float* StreamEncoder::run(float* feat, float* pos, std::int64_t n) {
     return model_.floats(0, frames * static_cast<std::size_t>(h_));
 }
 
-StreamDecoder::StreamDecoder(Ort::Env& env, const std::string& path,
-                             const Ort::SessionOptions& options, std::int32_t h)
-    : session_(env, path.c_str(), options),
+StreamDecoder::StreamDecoder(Ort::Session session, std::int32_t h)
+    : session_(std::move(session)),
       ctx_(static_cast<std::size_t>(h)),
       prev_(kKeypointFloats),
       hid_(ctx_.size()),

@@ -41,8 +41,7 @@ struct Tables {
 /// a2x_enc_stream.onnx: a window of feature frames becomes one row of h floats per frame.
 class StreamEncoder {
   public:
-    StreamEncoder(Ort::Env& env, const std::string& path, const Ort::SessionOptions& options,
-                  const Meta& meta);
+    StreamEncoder(Ort::Session session, const Meta& meta);
 
     /// feat: n x kFeatureFloats, pos: n x h. Returns n x h, valid until the next run. The mask and
     /// the output's tensor are those of the last run when n is.
@@ -71,8 +70,7 @@ struct DecoderState {
 /// a2x_dec.onnx: one frame at a time.
 class StreamDecoder {
   public:
-    StreamDecoder(Ort::Env& env, const std::string& path, const Ort::SessionOptions& options,
-                  std::int32_t h);
+    StreamDecoder(Ort::Session session, std::int32_t h);
 
     /// ctx: h floats of the encoder. Moves the state on by a frame; state.prev is the frame's
     /// normalised output. A run that throws leaves the state as it was.

@@ -1,17 +1,18 @@
 #include "a2x/a2x_w2v.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <stdexcept>
 
-#include "a2x/a2x_cuda.h"
+#include "a2x/a2x_placement.h"
 #include "a2x/a2x_settings.h"
 
 namespace zorv::a2x {
 namespace {
+
+constexpr const char* kW2vTag = "w2v";
 
 // The process's shared state. Sessions are only ever set from absent to present (a failed pair is
 // dropped before anyone can have seen it), so whoever got one runs it without the lock.
@@ -36,14 +37,6 @@ Ort::Env& environmentLocked() {
     return g_w2v_env;
 }
 
-/// Threads that sleep between runs: many engines may share one machine.
-Ort::SessionOptions w2vOptions(int threads) {
-    Ort::SessionOptions options = makeSessionOptions(std::max(threads, 1));
-    options.AddConfigEntry("session.intra_op.allow_spinning", "0");
-    zorv_a2x_maybe_cuda(options, "w2v");
-    return options;
-}
-
 /// The third dimension of the trunk's declared output [1, channels, steps], 0 when it is open.
 std::int64_t declaredSteps(const Ort::Session& trunk) {
     const Ort::TypeInfo type = trunk.GetOutputTypeInfo(0);
@@ -53,9 +46,9 @@ std::int64_t declaredSteps(const Ort::Session& trunk) {
 
 void armLocked(const char* trunkPath, const char* headPath, int threads) {
     Ort::Env& env = environmentLocked();
-    const Ort::SessionOptions options = w2vOptions(threads);
-    Ort::Session trunk(env, trunkPath, options);
-    Ort::Session head(env, headPath, options);
+    Placement placement(threads, kW2vTag);
+    Ort::Session trunk = placement.open(env, trunkPath);
+    Ort::Session head = placement.open(env, headPath);
     Ort::AllocatorWithDefaultOptions allocator;
     g_w2vwin_trunk_out = trunk.GetOutputNameAllocated(0, allocator).get();
     const std::int64_t steps = declaredSteps(trunk);
@@ -71,7 +64,8 @@ void armLocked(const char* trunkPath, const char* headPath, int threads) {
 Ort::Session* get_shared_w2v(const std::string& path, int threads) {
     const std::lock_guard lock(g_w2v_mtx);
     if (!g_w2v_session) {
-        g_w2v_session = Ort::Session(environmentLocked(), path.c_str(), w2vOptions(threads));
+        Ort::Env& env = environmentLocked();
+        g_w2v_session = Placement(threads, kW2vTag).open(env, path);
         g_w2v_path = path;
     }
     return &g_w2v_session;

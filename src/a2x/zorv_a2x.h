@@ -10,6 +10,7 @@
 
 #include "a2x/a2x_features.h"
 #include "a2x/a2x_model.h"
+#include "a2x/a2x_placement.h"
 #include "a2x/paged_rows.h"
 #include "common/error.h"
 
@@ -72,7 +73,7 @@ struct zorv_a2x {
     // order: models before the environment.
     Ort::Env env_;
     const int threads_;  ///< of the model runtime, for the sessions that this engine loads
-    const Ort::SessionOptions options_;
+    zorv::a2x::Placement placement_;
     const zorv::a2x::Meta meta_;
     zorv::a2x::Tables tables_;
     const std::int64_t enc_left_, enc_right_;  ///< receptive field of the encoder, frames
