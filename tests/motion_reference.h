@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <string>
@@ -17,8 +18,8 @@ using Floats = std::vector<float>;
 
 /// Log band magnitudes of one window, [80][21].
 inline Floats referenceFeatures(const Floats& samples, const Floats& window, const Floats& binmat) {
-    static const std::vector<double> wave = [] {
-        std::vector<double> values(512);
+    static const auto wave = [] {
+        std::array<double, 512> values{};
         for (int i = 0; i < 512; ++i) values[i] = std::cos(2 * M_PI * i / 512);
         return values;
     }();
@@ -28,13 +29,14 @@ inline Floats referenceFeatures(const Floats& samples, const Floats& window, con
     }
     Floats features(80 * 21);
     for (int t = 0; t < 21; ++t) {
+        double x[512];
+        for (int n = 0; n < 512; ++n) x[n] = static_cast<double>(padded[320 * t + n]) * window[n];
         std::vector<double> magnitude(257);
         for (int k = 0; k < 257; ++k) {
             double re = 0, im = 0;
             for (int n = 0; n < 512; ++n) {
-                const double x = static_cast<double>(padded[320 * t + n]) * window[n];
-                re += x * wave[k * n % 512];
-                im += x * wave[(k * n + 128) % 512];
+                re += x[n] * wave[k * n % 512];
+                im += x[n] * wave[(k * n + 128) % 512];
             }
             magnitude[k] = std::sqrt(re * re + im * im);
         }

@@ -15,7 +15,8 @@ void Dump::write(const char* name, const float* data, std::size_t count, Mode mo
     if (!isOn()) return;
     const std::string path = dir_ + name;
     std::FILE* file = std::fopen(path.c_str(), mode == Mode::kFresh ? "wb" : "ab");
-    const std::size_t written = file ? std::fwrite(data, sizeof(float), count, file) : 0;
+    const std::size_t written =
+        file && count > 0 ? std::fwrite(data, sizeof(float), count, file) : 0;
     const bool closed = file && std::fclose(file) == 0;
     if (!closed || written != count) {
         std::fprintf(stderr, "[zorv_motion] cannot write %s\n", path.c_str());
