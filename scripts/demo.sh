@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # From nothing to a talking face: builds, makes the demo subject, renders a clip.
 #
-#   scripts/demo.sh [--engine fca|motion] [speech file]
+#   scripts/demo.sh [--engine fca|motion|a2x] [speech file]
 #
 # The speech file may be anything that FFmpeg reads; without one a sentence is synthesised.
-# The engine turns speech into movement: fca (the default) hears the whole clip, motion hears it in
-# pieces, as a live stream would.
+# The engine turns speech into movement: fca (the default) hears the whole clip, motion and a2x hear
+# it in pieces, as a live stream would.
 # Leaves out/demo.mp4 and out/demo.png in the checkout.
 set -euo pipefail
 
@@ -17,7 +17,7 @@ if [ "${1:-}" = --engine ] && [ $# -ge 2 ]; then
     engine=$2
     shift 2
 fi
-if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [--engine fca|motion] [speech file]"; fi
+if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [--engine fca|motion|a2x] [speech file]"; fi
 speech=
 if [ $# -eq 1 ]; then
     [ -f "$1" ] || die "no such file: $1"
@@ -31,7 +31,8 @@ subject=build/demo
 case $engine in
     fca) models=(--encoder "$subject/speech_encoder.onnx") ;;
     motion) models=(--motion-dir "$subject/motion") ;;
-    *) die "no engine '$engine': use fca or motion" ;;
+    a2x) models=(--encoder "$subject/speech_encoder.onnx" --motion-dir "$subject/expression") ;;
+    *) die "no engine '$engine': use fca, motion or a2x" ;;
 esac
 SENTENCE="Hello! I am a drawing that learned to talk. Every word you hear moves my lips, \
 and a plain processor renders me faster than you can listen. What shall I say next?"

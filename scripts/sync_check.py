@@ -10,6 +10,7 @@ import argparse
 import array
 import json
 import math
+import os
 import pathlib
 import subprocess
 import sys
@@ -38,8 +39,16 @@ UNRELATED = ("it", 165, "Quando il sole tramonta dietro le colline, tutta la val
              "il vento porta il profumo del mare fino alle case del paese piu lontano. "
              "Allora i bambini tornano di corsa, e le nonne chiudono le finestre una per una.")
 
-# What `zorv render` needs beside the engine's name: options and files of the demo directory.
-ENGINES = {"fca": {"--encoder": "speech_encoder.onnx"}, "motion": {"--motion-dir": "motion"}}
+# What `zorv render` needs: the engine's name, then options and environment variables that name
+# files of the demo directory. a2x-short is the engine with its speech encoder for short windows.
+EXPRESSION = {"--encoder": "speech_encoder.onnx", "--motion-dir": "expression"}
+ENGINES = {
+    "fca": ("fca", {"--encoder": "speech_encoder.onnx"}, {}),
+    "motion": ("motion", {"--motion-dir": "motion"}, {}),
+    "a2x": ("a2x", EXPRESSION, {}),
+    "a2x-short": ("a2x", EXPRESSION, {"ZORV_A2X_W2V_WIN_ONNX": "speech_trunk.onnx",
+                                      "ZORV_A2X_W2V_HEAD_ONNX": "speech_head.onnx"}),
+}
 
 
 def write_wav(path, samples):
@@ -77,23 +86,30 @@ def tone(formants, pitch=130, seconds=3.0):
 class Check:
     def __init__(self, options):
         self.zorv, self.work, self.brief = options.zorv, options.work, options.brief
+        self.demo, self.engines = options.demo, options.engine
         self.broken, self.mouth = [], []
-        self.command = [options.zorv, "render", options.demo / "bundle", "--engine", options.engine]
-        for option, name in ENGINES[options.engine].items():
-            self.command += [option, options.demo / name]
 
     def expect(self, fine, text):
         print(("ok      " if fine else "BROKEN  ") + text, flush=True)
         if not fine:
             self.broken.append(text)
 
-    def render(self, name, samples):
+    def render(self, name, samples, engine=None):
         sound, video = self.work / f"{name}.wav", self.work / f"{name}.mp4"
         write_wav(sound, samples)
-        done = subprocess.run([*self.command, "--audio", sound, "-o", video],
-                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        kind, files, variables = ENGINES[engine or self.engines[0]]
+        command = [self.zorv, "render", self.demo / "bundle", "--engine", kind, "--audio", sound, "-o", video]
+        for option, file in files.items():
+            command += [option, self.demo / file]
+        environment = {**os.environ, "ZORV_A2X_W2V_WIN": "1" if variables else "0",
+                       **{variable: self.demo / file for variable, file in variables.items()}}
+        done = subprocess.run(command, env=environment, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.PIPE, text=True)
         if done.returncode != 0:
             sys.exit(f"rendering {name} failed: {done.stderr}")
+        # The engine does not fail without its short windows: it says so and takes the long ones.
+        if bool(variables) != ("short-window w2v ARMED" in done.stderr):
+            sys.exit(f"{name} went through the wrong speech encoder: {done.stderr}")
         return sound, video
 
     def sync(self, video, sound, *more):
@@ -107,7 +123,8 @@ class Check:
         samples = speak(raw, voice, rate, before) + pause
         if not self.brief:
             samples += speak(raw, voice, rate, after) + pause
-        sound, video = self.render(f"clip{number}", samples)
+        engine = self.engines[number % len(self.engines)]
+        sound, video = self.render(f"clip{number}", samples, engine)
         got = self.sync(video, sound, *self.mouth)
         if self.brief:  # too short for finding the mouth in each, but it is the same face
             self.mouth = ["--region", ",".join(str(v) for v in got["region"])]
@@ -116,7 +133,7 @@ class Check:
         self.expect(abs(got["lag_frames"]) <= MAX_LAG and got["correlation"] >= MIN_CORRELATION
                     and got["silent_frames"] >= 20
                     and movement <= MAX_MOVEMENT * opening and drift <= MAX_DRIFT * opening,
-                    f"{voice} at {rate}: lag {got['lag_frames']}, correlation {got['correlation']:.3f}, "
+                    f"{engine}, {voice} at {rate}: lag {got['lag_frames']}, correlation {got['correlation']:.3f}, "
                     f"opening {opening:.1f} px; {got['silent_frames']} silent frames move "
                     f"{movement:.2f} px, drift {drift:.2f} px")
         return sound, video, got
@@ -143,7 +160,8 @@ def main():
     parser.add_argument("zorv", metavar="ZORV", help="the program")
     parser.add_argument("demo", metavar="DEMO_DIR", type=pathlib.Path, help="what make_demo.py wrote")
     parser.add_argument("work", metavar="WORK_DIR", type=pathlib.Path, help="for sounds and videos")
-    parser.add_argument("--engine", choices=ENGINES, default="fca")
+    parser.add_argument("--engine", choices=ENGINES, nargs="+", default=["fca"],
+                        help="of several, the voices take turns through them")
     parser.add_argument("--brief", action="store_true", help="one sentence per voice, no controls")
     options = parser.parse_args()
     options.work.mkdir(parents=True, exist_ok=True)
