@@ -1,6 +1,7 @@
 // The program `zorv render` as a user meets it: a process, its files, its one line of advice.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,10 +18,12 @@
 #include <vector>
 
 #include "audio_reader.h"
+#include "contact_sheet.h"
 #include "support/expression_dir.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
 #include "video_reader.h"
+#include "video_writer.h"
 
 namespace fs = std::filesystem;
 
@@ -275,6 +278,23 @@ TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
     for (const std::string& name :
          {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")})
         EXPECT_EQ(test::readFile(name).substr(1, 3), "PNG") << name;
+}
+
+TEST_F(RenderCommand, FramesAreNotReadPastTheirEnd) {
+    // The frame ends where a page ends that may be read and one begins that may not.
+    constexpr int kWidth = 64, kHeight = 64, kBytes = kWidth * kHeight * 3;
+    static_assert(kBytes % 4096 == 0);
+    void* pages = mmap(nullptr, kBytes + 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    ASSERT_EQ(mprotect(static_cast<char*>(pages) + kBytes, 4096, PROT_NONE), 0);
+    const auto* frame = static_cast<const std::uint8_t*>(pages);
+    av_log_set_level(AV_LOG_QUIET);
+    tools::VideoWriter video(path("black.mp4"), kWidth, kHeight, speech(1), 0);
+    tools::ContactSheet sheet(kWidth, kHeight, 1);
+    video.write(frame);
+    sheet.add(0, frame);
+    video.finish();
+    munmap(pages, kBytes + 4096);
 }
 
 TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {

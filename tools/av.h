@@ -11,8 +11,10 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace zorv::tools::av {
 
@@ -43,6 +45,19 @@ inline Owner<AVPacket> new_packet() {
     Owner<AVPacket> packet(av_packet_alloc());
     if (!packet) throw std::bad_alloc();
     return packet;
+}
+
+/**
+ * Scales or converts a whole picture, rows of `stride` bytes. The scaler reads some bytes past the
+ * last row, and past a frame of the library may lie nothing: it gets `copy`, which has room there.
+ */
+inline void scale(SwsContext* scaler, const uint8_t* picture, int stride, int height,
+                  uint8_t* const* out, const int* out_strides, std::vector<uint8_t>& copy) {
+    const size_t bytes = static_cast<size_t>(stride) * static_cast<size_t>(height);
+    copy.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE);
+    std::copy_n(picture, bytes, copy.data());
+    const uint8_t* in = copy.data();
+    sws_scale(scaler, &in, &stride, 0, height, out, out_strides);
 }
 
 }  // namespace zorv::tools::av

@@ -212,11 +212,11 @@ bool BundleSheet::draw_frame(Canvas& canvas, int frame, int left, int top) try {
                                                       cell_width_, cell_height_, AV_PIX_FMT_RGB24,
                                                       flags, nullptr, nullptr, nullptr));
     if (!scaler) return false;
-    const int source_stride = 3 * width_, stride = 3 * cell_width_ + 64;  // it writes past row ends
+    const int stride = 3 * cell_width_ + 64;  // it writes past row ends
     std::vector<uint8_t> small(static_cast<size_t>(stride) * static_cast<size_t>(cell_height_ + 1));
-    const uint8_t* in = rgb.data();
     uint8_t* out = small.data();
-    sws_scale(scaler.get(), &in, &source_stride, 0, height_, &out, &stride);
+    std::vector<uint8_t> copy;
+    av::scale(scaler.get(), rgb.data(), 3 * width_, height_, &out, &stride, copy);
     for (int y = 0; y < cell_height_; ++y)
         for (int x = 0; x < cell_width_; ++x) {
             const uint8_t* pixel = out + y * stride + 3 * x;

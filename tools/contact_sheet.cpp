@@ -28,13 +28,14 @@ void ContactSheet::add(int index, const uint8_t* rgb) {
     const int cell = static_cast<int>(place - chosen_.begin());
     const int x = kGap + cell % kColumns * (kCellWidth + kGap);
     const int y = kGap + cell / kColumns * (cell_height_ + kGap);
-    const int source_stride = 3 * source_width_, stride = 3 * sheet_width_;
+    const int stride = 3 * sheet_width_;
     // The scaler may write a few bytes past each row's end, hence the scratch picture.
     const int scratch_stride = 3 * kCellWidth + 64;
     std::vector<uint8_t> scratch(static_cast<size_t>(scratch_stride) *
                                  static_cast<size_t>(cell_height_ + 1));
     uint8_t* out = scratch.data();
-    sws_scale(scaler_.get(), &rgb, &source_stride, 0, source_height_, &out, &scratch_stride);
+    std::vector<uint8_t> copy;
+    av::scale(scaler_.get(), rgb, 3 * source_width_, source_height_, &out, &scratch_stride, copy);
     av_image_copy_plane(pixels_.data() + static_cast<size_t>(y) * static_cast<size_t>(stride) +
                             static_cast<size_t>(x) * 3,
                         stride, out, scratch_stride, 3 * kCellWidth, cell_height_);

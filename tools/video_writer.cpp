@@ -159,7 +159,7 @@ void VideoWriter::encode(EncodedStream& target, AVFrame* frame) {
 void VideoWriter::write(const uint8_t* rgb) {
     AVFrame* frame = picture_.frame.get();
     if (av_frame_make_writable(frame) < 0) throw std::bad_alloc();
-    sws_scale(to_yuv_.get(), &rgb, &source_stride_, 0, height_, frame->data, frame->linesize);
+    av::scale(to_yuv_.get(), rgb, source_stride_, height_, frame->data, frame->linesize, copy_);
     frame->pts = picture_.next_time++;
     encode(picture_, frame);
     encode_sound_until(picture_.next_time * (kAudioRate / kFrameRate));

@@ -48,6 +48,7 @@ class VideoWriter : public FrameSink {
 
     int width_, height_;
     int source_stride_;  // bytes per row of the frames handed in
+    std::vector<uint8_t> copy_;
     AudioReader reader_;
     std::vector<float> sound_;  // interleaved samples that wait for the encoder
     int64_t sound_to_drop_;
