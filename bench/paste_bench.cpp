@@ -51,4 +51,16 @@ BENCHMARK_CAPTURE(sameTarget, avx512_2_workers, zorv::SimdLevel::kAvx512, 2)
     ->Arg(60)
     ->UseRealTime();
 
+/// Instruction set and workers as the library chooses them; `ZORV_SIMD` lowers the first.
+void byDefault(benchmark::State& state) {
+    PasteScene scene(static_cast<double>(state.range(0)) / 100);
+    zorv::Paste paste(scene.mask, PasteScene::kSide, {});
+    for (auto _ : state) {
+        paste.composite(scene.crop.data(), 255, scene.M, scene.frame.data(), PasteScene::kWidth,
+                        PasteScene::kHeight);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(byDefault)->Arg(100)->Arg(60)->UseRealTime();
+
 }  // namespace
