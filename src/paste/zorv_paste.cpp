@@ -22,12 +22,12 @@ constexpr int kBlock = 32;
 /// Crop rows from the one that is blurred to the one that is fetched.
 constexpr int kAhead = 4;
 
-/// Settled once: `ZORV_PASTE_THREADS`, else 4; at most one per processor. The vector loops take
-/// a few milliseconds for a whole crop, and starting the threads of each pass about as much as
-/// a second one saves, so they are not split unless asked for.
+/// Settled once: `ZORV_PASTE_THREADS`, at most one per processor. Without it a composite stays on
+/// the caller's thread: it takes a few milliseconds, starting threads for each pass cost as much
+/// as a second one saved wherever it was measured, and the other processors render meanwhile.
 int workerCount() {
     static const int count = [] {
-        long wanted = simdLevel() == SimdLevel::kPortable ? 4 : 1;
+        long wanted = 1;
         if (const char* text = std::getenv("ZORV_PASTE_THREADS")) {
             wanted = std::max(std::strtol(text, nullptr, 10), 1L);
         }
