@@ -7,6 +7,8 @@ namespace zorv {
 std::span<const GridSampleKernel> gridSampleKernels() {
     static constexpr GridSampleKernel kKernels[] = {
         {SimdLevel::kPortable, "portable", gs_portable},
+        {SimdLevel::kAvx2, "avx2", gs_avx2},
+        {SimdLevel::kAvx512, "avx512", gs_avx512},
     };
     return kKernels;
 }

@@ -21,6 +21,10 @@ using GridSampleFunction = void(const float* x, const float* grid, float* y, std
 /// The formulas, one pixel after the other.
 GridSampleFunction gs_portable;
 
+/// Eight and sixteen pixels at a time; see gridsample_tiles.h.
+GridSampleFunction gs_avx2;
+GridSampleFunction gs_avx512;
+
 struct GridSampleKernel {
     SimdLevel level;
     const char* name;
