@@ -21,6 +21,7 @@
 #include "gridsample_rival.h"
 #include "one_node_model.h"
 #include "render/gridsample_fast.h"
+#include "render/gridsample_rewrite.h"
 
 namespace {
 

@@ -11,7 +11,7 @@ import os
 import sys
 
 import numpy as np
-from onnx import TensorProto, checker, helper, numpy_helper, save
+from onnx import TensorProto, checker, helper, load, numpy_helper, save
 
 CROP = 16
 
@@ -96,6 +96,39 @@ def own_operators(path):
            {"pooled64": [1, 64, 32, 32], "P_rgb": [1, 3, CROP, CROP],
             "kp_driving": [1, 21, 3], "kp_source": [1, 21, 3]},
            {"rgb": [1, 3, CROP, CROP]}, domains=["com.velmarin"])
+
+
+def sampler(path, domain, rank=4):
+    """y = x sampled at grid, alone, for any sizes: the standard node or the library's operator."""
+    g = Graph(16)
+    if domain:
+        g("GridSampleFast", "x", "grid", out="y", domain=domain)
+    else:
+        g("GridSample", "x", "grid", out="y", mode="bilinear", padding_mode="border")
+    g.save(path, {"x": list("NCHW"[:rank]), "grid": list("nhwp")}, {"y": list("abcd")},
+           domains=[domain] if domain else [])
+
+
+def warped(path, external=False):
+    """The standard graph with its image moved by the first driving keypoint: once by a node that
+    the library replaces, once by one that it leaves alone, and half of each. external: constants
+    lie in a file of their own beside the model."""
+    g = Graph(16)
+    line = (np.arange(CROP) * 2 + 1) / CROP - 1
+    move = g("Reshape", g("Slice", "kp_driving", g.ints(0, 0), g.ints(1, 2), g.ints(1, 2)), g.ints(1, 1, 1, 2))
+    grid = g("Add", np.stack(np.meshgrid(line, line), -1)[None], move)
+    replaced = g("GridSample", "P_rgb", grid, mode="bilinear", padding_mode="border", align_corners=0)
+    kept = g("GridSample", "P_rgb", grid, mode="bilinear", padding_mode="border", align_corners=1)
+    mean = g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1)
+    image = g("Mul", g("Add", replaced, kept), 0.5)
+    g("Add", g("Add", image, mean), motion(g, "kp_driving", "kp_source"), out="rgb")
+    g.save(path,
+           {"pooled64": [1, 64, 32, 32], "P_rgb": [1, 3, CROP, CROP],
+            "kp_driving": [1, 21, 3], "kp_source": [1, 21, 3]},
+           {"rgb": [1, 3, CROP, CROP]})
+    if external:
+        save(load(path), path, save_as_external_data=True, size_threshold=256,
+             location=os.path.basename(path) + ".weights")
 
 
 def feat_synth(path, batch=1):
@@ -318,6 +351,11 @@ def main(directory):
     renderer(path("render_pooled_small"), pooled_shape=(64, 16, 32))
     renderer(path("render_crop_8"), crop=8)
     own_operators(path("render_own_operators"))
+    warped(path("render_warped"))
+    warped(path("render_warped_external"), external=True)
+    sampler(path("sampler"), "")
+    sampler(path("sampler_fast"), "com.velmarin")
+    sampler(path("sampler_fast_rank3"), "com.velmarin", rank=3)
     feat_synth(path("feat_synth"))
     feat_synth(path("feat_synth_b4"), batch=4)
     encoder(path("encoder"))

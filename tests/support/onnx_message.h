@@ -1,0 +1,54 @@
+// Protobuf messages under construction, for models that are written by hand.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zorv::test {
+
+class Message {
+  public:
+    Message& bytes(unsigned field, const std::string& payload) {
+        varint(field << 3 | 2);
+        varint(payload.size());
+        text_ += payload;
+        return *this;
+    }
+    Message& bytes(unsigned field, const Message& payload) { return bytes(field, payload.text_); }
+    Message& integer(unsigned field, std::uint64_t value) {
+        varint(field << 3);
+        varint(value);
+        return *this;
+    }
+    /// Bytes as they are.
+    Message& raw(const std::string& fields) {
+        text_ += fields;
+        return *this;
+    }
+    const std::string& text() const { return text_; }
+
+  private:
+    void varint(std::uint64_t value) {
+        for (; value >= 0x80; value >>= 7) text_ += static_cast<char>((value & 0x7f) | 0x80);
+        text_ += static_cast<char>(value);
+    }
+
+    std::string text_;
+};
+
+/// An AttributeProto that holds a string.
+inline Message textAttribute(const std::string& name, const std::string& value) {
+    return Message().bytes(1, name).bytes(4, value).integer(20, 3);
+}
+
+/// An AttributeProto that holds an integer.
+inline Message intAttribute(const std::string& name, std::uint64_t value) {
+    return Message().bytes(1, name).integer(3, value).integer(20, 2);
+}
+
+/// A NodeProto x, grid -> y, without attributes.
+inline Message gridSampleNode() {
+    return Message().bytes(1, "x").bytes(1, "grid").bytes(2, "y").bytes(4, "GridSample");
+}
+
+}  // namespace zorv::test
