@@ -16,6 +16,7 @@
 #include "render/custom_operators.h"
 #include "render/int8conv_vnni.h"
 #include "support/failure.h"
+#include "support/runtime_leaks.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
@@ -382,7 +383,9 @@ TEST(Int8ConvOperator, AttributesReachTheConvolution) {
 TEST(Int8ConvOperator, FailuresAreTheRunsOwn) {
     const Operands operands = modelOperands({1, 8, 10, 20, 6, 3, 2, {}});
     const auto text = [&](const char* model) {
-        return failure([&] { Int8ConvSession(model).run(operands); });
+        Int8ConvSession session(model);
+        const test::RuntimeLeaksStatus scope;
+        return failure([&] { session.run(operands); });
     };
     EXPECT_NE(text("int8conv_bad_scale").find("weight scale and bias must be [M]"),
               std::string::npos);
