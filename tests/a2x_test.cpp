@@ -94,6 +94,15 @@ class A2xTest : public testing::Test {
         }
         zorv_a2x_finish(engine);
         reference.finish();
+        drainBoth(engine, reference);
+        // More audio after the end is taken as well.
+        const std::vector<float> more = speechLike(static_cast<int>(random() % 200000));
+        ASSERT_EQ(zorv_a2x_push(engine, more.data(), static_cast<int>(more.size())), 1);
+        reference.push(more);
+        drainBoth(engine, reference);
+    }
+
+    static void drainBoth(zorv_a2x* engine, A2xReference& reference) {
         ASSERT_EQ(zorv_a2x_total(engine), reference.total());
         while (!testing::Test::HasFatalFailure()) {
             const int left = reference.avail();
