@@ -1,11 +1,14 @@
-// A running stream allocates nothing of its own. This program counts what operator new is asked
-// for outside the model runtime.
+// A running stream allocates nothing of its own, and memory that cannot be had fails one call and
+// nothing else. This program counts, and refuses, what operator new is asked for outside the model
+// runtime.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <onnxruntime_cxx_api.h>
 #include <zorv_core.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -16,9 +19,21 @@ namespace {
 
 thread_local bool inRuntime = false;
 std::atomic<long> allocations = 0;
+thread_local long untilRefusal = -1;  ///< allocations before one that fails; negative: none does
 
-void* counted(std::size_t size) {
-    if (!inRuntime) ++allocations;
+/// Whether code of the model runtime's library is at `address`; what it asks for is never refused.
+bool isRuntimeCode(const void* address) {
+    Dl_info info;
+    return ::dladdr(address, &info) && std::strstr(info.dli_fname, "onnxruntime");
+}
+
+void* counted(std::size_t size, const void* caller) {
+    if (!inRuntime) {
+        ++allocations;
+        if (untilRefusal >= 0 && !isRuntimeCode(caller) && untilRefusal-- == 0) {
+            throw std::bad_alloc();
+        }
+    }
     if (void* memory = std::malloc(size ? size : 1)) return memory;
     throw std::bad_alloc();
 }
@@ -52,10 +67,10 @@ class RuntimeHook {
 }  // namespace
 
 void* operator new(std::size_t size) {
-    return counted(size);
+    return counted(size, __builtin_return_address(0));
 }
 void* operator new[](std::size_t size) {
-    return counted(size);
+    return counted(size, __builtin_return_address(0));
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);
@@ -123,6 +138,41 @@ TEST_P(MotionAllocations, NoneAfterTheFirstUseOfEachModel) {
     zorv_motion_reset(motion_, 0, 1, 0);
     EXPECT_EQ(stream(2 * 160), 0) << "the next stream";
     EXPECT_STREQ(zorv_motion_last_error(), "");
+}
+
+TEST(MotionOutOfMemory, FailsOneCallAndLosesNothing) {
+    const RuntimeHook hook;
+    const test::TestMotion files;
+    constexpr int kFrames = 500;
+    const std::vector<float> audio = test::speechLike(640 * kFrames);
+    std::vector<float> xs(63 * kFrames), xd(xs.size()), expected;
+    int failures = 0;
+    for (long nth = -1;; ++nth) {
+        zorv_motion* motion = zorv_motion_create(files.dir().c_str(), 1, nullptr);
+        ASSERT_TRUE(motion) << zorv_motion_last_error();
+        untilRefusal = nth;
+        bool failed = false;
+        // A call that fails is made again.
+        const auto again = [&](const char* failure, auto&& call) {
+            if (call() > 0) return;
+            untilRefusal = -1;
+            failed = true;
+            EXPECT_STREQ(zorv_motion_last_error(), failure);
+            EXPECT_GT(call(), 0) << zorv_motion_last_error();
+        };
+        again("zorv_motion_push: std::bad_alloc",
+              [&] { return zorv_motion_push(motion, audio.data(), 640 * kFrames); });
+        zorv_motion_finish(motion);
+        again("zorv_motion_avail: std::bad_alloc", [&] { return zorv_motion_avail(motion); });
+        untilRefusal = -1;
+        EXPECT_EQ(zorv_motion_pull(motion, nullptr, xs.data(), xd.data(), kFrames), kFrames);
+        zorv_motion_destroy(motion);
+        if (nth < 0) expected = xd;
+        ASSERT_TRUE(xd == expected) << "allocation " << nth;
+        if (nth >= 0 && !failed) break;  // there are no more allocations than this
+        failures += failed;
+    }
+    EXPECT_GT(failures, 20) << "audio, results and the bindings of two models";
 }
 
 INSTANTIATE_TEST_SUITE_P(Eager, MotionAllocations, testing::Values(0, 2));

@@ -52,14 +52,14 @@ Net Net::open(const Ort::Env& env, const std::string& path, int threads, const s
     for (std::size_t i = 0; i < session.GetOutputCount(); ++i) {
         net.outputNames_.emplace_back(session.GetOutputNameAllocated(i, allocator).get());
     }
-    net.session_ = BoundSession(std::move(session));
+    net.session_ = std::move(session);
     return net;
 }
 
 void Net::run(std::initializer_list<FloatArray> inputs, FloatArray output,
               const std::vector<std::int64_t>& outputShape) {
     if (!isBoundTo(inputs, output)) bind(inputs, output, outputShape);
-    session_.run();
+    Ort::ThrowOnError(Ort::GetApi().RunWithBinding(session_, nullptr, binding_));
 }
 
 bool Net::isBoundTo(std::initializer_list<FloatArray> inputs, FloatArray output) const {
@@ -74,16 +74,20 @@ void Net::bind(std::initializer_list<FloatArray> inputs, FloatArray output,
         throw std::runtime_error(path_ + " has " + std::to_string(inputNames_.size()) +
                                  " inputs, expected " + std::to_string(inputs.size()));
     }
-    bound_.clear();
-    session_ = BoundSession(std::move(session_.session()));
+    std::vector<Ort::Value> tensors;
+    Ort::IoBinding binding(session_);
     std::vector<const float*> bound;
     for (const FloatArray& input : inputs) {
         const std::size_t i = bound.size();
-        session_.bindInput(inputNames_[i].c_str(), input.data, input.count, inputShapes_[i]);
+        tensors.push_back(tensorOver(input.data, input.count, inputShapes_[i]));
+        binding.BindInput(inputNames_[i].c_str(), tensors.back());
         bound.push_back(input.data);
     }
-    session_.bindOutput(outputNames_[0].c_str(), output.data, output.count, outputShape);
+    tensors.push_back(tensorOver(output.data, output.count, outputShape));
+    binding.BindOutput(outputNames_[0].c_str(), tensors.back());
     bound.push_back(output.data);
+    binding_ = std::move(binding);
+    tensors_ = std::move(tensors);
     bound_ = std::move(bound);
 }
 

@@ -39,7 +39,10 @@ class Net {
     std::string path_;
     std::vector<std::string> inputNames_, outputNames_;
     std::vector<std::vector<std::int64_t>> inputShapes_;
-    BoundSession session_;
+    // Released in reverse order: binding and tensors before the session.
+    Ort::Session session_{nullptr};
+    std::vector<Ort::Value> tensors_;
+    Ort::IoBinding binding_{nullptr};
     std::vector<const float*> bound_;  ///< inputs, then the output
 };
 
