@@ -95,8 +95,8 @@ class Direct {
           x_(x),
           weights_(static_cast<std::size_t>(geometry.m * geometry.c * 9)),
           perChannel_(static_cast<std::size_t>(geometry.m), 0.01f),
-          corrections_(static_cast<std::size_t>(geometry.m), 7),
-          quantised_(geometry.quantisedBytes()),
+          starts_(static_cast<std::size_t>(geometry.m) + zorv::kMaxBlock, 7),
+          quantised_(geometry.windowBytes(geometry.oh)),
           y_(static_cast<std::size_t>(geometry.m * geometry.oh * geometry.ow)),
           conv_(geometry.attributes, kernels, {workers}) {
         std::mt19937 random(2);
@@ -109,10 +109,9 @@ class Direct {
                   {x_.data(), weights_.data(), perChannel_.data(), perChannel_.data(), y_.data()});
     }
     void matrixPart() {
-        const zorv::ConvRun run = {geometry_,          packed_,
-                                   quantised_.data(),  corrections_.data(),
-                                   perChannel_.data(), perChannel_.data(),
-                                   y_.data()};
+        const zorv::ConvRun run = {
+            geometry_,          packed_,  quantised_.data(), starts_.data(), perChannel_.data(),
+            perChannel_.data(), y_.data()};
         kernels_.convolveRows(run, 0, geometry_.oh);
     }
     std::string name() const { return kernels_.name; }
@@ -123,7 +122,7 @@ class Direct {
     const std::vector<float>& x_;
     std::vector<std::int8_t> weights_;
     std::vector<float> perChannel_;
-    std::vector<std::int32_t> corrections_;
+    std::vector<std::int32_t> starts_;
     std::vector<std::uint8_t> quantised_;
     std::vector<float> y_;
     zorv::PackedWeights packed_;

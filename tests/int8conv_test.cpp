@@ -138,9 +138,9 @@ TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
         const std::vector<float> expected = reference(t, operands);
         for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
             EXPECT_EQ(run(*kernels, t, operands), expected) << kernels->name << ' ' << t;
-            const ConvSplit split = {3, 1, 1};
+            const ConvSplit split = {3, 1, 1, 1};
             EXPECT_EQ(run(*kernels, t, operands, split), expected)
-                << kernels->name << " on three threads " << t;
+                << kernels->name << " on three threads, row by row " << t;
         }
     }
 }

@@ -36,8 +36,8 @@ struct Vnni512 {
         sum = _mm512_dpbusd_epi32(sum, pixel, weight);
     }
 
-    static F toFloat(Sum sum, std::int32_t correction, float factor, float bias) {
-        const F value = _mm512_cvtepi32_ps(_mm512_sub_epi32(sum, _mm512_set1_epi32(correction)));
+    static F toFloat(Sum sum, float factor, float bias) {
+        const F value = _mm512_cvtepi32_ps(sum);
         return _mm512_add_ps(_mm512_mul_ps(value, _mm512_set1_ps(factor)), _mm512_set1_ps(bias));
     }
     static void store(float* p, F v, int lanes) {

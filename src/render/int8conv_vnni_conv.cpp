@@ -4,12 +4,12 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
 #include <thread>
 
 #include "common/parallel.h"
 #include "render/int8conv_vnni_profile.h"
+#include "render/int8conv_vnni_rows.h"
 
 namespace zorv {
 namespace {
@@ -17,27 +17,6 @@ namespace {
 /// How many of `workers` a phase employs whose work would fill `shares` threads.
 int employed(int workers, double shares) {
     return shares < 2 ? 1 : static_cast<int>(std::min<double>(workers, shares));
-}
-
-/// Quantises one row of up to four channels into its padded column phases. `quads` is scratch for
-/// w pixels.
-void quantiseColumns(const Int8ConvKernels& kernels, const ConvGeometry& g,
-                     const float* const* channels, Quantisation q, std::uint32_t* quads,
-                     std::uint32_t* out) {
-    const std::int64_t stride = g.attributes.strides[1], left = g.attributes.pads[1];
-    if (stride == 1) {  // one phase, which is the padded row itself
-        std::fill_n(out, left, 0u);
-        kernels.quantiseRow(channels, g.w, q, out + left);
-        std::fill(out + left + g.w, out + g.phaseColumns, 0u);
-        return;
-    }
-    kernels.quantiseRow(channels, g.w, q, quads);
-    for (const std::int64_t residue : g.phaseResidues) {
-        std::int64_t column = residue - left;
-        for (std::int64_t i = 0; i < g.phaseColumns; ++i, column += stride) {
-            *out++ = column >= 0 && column < g.w ? quads[column] : 0;
-        }
-    }
 }
 
 }  // namespace
@@ -81,43 +60,36 @@ void Int8Conv::findRange(const ConvGeometry& g, const float* x, float* min, floa
         1);
 }
 
-void Int8Conv::quantise(const ConvGeometry& g, const float* x, Quantisation q,
-                        std::uint8_t* out) const {
-    const PhaseTimer timer(&Int8Profile::transpose);
-    const int workers =
-        employed(split_.workers, static_cast<double>(g.inputCount()) / split_.floatsPerThread);
-    const std::int64_t plane = g.h * g.w;
-    const auto quantiseRows = [&](std::ptrdiff_t begin, std::ptrdiff_t end, std::uint32_t* quads) {
-        for (std::ptrdiff_t at = begin; at < end; ++at) {
-            std::uint8_t* line = out + at * g.rowBytes;
-            const std::int64_t image = at / g.rows, row = at % g.rows - g.attributes.pads[0];
-            if (row < 0 || row >= g.h) {
-                std::fill_n(line, g.rowBytes, std::uint8_t{0});
-                continue;
+/// Output rows of a band: so few that its input rows stay in the second cache, and whole tiles.
+std::int64_t Int8Conv::bandRows(const ConvGeometry& g) const {
+    const std::int64_t bytes = g.c * g.w * 4 * g.attributes.strides[0];
+    const std::int64_t rows =
+        std::max<std::int64_t>(1, split_.bandBytes / std::max<std::int64_t>(1, bytes));
+    return std::min(g.oh, rows < 4 ? rows : rows / 4 * 4);
+}
+
+void Int8Conv::convolve(const ConvGeometry& g, const Operands& operands, const ConvRun& shared,
+                        QuantisedRows& window, std::ptrdiff_t begin, std::ptrdiff_t end) const {
+    const std::int64_t band = bandRows(g);
+    while (begin < end) {
+        const std::int64_t image = begin / g.oh;
+        std::int64_t row = begin % g.oh;
+        const std::int64_t stop = std::min<std::int64_t>(g.oh, row + end - begin);
+        begin += stop - row;
+        ConvRun run = shared;
+        run.rows = window.data();
+        run.y = operands.y + image * g.m * g.oh * g.ow;
+        window.startImage(operands.x + image * g.c * g.h * g.w);
+        for (; row < stop; row += band) {
+            const std::int64_t count = std::min(band, stop - row);
+            {
+                const PhaseTimer timer(&Int8Profile::transpose);
+                window.moveTo(row, count);
             }
-            for (std::int64_t channel = 0; channel < g.c;) {
-                const std::int64_t left = g.groupIn - channel % g.groupIn;
-                const float* channels[4] = {};
-                for (std::int64_t i = 0; i < std::min<std::int64_t>(4, left); ++i) {
-                    channels[i] = x + (image * g.c + channel + i) * plane + row * g.w;
-                }
-                quantiseColumns(kernels_, g, channels, q, quads,
-                                reinterpret_cast<std::uint32_t*>(line));
-                line += g.quadBytes;
-                channel += std::min<std::int64_t>(4, left);
-            }
+            const PhaseTimer timer(&Int8Profile::gemm);
+            kernels_.convolveRows(run, row, count);
         }
-    };
-    const auto perWorker = static_cast<std::size_t>(g.w);
-    const auto quads = std::make_unique_for_overwrite<std::uint32_t[]>(
-        perWorker * static_cast<std::size_t>(workers));
-    std::atomic<std::size_t> next{0};
-    parallelRange(
-        g.n * g.rows, workers,
-        [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-            quantiseRows(begin, end, quads.get() + next++ * perWorker);
-        },
-        1);
+    }
 }
 
 void Int8Conv::prepare(const ConvGeometry& g, const std::int8_t* weights) {
@@ -137,23 +109,23 @@ void Int8Conv::run(const ConvGeometry& g, const Operands& operands) {
     float min = 0, max = 0;
     findRange(g, operands.x, &min, &max);
     const Quantisation q = chooseQuantisation(min, max);
-    const auto quantised = std::make_unique_for_overwrite<std::uint8_t[]>(g.quantisedBytes());
-    quantise(g, operands.x, q, quantised.get());
-
-    std::vector<std::int32_t> correction;
+    std::vector<std::int32_t> start(packed_.wsum.size() + kMaxBlock);  // wraps like the sums
     std::vector<float> factor;
     for (std::size_t m = 0; m < packed_.wsum.size(); ++m) {
-        correction.push_back(static_cast<std::int32_t>(static_cast<std::uint32_t>(packed_.wsum[m]) *
-                                                       static_cast<std::uint32_t>(q.zeroPoint)));
+        start[m] = static_cast<std::int32_t>(0u - static_cast<std::uint32_t>(packed_.wsum[m]) *
+                                                      static_cast<std::uint32_t>(q.zeroPoint));
         factor.push_back(q.scale * operands.weightScale[m]);
     }
-    const ConvRun run = {
-        g, packed_, quantised.get(), correction.data(), factor.data(), operands.bias, operands.y};
+    const ConvRun shared = {g,      packed_, nullptr, start.data(), factor.data(), operands.bias,
+                            nullptr};
+    const int workers = employed(split_.workers, g.macs() / split_.macsPerThread);
+    std::vector<QuantisedRows> windows;  // made here: the threads must not run out of memory
+    for (int i = 0; i < workers; ++i) windows.emplace_back(g, kernels_, q, bandRows(g));
+    std::atomic<std::size_t> next{0};
     parallelRange(
-        g.n * g.oh, employed(split_.workers, g.macs() / split_.macsPerThread),
+        g.n * g.oh, workers,
         [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-            const PhaseTimer timer(&Int8Profile::gemm);
-            kernels_.convolveRows(run, begin, end);
+            convolve(g, operands, shared, windows[next++], begin, end);
         },
         1);
 }

@@ -25,13 +25,16 @@ int convThreads();
 /// The parameters for values in [min, max], which includes 0.
 Quantisation chooseQuantisation(float min, float max);
 
-/// How many threads share the work of one run, and what is worth one: starting a thread costs up to
-/// 300 microseconds.
+/// How the work of one run is split: over how many threads, of which each must be worth up to 300
+/// microseconds that its start costs, and into bands of rows.
 struct ConvSplit {
     int workers = convThreads();
     double macsPerThread = 64e6;
     double floatsPerThread = 2e6;
+    std::int64_t bandBytes = 128 << 10;  ///< of input that is quantised and then convolved
 };
+
+class QuantisedRows;
 
 /// Any thread may run it, several at once: after the first run nothing in it changes.
 class Int8Conv {
@@ -58,8 +61,9 @@ class Int8Conv {
 
   private:
     void findRange(const ConvGeometry& geometry, const float* x, float* min, float* max) const;
-    void quantise(const ConvGeometry& geometry, const float* x, Quantisation q,
-                  std::uint8_t* out) const;
+    std::int64_t bandRows(const ConvGeometry& geometry) const;
+    void convolve(const ConvGeometry& geometry, const Operands& operands, const ConvRun& shared,
+                  QuantisedRows& window, std::ptrdiff_t begin, std::ptrdiff_t end) const;
     void prepare(const ConvGeometry& geometry, const std::int8_t* weights);
 
     const ConvAttributes attributes_;

@@ -55,7 +55,6 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     oh = outputSize(h, a.pads[0], a.pads[2], kh, a.dilations[0], a.strides[0]);
     ow = outputSize(w, a.pads[1], a.pads[3], kw, a.dilations[1], a.strides[1]);
 
-    rows = (oh - 1) * a.strides[0] + a.dilations[0] * (kh - 1) + 1;
     std::vector<std::int64_t> phaseOfColumn;
     for (std::int64_t tap = 0; tap < kw; ++tap) {
         const std::int64_t residue = tap * a.dilations[1] % a.strides[1];
@@ -68,8 +67,7 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     quadBytes = product(phaseBytes, static_cast<std::int64_t>(phaseResidues.size()));
     groupBytes = product(quadBytes, quads);
     rowBytes = product(groupBytes, a.group);
-    imageBytes = product(rowBytes, rows);
-    sum(product(imageBytes, n), kSlack);
+    sum(product(rowBytes, rowsOf(oh)), kSlack);
     product(product(product(m, oh), ow), product(n, 4));
     for (std::int64_t row = 0; row < kh; ++row) {
         for (std::int64_t column = 0; column < kw; ++column) {

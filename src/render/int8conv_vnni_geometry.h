@@ -20,7 +20,7 @@ struct ConvAttributes {
 /// The quantised input holds four channels of a pixel in four neighbouring bytes, so that pixels
 /// that stand side by side in a row of the output are side by side in memory, whatever the stride:
 ///
-///     [n][row][group][quad of channels][column phase][column][4]
+///     [row][group][quad of channels][column phase][column][4]
 ///
 /// Rows and columns include the padding, as bytes of 0. A column phase gathers the columns
 /// residue, residue + strideW, residue + 2 strideW, ... that one tap meets.
@@ -35,15 +35,20 @@ struct ConvGeometry {
     std::int64_t groupIn, groupOut;  ///< channels of one group
     std::int64_t quads;              ///< of one group; the last one is filled up with zero weights
 
-    std::int64_t rows = 0;                    ///< padded rows that some tap reads
     std::vector<std::int64_t> phaseResidues;  ///< first padded column of each column phase
     std::int64_t phaseColumns = 0;
-    std::int64_t quadBytes = 0, groupBytes = 0, rowBytes = 0, imageBytes = 0;
+    std::int64_t quadBytes = 0, groupBytes = 0, rowBytes = 0;
     std::vector<std::int64_t> tapOffsets;  ///< bytes from a pixel's first tap, [kh][kw]
 
     std::size_t inputCount() const { return static_cast<std::size_t>(n * c * h * w); }
-    /// Of the quantised input, with room for a vector that begins at its last pixel.
-    std::size_t quantisedBytes() const { return static_cast<std::size_t>(n * imageBytes) + kSlack; }
+    /// Padded rows that `outputRows` neighbouring rows of the output read.
+    std::int64_t rowsOf(std::int64_t outputRows) const {
+        return (outputRows - 1) * attributes.strides[0] + attributes.dilations[0] * (kh - 1) + 1;
+    }
+    /// Of these rows, with room for a vector that begins at the last pixel.
+    std::size_t windowBytes(std::int64_t outputRows) const {
+        return static_cast<std::size_t>(rowsOf(outputRows) * rowBytes) + kSlack;
+    }
     /// Multiplications of the whole convolution.
     double macs() const;
     bool empty() const { return n == 0 || m == 0; }

@@ -55,24 +55,23 @@ void sumPixel(const ConvGeometry& g, const std::uint8_t* pixel, const std::int8_
     }
 }
 
-void convolveRowsPortable(const ConvRun& run, std::ptrdiff_t begin, std::ptrdiff_t end) {
+void convolveRowsPortable(const ConvRun& run, std::int64_t firstRow, std::int64_t count) {
     const ConvGeometry& g = run.geometry;
-    for (std::ptrdiff_t at = begin; at < end; ++at) {
-        const std::int64_t image = at / g.oh, row = at % g.oh;
+    for (std::int64_t row = firstRow; row < firstRow + count; ++row) {
         const std::uint8_t* line =
-            run.quantised + image * g.imageBytes + row * g.attributes.strides[0] * g.rowBytes;
+            run.rows + (row - firstRow) * g.attributes.strides[0] * g.rowBytes;
         for (std::int64_t first = 0; first < g.m;) {
             const std::int64_t group = first / g.groupOut, inGroup = first % g.groupOut;
             const std::int64_t channels =
                 std::min<std::int64_t>(kPortableBlock, g.groupOut - inGroup);
             const std::int8_t* weights = run.weights.of(group, inGroup / kPortableBlock);
-            float* y = run.y + ((image * g.m + first) * g.oh + row) * g.ow;
+            float* y = run.y + (first * g.oh + row) * g.ow;
             for (std::int64_t x = 0; x < g.ow; ++x) {
                 std::uint32_t sums[kPortableBlock];
                 sumPixel(g, line + group * g.groupBytes + x * 4, weights, sums);
                 for (std::int64_t i = 0; i < channels; ++i) {
                     const auto sum = static_cast<std::int32_t>(
-                        sums[i] - static_cast<std::uint32_t>(run.correction[first + i]));
+                        sums[i] + static_cast<std::uint32_t>(run.start[first + i]));
                     y[i * g.oh * g.ow + x] =
                         static_cast<float>(sum) * run.factor[first + i] + run.bias[first + i];
                 }

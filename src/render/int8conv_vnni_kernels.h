@@ -26,17 +26,20 @@ struct Quantisation {
     std::int32_t zeroPoint = 0;
 };
 
-/// What one run of the matrix part reads and writes. Channel m of a pixel becomes
-/// float(sum - correction[m]) * factor[m] + bias[m].
+/// What the matrix part reads and writes of one image. Channel m of a pixel becomes
+/// float(start[m] + sum) * factor[m] + bias[m].
 struct ConvRun {
     const ConvGeometry& geometry;
     const PackedWeights& weights;
-    const std::uint8_t* quantised;
-    const std::int32_t* correction;
+    const std::uint8_t* rows;   ///< begins with the first row that the first output row reads
+    const std::int32_t* start;  ///< kMaxBlock more may be read
     const float* factor;
     const float* bias;
-    float* y;
+    float* y;  ///< [m, oh, ow]
 };
+
+/// No entry has tiles of more output channels.
+constexpr int kMaxBlock = 16;
 
 struct Int8ConvKernels {
     Int8ConvPath path;
@@ -54,8 +57,8 @@ struct Int8ConvKernels {
     void (*quantiseRow)(const float* const* channels, std::int64_t width, Quantisation q,
                         std::uint32_t* out);
 
-    /// Output rows [begin, end) of the n * oh rows of all images.
-    void (*convolveRows)(const ConvRun& run, std::ptrdiff_t begin, std::ptrdiff_t end);
+    /// `count` output rows from row `first` on, which is where run.rows begins.
+    void (*convolveRows)(const ConvRun& run, std::int64_t first, std::int64_t count);
 };
 
 extern const Int8ConvKernels kInt8ConvPortable;

@@ -26,7 +26,7 @@ struct ConvSegment {
 /// One block of output channels and where to find and put its data.
 struct ConvBlock {
     const std::int8_t* weights;
-    const std::int32_t* correction;
+    const std::int32_t* start;
     const float* factor;
     const float* bias;
     std::int64_t channels;  ///< of V::kBlock, those that exist
@@ -37,9 +37,10 @@ struct ConvBlock {
 template <class V, int kSegments>
 [[gnu::noinline]] void convolveTile(const ConvGeometry& g, const ConvBlock& block,
                                     const ConvSegment* segments) {
+    static_assert(V::kBlock <= kMaxBlock);
     typename V::Sum sums[V::kBlock][kSegments];
-    for (auto& row : sums) {
-        for (auto& sum : row) sum = V::zero();
+    for (int i = 0; i < V::kBlock; ++i) {
+        for (auto& sum : sums[i]) sum = V::setInt(block.start[i]);
     }
     // Large outputs lie far away: fetch their lines while the sums are made.
     for (int i = 0; i < block.channels; ++i) {
@@ -66,8 +67,7 @@ template <class V, int kSegments>
         if (i == block.channels) break;
         for (int s = 0; s < kSegments; ++s) {
             V::store(segments[s].y + i * g.oh * g.ow,
-                     V::toFloat(sums[i][s], block.correction[i], block.factor[i], block.bias[i]),
-                     block.lanes);
+                     V::toFloat(sums[i][s], block.factor[i], block.bias[i]), block.lanes);
         }
     }
 }
@@ -103,52 +103,26 @@ class TileQueue {
     int count_ = 0;
 };
 
-/// The input rows that the next `count` output rows add, fetched a part at a time: the tiles hop
-/// between rows and quads in a way that the processor does not foresee.
-class NextRows {
-  public:
-    NextRows(const ConvGeometry& g, const std::uint8_t* image, std::int64_t last,
-             std::int64_t count, std::int64_t parts) {
-        const std::int64_t stride = g.attributes.strides[0];
-        const std::int64_t from = last * stride + g.attributes.dilations[0] * (g.kh - 1) + 1;
-        const std::int64_t to = lesser(from + count * stride, g.rows);
-        at_ = image + lesser(from, g.rows) * g.rowBytes;
-        end_ = image + to * g.rowBytes;
-        part_ = (end_ - at_ + parts - 1) / parts;
-    }
-    void fetchPart() {
-        const std::uint8_t* stop = part_ < end_ - at_ ? at_ + part_ : end_;
-        for (; at_ < stop; at_ += 64) __builtin_prefetch(at_, 0, 2);
-    }
-
-  private:
-    const std::uint8_t *at_, *end_;
-    std::ptrdiff_t part_;
-};
-
-/// Rows [first, first + count) of one image, all channels: so few that the rows' quantised pixels
-/// stay in the nearest cache while the weights pass by.
+/// `count` rows from `row` on, all channels: so few that the rows' quantised pixels stay in the
+/// nearest cache while the weights pass by.
 template <class V>
-void convolveRowBlock(const ConvRun& run, std::int64_t image, std::int64_t first,
+void convolveRowBlock(const ConvRun& run, const std::uint8_t* rows, std::int64_t row,
                       std::int64_t count) {
     const ConvGeometry& g = run.geometry;
-    const std::uint8_t* const rows = run.quantised + image * g.imageBytes;
-    NextRows next(g, rows, first + count - 1, count, g.attributes.group * run.weights.blocks);
+    const std::int64_t step = g.attributes.strides[0] * g.rowBytes;
     for (std::int64_t group = 0; group < g.attributes.group; ++group) {
         for (std::int64_t b = 0; b < run.weights.blocks; ++b) {
             const std::int64_t channel = group * g.groupOut + b * V::kBlock;
             const ConvBlock block = {run.weights.of(group, b),
-                                     run.correction + channel,
+                                     run.start + channel,
                                      run.factor + channel,
                                      run.bias + channel,
                                      lesser(V::kBlock, g.groupOut - b * V::kBlock),
                                      static_cast<int>(lesser(V::kLanes, g.ow))};
-            next.fetchPart();
             TileQueue<V> queue(g, block);
-            for (std::int64_t row = first; row < first + count; ++row) {
-                const std::uint8_t* pixels =
-                    rows + row * g.attributes.strides[0] * g.rowBytes + group * g.groupBytes;
-                float* y = run.y + ((image * g.m + channel) * g.oh + row) * g.ow;
+            for (std::int64_t i = 0; i < count; ++i) {
+                const std::uint8_t* pixels = rows + i * step + group * g.groupBytes;
+                float* y = run.y + (channel * g.oh + row + i) * g.ow;
                 for (std::int64_t x = 0; x < g.ow; x += V::kLanes) {
                     // The last vector of a row goes back over pixels that are done.
                     const std::int64_t from = greater(0, lesser(x, g.ow - V::kLanes));
@@ -161,17 +135,15 @@ void convolveRowBlock(const ConvRun& run, std::int64_t image, std::int64_t first
 }
 
 template <class V>
-void convolveRowsLanes(const ConvRun& run, std::ptrdiff_t begin, std::ptrdiff_t end) {
+void convolveRowsLanes(const ConvRun& run, std::int64_t first, std::int64_t count) {
     const ConvGeometry& g = run.geometry;
     const std::int64_t perRow = (g.ow + V::kLanes - 1) / V::kLanes;
     // So many rows that whole tiles cover them.
-    std::int64_t rows = 1;
-    while (rows < V::kSegments && rows * perRow % V::kSegments != 0) ++rows;
-    while (begin < end) {
-        const std::int64_t image = begin / g.oh, first = begin % g.oh;
-        const std::int64_t count = lesser(rows, lesser(end - begin, g.oh - first));
-        convolveRowBlock<V>(run, image, first, count);
-        begin += count;
+    std::int64_t block = 1;
+    while (block < V::kSegments && block * perRow % V::kSegments != 0) ++block;
+    for (std::int64_t done = 0; done < count; done += block) {
+        convolveRowBlock<V>(run, run.rows + done * g.attributes.strides[0] * g.rowBytes,
+                            first + done, lesser(block, count - done));
     }
 }
 

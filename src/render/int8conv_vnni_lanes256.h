@@ -25,8 +25,8 @@ struct Lanes256 {
     static F min(F a, F b) { return _mm256_min_ps(a, b); }
     static F max(F a, F b) { return _mm256_max_ps(a, b); }
 
-    static F toFloat(Sum sum, std::int32_t correction, float factor, float bias) {
-        const F value = _mm256_cvtepi32_ps(_mm256_sub_epi32(sum, _mm256_set1_epi32(correction)));
+    static F toFloat(Sum sum, float factor, float bias) {
+        const F value = _mm256_cvtepi32_ps(sum);
         return _mm256_add_ps(_mm256_mul_ps(value, _mm256_set1_ps(factor)), _mm256_set1_ps(bias));
     }
     static void store(float* p, F v, int lanes) {
