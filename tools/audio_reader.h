@@ -6,19 +6,19 @@
 #include <vector>
 
 #include "media_file.h"
+#include "sound_source.h"
 
 namespace zorv::tools {
 
-class AudioReader {
+class AudioReader : public SoundSource {
   public:
     /** channels: 1 mixes down; 2 keeps a stereo source and makes others mono or stereo (see
      *  channels()). */
     AudioReader(const std::string& path, int rate, int max_channels, const std::string& option);
 
-    int channels() const { return channels_; }
-
-    /** Appends the next block to `samples`; false when the sound has ended. */
-    bool read(std::vector<float>& samples);
+    int rate() const override { return rate_; }
+    int channels() const override { return channels_; }
+    bool read(std::vector<float>& samples) override;
 
     /** Time of the first sample on the file's clock, in seconds; known after the first read. */
     double start_seconds() const { return start_.value_or(0.0); }

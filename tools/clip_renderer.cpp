@@ -28,9 +28,9 @@ std::vector<std::string> engine_names() {
     return names;
 }
 
-int model_threads(const RenderOptions& options) {
+int model_threads(int asked) {
     const int processors = static_cast<int>(std::thread::hardware_concurrency());
-    return options.threads > 0 ? options.threads : std::max(1, processors);
+    return asked > 0 ? asked : std::max(1, processors);
 }
 
 }  // namespace zorv::tools

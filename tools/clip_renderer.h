@@ -41,8 +41,8 @@ struct Engine {
 const Engine& find_engine(const std::string& name);
 std::vector<std::string> engine_names();
 
-/** Threads for the models: as asked for, else one per processor. */
-int model_threads(const RenderOptions& options);
+/** Threads for the models: as asked for, else (0) one per processor. */
+int model_threads(int asked);
 
 /** Fails unless --encoder is given and a file. */
 void check_encoder(const RenderOptions& options);

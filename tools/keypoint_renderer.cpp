@@ -20,7 +20,8 @@ class KeypointRenderer : public ClipRenderer {
   public:
     KeypointRenderer(const RenderOptions& options, std::unique_ptr<KeypointEngine> engine)
         : engine_(std::move(engine)),
-          ctx_(zorv_create(options.bundle.c_str(), "render", model_threads(options), nullptr)),
+          ctx_(zorv_create(options.bundle.c_str(), "render", model_threads(options.threads),
+                           nullptr)),
           to_skip_(options.skip_frames),
           gain_(options.gain) {
         if (!ctx_)

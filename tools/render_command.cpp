@@ -12,6 +12,7 @@
 #include "contact_sheet.h"
 #include "failure.h"
 #include "image_writer.h"
+#include "input_check.h"
 #include "interrupt.h"
 #include "output_guard.h"
 #include "progress.h"
@@ -23,13 +24,6 @@ namespace zorv::tools {
 namespace {
 
 constexpr int kSamplesPerFrame = 640;
-
-bool ends_with(const std::string& path, const std::string& extension) {
-    std::string found = fs::path(path).extension().string();
-    std::transform(found.begin(), found.end(), found.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-    return found == extension;
-}
 
 bool writes_video(const std::string& output) {
     if (ends_with(output, ".mp4")) return true;
@@ -43,17 +37,10 @@ bool writes_video(const std::string& output) {
 }
 
 void check_inputs(const RenderOptions& options) {
-    std::error_code error;
-    if (!fs::is_directory(options.bundle, error))
-        fail("no bundle directory '{}'; check the path", options.bundle);
-    if (!fs::exists(fs::path(options.bundle) / "manifest.json", error))
-        fail("'{}' holds no manifest.json; name the directory of a prepared subject",
-             options.bundle);
+    check_bundle(options.bundle);
     find_engine(options.engine).check(options);
     for (const std::string& output : {options.output, options.sheet})
-        if (!output.empty() && fs::exists(output, error) &&
-            fs::equivalent(output, options.audio, error))
-            fail("the output '{}' is the sound itself; name another output", output);
+        check_is_not_sound(output, options.audio);
 }
 
 int frames_of(const std::vector<float>& samples, const RenderOptions& options) {
@@ -126,8 +113,10 @@ void render(const RenderOptions& options) {
     const int width = renderer->width(), height = renderer->height();
     std::unique_ptr<FrameSink> sink;
     if (video)
-        sink = std::make_unique<VideoWriter>(output.path(), width, height, options.audio,
-                                             options.skip_frames);
+        sink = std::make_unique<VideoWriter>(
+            output.path(), width, height,
+            std::make_unique<AudioReader>(options.audio, VideoWriter::kAudioRate, 2, "--audio"),
+            options.skip_frames);
     else
         sink = std::make_unique<PngSequenceWriter>(output.path(), width, height);
     std::optional<ContactSheet> sheet;

@@ -37,7 +37,8 @@ class StreamRenderer : public ClipRenderer {
   public:
     explicit StreamRenderer(const RenderOptions& options)
         : stream_(zorv_stream_create(options.bundle.c_str(), options.encoder.c_str(),
-                                     model_threads(options), options.skip_frames, options.gain)) {
+                                     model_threads(options.threads), options.skip_frames,
+                                     options.gain)) {
         if (!stream_)
             fail(
                 "cannot open '{}' with encoder '{}': {}; prepare the subject again or check the "

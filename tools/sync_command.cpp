@@ -1,121 +1,14 @@
-// zorv sync: how well the mouth of a video follows the sound, from pixels and samples alone.
-#include <algorithm>
-#include <cmath>
+// zorv sync: how well the mouth of a video follows the sound.
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
 
-#include "audio_reader.h"
 #include "commands.h"
 #include "failure.h"
-#include "mouth_measure.h"
+#include "lip_sync.h"
 
 namespace zorv::tools {
 namespace {
-
-constexpr int kSamplesPerFrame = 640;
-constexpr int kMaxLag = 12;
-constexpr int kQuick = 4;          // frames in which speech would move the mouth
-constexpr int kSilenceMargin = 8;  // frames of silence on both sides that are not judged
-
-/** The sound, one value per video frame. */
-struct Envelope {
-    std::vector<float> level;  // RMS, smoothed over three frames
-    std::vector<char> silent;  // there is sound and every sample of it is zero
-};
-
-struct Match {
-    int lag = 0;
-    double correlation = -2.0;
-};
-
-Envelope make_envelope(const std::vector<float>& samples, size_t frames, int64_t first_sample) {
-    std::vector<float> rms(frames);
-    Envelope envelope;
-    envelope.silent.assign(frames, 1);
-    const auto count = static_cast<int64_t>(samples.size());
-    for (size_t t = 0; t < frames; ++t) {
-        double sum = 0;
-        const int64_t begin = first_sample + static_cast<int64_t>(t) * kSamplesPerFrame;
-        for (int64_t i = std::max<int64_t>(0, begin); i < std::min(count, begin + kSamplesPerFrame);
-             ++i) {
-            const double value = samples[static_cast<size_t>(i)];
-            sum += value * value;
-        }
-        if (sum != 0 || begin < 0 || begin >= count) envelope.silent[t] = 0;
-        rms[t] = static_cast<float>(std::sqrt(sum / kSamplesPerFrame));
-    }
-    envelope.level.resize(frames);
-    for (size_t t = 0; t < frames; ++t) {
-        const float before = rms[t > 0 ? t - 1 : t], after = rms[t + 1 < frames ? t + 1 : t];
-        envelope.level[t] = 0.25f * before + 0.5f * rms[t] + 0.25f * after;
-    }
-    return envelope;
-}
-
-double pearson(const float* a, const float* b, size_t n) {
-    double sa = 0, sb = 0, saa = 0, sbb = 0, sab = 0;
-    for (size_t i = 0; i < n; ++i) {
-        sa += a[i], sb += b[i];
-        saa += double{a[i]} * a[i], sbb += double{b[i]} * b[i], sab += double{a[i]} * b[i];
-    }
-    const double count = static_cast<double>(n);
-    const double va = saa - sa * sa / count, vb = sbb - sb * sb / count;
-    return va > 1e-12 && vb > 1e-12 ? (sab - sa * sb / count) / std::sqrt(va * vb) : 0.0;
-}
-
-/** The lag whose correlation is highest; positive: the picture comes after the sound. */
-Match best_match(const std::vector<float>& opening, const std::vector<float>& level) {
-    const int n = static_cast<int>(opening.size());
-    Match best;
-    for (int lag = -kMaxLag; lag <= kMaxLag; ++lag) {
-        const int from = std::max(0, lag), to = n + std::min(0, lag);
-        if (to - from < 2 * kMaxLag) continue;
-        const double value = pearson(opening.data() + from, level.data() + (from - lag),
-                                     static_cast<size_t>(to - from));
-        if (value > best.correlation) best = {lag, value};
-    }
-    return best;
-}
-
-float quantile(std::vector<float> values, double place) {
-    if (values.empty()) return 0;
-    const auto rank = static_cast<long>(place * static_cast<double>(values.size() - 1) + 0.5);
-    std::nth_element(values.begin(), values.begin() + rank, values.end());
-    return values[static_cast<size_t>(rank)];
-}
-
-struct Silence {
-    int frames = 0;      // judged
-    float movement = 0;  // largest change of the height within kQuick frames, pixels
-    float drift = 0;     // largest change within one silent stretch, pixels
-};
-
-// Speech moves the mouth within a few frames; a head that breathes and tilts changes the measured
-// height too, but slowly. The two are told apart by their speed.
-Silence judge_silence(const std::vector<float>& height, const std::vector<char>& silent) {
-    Silence result;
-    const auto change = [&](size_t from, size_t to) {
-        const auto [low, high] = std::minmax_element(height.begin() + static_cast<long>(from),
-                                                     height.begin() + static_cast<long>(to));
-        return *high - *low;
-    };
-    const size_t n = height.size();
-    for (size_t begin = 0; begin < n;) {
-        size_t end = begin;
-        while (end < n && silent[end]) ++end;
-        // A stretch at the clip's own beginning has no speech before it, one at its end none after.
-        const size_t from = begin == 0 ? 0 : begin + kSilenceMargin;
-        const size_t to = end == n ? n : end - std::min<size_t>(end, kSilenceMargin);
-        if (from < to) {
-            result.frames += static_cast<int>(to - from);
-            result.drift = std::max(result.drift, change(from, to));
-        }
-        for (size_t t = from; t < to; ++t)
-            result.movement = std::max(result.movement, change(t, std::min(to, t + kQuick + 1)));
-        begin = end + 1;
-    }
-    return result;
-}
 
 Region parse_region(const std::string& text) {
     Region region;
@@ -127,58 +20,40 @@ Region parse_region(const std::string& text) {
     return region;
 }
 
-/** Median width of the mouth while the sound is at least a quarter of its loudest. */
-float width_in_speech(const MouthSeries& mouth, const Envelope& envelope) {
-    const float loudest = *std::max_element(envelope.level.begin(), envelope.level.end());
-    std::vector<float> widths;
-    for (size_t t = 0; t < mouth.width.size(); ++t)
-        if (loudest > 0 && envelope.level[t] >= 0.25f * loudest) widths.push_back(mouth.width[t]);
-    return quantile(widths, 0.5);
-}
-
 }  // namespace
 
 void sync(const SyncOptions& options) {
-    const Region region =
-        options.region.empty() ? find_mouth(options.video) : parse_region(options.region);
-    const MouthSeries mouth = measure_mouth(options.video, region);
-    if (mouth.height.size() < 4 * kMaxLag)
-        fail("'{}' has only {} frames; give a video of two seconds or more", options.video,
-             mouth.height.size());
-    const bool own_sound = options.audio.empty();
-    const Speech speech =
-        read_speech(own_sound ? options.video : options.audio, own_sound ? "VIDEO" : "--audio");
-    // A sound file starts with the picture; the video's own sound starts at its own time.
-    const double offset = own_sound ? mouth.start_seconds - speech.start_seconds : 0.0;
-    const int64_t first_sample =
-        std::llround(offset * 16000) + int64_t{options.shift_frames} * kSamplesPerFrame;
-    const Envelope envelope = make_envelope(speech.samples, mouth.height.size(), first_sample);
-    const Match match = best_match(mouth.height, envelope.level);
-    const Silence silence = judge_silence(mouth.height, envelope.silent);
-    const float closed = quantile(mouth.height, 0.05),
-                range = quantile(mouth.height, 0.95) - closed;
-    const float width = width_in_speech(mouth, envelope);
+    std::optional<Region> region;
+    if (!options.region.empty()) region = parse_region(options.region);
+    const LipSync found =
+        measure_lip_sync(options.video, options.audio, options.shift_frames, region);
 
     if (!options.json) {
         fmt::print("lag {} frames, correlation {:.3f}, opening {:.1f} px, mouth width {:.0f} px, ",
-                   match.lag, match.correlation, range, width);
-        if (silence.frames > 0)
-            fmt::print("movement in {} silent frames {:.2f} px\n", silence.frames,
-                       silence.movement);
+                   found.lag, found.correlation, found.opening, found.width);
+        if (found.silent_frames > 0)
+            fmt::print("movement in {} silent frames {:.2f} px\n", found.silent_frames,
+                       found.silent_movement);
         else
             fmt::print("no digital silence\n");
         return;
     }
+    const Region& place = found.region;
     nlohmann::json result = {
-        {"frames", mouth.height.size()},    {"lag_frames", match.lag},
-        {"correlation", match.correlation}, {"opening_range_px", range},
-        {"closed_height_px", closed},       {"mouth_width_px", width},
-        {"silent_frames", silence.frames},  {"silence_movement_px", nullptr},
-        {"silence_drift_px", nullptr},      {"region", {region.x, region.y, region.w, region.h}},
+        {"frames", found.frames},
+        {"lag_frames", found.lag},
+        {"correlation", found.correlation},
+        {"opening_range_px", found.opening},
+        {"closed_height_px", found.closed},
+        {"mouth_width_px", found.width},
+        {"silent_frames", found.silent_frames},
+        {"silence_movement_px", nullptr},
+        {"silence_drift_px", nullptr},
+        {"region", {place.x, place.y, place.w, place.h}},
     };
-    if (silence.frames > 0) {
-        result["silence_movement_px"] = silence.movement;
-        result["silence_drift_px"] = silence.drift;
+    if (found.silent_frames > 0) {
+        result["silence_movement_px"] = found.silent_movement;
+        result["silence_drift_px"] = found.silent_drift;
     }
     fmt::print("{}\n", result.dump(2));
 }

@@ -48,12 +48,13 @@ av::Owner<AVCodecContext> open_h264(const AVCodec* encoder, int width, int heigh
 }  // namespace
 
 VideoWriter::VideoWriter(const std::string& path, int width, int height,
-                         const std::string& audio_path, int skip_frames)
+                         std::unique_ptr<SoundSource> sound, int skip_frames)
     : width_(width & ~1),
       height_(height & ~1),
       source_stride_(3 * width),
-      reader_(audio_path, kAudioRate, 2, "--audio"),
-      sound_to_drop_(int64_t{skip_frames} * (kAudioRate / kFrameRate)) {
+      source_(std::move(sound)),
+      samples_per_frame_(source_->rate() / kFrameRate),
+      sound_to_drop_(int64_t{skip_frames} * samples_per_frame_) {
     if (width_ < 2 || height_ < 2) fail("frames of {} x {} are too small for video", width, height);
     open_picture();
     open_sound();
@@ -98,12 +99,12 @@ void VideoWriter::open_sound() {
     if (encoder) audio_.codec.reset(avcodec_alloc_context3(encoder));
     AVCodecContext* codec = audio_.codec.get();
     if (codec) {
-        codec->sample_rate = kAudioRate;
+        codec->sample_rate = source_->rate();
         codec->sample_fmt = AV_SAMPLE_FMT_FLTP;
-        codec->bit_rate = 96000 * reader_.channels();
-        codec->time_base = {1, kAudioRate};
+        codec->bit_rate = 96000 * source_->channels();
+        codec->time_base = {1, source_->rate()};
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        av_channel_layout_default(&codec->ch_layout, reader_.channels());
+        av_channel_layout_default(&codec->ch_layout, source_->channels());
     }
     if (!codec || avcodec_open2(codec, encoder, nullptr) < 0)
         fail(
@@ -111,7 +112,7 @@ void VideoWriter::open_sound() {
             "for PNG frames");
     AVFrame* frame = audio_.frame.get();
     frame->format = codec->sample_fmt;
-    frame->sample_rate = kAudioRate;
+    frame->sample_rate = source_->rate();
     frame->nb_samples = codec->frame_size;
     av_channel_layout_copy(&frame->ch_layout, &codec->ch_layout);
     if (av_frame_get_buffer(frame, 0) < 0) throw std::bad_alloc();
@@ -162,15 +163,15 @@ void VideoWriter::write(const uint8_t* rgb) {
     av::scale(to_yuv_.get(), rgb, source_stride_, height_, frame->data, frame->linesize, copy_);
     frame->pts = picture_.next_time++;
     encode(picture_, frame);
-    encode_sound_until(picture_.next_time * (kAudioRate / kFrameRate));
+    encode_sound_until(picture_.next_time * samples_per_frame_);
 }
 
 void VideoWriter::encode_sound_until(int64_t sample) {
-    const auto channels = static_cast<size_t>(reader_.channels());
+    const auto channels = static_cast<size_t>(source_->channels());
     const auto block = static_cast<size_t>(audio_.codec->frame_size);
     while (audio_.next_time < sample) {
         while (!sound_ended_ && sound_.size() < block * channels) {
-            sound_ended_ = !reader_.read(sound_);
+            sound_ended_ = !source_->read(sound_);
             const size_t dropped =
                 std::min(sound_.size() / channels, static_cast<size_t>(sound_to_drop_));
             sound_.erase(sound_.begin(), sound_.begin() + static_cast<long>(dropped * channels));
@@ -183,7 +184,7 @@ void VideoWriter::encode_sound_until(int64_t sample) {
 }
 
 void VideoWriter::encode_sound_block(size_t count) {
-    const auto channels = static_cast<size_t>(reader_.channels());
+    const auto channels = static_cast<size_t>(source_->channels());
     AVFrame* frame = audio_.frame.get();
     if (av_frame_make_writable(frame) < 0) throw std::bad_alloc();
     for (size_t c = 0; c < channels; ++c) {
@@ -198,7 +199,7 @@ void VideoWriter::encode_sound_block(size_t count) {
 }
 
 void VideoWriter::finish() {
-    encode_sound_until(picture_.next_time * (kAudioRate / kFrameRate));
+    encode_sound_until(picture_.next_time * samples_per_frame_);
     encode(picture_, nullptr);
     encode(audio_, nullptr);
     check(av_write_trailer(format_));

@@ -1,13 +1,14 @@
-// MP4 with H.264 picture at 25 frames per second and AAC sound at 48 kHz.
+// MP4 with H.264 picture at 25 frames per second and AAC sound.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "audio_reader.h"
 #include "av.h"
 #include "frame_sink.h"
+#include "sound_source.h"
 
 namespace zorv::tools {
 
@@ -22,15 +23,15 @@ struct EncodedStream {
 class VideoWriter : public FrameSink {
   public:
     static constexpr int kFrameRate = 25;
-    static constexpr int kAudioRate = 48000;
+    static constexpr int kAudioRate = 48000;  // for sound that can be had at any rate
 
     /**
      * path         file to write, which may carry any name.
-     * audio_path   the original sound; it is resampled straight to 48 kHz.
+     * sound        what goes with the picture, at a rate that is a multiple of the frame rate.
      * skip_frames  frames' worth of sound to drop from its beginning.
      * Odd widths and heights lose their last column or row, since the chroma is halved.
      */
-    VideoWriter(const std::string& path, int width, int height, const std::string& audio_path,
+    VideoWriter(const std::string& path, int width, int height, std::unique_ptr<SoundSource> sound,
                 int skip_frames);
     ~VideoWriter() override;
 
@@ -49,7 +50,8 @@ class VideoWriter : public FrameSink {
     int width_, height_;
     int source_stride_;  // bytes per row of the frames handed in
     std::vector<uint8_t> copy_;
-    AudioReader reader_;
+    std::unique_ptr<SoundSource> source_;
+    int samples_per_frame_;     // of video, per channel
     std::vector<float> sound_;  // interleaved samples that wait for the encoder
     int64_t sound_to_drop_;
     bool sound_ended_ = false;

@@ -1,0 +1,17 @@
+// Checks of paths that several commands take, before any work begins.
+#pragma once
+
+#include <string>
+
+namespace zorv::tools {
+
+/** Fails unless `path` is a directory with a manifest. */
+void check_bundle(const std::string& path);
+
+/** Fails when `output`, if there is one, is the file that holds the sound. */
+void check_is_not_sound(const std::string& output, const std::string& audio);
+
+/** Whether the name ends in `extension` (".mp4"), in either case. */
+bool ends_with(const std::string& path, const std::string& extension);
+
+}  // namespace zorv::tools
