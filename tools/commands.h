@@ -32,4 +32,14 @@ struct InspectOptions {
 /** Prints the report and then fails when anything in the bundle is wrong. */
 void inspect(const InspectOptions& options);
 
+struct LiveOptions {
+    std::string bundle, motion_dir, audio, output;
+    std::string encoder;       // for an expression directory
+    double interrupt_at = -1;  // seconds of speech; negative: never
+    int eager = 0;             // as zorv_utt_opts has it
+    int threads = 0;           // 0: one per processor
+    bool json = false;
+};
+void live(const LiveOptions& options);
+
 }  // namespace zorv::tools

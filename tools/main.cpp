@@ -61,6 +61,28 @@ void add_inspect(CLI::App& app, InspectOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
+void add_live(CLI::App& app, LiveOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "live", "Speak a file in real time, as a voice agent would, and measure what a viewer saw");
+    command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
+    command->add_option("--motion-dir", options.motion_dir, "Directory of models")->required();
+    command->add_option("--audio", options.audio, "Speech: any file with sound")->required();
+    command->add_option("--encoder", options.encoder,
+                        "Speech encoder (.onnx) of an expression directory (default: $W2V_ONNX)");
+    command
+        ->add_option("--interrupt-at", options.interrupt_at,
+                     "Interrupt the speech after so many seconds")
+        ->check(CLI::Range(0.0, 1e6));
+    command->add_option("-o,--output", options.output, "Keep what was seen: OUT.mp4");
+    command
+        ->add_option("--eager", options.eager,
+                     "Frames per provisional step of the motion source (default: adaptive)")
+        ->check(CLI::Range(-2, 1000));
+    command->add_option("--threads", options.threads, "Model threads (default: all processors)")
+        ->check(CLI::Range(1, 1024));
+    command->add_flag("--json", options.json, "Report as JSON on standard output");
+}
+
 // Reasons that come from other libraries may hold line breaks.
 void report_failure(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -77,9 +99,11 @@ int run(int argc, char** argv) {
     RenderOptions render_options;
     SyncOptions sync_options;
     InspectOptions inspect_options;
+    LiveOptions live_options;
     add_render(app, render_options);
     add_sync(app, sync_options);
     add_inspect(app, inspect_options);
+    add_live(app, live_options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -91,6 +115,8 @@ int run(int argc, char** argv) {
         render(render_options);
     else if (app.got_subcommand("sync"))
         sync(sync_options);
+    else if (app.got_subcommand("live"))
+        live(live_options);
     else
         inspect(inspect_options);
     if (std::fflush(stdout) != 0) fail("cannot write to standard output; check where it goes");

@@ -1,0 +1,169 @@
+// zorv live: an utterance engine between a voice agent and a viewer, in real time.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "audio_reader.h"
+#include "clip_renderer.h"
+#include "commands.h"
+#include "failure.h"
+#include "frame_tape.h"
+#include "input_check.h"
+#include "interrupt.h"
+#include "live_report.h"
+#include "live_session.h"
+#include "look_ahead.h"
+#include "output_guard.h"
+#include "progress.h"
+#include "video_writer.h"
+
+namespace fs = std::filesystem;
+
+namespace zorv::tools {
+namespace {
+
+constexpr int kSoundRate = 16000;
+constexpr int kSpareSeconds = 20;  // of frames beyond the sound's: idling, latency, late frames
+
+void check_encoder(const LiveOptions& options) {
+    const bool expression = is_expression_dir(options.motion_dir);
+    std::error_code error;
+    if (!options.encoder.empty()) {
+        if (!expression)
+            fail("--encoder is not for '{}', which holds its own models; leave it out",
+                 options.motion_dir);
+        if (!fs::is_regular_file(options.encoder, error))
+            fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+        setenv("W2V_ONNX", options.encoder.c_str(), 1);  // where the engine looks for its encoder
+    } else if (const char* set = std::getenv("W2V_ONNX"); expression && (!set || !*set)) {
+        fail("'{}' needs a speech encoder; name it with --encoder", options.motion_dir);
+    }
+}
+
+void check_inputs(const LiveOptions& options) {
+    check_bundle(options.bundle);
+    std::error_code error;
+    if (!fs::is_directory(options.motion_dir, error))
+        fail("no directory '{}'; check the path given to --motion-dir", options.motion_dir);
+    check_encoder(options);
+    if (!options.output.empty() && !ends_with(options.output, ".mp4"))
+        fail("cannot write '{}': -o takes a name that ends in .mp4", options.output);
+    check_is_not_sound(options.output, options.audio);
+}
+
+std::vector<int16_t> as_pcm(const std::vector<float>& samples) {
+    std::vector<int16_t> pcm;
+    pcm.reserve(samples.size());
+    for (const float sample : samples)
+        pcm.push_back(
+            static_cast<int16_t>(std::clamp(std::lround(sample * 32768.0f), -32768L, 32767L)));
+    return pcm;
+}
+
+Line line_of(const std::vector<int16_t>& sound, double interrupt_at) {
+    const double seconds = static_cast<double>(sound.size()) / kSoundRate;
+    if (interrupt_at >= seconds)
+        fail("the sound lasts {:.1f} s and --interrupt-at {} comes after it; interrupt earlier",
+             seconds, interrupt_at);
+    Line line;
+    line.samples = sound.size();
+    line.interrupt_s = interrupt_at;
+    return line;
+}
+
+/** What belongs to each tick's frame: a speech frame has its own sound, all others silence. */
+class SeenSound : public SoundSource {
+  public:
+    SeenSound(const std::vector<int16_t>& sound, const SessionLog& log, size_t first_tick)
+        : sound_(sound), log_(log), next_(first_tick) {}
+
+    int rate() const override { return kSoundRate; }
+    int channels() const override { return 1; }
+    bool read(std::vector<float>& samples) override {
+        if (next_ == log_.ticks.size()) return false;
+        const Tick& tick = log_.ticks[next_++];
+        const size_t old = samples.size();
+        samples.resize(old + kFrameSamples);
+        if (tick.speech_sequence < 0) return true;
+        const size_t begin = static_cast<size_t>(tick.speech_sequence) * kFrameSamples;
+        const size_t end = std::min(begin + kFrameSamples, log_.lines[0].samples);
+        for (size_t i = begin; i < end; ++i)
+            samples[old + i - begin] = static_cast<float>(sound_[i]) * (1.0f / 32768);
+        return true;
+    }
+
+  private:
+    const std::vector<int16_t>& sound_;
+    const SessionLog& log_;
+    size_t next_;
+};
+
+void encode(const std::string& path, const LiveEngine& engine, FrameTape& tape,
+            const std::vector<int16_t>& sound, const SessionLog& log) {
+    const auto has_frame = [](const Tick& tick) { return tick.frame >= 0; };
+    const auto first = std::find_if(log.ticks.begin(), log.ticks.end(), has_frame);
+    VideoWriter writer(
+        path, engine.width(), engine.height(),
+        std::make_unique<SeenSound>(sound, log, static_cast<size_t>(first - log.ticks.begin())), 0);
+    std::vector<uint8_t> rgba, rgb(engine.frame_bytes() / 4 * 3);
+    int64_t loaded = -1;
+    Progress progress(static_cast<int>(log.ticks.end() - first));
+    for (auto tick = first; tick != log.ticks.end(); ++tick) {
+        throw_if_interrupted();
+        if (tick->frame != loaded) {
+            tape.read(tick->frame, rgba);
+            for (size_t i = 0; i < rgb.size() / 3; ++i)
+                std::copy_n(rgba.data() + 4 * i, 3, rgb.data() + 3 * i);
+            loaded = tick->frame;
+        }
+        writer.write(rgb.data());
+        progress.update(static_cast<int>(tick - first) + 1);
+    }
+    writer.finish();
+}
+
+/** Short clips and faces that hardly move cannot be measured. */
+void measure_sync(LiveReport& report, const std::string& video) {
+    try {
+        report.sync = measure_lip_sync(video, "", 0, std::nullopt);
+        report.synced = true;
+    } catch (const Interrupted&) {
+        throw;
+    } catch (const Failure&) {
+    }
+}
+
+}  // namespace
+
+void live(const LiveOptions& options) {
+    check_inputs(options);
+    const std::vector<int16_t> sound = as_pcm(read_speech(options.audio, "--audio").samples);
+    const Line line = line_of(sound, options.interrupt_at);
+    std::optional<OutputGuard> output;
+    if (!options.output.empty()) output.emplace(options.output, OutputGuard::Kind::kFile);
+
+    const LiveSetup setup = {options.bundle, options.motion_dir, model_threads(options.threads),
+                             options.eager};
+    const LiveEngine engine(setup);
+    std::optional<FrameTape> tape;
+    if (output)
+        tape.emplace(options.output, engine.frame_bytes(),
+                     static_cast<int64_t>(sound.size() / kFrameSamples) + 25 * kSpareSeconds);
+    const SessionLog log = play(engine, sound, {line}, tape ? &*tape : nullptr);
+    LiveReport report = make_report(engine, log, pieces_before_first_frame(setup, sound));
+    if (output && log.failures == 0) {
+        tape->finish();
+        encode(output->path(), engine, *tape, sound, log);
+        measure_sync(report, output->path());
+        output->commit();
+        report.output = options.output;
+    }
+    fmt::print("{}", options.json ? live_report_json(report) : live_report_text(report));
+    if (log.failures > 0)
+        fail("speaking failed: {}; check the subject's and the models' files", log.failure);
+}
+
+}  // namespace zorv::tools

@@ -1,0 +1,40 @@
+// An utterance engine on a bundle, opened and ready to speak.
+#pragma once
+
+#include <zorv_core.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace zorv::tools {
+
+struct LiveSetup {
+    std::string bundle, motion_dir;
+    int threads = 1;
+    int eager = 0;  // as zorv_utt_opts has it
+};
+
+class LiveEngine {
+  public:
+    /** Returns when the engine can speak; fails when it cannot. */
+    explicit LiveEngine(const LiveSetup& setup);
+
+    zorv_utt* utt() const { return utt_.get(); }
+    int width() const { return zorv_width(ctx_.get()); }
+    int height() const { return zorv_height(ctx_.get()); }
+    size_t frame_bytes() const;  // R G B 255
+    /** From the first call until the engine was ready. */
+    double ready_seconds() const { return ready_seconds_; }
+
+  private:
+    struct Destroy {
+        void operator()(zorv_ctx* ctx) const { zorv_destroy(ctx); }
+        void operator()(zorv_utt* utt) const { zorv_utt_destroy(utt); }
+    };
+    std::unique_ptr<zorv_ctx, Destroy> ctx_;
+    std::unique_ptr<zorv_utt, Destroy> utt_;  // goes before its context
+    double ready_seconds_ = 0;
+};
+
+}  // namespace zorv::tools

@@ -1,0 +1,61 @@
+#include "look_ahead.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "failure.h"
+#include "keypoint_families.h"
+#include "live_session.h"
+
+namespace zorv::tools {
+namespace {
+
+/** What the engine makes of its option. */
+int source_eager(int option) {
+    constexpr int kAdaptive = -1, kHybrid = -2, kHybridSteps = 3;
+    if (option >= 1) return option;
+    const char* hybrid = std::getenv("ZORV_UTT_HYBRID");
+    const bool asked = hybrid && *hybrid && std::strcmp(hybrid, "0") != 0;
+    return option == kHybrid || asked ? kHybridSteps : kAdaptive;
+}
+
+template <class Family>
+size_t feed(typename Family::Handle* handle, const std::vector<int16_t>& sound, int eager) {
+    if (!handle)
+        fail("cannot open the motion source again: {}; run it again", Family::last_error());
+    const std::unique_ptr<typename Family::Handle, decltype(Family::destroy)> owner(
+        handle, Family::destroy);
+    Family::set_eager(handle, eager);
+    Family::reset(handle, 0, 1, 1);
+    size_t pieces = 0;
+    for (size_t at = 0; at < sound.size(); at += kPieceSamples) {
+        float piece[kPieceSamples];
+        const size_t count = std::min<size_t>(kPieceSamples, sound.size() - at);
+        for (size_t i = 0; i < count; ++i)
+            piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
+        ++pieces;
+        if (!Family::push(handle, piece, static_cast<int>(count))) break;
+        if (Family::avail(handle) > 0) break;
+    }
+    return pieces;
+}
+
+}  // namespace
+
+bool is_expression_dir(const std::string& motion_dir) {
+    std::error_code error;
+    return std::filesystem::exists(motion_dir + "/a2x_enc_stream.onnx", error);
+}
+
+size_t pieces_before_first_frame(const LiveSetup& setup, const std::vector<int16_t>& sound) {
+    const char* dir = setup.motion_dir.c_str();
+    const int eager = source_eager(setup.eager);
+    return is_expression_dir(setup.motion_dir)
+               ? feed<Expression>(zorv_a2x_create(dir, setup.threads), sound, eager)
+               : feed<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound, eager);
+}
+
+}  // namespace zorv::tools
