@@ -1,10 +1,7 @@
 // The program `zorv render` as a user meets it: a process, its files, its one line of advice.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,7 +9,7 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +17,7 @@
 #include "audio_reader.h"
 #include "contact_sheet.h"
 #include "support/expression_dir.h"
+#include "support/program.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
 #include "video_reader.h"
@@ -30,29 +28,13 @@ namespace fs = std::filesystem;
 namespace zorv {
 namespace {
 
+using test::Outcome;
+using test::wav_of;
 using tools::AudioReader;
 using tools::Picture;
 using tools::VideoReader;
 
-std::string wav_of(const std::vector<std::int16_t>& samples, int rate) {
-    const auto bytes = static_cast<std::uint32_t>(samples.size() * 2);
-    std::string text;
-    const auto number = [&](std::uint32_t value, int size) {
-        for (int i = 0; i < size; ++i) text += static_cast<char>(value >> (8 * i) & 0xff);
-    };
-    text += "RIFF", number(36 + bytes, 4), text += "WAVEfmt ", number(16, 4), number(1, 2);
-    number(1, 2), number(static_cast<std::uint32_t>(rate), 4);
-    number(static_cast<std::uint32_t>(rate) * 2, 4), number(2, 2), number(16, 2);
-    text += "data", number(bytes, 4);
-    return text.append(reinterpret_cast<const char*>(samples.data()), bytes);
-}
-
-struct Outcome {
-    int code = -1;
-    std::string out, err;
-};
-
-class RenderCommand : public testing::Test {
+class RenderCommand : public test::ProgramTest {
   protected:
     void SetUp() override { prepare(bundle_); }
 
@@ -61,70 +43,12 @@ class RenderCommand : public testing::Test {
                       fs::copy_options::overwrite_existing);
     }
 
-    std::string path(const std::string& name) const { return work_.path() + "/" + name; }
-    /// A file in the folder that the program may write to.
-    std::string target(const std::string& name) {
-        fs::create_directory(path("out"));
-        return path("out/" + name);
-    }
-    std::string speech(double seconds, int rate = 22050) {
-        std::vector<std::int16_t> samples(static_cast<size_t>(seconds * rate));
-        for (size_t i = 0; i < samples.size(); ++i)
-            samples[i] = static_cast<std::int16_t>(8000 * std::sin(static_cast<double>(i) * 0.05));
-        test::writeFile(path("speech.wav"), wav_of(samples, rate));
-        return path("speech.wav");
-    }
     std::vector<std::string> command(const std::string& audio, const std::string& output) {
         return {
             "render",    bundle_.dir(), "--audio", audio, "--encoder", test::modelFile("encoder"),
             "--threads", "1",           "-o",      output};
     }
 
-    pid_t start(std::vector<std::string> arguments, const std::function<void()>& in_child = {}) {
-        arguments.insert(arguments.begin(), ZORV_PROGRAM);
-        std::vector<char*> words;
-        for (std::string& word : arguments) words.push_back(word.data());
-        words.push_back(nullptr);
-        const std::string out = path("stdout"), err = path("stderr");
-        const pid_t child = fork();
-        if (child != 0) return child;
-        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-        dup2(open(out.c_str(), flags, 0600), STDOUT_FILENO);
-        dup2(open(err.c_str(), flags, 0600), STDERR_FILENO);
-        if (in_child) in_child();
-        execv(words[0], words.data());
-        _exit(127);
-    }
-
-    Outcome finish(pid_t child) {
-        int status = 0;
-        waitpid(child, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status),
-                test::readFile(path("stdout")), test::readFile(path("stderr"))};
-    }
-
-    Outcome run(const std::vector<std::string>& arguments,
-                const std::function<void()>& in_child = {}) {
-        return finish(start(arguments, in_child));
-    }
-
-    /// One line that names the program and holds `advice`; progress lines before it are no fault.
-    void expect_advice(const Outcome& outcome, int code, const std::string& advice) {
-        EXPECT_EQ(outcome.code, code) << outcome.err;
-        std::string err = outcome.err;
-        while (!err.empty() && err.find(" left\n") < err.find('\n'))
-            err.erase(0, err.find('\n') + 1);
-        EXPECT_EQ(err.rfind("zorv: ", 0), 0u) << outcome.err;
-        EXPECT_EQ(err.find('\n'), err.size() - 1) << outcome.err;
-        EXPECT_NE(err.find(advice), std::string::npos) << outcome.err;
-    }
-    void expect_nothing_written() {
-        fs::create_directory(path("out"));
-        for (const auto& entry : fs::directory_iterator(path("out")))
-            ADD_FAILURE() << "left behind: " << entry.path();
-    }
-
-    test::TempDir work_;
     test::TestBundle bundle_;
 };
 
@@ -289,7 +213,8 @@ TEST_F(RenderCommand, FramesAreNotReadPastTheirEnd) {
     ASSERT_EQ(mprotect(static_cast<char*>(pages) + kBytes, 4096, PROT_NONE), 0);
     const auto* frame = static_cast<const std::uint8_t*>(pages);
     av_log_set_level(AV_LOG_QUIET);
-    tools::VideoWriter video(path("black.mp4"), kWidth, kHeight, speech(1), 0);
+    tools::VideoWriter video(path("black.mp4"), kWidth, kHeight,
+                             std::make_unique<AudioReader>(speech(1), 48000, 2, ""), 0);
     tools::ContactSheet sheet(kWidth, kHeight, 1);
     video.write(frame);
     sheet.add(0, frame);

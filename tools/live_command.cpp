@@ -153,7 +153,8 @@ void live(const LiveOptions& options) {
         tape.emplace(options.output, engine.frame_bytes(),
                      static_cast<int64_t>(sound.size() / kFrameSamples) + 25 * kSpareSeconds);
     const SessionLog log = play(engine, sound, {line}, tape ? &*tape : nullptr);
-    LiveReport report = make_report(engine, log, pieces_before_first_frame(setup, sound));
+    LiveReport report =
+        make_report(engine.ready_seconds(), log, pieces_before_first_frame(setup, sound));
     if (output && log.failures == 0) {
         tape->finish();
         encode(output->path(), engine, *tape, sound, log);

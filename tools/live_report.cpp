@@ -63,11 +63,10 @@ double quantile(std::vector<double> values, double share) {
     return values[static_cast<size_t>(rank)];
 }
 
-LiveReport make_report(const LiveEngine& engine, const SessionLog& log, size_t look_ahead_pieces) {
+LiveReport make_report(double ready_seconds, const SessionLog& log, size_t look_ahead_pieces) {
     LiveReport report;
-    report.ready_seconds = engine.ready_seconds();
+    report.ready_seconds = ready_seconds;
     report.render_ms = log.stats.render_ms;
-    report.video_seconds = static_cast<double>(log.ticks.size()) / 25;
     report.cpu_seconds = log.cpu_seconds;
     report.failures = log.failures;
     report.failure = log.failure;
@@ -81,7 +80,11 @@ LiveReport make_report(const LiveEngine& engine, const SessionLog& log, size_t l
                 static_cast<int64_t>((line.samples + kFrameSamples - 1) / kFrameSamples);
     }
     std::vector<double> delays;
+    int64_t seen = 0;  // the video begins with the first frame that was had
     for (const Tick& tick : log.ticks) {
+        if (tick.kind == kSpeech && std::isnan(report.speech_begins))
+            report.speech_begins = static_cast<double>(seen) / 25;
+        if (tick.frame >= 0) ++seen;
         if (tick.kind == Tick::kLate) {
             count_late(report, tick, log.lines);
             continue;
@@ -89,6 +92,7 @@ LiveReport make_report(const LiveEngine& engine, const SessionLog& log, size_t l
         count_frame(report, tick, log.lines, firsts);
         delays.push_back(static_cast<double>(tick.delay_ms));
     }
+    report.video_seconds = static_cast<double>(seen) / 25;
     report.jitter_p50 = quantile(delays, 0.5);
     report.jitter_p99 = quantile(delays, 0.99);
     for (const FirstFrame& first : firsts)
@@ -136,6 +140,7 @@ std::string live_report_json(const LiveReport& report) {
         {"computing_ms", number(first.computing())},
         {"interrupt_to_frame_ms", number(quantile(report.interrupt_ms, 0))},
         {"speech_after_interrupt", report.speech_after_interrupt},
+        {"speech_begins_seconds", number(report.speech_begins)},
         {"pull_jitter_p50_ms", number(report.jitter_p50)},
         {"pull_jitter_p99_ms", number(report.jitter_p99)},
         {"idle_frames", report.idle},

@@ -24,6 +24,7 @@ struct LiveReport {
     std::vector<FirstFrame> first_frames;   // of the lines that had one
     std::vector<double> interrupt_ms;       // from interrupts to a frame that can be pulled
     int speech_after_interrupt = 0;         // frames of a line pulled after its end
+    double speech_begins = kNotMeasured;    // in the video, seconds
     double jitter_p50 = 0, jitter_p99 = 0;  // from the schedule to the frame in hand, ms
     int idle = 0, speech = 0, ramp = 0, late = 0;
     int late_after_first_second = 0;  // of a line, late_at_interrupt among them
@@ -39,7 +40,7 @@ struct LiveReport {
 };
 
 /** look_ahead_pieces: see pieces_before_first_frame; 0 when it was not measured. */
-LiveReport make_report(const LiveEngine& engine, const SessionLog& log, size_t look_ahead_pieces);
+LiveReport make_report(double ready_seconds, const SessionLog& log, size_t look_ahead_pieces);
 
 /** The value of which `share` of all are below; kNotMeasured of none. */
 double quantile(std::vector<double> values, double share);

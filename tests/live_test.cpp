@@ -1,0 +1,256 @@
+// The program `zorv live` on the tiny bundle. Frames may be late on a loaded machine, but none may
+// be lost, and the sound stays with the frames that carry it.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "audio_reader.h"
+#include "frame_tape.h"
+#include "live_report.h"
+#include "look_ahead.h"
+#include "support/expression_dir.h"
+#include "support/failure.h"
+#include "support/program.h"
+#include "support/test_bundle.h"
+#include "support/test_motion.h"
+#include "video_reader.h"
+
+namespace fs = std::filesystem;
+
+namespace zorv {
+namespace {
+
+using test::Outcome;
+
+class LiveCommand : public test::ProgramTest {
+  protected:
+    void SetUp() override { bundle_.useModel("b24_fp32", "render_b4"); }
+
+    std::vector<std::string> command(const std::string& audio,
+                                     const std::vector<std::string>& more = {}) {
+        std::vector<std::string> words = {"live",    bundle_.dir(), "--motion-dir", motion_.dir(),
+                                          "--audio", audio,         "--threads",    "1"};
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    }
+    nlohmann::json report(const std::vector<std::string>& words) {
+        const Outcome outcome = run(words);
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        return nlohmann::json::parse(outcome.out, nullptr, false);
+    }
+
+    test::TestBundle bundle_;
+    test::TestMotion motion_;
+};
+
+/// The first and the last video frame whose sound is loud, and how many are.
+std::vector<int> loud_frames(const std::string& video) {
+    tools::AudioReader reader(video, 16000, 1, "");
+    std::vector<float> sound;
+    while (reader.read(sound)) {
+    }
+    std::vector<int> loud;
+    for (size_t frame = 0; (frame + 1) * 640 <= sound.size(); ++frame) {
+        double sum = 0;
+        // Its middle: coding smears the edges.
+        for (size_t i = 160; i < 480; ++i) sum += std::abs(sound[frame * 640 + i]);
+        if (sum > 320 * 0.05) loud.push_back(static_cast<int>(frame));
+    }
+    return loud;
+}
+
+TEST_F(LiveCommand, ShowsEveryFrameWithItsSoundAndReports) {
+    const std::string out = target("x.mp4");
+    const nlohmann::json seen = report(command(speech(0.7), {"-o", out, "--json"}));
+    EXPECT_EQ(seen["due_speech_frames"], 18);
+    EXPECT_EQ(seen["shown_speech_frames"], 18);
+    EXPECT_EQ(seen["speech_frames"], 18);
+    EXPECT_EQ(seen["ramp_frames"], 6);
+    EXPECT_GE(seen["idle_frames"], 12 + 25) << "half a second before, a second after";
+    EXPECT_EQ(seen["failures"], 0);
+    EXPECT_EQ(seen["output"], out);
+    EXPECT_GT(seen["ready_seconds"], 0);
+    EXPECT_GT(seen["render_ms"], 0);
+    EXPECT_GT(seen["cpu_per_second"], 0);
+    EXPECT_LE(seen["pull_jitter_p50_ms"], seen["pull_jitter_p99_ms"]);
+    EXPECT_GE(seen["first_frame_pulled_ms"], seen["first_frame_finished_ms"]);
+    EXPECT_GE(seen["look_ahead_ms"], 20);
+    EXPECT_NEAR(seen["first_frame_finished_ms"].get<double>() - seen["look_ahead_ms"].get<double>(),
+                seen["computing_ms"], 1e-6);
+    EXPECT_TRUE(seen["interrupt_to_frame_ms"].is_null());
+    EXPECT_TRUE(seen["lag_frames"].is_null()) << "such a face is too small to be measured";
+
+    tools::VideoReader video(out);
+    tools::Picture picture;
+    int frames = 0;
+    while (video.read(picture)) ++frames;
+    EXPECT_EQ(frames, std::lround(25 * seen["video_seconds"].get<double>()));
+    EXPECT_EQ(std::distance(fs::directory_iterator(path("out")), {}), 1);
+    const std::vector<int> loud = loud_frames(out);
+    ASSERT_FALSE(loud.empty());
+    // The last half block of the sound is silence.
+    EXPECT_NEAR(static_cast<double>(loud.size()), 18, 1);
+    EXPECT_EQ(loud.front(), std::lround(25 * seen["speech_begins_seconds"].get<double>()));
+    EXPECT_LE(loud.back() - loud.front(), 17 + seen["late_frames"].get<int>());
+}
+
+TEST_F(LiveCommand, AnInterruptEndsTheSpeech) {
+    const nlohmann::json seen =
+        report(command(speech(2), {"--interrupt-at", "0.8", "--eager", "2", "--json"}));
+    EXPECT_EQ(seen["speech_after_interrupt"], 0);
+    EXPECT_LT(seen["speech_frames"], 20);
+    EXPECT_GT(seen["interrupt_to_frame_ms"], 0);
+    EXPECT_EQ(seen["due_speech_frames"], 0) << "nothing was said to its end";
+    EXPECT_TRUE(seen["output"].is_null());
+    const Outcome text = run(command(speech(2), {"--interrupt-at", "0.8"}));
+    for (const char* words : {"ready after ", "interrupt: another frame after ",
+                              " 0 speech frames pulled after it", "late, ", "processor time"})
+        EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
+    expect_nothing_written();
+}
+
+TEST_F(LiveCommand, SpeaksThroughTheExpressionEngine) {
+    const test::ExpressionDir expression;
+    auto words = command(speech(0.5), {"--json"});
+    words[3] = expression.path();
+    unsetenv("W2V_ONNX");
+    expect_advice(run(words), 1, "needs a speech encoder; name it with --encoder");
+    words.insert(words.end(), {"--encoder", path("nothing.onnx")});
+    expect_advice(run(words), 1, "check the path given to --encoder");
+    words.back() = test::modelFile("a2x_w2v");
+    const nlohmann::json seen = report(words);
+    EXPECT_EQ(seen["shown_speech_frames"], 13);
+    EXPECT_EQ(seen["failures"], 0);
+    // Its look-ahead is longer than the sound.
+    EXPECT_GE(seen["look_ahead_ms"], 460);
+}
+
+TEST_F(LiveCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
+    const std::string good = speech(0.4), out = target("x.mp4");
+    const auto mistake = [&](const std::vector<std::string>& words, const std::string& advice,
+                             int code = 1) {
+        SCOPED_TRACE(advice);
+        expect_advice(run(words), code, advice);
+        expect_nothing_written();
+    };
+    const auto with = [&](size_t place, const std::string& value) {
+        auto words = command(good, {"-o", out});
+        words[place] = value;
+        return words;
+    };
+    mistake(with(1, path("nothing")), "no bundle directory");
+    mistake(with(3, path("nothing")), "check the path given to --motion-dir");
+    mistake(with(3, work_.path()), "cannot speak with");
+    mistake(with(5, path("nothing.wav")), "No such file or directory; check the path");
+    mistake(with(9, target("x.avi")), "ends in .mp4");
+    mistake(with(9, path("nowhere/x.mp4")), "check that its folder exists");
+    mistake(command(good, {"--interrupt-at", "0.4"}), "lasts 0.4 s and --interrupt-at 0.4");
+    mistake(command(good, {"--interrupt-at", "-1"}), "--interrupt-at", 2);
+    mistake(command(good, {"--encoder", good}), "leave it out");
+    mistake({"live", bundle_.dir(), "--audio", good}, "--motion-dir is required", 2);
+    bundle_.remove("model_b24_fp32.onnx");
+    mistake(command(good), "model_b24_fp32.onnx");
+}
+
+TEST_F(LiveCommand, AFailureOfTheEngineIsReportedAndEndsTheProgram) {
+    motion_.useModel("lmdm", "lmdm_short");
+    const Outcome outcome = run(command(speech(0.4), {"-o", target("x.mp4"), "--json"}));
+    expect_advice(outcome, 1, "speaking failed: zorv_motion_");
+    const auto seen = nlohmann::json::parse(outcome.out, nullptr, false);
+    EXPECT_GE(seen["failures"], 1);
+    EXPECT_EQ(seen["speech_frames"], 0);
+    EXPECT_TRUE(seen["first_frame_finished_ms"].is_null());
+    expect_nothing_written();
+}
+
+TEST_F(LiveCommand, AFullDiskAndCtrlCLeaveNothing) {
+    const auto limit = [] {
+        const rlimit size = {2000, 2000};
+        setrlimit(RLIMIT_FSIZE, &size);
+    };
+    const std::string audio = speech(60, 16000);
+    expect_advice(run(command(audio, {"-o", target("x.mp4")}), limit), 1, "free some space");
+    expect_nothing_written();
+    const pid_t child = start(command(audio, {"-o", target("x.mp4")}));
+    for (int i = 0; i < 1000 && fs::is_empty(path("out")); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    kill(child, SIGINT);
+    expect_advice(finish(child), 130, "interrupted, nothing was written");
+    expect_nothing_written();
+}
+
+TEST(FrameTapeTest, GivesBackWhatItTook) {
+    const test::TempDir dir;
+    const std::string output = dir.path() + "/x.mp4";
+    EXPECT_NE(test::failure([&] {
+                  tools::FrameTape(output, size_t{1} << 40, 1 << 20);
+              }).find("GB are free"),
+              std::string::npos);
+    tools::FrameTape tape(output, 5000, 200);
+    const auto picture = [](int number) {
+        std::vector<uint8_t> bytes(5000);
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<uint8_t>(i * 7 + static_cast<size_t>(number));
+        return bytes;
+    };
+    for (int number = 0; number < 200; ++number) {
+        std::vector<uint8_t> frame = picture(number);
+        tape.add(frame);
+        EXPECT_EQ(frame.size(), 5000u);
+    }
+    tape.finish();
+    std::vector<uint8_t> frame;
+    for (const int number : {199, 0, 57}) {
+        tape.read(number, frame);
+        EXPECT_EQ(frame, picture(number));
+    }
+    EXPECT_TRUE(fs::is_empty(dir.path())) << "the tape has no name";
+}
+
+TEST(LiveReportTest, TellsLateFramesApart) {
+    tools::SessionLog log;
+    log.lines.resize(2);
+    log.lines[0].begin_ms = 1000;
+    log.lines[0].samples = 1280;
+    tools::LineLog& cut = log.lines[1];
+    cut.begin_ms = 5000;
+    cut.samples = 64000;
+    cut.interrupted = true;
+    cut.interrupted_ms = 7000;
+    cut.interrupt_to_frame_ms = 9;
+    const auto tick = [&](double at, int line, int kind, int sequence = -1) {
+        tools::Tick next;
+        next.begin_ms = at;
+        next.line = line;
+        next.kind = static_cast<int8_t>(kind);
+        next.speech_sequence = sequence;
+        next.frame = static_cast<int64_t>(log.ticks.size());
+        log.ticks.push_back(next);
+    };
+    for (const double at : {500.0, 1900.0, 2100.0}) tick(at, at < 1000 ? -1 : 0, -1);
+    tick(2140, 0, 1, 0), tick(2180, 0, 1, 1), tick(6999, 1, 1, 0), tick(7001, 1, -1);
+    tick(7040, 1, 2), tick(7100, 1, -1), tick(7140, 1, 1, 1), tick(7180, 1, 0);
+    const tools::LiveReport report = tools::make_report(0.5, log, 0);
+    EXPECT_EQ(report.late, 5);
+    EXPECT_EQ(report.late_after_first_second, 4);
+    EXPECT_EQ(report.late_at_interrupt, 1);
+    EXPECT_EQ(report.speech_after_interrupt, 1);
+    EXPECT_EQ(report.due_speech, 2);
+    EXPECT_EQ(report.shown_speech, 2);
+    EXPECT_EQ(report.speech_begins, 3.0 / 25);
+    EXPECT_EQ(report.interrupt_ms, std::vector<double>{9});
+    EXPECT_EQ(report.first_frames.at(0).pulled, 1140);
+}
+
+}  // namespace
+}  // namespace zorv
