@@ -1,23 +1,31 @@
 #!/usr/bin/env bash
 # From nothing to a talking face: builds, makes the demo subject, renders a clip.
 #
-#   scripts/demo.sh [--engine fca|motion|a2x] [speech file]
+#   scripts/demo.sh [--live] [--engine fca|motion|a2x] [speech file]
 #
 # The speech file may be anything that FFmpeg reads; without one a sentence is synthesised.
 # The engine turns speech into movement: fca (the default) hears the whole clip, motion and a2x hear
 # it in pieces, as a live stream would.
-# Leaves out/demo.mp4 and out/demo.png in the checkout.
+# --live speaks in real time instead, as a voice agent would (engine motion, or a2x), and shows what
+# a viewer saw and how soon.
+# Leaves out/demo.mp4 and (not with --live) out/demo.png in the checkout.
 set -euo pipefail
 
 say() { printf '[demo] %s\n' "$*" >&2; }
 die() { say "$*"; exit 1; }
 
-engine=fca
-if [ "${1:-}" = --engine ] && [ $# -ge 2 ]; then
-    engine=$2
-    shift 2
-fi
-if [ $# -gt 1 ]; then die "usage: scripts/demo.sh [--engine fca|motion|a2x] [speech file]"; fi
+usage="usage: scripts/demo.sh [--live] [--engine fca|motion|a2x] [speech file]"
+live=no
+engine=
+while [ $# -gt 0 ]; do
+    case $1 in
+        --live) live=yes; shift ;;
+        --engine) [ $# -ge 2 ] || die "$usage"; engine=$2; shift 2 ;;
+        *) break ;;
+    esac
+done
+if [ $# -gt 1 ]; then die "$usage"; fi
+if [ -z "$engine" ]; then if [ $live = yes ]; then engine=motion; else engine=fca; fi; fi
 speech=
 if [ $# -eq 1 ]; then
     [ -f "$1" ] || die "no such file: $1"
@@ -34,6 +42,9 @@ case $engine in
     a2x) models=(--encoder "$subject/speech_encoder.onnx" --motion-dir "$subject/expression") ;;
     *) die "no engine '$engine': use fca, motion or a2x" ;;
 esac
+if [ $live = yes ] && [ "$engine" = fca ]; then
+    die "fca needs the whole clip: use --live with motion or a2x"
+fi
 SENTENCE="Hello! I am a drawing that learned to talk. Every word you hear moves my lips, \
 and a plain processor renders me faster than you can listen. What shall I say next?"
 
@@ -51,6 +62,13 @@ say "demo subject"
 if [ -z "$speech" ]; then
     speech=build/demo-speech.wav
     espeak-ng -v en-us+f3 -s 150 -p 55 -w "$speech" -- "$SENTENCE"
+fi
+
+if [ $live = yes ]; then
+    say "speaking in real time"
+    build/release/bin/zorv live "$subject/bundle" --audio "$speech" "${models[@]}" -o out/demo.mp4
+    echo "$PWD/out/demo.mp4  what a viewer saw"
+    exit
 fi
 
 say "rendering"
