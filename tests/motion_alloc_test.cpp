@@ -7,6 +7,7 @@
 #include <zorv_core.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -27,14 +28,15 @@ bool isRuntimeCode(const void* address) {
     return ::dladdr(address, &info) && std::strstr(info.dli_fname, "onnxruntime");
 }
 
-void* counted(std::size_t size, const void* caller) {
+void* counted(std::size_t size, std::size_t alignment, const void* caller) {
     if (!inRuntime) {
         ++allocations;
         if (untilRefusal >= 0 && !isRuntimeCode(caller) && untilRefusal-- == 0) {
             throw std::bad_alloc();
         }
     }
-    if (void* memory = std::malloc(size ? size : 1)) return memory;
+    void* memory = nullptr;
+    if (::posix_memalign(&memory, alignment, size ? size : 1) == 0) return memory;
     throw std::bad_alloc();
 }
 
@@ -67,10 +69,13 @@ class RuntimeHook {
 }  // namespace
 
 void* operator new(std::size_t size) {
-    return counted(size, __builtin_return_address(0));
+    return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
 }
 void* operator new[](std::size_t size) {
-    return counted(size, __builtin_return_address(0));
+    return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return counted(size, static_cast<std::size_t>(alignment), __builtin_return_address(0));
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);
@@ -79,6 +84,12 @@ void operator delete[](void* memory) noexcept {
     std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
     std::free(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
