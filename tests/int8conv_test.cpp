@@ -328,6 +328,13 @@ TEST(Int8ConvDeathTest, EnvironmentOfTheProcess) {
     EXPECT_EXIT(useOnce(), testing::ExitedWithCode(0), "^$");
     ::unsetenv("ZORV_INT8_THREADS");
     ::unsetenv("ZORV_INT8_PROF");
+
+    const auto isPortable = [] { std::exit(Int8Conv({}).useVnni() ? 1 : 0); };
+    ::setenv("ZORV_SIMD", "portable", 1);
+    EXPECT_EXIT(isPortable(), testing::ExitedWithCode(0), "");
+    ::unsetenv("ZORV_SIMD");
+    const bool best = int8ConvKernels(detectedSimdLevel()).front()->useVnni;
+    EXPECT_EXIT(isPortable(), testing::ExitedWithCode(best ? 1 : 0), "");
 }
 
 /// x [1, 8, 10, 20] -> y, through the nodes that make_models.py wrote.
