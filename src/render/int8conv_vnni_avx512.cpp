@@ -89,6 +89,7 @@ const Int8ConvKernels kInt8ConvAvx512 = {Int8ConvPath::kAvx512,
                                          Vnni512::kBlock,
                                          false,
                                          true,
+                                         128e6,
                                          minMaxLanes<Vnni512>,
                                          quantiseRowLanes<Vnni512>,
                                          convolveRowsLanes<Vnni512>};

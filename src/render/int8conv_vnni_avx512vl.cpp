@@ -10,6 +10,7 @@ const Int8ConvKernels kInt8ConvAvx512Vl = {Int8ConvPath::kAvx512Vl,
                                            Vnni256::kBlock,
                                            false,
                                            true,
+                                           128e6,
                                            minMaxLanes<Lanes256>,
                                            quantiseRowLanes<Lanes256>,
                                            convolveRowsLanes<Vnni256>};

@@ -29,7 +29,7 @@ Quantisation chooseQuantisation(float min, float max);
 /// microseconds that its start costs, and into bands of rows.
 struct ConvSplit {
     int workers = convThreads();
-    double macsPerThread = 64e6;
+    double macsPerThread = 0;  ///< 0: the kernels' own figure
     double floatsPerThread = 2e6;
     std::int64_t bandBytes = 128 << 10;  ///< of input that is quantised and then convolved
 };

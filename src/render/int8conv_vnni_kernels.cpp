@@ -84,7 +84,7 @@ void convolveRowsPortable(const ConvRun& run, std::int64_t firstRow, std::int64_
 }  // namespace
 
 const Int8ConvKernels kInt8ConvPortable = {
-    Int8ConvPath::kPortable, "portable",          kPortableBlock,      false, false,
+    Int8ConvPath::kPortable, "portable",          kPortableBlock,      false, false, 1e6,
     minMaxPortable,          quantiseRowPortable, convolveRowsPortable};
 
 std::vector<const Int8ConvKernels*> int8ConvKernels(SimdLevel level) {
