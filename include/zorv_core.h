@@ -639,6 +639,65 @@ ZORV_API uint64_t zorv_utt_failure(zorv_utt* utt, char* text, size_t capacity);
 /** This family's last error on the calling thread, "" if none. Any thread. */
 ZORV_API const char* zorv_utt_last_error(void);
 
+/* ------------------------------------------------------------------------------------------
+ * Telemetry: what the library counts about itself, for a host that asks
+ *
+ *     zorv_telemetry_enable(1);
+ *     // every minute or so:
+ *     size_t size = zorv_telemetry_pending();
+ *     char* json = malloc(size + 1);
+ *     if (size > 0 && zorv_telemetry_take(json, size) == size) send(json);
+ *     free(json);
+ *
+ * Off until it is switched on here or by ZORV_TELEMETRY=1. What is recorded is kept in memory, in
+ * a fixed number of places, until the host takes it as one JSON object (docs/telemetry.md lists
+ * its members and every name that the library records); what does not fit is counted as dropped.
+ * No file or socket is opened. Hosts may record under names of their own: dotted lower case,
+ * outside "zorv.". Names longer than 96 bytes, units longer than 32 and event texts longer than 256
+ * are cut, with a mark. Every function may be called from any thread.
+ * ------------------------------------------------------------------------------------------ */
+
+/** Switches recording on (not 0) or off (0). What was recorded stays. */
+ZORV_API void zorv_telemetry_enable(int on);
+
+/** 1 while recording is on, else 0. */
+ZORV_API int zorv_telemetry_enabled(void);
+
+/** Adds n to a counter. unit: "{frame}", "By" and the like; NULL means "1". Returns 1, also while
+ *  off; 0 with "zorv_telemetry_count: bad args" for a name that is NULL or "". */
+ZORV_API int zorv_telemetry_count(const char* name, const char* unit, uint64_t n);
+
+/** Sets a gauge; the batch holds its latest value, null when that is not finite. Arguments and
+ *  result as for zorv_telemetry_count. */
+ZORV_API int zorv_telemetry_gauge(const char* name, const char* unit, double value);
+
+/** Adds a duration in seconds to a histogram; one that is negative or not finite counts as
+ *  dropped. Result as for zorv_telemetry_count. */
+ZORV_API int zorv_telemetry_duration(const char* name, double seconds);
+
+/** Adds an event with the time of this call. Result as for zorv_telemetry_count. */
+ZORV_API int zorv_telemetry_event(const char* name, const char* text);
+
+/**
+ * Closes the batch of what was recorded so far and returns the bytes that zorv_telemetry_take
+ * needs for it, its end mark included; 0 when nothing was recorded. A closed batch stays as it is
+ * until it is taken or cleared; what is recorded later belongs to the next one.
+ */
+ZORV_API size_t zorv_telemetry_pending(void);
+
+/**
+ * Writes the closed batch (closing one when there is none), a JSON text with its end mark, to
+ * `buf` and lets it go. Returns its bytes, 0 when nothing was recorded. A result above `cap` means
+ * that nothing was written and the batch is kept ("zorv_telemetry_take: buffer too small").
+ */
+ZORV_API size_t zorv_telemetry_take(char* buf, size_t cap);
+
+/** Throws away what was recorded, the closed batch included. */
+ZORV_API void zorv_telemetry_clear(void);
+
+/** This family's last error on the calling thread, "" if none. */
+ZORV_API const char* zorv_telemetry_last_error(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "a2x/a2x_settings.h"
+#include "telemetry/telemetry.h"
 
 namespace {
 
@@ -29,11 +30,13 @@ zorv_a2x* zorv_a2x_create(const char* dir, int threads) {
         A2xError::set("zorv_a2x_create: NULL dir");
         return nullptr;
     }
-    return zorv::guarded<A2xError>("zorv_a2x_create", static_cast<zorv_a2x*>(nullptr),
-                                   [&] { return new zorv_a2x(dir, threads); });
+    return zorv::guarded<A2xError>("zorv_a2x_create", static_cast<zorv_a2x*>(nullptr), [&] {
+        return zorv::telemetry::opening("a2x", [&] { return new zorv_a2x(dir, threads); });
+    });
 }
 
 void zorv_a2x_destroy(zorv_a2x* a2x) {
+    zorv::telemetry::closing("a2x", a2x);
     delete a2x;
 }
 

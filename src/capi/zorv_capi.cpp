@@ -8,6 +8,7 @@
 #include "capi/zorv_image.h"
 #include "common/error.h"
 #include "common/file.h"
+#include "telemetry/telemetry.h"
 #include "zorv_core.h"
 
 namespace {
@@ -104,11 +105,14 @@ zorv_ctx* zorv_create(const char* bundle_dir, const char* model_key, int threads
         return nullptr;
     }
     return zorv::guarded<Errors, zorv_ctx*>("zorv_create", nullptr, [&] {
-        return new zorv_ctx(bundle_dir, model_key, std::max(threads, 1), ep ? ep : "");
+        return zorv::telemetry::opening("context", [&] {
+            return new zorv_ctx(bundle_dir, model_key, std::max(threads, 1), ep ? ep : "");
+        });
     });
 }
 
 void zorv_destroy(zorv_ctx* ctx) {
+    zorv::telemetry::closing("context", ctx);
     delete ctx;
 }
 

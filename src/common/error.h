@@ -1,10 +1,14 @@
 // Last-error strings of the C interface and the guard around every C function.
 #pragma once
 
+#include <atomic>
 #include <exception>
 #include <string>
 
 namespace zorv {
+
+/// Told of every text that becomes a last error; null for none.
+inline std::atomic<void (*)(const char* text)> failureObserver{nullptr};
 
 /// One last-error string per thread for one family of C functions (`Family` is only a tag).
 template <class Family>
@@ -12,9 +16,14 @@ class LastError {
   public:
     static const char* get() { return text().c_str(); }
     static void clear() { text().clear(); }
-    static void set(std::string message) { text() = std::move(message); }
+    static void set(std::string message) {
+        text() = std::move(message);
+        if (const auto observe = failureObserver.load(std::memory_order_relaxed)) {
+            observe(text().c_str());
+        }
+    }
     static void set(const char* function, const std::exception& error) {
-        text() = std::string(function) + ": " + error.what();
+        set(std::string(function) + ": " + error.what());
     }
 
   private:

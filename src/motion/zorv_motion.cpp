@@ -3,6 +3,7 @@
 
 #include "common/error.h"
 #include "motion/motion_engine.h"
+#include "telemetry/telemetry.h"
 
 struct zorv_motion : zorv::motion::MotionEngine {
     using MotionEngine::MotionEngine;
@@ -23,12 +24,15 @@ zorv_motion* zorv_motion_create(const char* motion_dir, int threads, const char*
         return nullptr;
     }
     return zorv::guarded<MotionError>(
-        "zorv_motion_create", static_cast<zorv_motion*>(nullptr),
-        [&] { return new zorv_motion(motion_dir, threads, ep ? ep : ""); });
+        "zorv_motion_create", static_cast<zorv_motion*>(nullptr), [&] {
+            return zorv::telemetry::opening(
+                "motion", [&] { return new zorv_motion(motion_dir, threads, ep ? ep : ""); });
+        });
 }
 
 void zorv_motion_destroy(zorv_motion* motion) {
     MotionError::clear();
+    zorv::telemetry::closing("motion", motion);
     delete motion;
 }
 

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "common/parallel.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -184,6 +185,7 @@ void Paste::split(std::ptrdiff_t n, const Fn& fn) {
 
 void Paste::composite(const float* crop, float scale, const float* M, std::uint8_t* frame, int W,
                       int H) {
+    const telemetry::Stopwatch watch;
     if (!placement_.locate(M, side_, W, H)) return;
     if (side_ > kMaxSide) throw std::runtime_error("paste: side > 1024");
     if (side_ < 1) return;
@@ -193,6 +195,8 @@ void Paste::composite(const float* crop, float scale, const float* M, std::uint8
     }
     fillPlanes(crop, scale);
     compositeTail(frame, W);
+    watch.record({"zorv.composite.duration", "s"});
+    telemetry::count({"zorv.frames.composited", "{frame}"});
 }
 
 // One split for all three planes: starting threads costs as much as sharpening a third of them.

@@ -18,6 +18,7 @@
 #include "render/gridsample_fast.h"
 #include "render/gridsample_rewrite.h"
 #include "render/int8conv_vnni.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -256,6 +257,7 @@ std::int32_t Renderer::batch() const {
 const float* Renderer::render(const std::int32_t* frameIdx, const float* kpSource,
                               const float* kpDriving, std::int32_t n) {
     Impl& impl = *impl_;
+    const telemetry::Stopwatch watch;
     if (n < 1 || n > impl.batch) throw std::runtime_error("render: bad n");
     const auto items = static_cast<std::size_t>(n);
     if (impl.native) {
@@ -276,6 +278,8 @@ const float* Renderer::render(const std::int32_t* frameIdx, const float* kpSourc
         impl.repeatSlot(items - 1, i);
     }
     impl.model.run(impl.runOptions);
+    watch.record({"zorv.render.duration", "s"});
+    telemetry::count({"zorv.frames.rendered", "{frame}"}, items);
     return impl.output.data();
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "common/error.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -108,7 +109,8 @@ zorv_fca* zorv_fca_create(const char* encoder_path, const char* streaming_path, 
         return nullptr;
     }
     return zorv::guarded<FcaError>("zorv_fca_create", static_cast<zorv_fca*>(nullptr), [&] {
-        return new zorv_fca(encoder_path, streaming_path, threads);
+        return zorv::telemetry::opening(
+            "fca", [&] { return new zorv_fca(encoder_path, streaming_path, threads); });
     });
 }
 
@@ -125,6 +127,7 @@ int zorv_fca_deltas(zorv_fca* fca, const float* audio, int n, float* out, int ma
 }
 
 void zorv_fca_destroy(zorv_fca* fca) {
+    zorv::telemetry::closing("fca", fca);
     delete fca;
 }
 

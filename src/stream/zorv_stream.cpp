@@ -9,6 +9,7 @@
 #include "common/file.h"
 #include "stream/delta_math.h"
 #include "stream/target_walk.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -178,7 +179,8 @@ zorv_stream* zorv_stream_create(const char* bundle_dir, const char* encoder_path
     StreamError::clear();
     return zorv::guarded<StreamError>(
         "zorv_stream_create", static_cast<zorv_stream*>(nullptr), [&] {
-            zorv_stream* stream = openStream(bundle_dir, encoder_path, threads);
+            zorv_stream* stream = zorv::telemetry::opening(
+                "stream", [&] { return openStream(bundle_dir, encoder_path, threads); });
             if (stream) {
                 stream->skipFrames = std::max(skipFrames, 0);
                 stream->deltaGain = deltaGain;
@@ -204,6 +206,7 @@ int zorv_stream_height(zorv_stream* stream) {
 }
 
 void zorv_stream_destroy(zorv_stream* stream) {
+    zorv::telemetry::closing("stream", stream);
     delete stream;
 }
 

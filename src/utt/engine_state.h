@@ -7,6 +7,7 @@
 
 #include "common/mutex.h"
 #include "render/zorv_renderer.h"
+#include "telemetry/telemetry.h"
 #include "utt/clock.h"
 #include "utt/failure_text.h"
 #include "utt/frame_ring.h"
@@ -50,6 +51,7 @@ struct EngineState {
     void noteFailure(const char* text) ZORV_REQUIRES(mutex) {
         failureText.set(text);
         ++failures;
+        telemetry::failure(text);
     }
 
     /// For good: ready() tells the host.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "capi/rgba.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -132,8 +133,11 @@ void FrameCompositor::publish(const FrameJob& job, bool composed) {
     if (!composed || state_.stopping || !current(job)) return;
     if (job.info.kind == FrameKind::kIdle) undecodable_ = 0;
     if (job.info.kind == FrameKind::kSpeech && job.info.speechSequence == 0) {
+        const double latencyMs = state_.clock.nowMs() - job.utteranceStartMs;
         ++state_.stats.utterances_started;
-        state_.stats.first_frame_latency_ms = state_.clock.nowMs() - job.utteranceStartMs;
+        state_.stats.first_frame_latency_ms = latencyMs;
+        telemetry::count({"zorv.utterance.started", "{utterance}"});
+        telemetry::duration({"zorv.utterance.first_frame.duration", "s"}, latencyMs / 1000);
     }
     state_.ring.put(rgba_, job.info);
 }

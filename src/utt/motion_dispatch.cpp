@@ -1,4 +1,5 @@
 #include "utt/motion_dispatch.h"
+#include "telemetry/telemetry.h"
 
 #include <algorithm>
 #include <exception>
@@ -45,6 +46,7 @@ bool exchangeSteps(const MotionRequest& request, MotionResult& result) {
 }  // namespace
 
 void exchange(const MotionRequest& request, MotionResult& result) {
+    const telemetry::Stopwatch watch;
     result.generation = request.generation;
     result.utterance = request.utterance;
     result.drains = request.drains;
@@ -63,6 +65,7 @@ void exchange(const MotionRequest& request, MotionResult& result) {
         result.error.set("motion source: unknown failure");
     }
     if (result.failed) result.frames.count = 0;
+    watch.record({"zorv.motion.step.duration", "s"});
 }
 
 void MotionDispatch::post(MotionRequest& request) {

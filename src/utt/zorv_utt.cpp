@@ -8,6 +8,7 @@
 
 #include "common/error.h"
 #include "common/file.h"
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
@@ -27,6 +28,7 @@ std::vector<float> readRows(const std::string& motionDir, int nt) {
 }  // namespace zorv
 
 using zorv::MutexLock;
+namespace telemetry = zorv::telemetry;
 
 zorv_utt::zorv_utt(zorv_ctx& ctx, const zorv_utt_opts& opts,
                    const zorv::UttSurroundings& surroundings)
@@ -138,6 +140,9 @@ void zorv_utt::endUtterance() {
 void zorv_utt::interrupt() {
     const MutexLock lock(state_.mutex);
     ++state_.generation;
+    telemetry::count({"zorv.utterance.interrupts", "{interrupt}"});
+    telemetry::count({"zorv.utterance.frames.dropped", "{frame}"},
+                     static_cast<std::uint64_t>(state_.waiting()));
     state_.input.clear();
     state_.ring.drop();
     compositor_.dropQueued(state_);
@@ -157,7 +162,12 @@ zorv_utt::Pull zorv_utt::pull(std::uint8_t* buffer, std::size_t capacity,
     zorv_utt_frame_info frame;
     {
         const MutexLock lock(state_.mutex);
-        if (state_.ring.size() == 0) return Pull::kNothing;
+        if (state_.ring.size() == 0) {
+            if (state_.stats.frames_pulled > 0) {
+                telemetry::count({"zorv.utterance.frames.late", "{frame}"});
+            }
+            return Pull::kNothing;
+        }
         zorv::FrameRing::Slot& oldest = state_.ring.front();
         if (capacity < oldest.pixels.size()) return Pull::kTooSmall;
         generation = state_.generation;
@@ -171,6 +181,8 @@ zorv_utt::Pull zorv_utt::pull(std::uint8_t* buffer, std::size_t capacity,
     if (state_.generation != generation) return Pull::kNothing;
     state_.ring.pop();
     ++state_.stats.frames_pulled;
+    telemetry::count({"zorv.utterance.frames.pulled", "{frame}"});
+    telemetry::gauge({"zorv.utterance.ring.depth", "{frame}"}, state_.ring.size());
     if (frame.kind == static_cast<std::int32_t>(zorv::FrameKind::kSpeech)) {
         ++state_.stats.speech_frames_pulled;
     }
@@ -204,8 +216,9 @@ zorv_utt* zorv_utt_create(zorv_ctx* ctx, const zorv_utt_opts* opts) {
         Errors::set("zorv_utt_create: NULL ctx/opts");
         return nullptr;
     }
-    return zorv::guarded<Errors, zorv_utt*>("zorv_utt_create", nullptr,
-                                            [&] { return new zorv_utt(*ctx, *opts); });
+    return zorv::guarded<Errors, zorv_utt*>("zorv_utt_create", nullptr, [&] {
+        return zorv::telemetry::opening("utt", [&] { return new zorv_utt(*ctx, *opts); });
+    });
 }
 
 zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir) {
@@ -216,6 +229,7 @@ zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir) {
 
 void zorv_utt_destroy(zorv_utt* utt) {
     Errors::clear();
+    zorv::telemetry::closing("utt", utt);
     delete utt;
 }
 
