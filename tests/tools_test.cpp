@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -192,7 +193,8 @@ TEST_F(RenderCommand, SoundAndPictureStartTogether) {
 
 TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
     auto arguments = command(speech(0.5), target("frames") + "/");
-    arguments.insert(arguments.end(), {"--json", "--sheet", target("sheet.png")});
+    arguments.insert(arguments.end(), {"--json", "--sheet", target("sheet.png"), "--telemetry",
+                                       target("telemetry.json")});
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.code, 0) << outcome.err;
     for (const char* key : {"\"frames\": 13,", "\"fps\": ", "\"audio_seconds\": 0.5",
@@ -202,6 +204,12 @@ TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
     for (const std::string& name :
          {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")})
         EXPECT_EQ(test::readFile(name).substr(1, 3), "PNG") << name;
+    const auto batch = nlohmann::json::parse(test::readFile(target("telemetry.json")));
+    for (const auto& counter : batch["counters"])
+        if (counter["name"] == "zorv.frames.composited") {
+            EXPECT_EQ(counter["value"], 13);
+        }
+    EXPECT_GE(batch["counters"].size(), 4u);
 }
 
 TEST_F(RenderCommand, FramesAreNotReadPastTheirEnd) {

@@ -6,7 +6,7 @@
 namespace zorv::tools {
 
 struct RenderOptions {
-    std::string bundle, audio, output, sheet;
+    std::string bundle, audio, output, sheet, telemetry;
     std::string engine = "fca";
     std::string encoder;     // model of the engines fca and a2x
     std::string motion_dir;  // models of the engines that hand out keypoints

@@ -29,6 +29,8 @@ void add_render(CLI::App& app, RenderOptions& options) {
     command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
         ->required();
     command->add_option("--sheet", options.sheet, "Also write a contact sheet (.png)");
+    command->add_option("--telemetry", options.telemetry,
+                        "Also write what the library counted (.json)");
     command->add_option("--skip-frames", options.skip_frames, "Leave out the first N frames")
         ->check(CLI::Range(0, 1 << 24));
     command->add_option("--gain", options.gain, "Strength of the motion")

@@ -16,6 +16,7 @@
 #include "interrupt.h"
 #include "output_guard.h"
 #include "progress.h"
+#include "telemetry_file.h"
 #include "video_writer.h"
 
 namespace fs = std::filesystem;
@@ -105,6 +106,8 @@ void render(const RenderOptions& options) {
     std::optional<OutputGuard> sheet_output;
     if (!options.sheet.empty()) sheet_output.emplace(options.sheet, OutputGuard::Kind::kFile);
 
+    TelemetryFile telemetry(options.telemetry);
+
     const auto load_start = std::chrono::steady_clock::now();
     const std::unique_ptr<ClipRenderer> renderer = find_engine(options.engine).open(options);
     throw_if_interrupted();
@@ -129,6 +132,7 @@ void render(const RenderOptions& options) {
     throw_if_interrupted();
     output.commit();
     if (sheet) sheet_output->commit();
+    telemetry.save();
     report(options, speech, frames, load, run);
 }
 
