@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <random>
@@ -451,6 +452,42 @@ TEST_F(A2xTest, MemoryIsLetGoAsFramesArePulledAndTheTablesEndIsTheEnd) {
             EXPECT_EQ(zorv_a2x_avail(engine.get()), 0);
             EXPECT_EQ(engine->encoderRuns(), runs);
         }
+    }
+}
+
+/// The most memory that was in use at once while `body` ran.
+std::size_t peakBytes(auto&& body) {
+    std::ofstream("/proc/self/clear_refs") << "5";  // forgets the peak so far
+    body();
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    std::size_t kibibytes = 0;
+    while (status >> word && word != "VmHWM:") continue;
+    status >> kibibytes;
+    return kibibytes * 1024;
+}
+
+TEST_F(A2xTest, MemoryOfOneCallDoesNotGrowWithTheFramesThatItWants) {
+    const ExpressionDir dir({.window = 0, .rows = 1500});
+    const std::vector<float> audio = speechLike(640 * 1500);
+    std::vector<float> src(1500 * 63), drv(1500 * 63), out(1500 * 63);
+    for (const bool shortWindow : {false, true}) {
+        const A2xPtr engine = open(dir, 12, shortWindow);
+        const auto pullAll = [&](int frames) {
+            zorv_a2x_reset(engine.get(), 0, 1, 1);
+            zorv_a2x_push(engine.get(), audio.data(), frames * 640);
+            zorv_a2x_finish(engine.get());
+            EXPECT_EQ(zorv_a2x_pull(engine.get(), nullptr, src.data(), drv.data(), 1500), frames);
+        };
+        const auto convertAll = [&](int frames) {
+            EXPECT_EQ(zorv_a2x_deltas(engine.get(), audio.data(), frames * 640, out.data(), 1500),
+                      frames);
+        };
+        pullAll(300);
+        convertAll(300);
+        const std::size_t few = peakBytes([&] { pullAll(300), convertAll(300); });
+        EXPECT_LT(peakBytes([&] { pullAll(1500); }), few + (20 << 20));
+        EXPECT_LT(peakBytes([&] { convertAll(1500); }), few + (20 << 20));
     }
 }
 

@@ -94,7 +94,7 @@ LegacyWindow& zorv_a2x::legacyWindow() {
 
 void zorv_a2x::push(const float* pcm, int n) {
     if (n < 1) return;
-    if (dec_done_ < limit_) {  // else nothing will hear it: it only counts
+    if (enc_done_ < limit_) {  // else nothing will hear it: it only counts
         const std::int64_t room = std::max<std::int64_t>(audio_.rows() - samples_, 0);
         const auto stored = std::min<std::int64_t>(n, room);
         if (stored > 0) std::copy_n(pcm, stored, audio_.row(samples_));
@@ -151,10 +151,8 @@ void zorv_a2x::extend(std::int64_t want) {
     const std::int64_t upto = std::min({want, limit_, ready()});
     if (dec_done_ >= upto || state_.empty()) return;
     try {
-        produceFeatures(std::min({total(), upto + enc_right_, limit_}));
         encode(upto);
         decode(upto);
-        letGo();
     } catch (const std::exception& error) {
         zorv::A2xError::set("zorv_a2x extend", error);
     }
@@ -176,16 +174,30 @@ const float* zorv_a2x::encodeChunk(PagedRows& feat, std::int64_t s, std::int64_t
     return rows + (s - a) * meta_.h;
 }
 
-// Frames count as encoded, and as decoded, when all of the call's are.
+// Features are made chunk by chunk and let go behind each: a call may want any number of frames.
 void zorv_a2x::encode(std::int64_t upto) {
-    std::int64_t s = enc_done_;
-    while (s < upto) {
+    while (enc_done_ < upto) {
+        const std::int64_t s = enc_done_;
         const std::int64_t e = std::min(s + kStreamChunk, upto);
-        const float* rows = encodeChunk(track_.feat, s, e, std::min(total(), limit_));
+        const std::int64_t end = std::min(total(), limit_);
+        produceFeatures(std::min(end, e + enc_right_));
+        const float* rows = encodeChunk(track_.feat, s, e, end);
         std::copy_n(rows, (e - s) * meta_.h, enc_out_.row(s));
-        s = e;
+        enc_done_ = e;
+        letGoBehindEncoder();
     }
-    enc_done_ = s;
+}
+
+void zorv_a2x::letGoBehindEncoder() {
+    if (enc_done_ >= limit_) {  // the stream ends here
+        track_.feat.letGo(limit_);
+        audio_.letGo(audio_.rows());
+        return;
+    }
+    track_.feat.letGo(std::max<std::int64_t>(enc_done_ - enc_left_, 0));
+    const std::int64_t heard = use_win_ ? shortWindowStart(track_.w2v_next, win_right_)
+                                        : track_.w2v_next * kSamplesPerFrame;
+    audio_.letGo(std::max<std::int64_t>(heard, 0));
 }
 
 void zorv_a2x::decodeFrame(const float* ctx, DecoderState& state, float* offsets) {
@@ -195,24 +207,13 @@ void zorv_a2x::decodeFrame(const float* ctx, DecoderState& state, float* offsets
     }
 }
 
+// Frames count as decoded when all of the call's are; the state is carried on even so.
 void zorv_a2x::decode(std::int64_t upto) {
     for (std::int64_t t = dec_done_; t < upto; ++t) {
         decodeFrame(enc_out_.row(t), state_, frames_.row(t));
     }
     dec_done_ = upto;
-}
-
-void zorv_a2x::letGo() {
     enc_out_.letGo(dec_done_);
-    if (dec_done_ >= limit_) {  // the stream ends here
-        track_.feat.letGo(limit_);
-        audio_.letGo(audio_.rows());
-        return;
-    }
-    track_.feat.letGo(std::max<std::int64_t>(enc_done_ - enc_left_, 0));
-    const std::int64_t heard = use_win_ ? shortWindowStart(track_.w2v_next, win_right_)
-                                        : track_.w2v_next * kSamplesPerFrame;
-    audio_.letGo(std::max<std::int64_t>(heard, 0));
 }
 
 void zorv_a2x::deltas(const float* pcm, int n, float* out) {

@@ -31,6 +31,7 @@ class ModelRun {
     void forgetOutputs() {
         outputs_.clear();
         for (std::size_t i = 0; i < outputNames_.size(); ++i) outputs_.emplace_back(nullptr);
+        floats_.assign(outputNames_.size(), nullptr);
     }
 
     void run() {
@@ -40,9 +41,12 @@ class ModelRun {
 
     /// Valid until the next run.
     const Ort::Value& output(std::size_t index) const { return outputs_[index]; }
-    /// The output's values, at least `least` of them; valid until the next run.
-    const float* floats(std::size_t index, std::size_t least) const {
-        return outputFloats(outputs_[index], outputPointers_[index], least);
+    /// The output's values, at least `least` of them; valid until the next run. Checked when the
+    /// tensor is new.
+    const float* floats(std::size_t index, std::size_t least) {
+        const float*& values = floats_[index];
+        if (!values) values = outputFloats(outputs_[index], outputPointers_[index], least);
+        return values;
     }
 
   private:
@@ -50,6 +54,7 @@ class ModelRun {
     std::vector<std::string> inputNames_, outputNames_;
     std::vector<const char*> inputPointers_, outputPointers_;
     std::vector<Ort::Value> inputs_, outputs_;
+    std::vector<const float*> floats_;  ///< of outputs_, null until checked
 };
 
 }  // namespace zorv::a2x

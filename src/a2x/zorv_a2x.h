@@ -62,7 +62,7 @@ struct zorv_a2x {
     void produceFeatures(std::int64_t upto);
     void encode(std::int64_t upto);
     void decode(std::int64_t upto);
-    void letGo();
+    void letGoBehindEncoder();
     /// Encoder rows [s, e) within a sequence of `end` frames. Valid until the next encoder run.
     const float* encodeChunk(zorv::a2x::PagedRows& feat, std::int64_t s, std::int64_t e,
                              std::int64_t end);
