@@ -7,7 +7,7 @@
     conv_C_S_M.onnx    the same in float
     int8_C_S_M.onnx    the same as Int8ConvVNNI
     model_float.onnx   a renderer of realistic size with random weights: encoder, warp by keypoints,
-                       decoder; 5 GMAC per frame of 512 x 512
+                       decoder; 6 GMAC per frame of 512 x 512
     model_int8.onnx    its twin, converted like any other float model
 """
 import os
