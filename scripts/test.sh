@@ -27,12 +27,17 @@ check_format() {
 
 run_fuzzers() {
     build fuzz
-    local target
+    local target name dir seeds
     for target in build/fuzz/bin/*_fuzz; do
-        say "fuzzing: $(basename "$target") for $FUZZ_SECONDS s"
-        mkdir -p "build/fuzz/corpus/$(basename "$target")"
+        name=$(basename "$target")
+        say "fuzzing: $name for $FUZZ_SECONDS s"
+        seeds=() # kept with the sources, written by the build
+        for dir in "fuzz/seeds/$name" "build/fuzz/fuzz/seeds/$name"; do
+            [ ! -d "$dir" ] || seeds+=("$dir")
+        done
+        mkdir -p "build/fuzz/corpus/$name"
         "$target" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-            "build/fuzz/corpus/$(basename "$target")" "fuzz/seeds/$(basename "$target")" 2>&1 | tail -n 12
+            "build/fuzz/corpus/$name" "${seeds[@]}" 2>&1 | tail -n 12
     done
 }
 

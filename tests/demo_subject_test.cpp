@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "support/scoped_env.h"
 #include "support/test_bundle.h"
 #include "zorv_core.h"
 
@@ -101,6 +102,27 @@ TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
             EXPECT_LE(difference, 2.0) << key << " frame " << frame;
             RecordProperty(std::string(key) + std::to_string(frame), std::to_string(difference));
         }
+    }
+}
+
+TEST_F(DemoSubject, TheFastSamplerKeepsThePicture) {
+    for (const char* key : {"render", "b24_fp32", "synth"}) {
+        const Context fast = open(key);
+        const test::ScopedEnv off("ZORV_GS_FAST", "0");
+        const Context plain = open(key);
+        ASSERT_TRUE(fast && plain) << zorv_last_error();
+        const auto side = static_cast<std::size_t>(zorv_crop(fast.get()));
+        float largest = 0;
+        for (int k = 0; k < zorv_drive_frames(fast.get()); k += 30) {
+            const float* a = zorv_render_drive_crop(fast.get(), k);
+            const float* b = zorv_render_drive_crop(plain.get(), k);
+            ASSERT_TRUE(a && b) << zorv_last_error();
+            for (std::size_t i = 0; i < 3 * side * side; ++i) {
+                largest = std::max(largest, std::abs(a[i] - b[i]));
+            }
+        }
+        EXPECT_LT(largest, 1e-4f) << key;  // a fortieth of a grey level
+        RecordProperty(key, std::to_string(largest));
     }
 }
 

@@ -20,6 +20,9 @@
 #include "bundle_check.h"
 #include "bundle_sheet.h"
 #include "model_check.h"
+#include "operator_census.h"
+#include "report_writer.h"
+#include "support/onnx_message.h"
 #include "support/test_bundle.h"
 
 namespace fs = std::filesystem;
@@ -342,6 +345,42 @@ TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
     EXPECT_TRUE(model.findings.empty()) << model.findings[0].what;
     ASSERT_TRUE(model.model);
     EXPECT_EQ(model.model->batch, 1);
+    ASSERT_TRUE(model.model->operators);
+    EXPECT_EQ(model.model->operators->fast.size(), 1u);
+    EXPECT_EQ(model.model->operators->int8.size(), 1u);
+    EXPECT_TRUE(model.model->operators->rewritten.empty());
+}
+
+TEST(Inspect, SaysWhichGridSampleNodesAreRewritten) {
+    TestBundle bundle;
+    bundle.useModel("warped", "render_warped");
+    const BundleReport report = tools::check_bundle(bundle.dir());
+    const FileReport* file = file_in(report, "model_warped.onnx");
+    ASSERT_TRUE(file && file->model && file->model->operators);
+    const tools::OperatorCensus& census = *file->model->operators;
+    ASSERT_EQ(census.rewritten.size(), 1u);
+    ASSERT_EQ(census.kept.size(), 1u);
+    EXPECT_EQ(census.kept[0].why, "align_corners is not 0");
+    EXPECT_NE(census.kept[0].name, census.rewritten[0]);
+    const std::string text = tools::report_text(report);
+    for (const std::string& line : {"runs as GridSampleFast: 1 node: " + census.rewritten[0],
+                                    census.kept[0].name + ", since align_corners is not 0"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << text;
+    }
+}
+
+// A node in the branch of another one, of a model that is nothing else.
+TEST(Inspect, LooksIntoSubgraphs) {
+    const test::Message sampler = test::gridSampleNode()
+                                      .bytes(5, test::textAttribute("mode", "linear"))
+                                      .bytes(5, test::textAttribute("padding_mode", "border"));
+    const test::Message branch = test::Message().bytes(6, test::Message().bytes(1, sampler));
+    const test::Message graph = test::Message().bytes(1, test::Message().bytes(5, branch));
+    const auto census = tools::count_operators(test::Message().bytes(7, graph).text());
+    EXPECT_TRUE(census.rewritten.empty());
+    ASSERT_EQ(census.kept.size(), 1u);
+    EXPECT_EQ(census.kept[0].name, "y");
+    EXPECT_EQ(census.kept[0].why, "inside a subgraph");
 }
 
 // ---- the sheet ----

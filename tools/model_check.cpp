@@ -9,11 +9,15 @@
 #include <cmath>
 #include <initializer_list>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "bundle_files.h"
+#include "common/file.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "operator_census.h"
 
 namespace zorv::tools {
 namespace {
@@ -255,6 +259,17 @@ void run_delta_model(Ort::Session& session, const std::vector<Slot>& slots, File
     }
 }
 
+/** What the library's operators run of the model of `report`. */
+void count_operators_of(const std::string& directory, FileReport& report) {
+    std::string bytes;
+    if (readWholeFile(directory + "/" + report.name, bytes) != ReadStatus::kOk) return;
+    try {
+        report.model->operators = count_operators(bytes);
+    } catch (const std::runtime_error& error) {
+        report.fault(fmt::format("the library cannot read it: {}", error.what()));
+    }
+}
+
 }  // namespace
 
 std::string shape_text(const ModelTensor& tensor) {
@@ -272,6 +287,7 @@ void check_renderer_model(const std::string& directory, const BundleFacts& facts
     const bool synth = find(model.inputs, "fs_red") != nullptr;
     model.graph = synth ? "FeatSynth" : "standard";
     model.batch = batch_of(model, synth ? "pooled" : "pooled64", report);
+    count_operators_of(directory, report);
 
     const int64_t B = model.batch.value_or(0), S = facts.crop.value_or(0);
     const std::vector<Slot> standard = {{"pooled64", {B, 64, 32, 32}},

@@ -20,10 +20,24 @@ struct ModelTensor {
     std::vector<Dimension> shape;  // empty when the model does not declare one
 };
 
+/** A GridSample node that the library leaves to the runtime. */
+struct KeptNode {
+    std::string name, why;
+};
+
+/** Nodes by the names that the model gives them, or by their output when it gives none. */
+struct OperatorCensus {
+    std::vector<std::string> rewritten;  // GridSample: made GridSampleFast when the model is loaded
+    std::vector<KeptNode> kept;          // GridSample: stay as they are
+    std::vector<std::string> fast;       // GridSampleFast already in the file
+    std::vector<std::string> int8;       // Int8ConvVNNI
+};
+
 struct ModelReport {
     std::string graph;             // "standard", "FeatSynth" or "delta"
     std::optional<int64_t> batch;  // renderers; nothing when the model does not fix it
     std::vector<ModelTensor> inputs, outputs;
+    std::optional<OperatorCensus> operators;       // renderers
     std::optional<std::pair<float, float>> range;  // of the crop that it rendered on trial
 };
 

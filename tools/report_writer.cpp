@@ -59,6 +59,24 @@ void write_facts(const BundleReport& report, std::back_insert_iterator<std::stri
     fmt::format_to(out, "\n\n");
 }
 
+std::string names(const std::vector<std::string>& nodes) {
+    return plain(fmt::format("{}: {}", numbers(static_cast<int64_t>(nodes.size()), "node"),
+                             fmt::join(nodes, ", ")));
+}
+
+void write_operators(const OperatorCensus& census, std::back_insert_iterator<std::string> out) {
+    if (!census.rewritten.empty())
+        fmt::format_to(out, "           GridSample, runs as GridSampleFast: {}\n",
+                       names(census.rewritten));
+    for (const KeptNode& node : census.kept)
+        fmt::format_to(out, "           GridSample, left to the runtime: {}, since {}\n",
+                       plain(node.name), node.why);
+    if (!census.fast.empty())
+        fmt::format_to(out, "           GridSampleFast: {}\n", names(census.fast));
+    if (!census.int8.empty())
+        fmt::format_to(out, "           Int8ConvVNNI: {}\n", names(census.int8));
+}
+
 void write_model(const ModelReport& model, std::back_insert_iterator<std::string> out) {
     fmt::format_to(out, "         {} graph", model.graph);
     if (model.graph != "delta")
@@ -72,6 +90,7 @@ void write_model(const ModelReport& model, std::back_insert_iterator<std::string
             fmt::format_to(out, "           {:<7}{:<12}{} {}\n",
                            tensors == &model.inputs ? "input" : "output", plain(tensor.name),
                            plain(shape_text(tensor)), tensor.type);
+    if (model.operators) write_operators(*model.operators, out);
 }
 
 void write_file(const FileReport& file, std::back_insert_iterator<std::string> out) {
@@ -104,11 +123,22 @@ json tensors_json(const std::vector<ModelTensor>& tensors) {
     return list;
 }
 
+json operators_json(const OperatorCensus& census) {
+    json kept = json::array();
+    for (const KeptNode& node : census.kept)
+        kept.push_back({{"node", node.name}, {"why", node.why}});
+    return {{"grid_sample_rewritten", census.rewritten},
+            {"grid_sample_kept", kept},
+            {"grid_sample_fast", census.fast},
+            {"int8_conv", census.int8}};
+}
+
 json model_json(const ModelReport& model) {
     json result = {{"graph", model.graph},
                    {"inputs", tensors_json(model.inputs)},
                    {"outputs", tensors_json(model.outputs)}};
     if (model.graph != "delta") result["batch"] = or_null(model.batch);
+    if (model.operators) result["operators"] = operators_json(*model.operators);
     if (model.range) result["rendered_range"] = {model.range->first, model.range->second};
     return result;
 }

@@ -225,22 +225,28 @@ const char* describe(GridSampleVerdict verdict) {
     return "";
 }
 
-std::size_t rewriteGridSampleToFast(std::string& bytes) {
-    const ModelPlan plan = planModel(bytes);
+std::size_t rewriteGridSampleToFast(std::string_view model, std::string& out) {
+    const ModelPlan plan = planModel(model);
     if (plan.rewritten == 0) return 0;
-    std::string rewritten;
-    rewritten.reserve(plan.length);
-    GsReader reader = readerOver(bytes);
+    out.clear();
+    out.reserve(plan.length);
+    GsReader reader = readerOver(model);
     for (GsField field; reader.next(field);) {
         if (field.isBytes(kModelGraph)) {
-            putRebuiltGraph(rewritten, field);
+            putRebuiltGraph(out, field);
         } else {
-            putRaw(rewritten, field);
+            putRaw(out, field);
         }
     }
-    if (!plan.importsFastDomain) rewritten.append(kFastOpsetImport);
-    bytes = std::move(rewritten);
+    if (!plan.importsFastDomain) out.append(kFastOpsetImport);
     return plan.rewritten;
+}
+
+std::size_t rewriteGridSampleToFast(std::string& bytes) {
+    std::string rewritten;
+    const std::size_t count = rewriteGridSampleToFast(std::string_view(bytes), rewritten);
+    if (count > 0) bytes = std::move(rewritten);
+    return count;
 }
 
 }  // namespace zorv
