@@ -37,8 +37,8 @@ std::vector<float> makeGrid(Grid kind, std::int64_t H, std::int64_t W) {
     for (std::int64_t i = 0; i < H * W; ++i) {
         const float u = (2 * static_cast<float>(i % W) + 1) / static_cast<float>(W) - 1;
         const float v = (2 * static_cast<float>(i / W) + 1) / static_cast<float>(H) - 1;
-        float x = scale * (std::cos(angle) * u - std::sin(angle) * v) + 0.02f * std::sin(5 * v);
-        float y = scale * (std::sin(angle) * u + std::cos(angle) * v) + 0.02f * std::sin(5 * u);
+        float x = scale * (std::cos(angle) * u - std::sin(angle) * v) + 0.01f * std::sin(3 * v);
+        float y = scale * (std::sin(angle) * u + std::cos(angle) * v) + 0.01f * std::sin(3 * u);
         if (kind == kTurned) std::swap(x, y);
         if (kind == kRandom) x = anywhere(random), y = anywhere(random);
         if (kind == kOutside) x -= 3;
