@@ -9,7 +9,7 @@ namespace fs = std::filesystem;
 
 namespace zorv::tools {
 
-void check_bundle(const std::string& path) {
+void check_is_bundle(const std::string& path) {
     std::error_code error;
     if (!fs::is_directory(path, error)) fail("no bundle directory '{}'; check the path", path);
     if (!fs::exists(fs::path(path) / "manifest.json", error))

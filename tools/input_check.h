@@ -6,7 +6,7 @@
 namespace zorv::tools {
 
 /** Fails unless `path` is a directory with a manifest. */
-void check_bundle(const std::string& path);
+void check_is_bundle(const std::string& path);
 
 /** Fails when `output`, if there is one, is the file that holds the sound. */
 void check_is_not_sound(const std::string& output, const std::string& audio);

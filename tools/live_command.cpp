@@ -44,7 +44,7 @@ void check_encoder(const LiveOptions& options) {
 }
 
 void check_inputs(const LiveOptions& options) {
-    check_bundle(options.bundle);
+    check_is_bundle(options.bundle);
     std::error_code error;
     if (!fs::is_directory(options.motion_dir, error))
         fail("no directory '{}'; check the path given to --motion-dir", options.motion_dir);

@@ -38,7 +38,7 @@ bool writes_video(const std::string& output) {
 }
 
 void check_inputs(const RenderOptions& options) {
-    check_bundle(options.bundle);
+    check_is_bundle(options.bundle);
     find_engine(options.engine).check(options);
     for (const std::string& output : {options.output, options.sheet})
         check_is_not_sound(output, options.audio);
