@@ -33,7 +33,7 @@ struct InspectOptions {
 void inspect(const InspectOptions& options);
 
 struct LiveOptions {
-    std::string bundle, motion_dir, audio, output;
+    std::string bundle, motion_dir, audio, output, telemetry;
     std::string encoder;       // for an expression directory
     double interrupt_at = -1;  // seconds of speech; negative: never
     int eager = 0;             // as zorv_utt_opts has it

@@ -18,6 +18,7 @@
 #include "look_ahead.h"
 #include "output_guard.h"
 #include "progress.h"
+#include "telemetry_file.h"
 #include "video_writer.h"
 
 namespace fs = std::filesystem;
@@ -145,6 +146,8 @@ void live(const LiveOptions& options) {
     std::optional<OutputGuard> output;
     if (!options.output.empty()) output.emplace(options.output, OutputGuard::Kind::kFile);
 
+    TelemetryFile telemetry(options.telemetry);
+
     const LiveSetup setup = {options.bundle, options.motion_dir, model_threads(options.threads),
                              options.eager};
     const LiveEngine engine(setup);
@@ -153,6 +156,7 @@ void live(const LiveOptions& options) {
         tape.emplace(options.output, engine.frame_bytes(),
                      static_cast<int64_t>(sound.size() / kFrameSamples) + 25 * kSpareSeconds);
     const SessionLog log = play(engine, sound, {line}, tape ? &*tape : nullptr);
+    telemetry.save();
     LiveReport report =
         make_report(engine.ready_seconds(), log, pieces_before_first_frame(setup, sound));
     if (output && log.failures == 0) {

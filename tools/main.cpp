@@ -82,6 +82,8 @@ void add_live(CLI::App& app, LiveOptions& options) {
         ->check(CLI::Range(-2, 1000));
     command->add_option("--threads", options.threads, "Model threads (default: all processors)")
         ->check(CLI::Range(1, 1024));
+    command->add_option("--telemetry", options.telemetry,
+                        "Also write what the library counted (.json)");
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
