@@ -29,7 +29,7 @@ import speech_model as speech
 from onnx_build import GraphBuilder
 from speech_model import decibel, hann
 
-SPECTRUM = 512              # samples per spectrum
+SPECTRUM = 512              # samples of one spectrum
 BINS = SPECTRUM // 2 + 1
 BANDS = 80
 SPECTRA, ROWS = 21, 20      # per window: spectra in, feature rows out
