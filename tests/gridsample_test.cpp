@@ -12,6 +12,7 @@
 #include "render/custom_operators.h"
 #include "render/gridsample_fast.h"
 #include "support/failure.h"
+#include "support/runtime_leaks.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
@@ -308,6 +309,7 @@ TEST(GridSampleOperator, TakesOnlyShapesThatItCanServe) {
     const auto has = [](const std::string& text, const char* part) {
         EXPECT_NE(text.find(part), std::string::npos) << text;
     };
+    const test::RuntimeLeaksStatus scope;
     has(failure([&] { rank3.run(x, {2, 3, 4}, grid, {1, 3, 4, 2}); }), "must have 4 dimensions");
     const std::vector<float> shorter(22, 0.0f);
     has(failure([&] { fast.run(x, {1, 2, 3, 4}, shorter, {1, 1, 11, 2}); }), "fewer points");
