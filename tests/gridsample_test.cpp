@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -16,6 +17,11 @@
 #include "support/test_bundle.h"
 
 namespace zorv {
+
+static void PrintTo(const GridSampleKernel& kernel, std::ostream* out) {
+    *out << kernel.name;
+}
+
 namespace {
 
 using test::failure;
