@@ -127,6 +127,7 @@ const std::vector<Case>& cases() {
         {2, 6, 8, 20, 6, 3, 3, {{1, 2}, {1, 1, 1, 1}, {1, 1}, 6}},  // a group per channel
         {1, 3, 2, 3, 5, 5, 7, {{1, 1}, {4, 5, 4, 5}, {1, 1}, 1}},   // kernel beyond the picture
         {1, 3, 1, 2, 5, 3, 3, {{2, 1}, {7, 1, 3, 2}, {3, 1}, 1}},   // rows of padding alone
+        {1, 3, 4, 20, 5, 4, 3, {{INT64_MAX, INT64_MAX}, {0, 0, 1, 0}, {1, 2}, 1}},
         {1, 64, 4, 24, 64, 3, 3, same},
     };
     return all;

@@ -54,15 +54,19 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     quads = (groupIn + 3) / 4;
     oh = outputSize(h, a.pads[0], a.pads[2], kh, a.dilations[0], a.strides[0]);
     ow = outputSize(w, a.pads[1], a.pads[3], kw, a.dilations[1], a.strides[1]);
+    // A stride that is never taken may be any number.
+    if (oh == 1) attributes.strides[0] = 1;
+    if (ow == 1) attributes.strides[1] = 1;
+    const std::int64_t strideW = attributes.strides[1];
 
     std::vector<std::int64_t> phaseOfColumn;
     for (std::int64_t tap = 0; tap < kw; ++tap) {
-        const std::int64_t residue = tap * a.dilations[1] % a.strides[1];
+        const std::int64_t residue = tap * a.dilations[1] % strideW;
         const auto known = std::find(phaseResidues.begin(), phaseResidues.end(), residue);
         phaseOfColumn.push_back(known - phaseResidues.begin());
         if (known == phaseResidues.end()) phaseResidues.push_back(residue);
     }
-    phaseColumns = sum(ow, a.dilations[1] * (kw - 1) / a.strides[1]);
+    phaseColumns = sum(ow, a.dilations[1] * (kw - 1) / strideW);
     const std::int64_t phaseBytes = product(phaseColumns, 4);
     quadBytes = product(phaseBytes, static_cast<std::int64_t>(phaseResidues.size()));
     groupBytes = product(quadBytes, quads);
@@ -73,7 +77,7 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
         for (std::int64_t column = 0; column < kw; ++column) {
             tapOffsets.push_back(row * a.dilations[0] * rowBytes +
                                  phaseOfColumn[static_cast<std::size_t>(column)] * phaseBytes +
-                                 column * a.dilations[1] / a.strides[1] * 4);
+                                 column * a.dilations[1] / strideW * 4);
         }
     }
 }

@@ -52,7 +52,8 @@ void QuantisedRows::quantiseRow(std::int64_t paddedRow, std::uint8_t* line) {
 /// One row of up to four channels, into its padded column phases.
 void QuantisedRows::quantiseColumns(const float* const* channels, std::uint32_t* out) {
     const std::int64_t stride = g_.attributes.strides[1], left = g_.attributes.pads[1];
-    if (stride == 1) {  // one phase, which is the padded row itself
+    if (stride == 1 && g_.phaseColumns == left + g_.w + g_.attributes.pads[3]) {
+        // One phase, which is the padded row itself.
         std::fill_n(out, left, 0u);
         kernels_.quantiseRow(channels, g_.w, q_, out + left);
         std::fill(out + left + g_.w, out + g_.phaseColumns, 0u);
