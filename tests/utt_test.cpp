@@ -208,6 +208,10 @@ TEST_P(UttTest, SpeaksEveryFrameThenRampsAndIdlesOn) {
             if (info.kind == kRamp) offset = 9000 / 32768.f * static_cast<float>(--left) / 6;
             EXPECT_LE(difference(frame.rgba, player.picture(info.frame, offset)), 1)
                 << "speech " << info.speech_sequence << ", left " << left;
+            // Above the crop the frame is the target frame, bit for bit.
+            constexpr std::ptrdiff_t kAbove = 6 * 48 * 4;
+            const auto still = player.still(info.frame);
+            EXPECT_TRUE(std::equal(still.begin(), still.begin() + kAbove, frame.rgba.begin()));
         }
         EXPECT_EQ(stats(player.utt()).utterances_started, 1u);
         EXPECT_EQ(stats(player.utt()).speech_frames_pulled, 21u);
