@@ -149,7 +149,7 @@ void live(const LiveOptions& options) {
     TelemetryFile telemetry(options.telemetry);
 
     const LiveSetup setup = {options.bundle, options.motion_dir, model_threads(options.threads),
-                             options.eager};
+                             options.eager, ""};
     const LiveEngine engine(setup);
     std::optional<FrameTape> tape;
     if (output)

@@ -17,6 +17,7 @@ LiveEngine::LiveEngine(const LiveSetup& setup) {
     zorv_utt_opts opts = {};
     opts.motion_dir = setup.motion_dir.c_str();
     opts.eager = setup.eager;
+    opts.steady_model = setup.steady.c_str();
     utt_.reset(zorv_utt_create(ctx_.get(), &opts));
     int ready = utt_ ? 0 : -1;
     while (ready == 0) {

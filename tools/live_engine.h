@@ -12,7 +12,8 @@ namespace zorv::tools {
 struct LiveSetup {
     std::string bundle, motion_dir;
     int threads = 1;
-    int eager = 0;  // as zorv_utt_opts has it
+    int eager = 0;       // as zorv_utt_opts has it
+    std::string steady;  // the same; "": the default
 };
 
 class LiveEngine {

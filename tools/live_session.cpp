@@ -97,7 +97,7 @@ class Speaker {
         const Clock::time_point end =
             line.interrupt_s < 0 ? Clock::time_point::max() : begin + seconds(line.interrupt_s);
         for (size_t piece = 0; log.samples < line.samples; ++piece) {
-            const Clock::time_point due = begin + piece * kPieceTime;
+            const Clock::time_point due = begin + (line.at_once ? 0 : piece) * kPieceTime;
             if (due >= end) break;
             sleep_until(due);
             push(line, log);

@@ -19,6 +19,7 @@ struct Line {
     size_t begin = 0, samples = 0;
     double interrupt_s = -1;  // after its first sample; negative: said to the end
     double pause_s = 0;       // before the next one; after an interrupt, from that
+    bool at_once = false;     // as fast as it can be pushed, as from a fast synthesiser
 };
 
 /** How a line went. Times are milliseconds since the session began. */

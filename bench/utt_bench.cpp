@@ -1,0 +1,310 @@
+// The utterance engine over minutes, on the demo subject: what a viewer would have seen and what it
+// cost. Prints JSON.
+//   utt_bench talk    speech, silence and interruptions by turns, in one or more engines at a time
+//   utt_bench idle    nobody speaks: with a viewer, then without
+//   utt_bench cost    processor time of speech, beside that of the models alone
+// All in real time; ZORV_DEMO_BUNDLE, ZORV_DEMO_MOTION, ZORV_DEMO_EXPRESSION and ZORV_DEMO_ENCODER
+// name the subject.
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "audio_reader.h"
+#include "failure.h"
+#include "keypoint_engine.h"
+#include "keypoint_families.h"
+#include "live_report.h"
+#include "live_session.h"
+#include "look_ahead.h"
+
+namespace {
+
+using namespace zorv::tools;
+using nlohmann::json;
+
+struct Settings {
+    std::string source = "motion", steady, audio;
+    int engines = 1, threads = 1, eager = 0;
+    double minutes = 1;
+    unsigned seed = 1;
+    bool burst = false;
+};
+
+std::string setting(const char* variable, const char* fallback) {
+    const char* value = std::getenv(variable);
+    return value ? value : fallback;
+}
+
+LiveSetup setup_of(const Settings& settings) {
+    LiveSetup setup;
+    setup.bundle = setting("ZORV_DEMO_BUNDLE", "build/demo/bundle");
+    setup.motion_dir = settings.source == "motion"
+                           ? setting("ZORV_DEMO_MOTION", "build/demo/motion")
+                           : setting("ZORV_DEMO_EXPRESSION", "build/demo/expression");
+    // Where the expression engine looks for its speech encoder.
+    setenv("W2V_ONNX", setting("ZORV_DEMO_ENCODER", "build/demo/speech_encoder.onnx").c_str(), 0);
+    setup.threads = settings.threads;
+    setup.eager = settings.eager;
+    setup.steady = settings.steady;
+    return setup;
+}
+
+/// A pitch with harmonics, syllables at 4 Hz and pauses; or a file.
+std::vector<int16_t> sound_of(const Settings& settings, int seconds) {
+    std::vector<int16_t> sound;
+    if (!settings.audio.empty()) {
+        for (const float sample : read_speech(settings.audio, "--audio").samples)
+            sound.push_back(static_cast<int16_t>(sample * 32767));
+        return sound;
+    }
+    for (int i = 0; i < seconds * 16000; ++i) {
+        const double t = i / 16000.0;
+        const double level = std::fmod(t, 3.0) < 2.4 ? std::max(0.0, std::sin(8 * M_PI * t)) : 0;
+        double voice = 0;
+        for (int h = 1; h <= 12; ++h) voice += std::sin(2 * M_PI * 130 * h * t) / h;
+        sound.push_back(static_cast<int16_t>(5000 * level * voice));
+    }
+    return sound;
+}
+
+/// Every third line is interrupted, and after half of those the next one comes at once.
+std::vector<Line> script(const Settings& settings, size_t sound, unsigned seed) {
+    std::mt19937 random(seed);
+    const auto between = [&random](double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(random);
+    };
+    std::vector<Line> lines;
+    for (double at = 0; at < 60 * settings.minutes;) {
+        Line line;
+        const double seconds = between(1, 10);
+        line.samples = std::min(sound, static_cast<size_t>(seconds * 16000));
+        line.begin = static_cast<size_t>(between(0, static_cast<double>(sound - line.samples)));
+        line.pause_s = between(0.2, 3);
+        line.at_once = settings.burst;
+        if (random() % 3 == 0) {
+            line.interrupt_s = between(0.3, seconds);
+            if (random() % 2 == 0) line.pause_s = 0;
+        }
+        at += (line.interrupt_s < 0 ? seconds + 0.5 : line.interrupt_s) + line.pause_s;
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+double cpu_seconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+}
+
+double load_average() {
+    double load = 0;
+    return getloadavg(&load, 1) == 1 ? load : -1;
+}
+
+json spread(const std::vector<double>& values) {
+    if (values.empty()) return nullptr;
+    return {{"count", values.size()},
+            {"p50", quantile(values, 0.5)},
+            {"p99", quantile(values, 0.99)},
+            {"max", quantile(values, 1)}};
+}
+
+json talk(const Settings& settings) {
+    const LiveSetup setup = setup_of(settings);
+    const std::vector<int16_t> sound = sound_of(settings, 60);
+    std::vector<std::unique_ptr<LiveEngine>> engines;
+    for (int i = 0; i < settings.engines; ++i)
+        engines.push_back(std::make_unique<LiveEngine>(setup));
+    const double cpu = cpu_seconds();
+    std::vector<std::future<SessionLog>> sessions;
+    for (int i = 0; i < settings.engines; ++i)
+        sessions.push_back(std::async(std::launch::async, [&, i] {
+            const unsigned seed = settings.seed + static_cast<unsigned>(i);
+            return play(*engines[static_cast<size_t>(i)], sound,
+                        script(settings, sound.size(), seed), nullptr);
+        }));
+    std::vector<double> computing, finished, pulled, interrupts, ready, render, jitter;
+    int64_t due = 0, shown = 0;
+    int late = 0, after_first = 0, at_interrupt = 0, ghosts = 0, frames = 0;
+    uint64_t failures = 0;
+    double longest = 0;
+    std::vector<SessionLog> logs;
+    for (auto& session : sessions) logs.push_back(session.get());
+    const double used = cpu_seconds() - cpu;
+    const size_t pieces = pieces_before_first_frame(setup, sound);
+    for (int i = 0; i < settings.engines; ++i) {
+        const LiveReport report = make_report(engines[static_cast<size_t>(i)]->ready_seconds(),
+                                              logs[static_cast<size_t>(i)], pieces);
+        for (const FirstFrame& first : report.first_frames) {
+            computing.push_back(first.computing());
+            finished.push_back(first.finished);
+            pulled.push_back(first.pulled);
+        }
+        interrupts.insert(interrupts.end(), report.interrupt_ms.begin(), report.interrupt_ms.end());
+        ready.push_back(report.ready_seconds);
+        render.push_back(report.render_ms);
+        jitter.push_back(report.jitter_p99);
+        due += report.due_speech, shown += report.shown_speech;
+        late += report.late, after_first += report.late_after_first_second;
+        at_interrupt += report.late_at_interrupt, ghosts += report.speech_after_interrupt;
+        frames += report.idle + report.speech + report.ramp;
+        failures += report.failures;
+        longest = std::max(longest, report.video_seconds);
+    }
+    return {{"ready_seconds", spread(ready)},
+            {"first_frame_computing_ms", spread(computing)},
+            {"first_frame_finished_ms", spread(finished)},
+            {"first_frame_pulled_ms", spread(pulled)},
+            {"interrupt_to_frame_ms", spread(interrupts)},
+            {"render_ms", spread(render)},
+            {"pull_jitter_p99_ms", spread(jitter)},
+            {"frames", frames},
+            {"late_frames", late},
+            {"late_after_first_second", after_first},
+            {"late_at_interrupt", at_interrupt},
+            {"speech_after_interrupt", ghosts},
+            {"due_speech_frames", due},
+            {"shown_speech_frames", shown},
+            {"failures", failures},
+            {"seconds", longest},
+            {"cpu_per_second", used / longest}};
+}
+
+/// Share of a processor and voluntary context switches per second while `work` runs.
+json usage_during(const std::function<void()>& work) {
+    rusage before{}, after{};
+    const auto start = std::chrono::steady_clock::now();
+    const double cpu = cpu_seconds();
+    getrusage(RUSAGE_SELF, &before);
+    work();
+    getrusage(RUSAGE_SELF, &after);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return {
+        {"seconds", seconds},
+        {"cpu_per_second", (cpu_seconds() - cpu) / seconds},
+        {"wakeups_per_second", static_cast<double>(after.ru_nvcsw - before.ru_nvcsw) / seconds}};
+}
+
+json idle(const Settings& settings) {
+    using namespace std::chrono_literals;
+    const LiveEngine engine(setup_of(settings));
+    std::vector<uint8_t> frame(engine.frame_bytes());
+    const int count = static_cast<int>(settings.minutes * 60 * 25);
+    const auto pull = [&] {
+        auto due = std::chrono::steady_clock::now();
+        for (int i = 0; i < count; ++i) {
+            std::this_thread::sleep_until(due += 40ms);
+            zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr);
+        }
+    };
+    for (int i = 0; i < 300; ++i) {  // every target frame is decoded once
+        while (!zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr))
+            std::this_thread::sleep_for(1ms);
+    }
+    const json with = usage_during(pull);
+    std::this_thread::sleep_for(1s);
+    const json without = usage_during([&] { std::this_thread::sleep_for(count * 40ms); });
+    return {{"pulled_at_25_fps", with}, {"not_pulled", without}};
+}
+
+/// Processor seconds that the source needs for the sound in pieces of 20 ms.
+template <class Family>
+double source_cpu(typename Family::Handle* handle, const std::vector<int16_t>& sound) {
+    FamilyEngine<Family> engine(handle);
+    Family::set_eager(handle, -1);
+    KeypointFrames frames;
+    const double cpu = cpu_seconds();
+    for (size_t at = 0; at + kPieceSamples <= sound.size(); at += kPieceSamples) {
+        float piece[kPieceSamples];
+        for (size_t i = 0; i < kPieceSamples; ++i)
+            piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
+        engine.push(piece, kPieceSamples);
+        while (engine.pull(frames) > 0) {
+        }
+    }
+    return cpu_seconds() - cpu;
+}
+
+/// Processor seconds of one run of a renderer model.
+double render_cpu(const LiveSetup& setup, const char* key) {
+    const std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)> ctx(
+        zorv_create(setup.bundle.c_str(), key, setup.threads, nullptr), zorv_destroy);
+    constexpr int kRuns = 100;
+    for (int i = 0; i < 10; ++i) zorv_render_drive_crop(ctx.get(), i);
+    const double cpu = cpu_seconds();
+    for (int i = 0; i < kRuns; ++i)
+        zorv_render_drive_crop(ctx.get(), i % zorv_drive_frames(ctx.get()));
+    return (cpu_seconds() - cpu) / kRuns;
+}
+
+json cost(const Settings& settings) {
+    const LiveSetup setup = setup_of(settings);
+    const std::vector<int16_t> sound = sound_of(settings, static_cast<int>(60 * settings.minutes));
+    const double seconds = static_cast<double>(sound.size()) / 16000;
+    const char* dir = setup.motion_dir.c_str();
+    const bool motion = settings.source == "motion";
+    const double source =
+        (motion ? source_cpu<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound)
+                : source_cpu<Expression>(zorv_a2x_create(dir, setup.threads), sound)) /
+        seconds;
+    // A frame rendered alone costs about as much as one of a batch.
+    const double render = 25 * render_cpu(setup, "render");
+    const LiveEngine engine(setup);
+    Line line;
+    line.samples = sound.size();
+    const SessionLog log = play(engine, sound, {line}, nullptr);
+    const double all = log.cpu_seconds / (static_cast<double>(log.ticks.size()) / 25);
+    return {{"cpu_per_second", all},
+            {"motion_models_cpu_per_second", source},
+            {"renderer_cpu_per_second", render},
+            {"beyond_models_cpu_per_second", all - source - render}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("The utterance engine over minutes");
+    app.require_subcommand(1);
+    Settings settings;
+    json (*work)(const Settings&) = nullptr;
+    for (const auto& [name, function] :
+         {std::pair{"talk", &talk}, std::pair{"idle", &idle}, std::pair{"cost", &cost}}) {
+        CLI::App* command = app.add_subcommand(name)->callback([&work, f = function] { work = f; });
+        command->add_option("--minutes", settings.minutes)->capture_default_str();
+        command->add_option("--engines", settings.engines)->capture_default_str();
+        command->add_option("--threads", settings.threads)->capture_default_str();
+        command->add_option("--eager", settings.eager)->capture_default_str();
+        command->add_option("--source", settings.source)
+            ->check(CLI::IsMember({"motion", "expression"}));
+        command->add_option("--steady", settings.steady, "Model key of the steady renderer");
+        command->add_option("--audio", settings.audio, "What is said (default: a formula)");
+        command->add_flag("--burst", settings.burst, "Push each line at once");
+        command->add_option("--seed", settings.seed)->capture_default_str();
+    }
+    CLI11_PARSE(app, argc, argv);
+    try {
+        json result = work(settings);
+        result["load_average"] = load_average();
+        fmt::print("{}\n", result.dump(2));
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "utt_bench: {}\n", error.what());
+        return 1;
+    }
+    return 0;
+}
