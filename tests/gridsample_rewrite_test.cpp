@@ -34,18 +34,19 @@ std::size_t counted(void* memory) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, or the compiler takes an allocation and its release for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* memory = std::malloc(size ? size : 1);
     if (!memory) throw std::bad_alloc();
     allocated += counted(memory);
     mostAllocated = std::max(mostAllocated.load(), allocated.load());
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     allocated -= counted(memory);
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     operator delete(memory);
 }
 

@@ -68,31 +68,32 @@ class RuntimeHook {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, or the compiler takes an allocation and its release for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
 }
-void* operator new[](std::size_t size) {
+[[gnu::noinline]] void* operator new[](std::size_t size) {
     return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
 }
-void* operator new(std::size_t size, std::align_val_t alignment) {
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
     return counted(size, static_cast<std::size_t>(alignment), __builtin_return_address(0));
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete[](void* memory) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
     std::free(memory);
 }
-void operator delete[](void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
