@@ -102,6 +102,9 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
     if (options.withRows) {
         writeFile(motionDir.path() + "/xs_target.bin", readFile(bundle.path("xs_target.bin")));
     }
+    for (int frame = 0; !options.withFrames && frame < options.nt; ++frame) {
+        bundle.empty("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
+    }
     script.nt = options.sourceNt;
     zorv_utt_opts opts = {};
     opts.motion_dir = motionDir.path().c_str();

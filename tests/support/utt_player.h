@@ -58,6 +58,7 @@ struct UttPlayerOptions {
     const char* render = "render";
     bool pipelined = false;
     bool withRows = true;
+    bool withFrames = true;  ///< target frames that can be decoded
     double silenceS = -1;
     int sourceNt = 0;
     bool waitUntilReady = true;
