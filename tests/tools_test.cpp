@@ -50,6 +50,23 @@ class RenderCommand : public test::ProgramTest {
             "--threads", "1",           "-o",      output};
     }
 
+    /// Four seconds of speech into target("frames"), which is removed again.
+    void expect_hundred_moving_frames(const std::vector<std::string>& arguments) {
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
+        EXPECT_NE(test::readFile(target("frames/000000.png")),
+                  test::readFile(target("frames/000004.png")));  // the same target frame, moved
+        fs::remove_all(target("frames"));
+    }
+
+    void expect_mistake(const std::vector<std::string>& arguments, const std::string& advice,
+                        int code = 1) {
+        SCOPED_TRACE(advice);
+        expect_advice(run(arguments), code, advice);
+        expect_nothing_written();
+    }
+
     test::TestBundle bundle_;
 };
 
@@ -63,12 +80,8 @@ TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     test::writeFile(path("full/file"), "x");
     ASSERT_EQ(run(command(good, path("frames"))).code, 0);
 
-    const auto mistake = [&](std::vector<std::string> arguments, const std::string& advice,
-                             int code = 1) {
-        SCOPED_TRACE(advice);
-        expect_advice(run(std::move(arguments)), code, advice);
-        expect_nothing_written();
-    };
+    const auto mistake = [&](const std::vector<std::string>& arguments, const std::string& advice,
+                             int code = 1) { expect_mistake(arguments, advice, code); };
     const auto with = [&](size_t place, const std::string& value) {
         auto arguments = command(good, out);
         arguments[place] = value;
@@ -237,18 +250,8 @@ TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {
     for (std::string& word : arguments)
         if (word == test::modelFile("encoder")) word = test::modelFile("a2x_w2v");
     arguments.insert(arguments.end(), {"--engine", "a2x", "--motion-dir", expression.path()});
-    const Outcome outcome = run(arguments);
-    EXPECT_EQ(outcome.code, 0) << outcome.err;
-    EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
-    EXPECT_NE(test::readFile(target("frames/000000.png")),
-              test::readFile(target("frames/000004.png")));  // the same target frame, moved
-    fs::remove_all(target("frames"));
-
-    const auto mistake = [&](const std::string& advice) {
-        SCOPED_TRACE(advice);
-        expect_advice(run(arguments), 1, advice);
-        expect_nothing_written();
-    };
+    expect_hundred_moving_frames(arguments);
+    const auto mistake = [&](const std::string& advice) { expect_mistake(arguments, advice); };
     const test::ExpressionDir brief({.rows = 30});
     arguments.back() = brief.path();
     mistake("rendering stopped after frame 30 of 100: the engine has no more frames");
@@ -271,18 +274,8 @@ TEST_F(RenderCommand, RendersThroughTheMotionEngine) {
     std::vector<std::string> arguments = {
         "render", bundle_.dir(),    "--audio",   audio, "--engine",     "motion",
         "-o",     target("frames"), "--threads", "1",   "--motion-dir", motion.dir()};
-    const Outcome outcome = run(arguments);
-    EXPECT_EQ(outcome.code, 0) << outcome.err;
-    EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
-    EXPECT_NE(test::readFile(target("frames/000000.png")),
-              test::readFile(target("frames/000004.png")));  // the same target frame, moved
-    fs::remove_all(target("frames"));
-
-    const auto mistake = [&](const std::string& advice) {
-        SCOPED_TRACE(advice);
-        expect_advice(run(arguments), 1, advice);
-        expect_nothing_written();
-    };
+    expect_hundred_moving_frames(arguments);
+    const auto mistake = [&](const std::string& advice) { expect_mistake(arguments, advice); };
     motion.useModel("lmdm", "lmdm_short");
     mistake("rendering stopped after frame 0 of 100: zorv_motion_avail: ");
     motion.writeMeta("{}");
