@@ -1,19 +1,16 @@
 #!/usr/bin/python3
-"""Writes the seeds of gridsample_rewrite_fuzz: make_seeds.py DIR.
+"""Writes the seeds of the fuzz targets, a folder per target: make_seeds.py DIR MODELS.
 
-Real models (the demo subject's renderers and those of the tests) with their large constants cut
-short, since the rewrite never looks into them, and every kind of GridSample node.
+MODELS is where tests/models/make_models.py has written the models of the tests.
 """
 import itertools
 import os
 import sys
-import tempfile
 
 from onnx import TensorProto, helper, load
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path[:0] = [os.path.join(ROOT, "demo"), os.path.join(ROOT, "tests", "models")]
-import make_models  # noqa: E402
+sys.path.insert(0, os.path.join(ROOT, "demo"))
 import render_model  # noqa: E402
 
 
@@ -39,19 +36,29 @@ def sampler_nodes():
     return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 16)])
 
 
-def main(directory):
-    os.makedirs(directory, exist_ok=True)
+def gridsample_rewrite(test_models):
+    """Real models (the demo subject's renderers and those of the tests) with their large constants
+    cut short, since the rewrite never looks into them, and every kind of GridSample node."""
     models = {"every_node": sampler_nodes(),
               "demo_standard": render_model.standard_graph(64, 1).model(),
               "demo_synth": render_model.synth_graph(64, 1).model()}
-    with tempfile.TemporaryDirectory() as work:
-        make_models.main(work)
-        for name in ("render", "render_warped", "render_own_operators", "feat_synth", "sampler", "sampler_fast"):
-            models[name] = load(os.path.join(work, name + ".onnx"))
-    for name, model in models.items():
-        with open(os.path.join(directory, name + ".onnx"), "wb") as file:
-            file.write(shortened(model).SerializeToString())
+    for name in ("render", "render_warped", "render_own_operators", "feat_synth", "sampler", "sampler_fast"):
+        models[name] = load(os.path.join(test_models, name + ".onnx"))
+    return {name + ".onnx": shortened(model).SerializeToString() for name, model in models.items()}
+
+
+# Target -> a function of MODELS that returns the seeds: file name -> bytes.
+SEEDS = {"gridsample_rewrite_fuzz": gridsample_rewrite}
+
+
+def main(directory, test_models):
+    for target, seeds in SEEDS.items():
+        folder = os.path.join(directory, target)
+        os.makedirs(folder, exist_ok=True)
+        for name, content in seeds(test_models).items():
+            with open(os.path.join(folder, name), "wb") as file:
+                file.write(content)
 
 
 if __name__ == "__main__":
-    main(sys.argv[1])
+    main(*sys.argv[1:])

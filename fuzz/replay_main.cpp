@@ -1,25 +1,43 @@
-// Feeds the files named on the command line to a fuzz target.
+// Feeds the files of the folders named on the command line to a fuzz target. A folder need not
+// exist, but there must be a file.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fputs("usage: replay FILE...\n", stderr);
-        return 2;
+namespace {
+
+std::vector<std::filesystem::path> filesOf(int folders, char** names) {
+    std::vector<std::filesystem::path> files;
+    for (int i = 0; i < folders; ++i) {
+        if (!std::filesystem::is_directory(names[i])) continue;
+        for (const auto& entry : std::filesystem::directory_iterator(names[i])) {
+            files.push_back(entry.path());
+        }
     }
-    for (int i = 1; i < argc; ++i) {
-        std::ifstream file(argv[i], std::ios::binary);
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto files = filesOf(argc - 1, argv + 1);
+    for (const auto& path : files) {
+        std::ifstream file(path, std::ios::binary);
         if (!file) {
-            std::fprintf(stderr, "cannot open %s\n", argv[i]);
+            std::fprintf(stderr, "cannot open %s\n", path.c_str());
             return 1;
         }
+        std::fprintf(stderr, "%s\n", path.c_str());  // the last one named is the one that failed
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
-    return 0;
+    if (files.empty()) std::fputs("usage: replay FOLDER..., with files in one of them\n", stderr);
+    return files.empty() ? 2 : 0;
 }

@@ -25,20 +25,31 @@ check_format() {
     git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
 }
 
-run_fuzzers() {
-    build fuzz
-    local target name dir seeds
-    for target in build/fuzz/bin/*_fuzz; do
-        name=$(basename "$target")
-        say "fuzzing: $name for $FUZZ_SECONDS s"
-        seeds=() # kept with the sources, written by the build
-        for dir in "fuzz/seeds/$name" "build/fuzz/fuzz/seeds/$name"; do
-            [ ! -d "$dir" ] || seeds+=("$dir")
-        done
-        mkdir -p "build/fuzz/corpus/$name"
-        "$target" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-            "build/fuzz/corpus/$name" "${seeds[@]}" 2>&1 | tail -n 12
+fuzz_one() { # target; a finding lands in build/fuzz/found
+    local name dir seeds=()
+    name=$(basename "$1")
+    for dir in "fuzz/seeds/$name" "build/fuzz/fuzz/seeds/$name"; do # kept; written by the build
+        [ ! -d "$dir" ] || seeds+=("$dir")
     done
+    mkdir -p "build/fuzz/corpus/$name" build/fuzz/found
+    "$1" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+        -artifact_prefix="build/fuzz/found/$name-" "build/fuzz/corpus/$name" "${seeds[@]}" \
+        >"build/fuzz/$name.log" 2>&1
+}
+
+run_fuzzers() { # two at a time
+    local target log failed=0
+    build fuzz
+    say "fuzzing for $FUZZ_SECONDS s per target"
+    export -f fuzz_one
+    export FUZZ_SECONDS
+    printf '%s\0' build/fuzz/bin/*_fuzz | xargs -0 -n 1 -P 2 bash -c 'fuzz_one "$1"' - || failed=1
+    for target in build/fuzz/bin/*_fuzz; do
+        say "$(basename "$target")"
+        log="build/fuzz/$(basename "$target").log"
+        grep -E '^(Done|stat::)' "$log" || tail -n 100 "$log"
+    done
+    return "$failed"
 }
 
 if [ "$ALL" = 1 ]; then
