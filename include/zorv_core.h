@@ -30,12 +30,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#define ZORV_VERSION_MAJOR 0
-#define ZORV_VERSION_MINOR 1
-#define ZORV_VERSION_PATCH 0
+#define ZORV_VERSION_MAJOR 0 /**< Also the number of the soname. */
+#define ZORV_VERSION_MINOR 1 /**< CMake hosts ask for this one. */
+#define ZORV_VERSION_PATCH 0 /**< Same interface, fewer faults. */
 /** The header's version as one number: 10000 x major + 100 x minor + patch. */
 #define ZORV_VERSION (ZORV_VERSION_MAJOR * 10000 + ZORV_VERSION_MINOR * 100 + ZORV_VERSION_PATCH)
 
+/** Marks what the shared library exports. */
 #if defined(_WIN32)
 #define ZORV_API
 #elif defined(__GNUC__)
@@ -68,13 +69,14 @@ ZORV_API int zorv_version(void);
  * A context stays usable after a failed call. A batch stream owns a context of its own.
  * ------------------------------------------------------------------------------------------ */
 
+/** An open bundle with its renderer and compositor. */
 typedef struct zorv_ctx zorv_ctx;
 
 /**
  * Opens a bundle with one face renderer and one compositor.
  *
  * bundle_dir  the subject's directory; file names are appended with "/".
- * model_key   names the renderer model: bundle_dir/model_<model_key>.onnx.
+ * model_key   names the renderer model: `bundle_dir/model_<model_key>.onnx`.
  * threads     threads of the model runtime inside one render; below 1 means 1.
  * ep          execution provider: NULL or "" for the CPU, "xnnpack[:N]", "coreml[:unit]", "neon".
  *
@@ -174,6 +176,7 @@ ZORV_API const uint8_t* zorv_target_frame(zorv_ctx* ctx, int frame);
  *     zorv_fca_destroy(fca);
  * ------------------------------------------------------------------------------------------ */
 
+/** A speech encoder and a delta model. */
 typedef struct zorv_fca zorv_fca;
 
 /**
@@ -232,6 +235,7 @@ ZORV_API const char* zorv_fca_last_error(void);
  * by calls that succeed: it is the text of the thread's last failing call.
  * ------------------------------------------------------------------------------------------ */
 
+/** An expression engine with one stream. */
 typedef struct zorv_a2x zorv_a2x;
 
 /**
@@ -338,6 +342,7 @@ ZORV_API int zorv_a2x_deltas(zorv_a2x* a2x, const float* pcm, int n, float* out,
  *     zorv_stream_destroy(stream);
  * ------------------------------------------------------------------------------------------ */
 
+/** A bundle opened for whole-clip runs. */
 typedef struct zorv_stream zorv_stream;
 
 /**
@@ -409,6 +414,7 @@ ZORV_API const char* zorv_stream_last_error(void);
  * Thread-safety of all functions on a handle: one thread at a time per handle.
  * ------------------------------------------------------------------------------------------ */
 
+/** A motion engine with one stream. */
 typedef struct zorv_motion zorv_motion;
 
 /**
@@ -518,6 +524,7 @@ ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direct
  * While an engine lives, its context must not be rendered by the host or by a second engine.
  * ------------------------------------------------------------------------------------------ */
 
+/** An utterance engine and its threads. */
 typedef struct zorv_utt zorv_utt;
 
 /** How an engine shall behave; a field that is zero takes its default. */
@@ -557,7 +564,9 @@ typedef struct zorv_utt_frame_info {
 
 /** Counted since the engine was created. */
 typedef struct zorv_utt_stats {
+    /** Frames handed to the host, of every kind. */
     uint64_t frames_pulled;
+    /** Those of them that were speech. */
     uint64_t speech_frames_pulled;
     /** Utterances whose first speech frame was finished. */
     uint64_t utterances_started;

@@ -2,7 +2,7 @@
 # Installs what building zorv needs and finds (or fetches) ONNX Runtime.
 #
 #   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
-#   scripts/setup.sh --dev      also what the full test run needs (clang, clang-format)
+#   scripts/setup.sh --dev      also what the full test run needs (clang, clang-format, doxygen)
 #   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
 #
 # ONNXRUNTIME_ROOT=DIR (with include/ and lib/) replaces the fetched one; so does an
@@ -21,7 +21,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
-DEV_PACKAGES=(clang clang-format llvm git)
+DEV_PACKAGES=(clang clang-format llvm git doxygen)
 
 say() { printf '[setup] %s\n' "$*" >&2; }
 die() { printf '[setup] %s\n' "$*" >&2; exit 1; }

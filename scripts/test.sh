@@ -2,8 +2,9 @@
 # Builds zorv and runs its tests.
 #
 #   scripts/test.sh          the release build and every test
-#   scripts/test.sh --all    before that: formatting, the tests under ASan+UBSan, the threaded ones
-#                            under TSan, and a minute of fuzzing per target (what CI runs)
+#   scripts/test.sh --all    before that: formatting, the header's reference, the tests under ASan+UBSan,
+#                            the threaded ones under TSan, and a minute of fuzzing per target
+#                            (what CI runs)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,6 +24,12 @@ build() { # preset
 check_format() {
     say 'formatting'
     git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+}
+
+check_reference() {
+    say 'reference of the public header'
+    mkdir -p build
+    doxygen docs/reference/Doxyfile
 }
 
 fuzz_one() { # target; a finding lands in build/fuzz/found
@@ -55,6 +62,7 @@ run_fuzzers() { # two at a time
 if [ "$ALL" = 1 ]; then
     scripts/setup.sh --dev >/dev/null
     check_format
+    check_reference
     build asan
     say 'tests under ASan+UBSan'
     ctest --preset asan -LE slow -j 2 --output-on-failure
