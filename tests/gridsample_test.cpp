@@ -163,6 +163,9 @@ TEST_P(GridSample, GivesTheFormulasBitsForEveryWidthAndWarp) {
         expectReference({2, 40, 100}, warp, 8);  // several tiles, the last one short
         expectReference({3, 1, 300}, warp, 9);
         expectReference({3, 300, 2}, warp, 10);
+        expectReference({19, 64, 64}, warp, 11);  // scattered points from interleaved channels
+        expectReference({9, 13, 11}, warp, 12);
+        expectReference({9, 65, 64}, warp, 13);  // too large for those
     }
 }
 
@@ -192,7 +195,7 @@ TEST_P(GridSample, EdgesAndPointsOutside) {
 }
 
 TEST_P(GridSample, NotANumberSamplesSomePixel) {
-    const Shape s{3, 6, 50};
+    const Shape s{9, 6, 50};
     const auto x = randomPlanes(s);
     for (const Warp warp : {Warp::kSmooth, Warp::kRandom}) {
         std::vector<float> grid = gridOf(warp, s);

@@ -1,5 +1,6 @@
 // Sixteen points at a time.
 #include "render/gridsample_eight.h"
+#include "render/gridsample_interleaved.h"
 
 #if !defined(__AVX512F__) || !defined(__AVX512DQ__)
 #error "compile this file with the flags of its instruction set"
@@ -13,33 +14,61 @@ namespace {
 struct Sixteen {
     static constexpr int kLanes = 16;
 
-    enum class Fetch { kRow, kRows, kHalves };
-
     struct alignas(64) Whole {
         float across[kLanes];        ///< weight of the right pixels
         float down[kLanes];          ///< weight of the lower ones
         std::uint8_t left[kLanes];   ///< column in the window
         std::uint8_t right[kLanes];  ///< column of the right neighbour
-        std::int64_t origin;         ///< offset of the window in the plane
-        __mmask16 lower;             ///< kRows: lanes whose top row is the second
+        std::int32_t origin;         ///< offset of the window in the plane
+        std::int32_t second;         ///< offset of the second row from the first
+        std::int32_t third;          ///< offset of the third row from the first
+        __mmask16 lower;             ///< lanes whose top row is the second
     };
     struct Group {
         union {
-            Whole whole;
+            Whole points;
             Eight::Group halves[2];
         };
-        Fetch fetch;
+        bool whole;      ///< all points from one window
+        bool threeRows;  ///< between two of three neighbouring rows, not all between the same two
+    };
+
+    /// A block of channels, stored when the next one has been computed: by then that one's loads,
+    /// which mostly lie beside these pixels, need not wait for stores whose addresses look alike.
+    class Stores {
+      public:
+        struct Block {
+            __m512 channel[kChannelBlock];
+        };
+        static void store(float* y, __m512 value) { _mm512_storeu_ps(y, value); }
+        void block(float* y, std::int64_t plane, const Block& values) {
+            flush();
+            y_ = y;
+            plane_ = plane;
+            block_ = values;
+        }
+        void flush() {
+            if (y_ == nullptr) return;
+            for (int c = 0; c < kChannelBlock; ++c) store(y_ + c * plane_, block_.channel[c]);
+            y_ = nullptr;
+        }
+
+      private:
+        Block block_;
+        float* y_ = nullptr;
+        std::int64_t plane_ = 0;
     };
 
     static bool prepare(Group& group, const float* grid, const PlaneShape& shape);
     static void sample(const Group& group, const float* x, float* y, std::int64_t channels,
-                       const PlaneShape& shape);
+                       const PlaneShape& shape, Stores& stores);
 };
 
 /// Where sixteen coordinates fall on an axis: between pixels a and b, `weight` of the way.
 struct WideTaps {
     __m512i a;
     __m512i b;
+    __m512i before;  ///< as in Taps
     __m512 weight;
 };
 
@@ -52,9 +81,10 @@ inline WideTaps wideTapsOf(__m512 g, std::int32_t size) {
     const __m512 clamped =
         _mm512_min_ps(_mm512_maskz_mov_ps(inside, position), _mm512_cvtepi32_ps(last));
     const __m512i a = _mm512_cvttps_epi32(clamped);
-    const __m512i b =
-        _mm512_min_epi32(_mm512_mask_add_epi32(a, inside, a, _mm512_set1_epi32(1)), last);
-    return {a, b, _mm512_sub_ps(clamped, _mm512_cvtepi32_ps(a))};
+    const __m512i one = _mm512_set1_epi32(1);
+    const __m512i after = _mm512_mask_add_epi32(a, inside, a, one);
+    return {a, _mm512_min_epi32(after, last), _mm512_sub_epi32(after, one),
+            _mm512_sub_ps(clamped, _mm512_cvtepi32_ps(a))};
 }
 
 /// Sixteen lanes that fit into bytes.
@@ -98,22 +128,21 @@ inline bool findColumns(Sixteen::Whole& group, const WideTaps& u, std::int32_t w
     }
 }
 
-/// Fits the group into windows of two or three rows and says which, or leaves it to the halves.
-inline Sixteen::Fetch findWindow(Sixteen::Whole& group, const WideTaps& u, const WideTaps& v,
-                                 const PlaneShape& shape) {
-    const std::int32_t top = lesserEnd(v.a);
+/// Fits the points into a window of two or three rows if that is possible.
+inline bool findWindow(Sixteen::Whole& group, const WideTaps& u, const WideTaps& v,
+                       const PlaneShape& shape) {
+    const std::int32_t top = lesserEnd(v.before);
     const __m512i one = _mm512_set1_epi32(1);
-    const __m512i below = _mm512_sub_epi32(v.a, _mm512_set1_epi32(top));
+    const __m512i below = _mm512_sub_epi32(v.before, _mm512_set1_epi32(top));
     std::int32_t column = 0;
-    // At the upper and lower edge the two rows of a point are one: that is for the halves, too.
-    if (_mm512_cmpgt_epu32_mask(below, one) ||
-        _mm512_cmpneq_epi32_mask(_mm512_sub_epi32(v.b, v.a), one) ||
-        !findColumns(group, u, shape.width, &column)) {
-        return Sixteen::Fetch::kHalves;
-    }
-    group.origin = std::int64_t{top} * shape.width + column;
+    if (_mm512_cmpgt_epu32_mask(below, one)) return false;
+    if (!findColumns(group, u, shape.width, &column)) return false;
+    const RowOffsets at(top, shape);
+    group.origin = at.origin + column;
+    group.second = at.second;
+    group.third = at.third;
     group.lower = _mm512_cmpeq_epi32_mask(below, one);
-    return group.lower ? Sixteen::Fetch::kRows : Sixteen::Fetch::kRow;
+    return true;
 }
 
 bool Sixteen::prepare(Group& group, const float* grid, const PlaneShape& shape) {
@@ -124,13 +153,14 @@ bool Sixteen::prepare(Group& group, const float* grid, const PlaneShape& shape) 
     const __m512 high = _mm512_loadu_ps(grid + kLanes);
     const WideTaps u = wideTapsOf(_mm512_permutex2var_ps(low, even, high), shape.width);
     const WideTaps v = wideTapsOf(_mm512_permutex2var_ps(low, odd, high), shape.height);
-    group.fetch = findWindow(group.whole, u, v, shape);
-    if (group.fetch == Fetch::kHalves) {
+    group.whole = findWindow(group.points, u, v, shape);
+    if (!group.whole) {
         const bool close = Eight::prepare(group.halves[0], grid, shape);
         return Eight::prepare(group.halves[1], grid + 2 * Eight::kLanes, shape) && close;
     }
-    _mm512_store_ps(group.whole.across, u.weight);
-    _mm512_store_ps(group.whole.down, v.weight);
+    group.threeRows = group.points.lower != 0;
+    _mm512_store_ps(group.points.across, u.weight);
+    _mm512_store_ps(group.points.down, v.weight);
     return true;
 }
 
@@ -164,36 +194,35 @@ struct Window {
 };
 
 inline void sampleRow(const Sixteen::Whole& group, const float* x, float* y, std::int64_t channels,
-                      const PlaneShape& shape) {
+                      const PlaneShape& shape, Sixteen::Stores& stores) {
     const WholeInRegisters g(group);
-    const std::int64_t width = shape.width;
+    const std::int64_t second = group.second;
     x += group.origin;
     const auto one = [=](std::int64_t plane) {
         const Window top(x + plane);
-        const Window bottom(x + plane + width);
+        const Window bottom(x + plane + second);
         __m512 sum = _mm512_mul_ps(g.w0, top.at(g.left));
         sum = _mm512_fmadd_ps(g.w1, top.at(g.right), sum);
         sum = _mm512_fmadd_ps(g.w2, bottom.at(g.left), sum);
         return _mm512_fmadd_ps(g.w3, bottom.at(g.right), sum);
     };
-    forEachChannel(channels, shape.pixels, one,
-                   [=](std::int64_t plane, __m512 value) { _mm512_storeu_ps(y + plane, value); });
+    forEachChannel(channels, shape.pixels, y, stores, one);
 }
 
 inline void sampleRows(const Sixteen::Whole& group, const float* x, float* y, std::int64_t channels,
-                       const PlaneShape& shape) {
+                       const PlaneShape& shape, Sixteen::Stores& stores) {
     const WholeInRegisters g(group);
     const __mmask16 lower = group.lower;
     const __mmask16 upper = static_cast<__mmask16>(~lower);
     // The middle row is the bottom of the upper lanes and the top of the lower ones.
     const __m512 middleLeft = _mm512_mask_blend_ps(lower, g.w2, g.w0);
     const __m512 middleRight = _mm512_mask_blend_ps(lower, g.w3, g.w1);
-    const std::int64_t width = shape.width;
+    const std::int64_t second = group.second, third = group.third;
     x += group.origin;
     const auto one = [=](std::int64_t plane) {
         const Window top(x + plane);
-        const Window middle(x + plane + width);
-        const Window bottom(x + plane + 2 * width);
+        const Window middle(x + plane + second);
+        const Window bottom(x + plane + third);
         // Each lane adds its corners in the same order as every other path; zeros change nothing.
         __m512 sum = _mm512_mul_ps(g.w0, top.at(upper, g.left));
         sum = _mm512_fmadd_ps(g.w1, top.at(upper, g.right), sum);
@@ -202,21 +231,18 @@ inline void sampleRows(const Sixteen::Whole& group, const float* x, float* y, st
         sum = _mm512_fmadd_ps(g.w2, bottom.at(lower, g.left), sum);
         return _mm512_fmadd_ps(g.w3, bottom.at(lower, g.right), sum);
     };
-    forEachChannel(channels, shape.pixels, one,
-                   [=](std::int64_t plane, __m512 value) { _mm512_storeu_ps(y + plane, value); });
+    forEachChannel(channels, shape.pixels, y, stores, one);
 }
 
 void Sixteen::sample(const Group& group, const float* x, float* y, std::int64_t channels,
-                     const PlaneShape& shape) {
-    switch (group.fetch) {
-        case Fetch::kRow:
-            return sampleRow(group.whole, x, y, channels, shape);
-        case Fetch::kRows:
-            return sampleRows(group.whole, x, y, channels, shape);
-        case Fetch::kHalves:
-            Eight::sample(group.halves[0], x, y, channels, shape);
-            Eight::sample(group.halves[1], x, y + Eight::kLanes, channels, shape);
+                     const PlaneShape& shape, Stores& stores) {
+    if (group.whole) {
+        if (!group.threeRows) return sampleRow(group.points, x, y, channels, shape, stores);
+        return sampleRows(group.points, x, y, channels, shape, stores);
     }
+    Eight::Stores direct;
+    Eight::sample(group.halves[0], x, y, channels, shape, direct);
+    Eight::sample(group.halves[1], x, y + Eight::kLanes, channels, shape, direct);
 }
 
 }  // namespace
@@ -224,8 +250,8 @@ void Sixteen::sample(const Group& group, const float* x, float* y, std::int64_t 
 void gs_avx512(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
                std::int64_t W) {
     if (W < kWindow || !takesShape<Sixteen>(H, W)) return gs_avx2(x, grid, y, C, H, W);
-    sampleByTiles<Sixteen>(x, grid, y, C,
-                           {static_cast<std::int32_t>(H), static_cast<std::int32_t>(W), H * W});
+    sampleByGrid<Sixteen>(x, grid, y, C,
+                          {static_cast<std::int32_t>(H), static_cast<std::int32_t>(W), H * W});
 }
 
 }  // namespace zorv

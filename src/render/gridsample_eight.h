@@ -2,6 +2,8 @@
 // one instruction set.
 #pragma once
 
+#include <algorithm>
+
 #include "render/gridsample_tiles.h"
 
 #if !defined(__AVX2__) || !defined(__FMA__)
@@ -11,23 +13,18 @@
 namespace zorv {
 namespace {
 
-/// How a group's corners are fetched.
-enum class Fetch : std::int32_t {
-    kRow,   ///< all points lie between the same two rows: windows of eight columns in each
-    kRows,  ///< between two of three neighbouring rows
-    kPairs  ///< anywhere: two pixels per load
-};
-
 struct Eight {
     static constexpr int kLanes = 8;
 
-    /// Eight columns of the plane that hold all left ones, and eight for the right ones.
+    /// Columns of the plane that hold all left pixels, and all right ones.
     struct Windows {
-        std::int64_t leftOrigin;    ///< offset of the window in the plane
-        std::int64_t rightOrigin;   ///< offset of the other one
+        std::int32_t leftOrigin;    ///< offset of the window in the plane
+        std::int32_t rightOrigin;   ///< offset of the other one; the same in a wide group
+        std::int32_t second;        ///< offset of the second row from the first
+        std::int32_t third;         ///< offset of the third row from the first
         std::int8_t left[kLanes];   ///< place in the window
         std::int8_t right[kLanes];  ///< place in the other one
-        std::int8_t lower[kLanes];  ///< kRows: -1 where the top row is the second
+        std::int8_t lower[kLanes];  ///< -1 where the top row is the second
     };
     /// Two neighbouring pixels in each of two rows.
     struct Places {
@@ -42,14 +39,30 @@ struct Eight {
         float down[kLanes];    ///< weight of the lower ones
         union {
             Windows windows;
-            Places places;  ///< kPairs
+            Places places;
         };
-        Fetch fetch;
+        // How the corners are fetched. Flags instead of one number: that becomes an indirect jump,
+        // which costs a third of the whole.
+        bool close;      ///< from windows; otherwise pixel pair by pixel pair
+        bool wide;       ///< one window of sixteen columns, not one of eight per side
+        bool threeRows;  ///< between two of three neighbouring rows, not all between the same two
+    };
+
+    /// A block of channels, stored at once.
+    struct Stores {
+        struct Block {
+            __m256 channel[kChannelBlock];
+        };
+        static void store(float* y, __m256 value) { _mm256_storeu_ps(y, value); }
+        static void block(float* y, std::int64_t plane, const Block& values) {
+            for (int c = 0; c < kChannelBlock; ++c) store(y + c * plane, values.channel[c]);
+        }
+        static void flush() {}
     };
 
     static bool prepare(Group& group, const float* grid, const PlaneShape& shape);
     static void sample(const Group& group, const float* x, float* y, std::int64_t channels,
-                       const PlaneShape& shape);
+                       const PlaneShape& shape, Stores& stores);
 };
 
 /// Eight lanes that fit into signed bytes.
@@ -75,6 +88,8 @@ inline bool anyBit(__m256i v) {
 struct Taps {
     __m256i a;
     __m256i b;
+    __m256i before;  ///< a, or -1 before the first pixel: the pair is then `before` and `before` +
+                     ///< 1, each moved onto the axis
     __m256 weight;
 };
 
@@ -87,8 +102,9 @@ inline Taps tapsOf(__m256 g, std::int32_t size) {
     const __m256 clamped = _mm256_min_ps(_mm256_and_ps(inside, position), _mm256_cvtepi32_ps(last));
     const __m256i a = _mm256_cvttps_epi32(clamped);
     // The mask is -1: subtracting it adds 1.
-    const __m256i b = _mm256_min_epi32(_mm256_sub_epi32(a, _mm256_castps_si256(inside)), last);
-    return {a, b, _mm256_sub_ps(clamped, _mm256_cvtepi32_ps(a))};
+    const __m256i after = _mm256_sub_epi32(a, _mm256_castps_si256(inside));
+    return {a, _mm256_min_epi32(after, last), _mm256_sub_epi32(after, _mm256_set1_epi32(1)),
+            _mm256_sub_ps(clamped, _mm256_cvtepi32_ps(a))};
 }
 
 inline std::int32_t lesserEnd(__m256i v) {
@@ -96,31 +112,74 @@ inline std::int32_t lesserEnd(__m256i v) {
     return a < b ? a : b;
 }
 
-/// The eight columns from `*origin` on hold all of `columns`, which become places among them.
-inline bool findColumns(__m256i& columns, std::int32_t width, std::int32_t* origin) {
-    const std::int32_t begin = lesserEnd(columns);
-    const std::int32_t latest = width - Eight::kLanes;
-    if (latest < 0) return false;
-    *origin = begin < latest ? begin : latest;
-    columns = _mm256_sub_epi32(columns, _mm256_set1_epi32(*origin));
-    return !anyBit(_mm256_andnot_si256(_mm256_set1_epi32(7), columns));
+/// The first of `kColumns` columns that begin at the lesser end of `columns` if that fits.
+template <std::int32_t kColumns>
+inline std::int32_t windowOrigin(__m256i columns, std::int32_t width) {
+    return std::min(lesserEnd(columns), width - kColumns);
 }
 
-inline bool findWindows(Eight::Group& group, Taps u, const Taps& v, const PlaneShape& shape) {
-    const std::int32_t top = lesserEnd(v.a);
+/// Whether all columns lie in the window of `kColumns` that begins at `origin`; they become places
+/// in it.
+template <std::int32_t kColumns>
+inline bool placesInWindow(__m256i& columns, std::int32_t origin) {
+    columns = _mm256_sub_epi32(columns, _mm256_set1_epi32(origin));
+    return origin >= 0 && !anyBit(_mm256_andnot_si256(_mm256_set1_epi32(kColumns - 1), columns));
+}
+
+/// Finds the columns: says whether one wide window is needed, or that even that does not do.
+enum class Columns { kNarrow, kWide, kApart };
+
+inline Columns findColumns(Eight::Windows& windows, const Taps& u, std::int32_t width) {
+    __m256i left = u.a, right = u.b;
+    windows.leftOrigin = windowOrigin<8>(left, width);
+    windows.rightOrigin = windowOrigin<8>(right, width);
+    Columns found = Columns::kNarrow;
+    if (!placesInWindow<8>(left, windows.leftOrigin) ||
+        !placesInWindow<8>(right, windows.rightOrigin)) {
+        left = u.a, right = u.b;
+        windows.leftOrigin = windows.rightOrigin = windowOrigin<16>(left, width);
+        if (!placesInWindow<16>(left, windows.leftOrigin) ||
+            !placesInWindow<16>(right, windows.leftOrigin)) {
+            return Columns::kApart;
+        }
+        found = Columns::kWide;
+    }
+    storeBytes(windows.left, left);
+    storeBytes(windows.right, right);
+    return found;
+}
+
+/// The three rows from `first` on, which may begin before the plane or end behind it: the edge
+/// rows then stand for those that are missing.
+struct RowOffsets {
+    RowOffsets(std::int32_t first, const PlaneShape& shape)
+        : origin(rowAt(first, shape) * shape.width),
+          second(rowAt(first + 1, shape) * shape.width - origin),
+          third(rowAt(first + 2, shape) * shape.width - origin) {}
+    std::int32_t origin, second, third;
+
+  private:
+    static std::int32_t rowAt(std::int32_t row, const PlaneShape& shape) {
+        return std::clamp(row, 0, shape.height - 1);
+    }
+};
+
+inline bool findWindows(Eight::Group& group, const Taps& u, const Taps& v,
+                        const PlaneShape& shape) {
+    const std::int32_t top = lesserEnd(v.before);
     const __m256i one = _mm256_set1_epi32(1);
-    const __m256i below = _mm256_sub_epi32(v.a, _mm256_set1_epi32(top));
-    const __m256i rowsApart = _mm256_xor_si256(_mm256_sub_epi32(v.b, v.a), one);
-    if (anyBit(_mm256_or_si256(rowsApart, _mm256_andnot_si256(one, below)))) return false;
-    std::int32_t left = 0, right = 0;
-    if (!findColumns(u.a, shape.width, &left)) return false;
-    if (!findColumns(u.b, shape.width, &right)) return false;
-    storeBytes(group.windows.left, u.a);
-    storeBytes(group.windows.right, u.b);
+    const __m256i below = _mm256_sub_epi32(v.before, _mm256_set1_epi32(top));
+    if (anyBit(_mm256_andnot_si256(one, below))) return false;
+    const Columns columns = findColumns(group.windows, u, shape.width);
+    if (columns == Columns::kApart) return false;
     storeBytes(group.windows.lower, _mm256_cmpeq_epi32(below, one));
-    group.fetch = anyBit(below) ? Fetch::kRows : Fetch::kRow;
-    group.windows.leftOrigin = std::int64_t{top} * shape.width + left;
-    group.windows.rightOrigin = std::int64_t{top} * shape.width + right;
+    group.wide = columns == Columns::kWide;
+    group.threeRows = anyBit(below);
+    const RowOffsets at(top, shape);
+    group.windows.leftOrigin += at.origin;
+    group.windows.rightOrigin += at.origin;
+    group.windows.second = at.second;
+    group.windows.third = at.third;
     return true;
 }
 
@@ -131,7 +190,6 @@ inline void findPairs(Eight::Group& group, const Taps& u, const Taps& v, const P
     storeInts(group.places.bottom, _mm256_add_epi32(_mm256_mullo_epi32(v.b, width), column));
     storeBytes(group.places.firstTwice, _mm256_cmpeq_epi32(u.b, column));
     storeBytes(group.places.secondTwice, _mm256_cmpgt_epi32(u.a, column));
-    group.fetch = Fetch::kPairs;
 }
 
 /// Splits (x, y) pairs; shuffles stay within halves.
@@ -151,17 +209,17 @@ bool Eight::prepare(Group& group, const float* grid, const PlaneShape& shape) {
     const Taps v = tapsOf(gy, shape.height);
     _mm256_store_ps(group.across, u.weight);
     _mm256_store_ps(group.down, v.weight);
-    if (findWindows(group, u, v, shape)) return true;
-    findPairs(group, u, v, shape);
-    return false;
+    group.close = findWindows(group, u, v, shape);
+    if (!group.close) findPairs(group, u, v, shape);
+    return group.close;
 }
 
-/// A group's weights in registers; `sum` adds the corners up in the formula's order.
+/// Eight points' weights in registers; `sum` adds the corners up in the formula's order.
 struct Weights {
-    explicit Weights(const Eight::Group& group) {
+    explicit Weights(const Eight::Group& group)
+        : Weights(_mm256_load_ps(group.across), _mm256_load_ps(group.down)) {}
+    Weights(__m256 across, __m256 down) {
         const __m256 one = _mm256_set1_ps(1.0f);
-        const __m256 across = _mm256_load_ps(group.across);
-        const __m256 down = _mm256_load_ps(group.down);
         const __m256 left = _mm256_sub_ps(one, across);
         const __m256 top = _mm256_sub_ps(one, down);
         w0 = _mm256_mul_ps(left, top);
@@ -180,43 +238,82 @@ inline __m256 pick(const float* window, __m256i columns) {
     return _mm256_permutevar8x32_ps(_mm256_loadu_ps(window), columns);
 }
 
+/// A row's left and right pixels of a group.
+struct Corners {
+    __m256 left, right;
+};
+
+/// Fetches them from a window of eight columns each.
+class NarrowWindows {
+  public:
+    NarrowWindows(const Eight::Windows& windows, const float* x)
+        : left_(loadBytes(windows.left)),
+          right_(loadBytes(windows.right)),
+          l_(x + windows.leftOrigin),
+          r_(x + windows.rightOrigin) {}
+    Corners at(std::int64_t offset) const {
+        return {pick(l_ + offset, left_), pick(r_ + offset, right_)};
+    }
+
+  private:
+    __m256i left_, right_;
+    const float *l_, *r_;
+};
+
+/// Fetches them from one window of sixteen columns.
+class WideWindow {
+  public:
+    WideWindow(const Eight::Windows& windows, const float* x)
+        : left_(loadBytes(windows.left)),
+          right_(loadBytes(windows.right)),
+          x_(x + windows.leftOrigin) {}
+    Corners at(std::int64_t offset) const {
+        const __m256 low = _mm256_loadu_ps(x_ + offset);
+        const __m256 high = _mm256_loadu_ps(x_ + offset + 8);
+        return {pick(low, high, left_), pick(low, high, right_)};
+    }
+
+  private:
+    static __m256 pick(__m256 low, __m256 high, __m256i columns) {
+        // A permutation looks at the low three bits; bit 3 becomes the sign that a blend looks at.
+        return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, columns),
+                                _mm256_permutevar8x32_ps(high, columns),
+                                _mm256_castsi256_ps(_mm256_slli_epi32(columns, 28)));
+    }
+    __m256i left_, right_;
+    const float* x_;
+};
+
+template <class Columns>
 inline void sampleRow(const Eight::Group& group, const float* x, float* y, std::int64_t channels,
-                      const PlaneShape& shape) {
+                      const PlaneShape& shape, Eight::Stores& stores) {
     const Weights weights(group);
-    const __m256i left = loadBytes(group.windows.left);
-    const __m256i right = loadBytes(group.windows.right);
-    const float* l = x + group.windows.leftOrigin;
-    const float* r = x + group.windows.rightOrigin;
-    const std::int64_t width = shape.width;
+    const Columns columns(group.windows, x);
+    const std::int64_t second = group.windows.second;
     const auto one = [=](std::int64_t plane) {
-        const std::int64_t below = plane + width;
-        return weights.sum(pick(l + plane, left), pick(r + plane, right), pick(l + below, left),
-                           pick(r + below, right));
+        const Corners top = columns.at(plane), bottom = columns.at(plane + second);
+        return weights.sum(top.left, top.right, bottom.left, bottom.right);
     };
-    forEachChannel(channels, shape.pixels, one,
-                   [=](std::int64_t plane, __m256 value) { _mm256_storeu_ps(y + plane, value); });
+    forEachChannel(channels, shape.pixels, y, stores, one);
 }
 
+template <class Columns>
 inline void sampleRows(const Eight::Group& group, const float* x, float* y, std::int64_t channels,
-                       const PlaneShape& shape) {
+                       const PlaneShape& shape, Eight::Stores& stores) {
     const Weights weights(group);
-    const __m256i left = loadBytes(group.windows.left);
-    const __m256i right = loadBytes(group.windows.right);
+    const Columns columns(group.windows, x);
     const __m256 lower = loadMask(group.windows.lower);
-    const float* l = x + group.windows.leftOrigin;
-    const float* r = x + group.windows.rightOrigin;
-    const std::int64_t width = shape.width;
+    const std::int64_t second = group.windows.second, third = group.windows.third;
     const auto one = [=](std::int64_t plane) {
-        const std::int64_t second = plane + width, third = second + width;
-        const __m256 middleLeft = pick(l + second, left);
-        const __m256 middleRight = pick(r + second, right);
-        return weights.sum(_mm256_blendv_ps(pick(l + plane, left), middleLeft, lower),
-                           _mm256_blendv_ps(pick(r + plane, right), middleRight, lower),
-                           _mm256_blendv_ps(middleLeft, pick(l + third, left), lower),
-                           _mm256_blendv_ps(middleRight, pick(r + third, right), lower));
+        const Corners top = columns.at(plane);
+        const Corners middle = columns.at(plane + second);
+        const Corners bottom = columns.at(plane + third);
+        return weights.sum(_mm256_blendv_ps(top.left, middle.left, lower),
+                           _mm256_blendv_ps(top.right, middle.right, lower),
+                           _mm256_blendv_ps(middle.left, bottom.left, lower),
+                           _mm256_blendv_ps(middle.right, bottom.right, lower));
     };
-    forEachChannel(channels, shape.pixels, one,
-                   [=](std::int64_t plane, __m256 value) { _mm256_storeu_ps(y + plane, value); });
+    forEachChannel(channels, shape.pixels, y, stores, one);
 }
 
 /// first[k][i] = x[k * plane + offsets[i]] and second[k][i] the pixel after it, for eight i. Two
@@ -274,15 +371,14 @@ inline void samplePairs(const Eight::Group& group, const float* x, float* y, std
 }
 
 void Eight::sample(const Group& group, const float* x, float* y, std::int64_t channels,
-                   const PlaneShape& shape) {
-    switch (group.fetch) {
-        case Fetch::kRow:
-            return sampleRow(group, x, y, channels, shape);
-        case Fetch::kRows:
-            return sampleRows(group, x, y, channels, shape);
-        case Fetch::kPairs:
-            return samplePairs(group, x, y, channels, shape);
+                   const PlaneShape& shape, Stores& stores) {
+    if (!group.close) return samplePairs(group, x, y, channels, shape);
+    if (!group.wide) {
+        if (!group.threeRows) return sampleRow<NarrowWindows>(group, x, y, channels, shape, stores);
+        return sampleRows<NarrowWindows>(group, x, y, channels, shape, stores);
     }
+    if (!group.threeRows) return sampleRow<WideWindow>(group, x, y, channels, shape, stores);
+    return sampleRows<WideWindow>(group, x, y, channels, shape, stores);
 }
 
 }  // namespace

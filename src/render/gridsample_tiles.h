@@ -28,30 +28,28 @@ struct PlaneShape {
 constexpr std::int64_t kChannelBlock = 4;
 
 /// Samples a group's channels with `one` (offset of the channel's plane -> vector) and stores them
-/// with `store`. A full block is stored at its end: planes often lie a multiple of 4 KiB apart,
+/// at `y`. A full block goes to `stores` at its end: planes often lie a multiple of 4 KiB apart,
 /// and a load waits for a store before it whose address has the same low 12 bits.
-template <class One, class Store>
+template <class Stores, class One>
 inline __attribute__((always_inline)) void forEachChannel(std::int64_t channels, std::int64_t plane,
-                                                          const One& one, const Store& store) {
+                                                          float* y, Stores& stores,
+                                                          const One& one) {
     if (channels == kChannelBlock) {
-        const auto a = one(0), b = one(plane), c = one(2 * plane), d = one(3 * plane);
-        store(0, a);
-        store(plane, b);
-        store(2 * plane, c);
-        store(3 * plane, d);
+        stores.block(y, plane, {{one(0), one(plane), one(2 * plane), one(3 * plane)}});
         return;
     }
-    for (std::int64_t c = 0; c < channels; ++c) store(c * plane, one(c * plane));
+    for (std::int64_t c = 0; c < channels; ++c) Stores::store(y + c * plane, one(c * plane));
 }
 
 /// Pixels of a tile, whose places and weights lie on the stack: enough that scattered points find
 /// a plane that was fetched for their tile, few enough for the nearest caches.
 constexpr int kTilePixels = 1024;
 
-/// Sampler has kLanes, Group, and
+/// Sampler has kLanes, Group, Stores (writes full blocks, all of them by flush()), and
 ///   bool prepare(Group&, const float* grid, const PlaneShape&): takes kLanes points; says whether
 ///       they lie close together;
-///   void sample(const Group&, const float* x, float* y, std::int64_t channels, const PlaneShape&).
+///   void sample(const Group&, const float* x, float* y, std::int64_t channels, const PlaneShape&,
+///               Stores&).
 template <class Sampler>
 class Tile {
   public:
@@ -74,9 +72,12 @@ class Tile {
         for (std::int64_t c = 0; c < C; c += channelBlock_) {
             const std::int64_t channels = C - c < channelBlock_ ? C - c : channelBlock_;
             const std::int64_t plane = c * shape.pixels;
+            typename Sampler::Stores stores;
             for (int i = 0; i < count_; ++i) {
-                Sampler::sample(groups_[i], x + plane, y + plane + starts_[i], channels, shape);
+                Sampler::sample(groups_[i], x + plane, y + plane + starts_[i], channels, shape,
+                                stores);
             }
+            stores.flush();
         }
     }
 
