@@ -4,7 +4,6 @@
 //   head beside it (speech_encoder.onnx, speech_trunk.onnx, speech_head.onnx)
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,11 +15,13 @@
 #include <vector>
 
 #include "a2x/zorv_a2x.h"
+#include "stopwatch.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace zorv::a2x;
+using zorv::bench::median;
 
 fs::path expressionDir() {
     const char* path = std::getenv("ZORV_DEMO_EXPRESSION");
@@ -78,20 +79,7 @@ std::vector<float> clip(double seconds) {
 /// Processor time of the calling thread, on which models with one thread run: other work on the
 /// machine counts little.
 double milliseconds(auto&& work) {
-    const auto now = [] {
-        timespec time{};
-        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
-    };
-    const double start = now();
-    work();
-    return now() - start;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return 1e3 * zorv::bench::cpuSeconds(work);
 }
 
 /// The models alone, on the same shapes, with every tensor made beforehand.

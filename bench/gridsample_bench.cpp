@@ -7,7 +7,6 @@
 // With one thread the calling thread's processor time counts, with two the wall time.
 // Arguments: channels, height, width, grid (see Grid), threads of the node's session.
 #include <benchmark/benchmark.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cmath>
@@ -22,6 +21,7 @@
 #include "one_node_model.h"
 #include "render/gridsample_fast.h"
 #include "render/gridsample_rewrite.h"
+#include "stopwatch.h"
 
 namespace {
 
@@ -81,13 +81,6 @@ zorv::BoundSession openSession(const Ort::Env& env, Tensors& t, int threads, boo
     return bound;
 }
 
-/// Wall time, or the calling thread's processor time: that does not count others' turns.
-double microseconds(clockid_t clock) {
-    timespec now{};
-    ::clock_gettime(clock, &now);
-    return 1e6 * static_cast<double>(now.tv_sec) + 1e-3 * static_cast<double>(now.tv_nsec);
-}
-
 /// One thing to time, and its times in microseconds.
 struct Contender {
     std::string name;
@@ -96,15 +89,11 @@ struct Contender {
     std::vector<double> times = {};
 
     void turn(clockid_t clock) {
-        const double start = microseconds(clock);
-        for (int i = 0; i < runs; ++i) work();
-        times.push_back((microseconds(clock) - start) / runs);
+        times.push_back(1e6 / runs * zorv::bench::seconds(clock, [&] {
+                            for (int i = 0; i < runs; ++i) work();
+                        }));
     }
-    double median() {
-        const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-        std::nth_element(times.begin(), middle, times.end());
-        return *middle;
-    }
+    double median() const { return zorv::bench::median(times); }
 };
 
 void againstNode(benchmark::State& state) {

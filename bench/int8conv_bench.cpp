@@ -4,7 +4,6 @@
 // Rows of one thread count processor time and need ZORV_INT8_THREADS=1, those of two count time.
 //   int8conv_bench, with ZORV_DEMO_BUNDLE naming the bundle (default: build/demo/bundle)
 #include <benchmark/benchmark.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -19,26 +18,12 @@
 #include "render/custom_operators.h"
 #include "render/int8conv_vnni.h"
 #include "render/zorv_renderer.h"
+#include "stopwatch.h"
 
 namespace {
 
-double now(clockid_t clock) {
-    timespec at{};
-    ::clock_gettime(clock, &at);
-    return static_cast<double>(at.tv_sec) + 1e-9 * static_cast<double>(at.tv_nsec);
-}
-
-double seconds(clockid_t clock, auto&& work) {
-    const double start = now(clock);
-    work();
-    return now(clock) - start;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
+using zorv::bench::median;
+using zorv::bench::seconds;
 
 #define DOT_PRODUCTS(one)                                                                  \
     "1:\n" one(2) one(3) one(4) one(5) one(6) one(7) one(8) one(9) one(10) one(11) one(12) \

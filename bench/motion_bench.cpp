@@ -13,11 +13,9 @@
 #include <zorv_core.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -27,39 +25,18 @@
 #include "common/ort.h"
 #include "motion/motion_spectrum.h"
 #include "motion_rival.h"
+#include "stopwatch.h"
 
 extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using zorv::bench::cpuSeconds;
+using zorv::bench::median;
+using zorv::bench::wallSeconds;
 using MotionPtr = std::unique_ptr<zorv_motion, decltype(&zorv_motion_destroy)>;
 
 constexpr int kSecond = 16000;
-
-double seconds(auto&& work) {
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-/// Processor time of the calling thread, which other load on the machine disturbs less.
-double cpuSeconds(auto&& work) {
-    const auto now = [] {
-        timespec t{};
-        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-        return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-    };
-    const double start = now();
-    work();
-    return now() - start;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 std::string motionDir() {
     const char* path = std::getenv("ZORV_DEMO_MOTION");
@@ -312,7 +289,7 @@ double inProcesses() {
     for (std::size_t i = 0; i < children.size(); ++i) {
         good = ::read(ready[0], &byte, 1) == 1 && byte == 'r' && good;
     }
-    const double elapsed = seconds([&] {
+    const double elapsed = wallSeconds([&] {
         ::close(start[1]);
         for (const pid_t child : children) {
             int status = 0;
@@ -329,7 +306,7 @@ double inThreads(zorv_motion* one, zorv_motion* other, const std::vector<float>&
     };
     zorv_motion_reset(one, 0, 1, 0);
     zorv_motion_reset(other, 0, 1, 0);
-    return seconds([&] {
+    return wallSeconds([&] {
         std::thread second(work, other);
         work(one);
         second.join();
@@ -379,7 +356,7 @@ void oneHour(benchmark::State& state) {
         std::ofstream("/proc/self/clear_refs") << 5;  // the peak starts again here
         const double before = statusMib("VmRSS:");
         int frames = 0;
-        const double elapsed = seconds(
+        const double elapsed = wallSeconds(
             [&] { frames = stream(motion.get(), audio, std::int64_t{3600} * kSecond, 320); });
         state.counters["frames"] = frames;
         state.counters["above_models_mib"] = statusMib("VmHWM:") - before;

@@ -3,7 +3,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -11,8 +10,11 @@
 #include "bundle/zorv_bundle.h"
 #include "common/ort.h"
 #include "render/zorv_renderer.h"
+#include "stopwatch.h"
 
 namespace {
+
+using zorv::bench::median;
 
 std::string bundleDir() {
     const char* path = std::getenv("ZORV_DEMO_BUNDLE");
@@ -58,16 +60,7 @@ class BareModel {
 };
 
 double milliseconds(auto&& work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-        .count();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return 1e3 * zorv::bench::wallSeconds(work);
 }
 
 /// Bare runs and renders by turns, so that whatever else the machine does meets both alike.

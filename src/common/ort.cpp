@@ -33,6 +33,18 @@ Ort::SessionOptions makeSessionOptions(int intraOpThreads) {
     return options;
 }
 
+std::unordered_map<std::string, std::string> coreMlOptions(const std::string& ep,
+                                                           const std::string& cacheDir) {
+    constexpr std::size_t kPrefix = 7;  // "coreml:"
+    const std::string unit = ep.size() > kPrefix ? ep.substr(kPrefix) : "all";
+    const char* units = unit == "cpu"   ? "CPUOnly"
+                        : unit == "gpu" ? "CPUAndGPU"
+                        : unit == "ane" ? "CPUAndNeuralEngine"
+                                        : "ALL";
+    return {
+        {"ModelFormat", "MLProgram"}, {"MLComputeUnits", units}, {"ModelCacheDirectory", cacheDir}};
+}
+
 std::size_t elementCount(const std::vector<std::int64_t>& shape) {
     std::size_t count = 1;
     for (const std::int64_t dimension : shape) count *= static_cast<std::size_t>(dimension);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace zorv {
@@ -16,6 +17,11 @@ Ort::Env makeOrtEnv(const char* logId);
 
 /// Options with `intraOpThreads` as given, one inter-op thread and all graph optimisations.
 Ort::SessionOptions makeSessionOptions(int intraOpThreads);
+
+/// Options of the CoreML provider for "coreml[:cpu|gpu|ane]" (any other unit: all of them);
+/// compiled models go to `cacheDir`.
+std::unordered_map<std::string, std::string> coreMlOptions(const std::string& ep,
+                                                           const std::string& cacheDir);
 
 /// The product of the dimensions.
 std::size_t elementCount(const std::vector<std::int64_t>& shape);

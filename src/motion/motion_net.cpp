@@ -3,19 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
-#include <unordered_map>
 
 namespace zorv::motion {
 namespace {
-
-std::string computeUnits(const std::string& ep) {
-    constexpr std::size_t kPrefix = 7;  // "coreml:"
-    const std::string unit = ep.size() > kPrefix ? ep.substr(kPrefix) : "all";
-    if (unit == "cpu") return "CPUOnly";
-    if (unit == "gpu") return "CPUAndGPU";
-    if (unit == "ane") return "CPUAndNeuralEngine";
-    return "ALL";
-}
 
 void appendProvider(Ort::SessionOptions& options, const std::string& ep,
                     const std::string& cacheDir) {
@@ -23,9 +13,7 @@ void appendProvider(Ort::SessionOptions& options, const std::string& ep,
     if (!ep.starts_with("coreml")) {
         throw std::runtime_error("zorv_motion: unknown ep '" + ep + "'");
     }
-    options.AppendExecutionProvider("CoreML", {{"ModelFormat", "MLProgram"},
-                                               {"MLComputeUnits", computeUnits(ep)},
-                                               {"ModelCacheDirectory", cacheDir}});
+    options.AppendExecutionProvider("CoreML", coreMlOptions(ep, cacheDir));
 }
 
 bool spinningAllowed() {

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "common/ort.h"
+
 namespace zorv {
 namespace {
 
@@ -13,15 +15,6 @@ int xnnpackThreads(const std::string& ep, int threads) {
     long n = threads;
     if (ep.size() > kPrefix) n = std::strtol(ep.c_str() + kPrefix, nullptr, 10);
     return n < 1 ? 4 : static_cast<int>(std::min<long>(n, INT_MAX));
-}
-
-std::string coreMlUnits(const std::string& ep) {
-    constexpr std::size_t kPrefix = 7;  // "coreml:"
-    const std::string unit = ep.size() > kPrefix ? ep.substr(kPrefix) : "all";
-    if (unit == "cpu") return "CPUOnly";
-    if (unit == "gpu") return "CPUAndGPU";
-    if (unit == "ane") return "CPUAndNeuralEngine";
-    return "ALL";
 }
 
 }  // namespace
@@ -33,10 +26,7 @@ ExecutionProvider parseExecutionProvider(const std::string& ep, int threads,
         return {"XNNPACK", {{"intra_op_num_threads", std::to_string(xnnpackThreads(ep, threads))}}};
     }
     if (ep.starts_with("coreml")) {
-        return {"CoreML",
-                {{"ModelFormat", "MLProgram"},
-                 {"MLComputeUnits", coreMlUnits(ep)},
-                 {"ModelCacheDirectory", bundleDir + "/.coreml_cache"}}};
+        return {"CoreML", coreMlOptions(ep, bundleDir + "/.coreml_cache")};
     }
     throw std::runtime_error("Renderer: unknown ep '" + ep + "'");
 }

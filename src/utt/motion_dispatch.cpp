@@ -1,9 +1,10 @@
 #include "utt/motion_dispatch.h"
-#include "telemetry/telemetry.h"
 
 #include <algorithm>
 #include <exception>
 #include <utility>
+
+#include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
