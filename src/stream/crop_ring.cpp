@@ -7,39 +7,39 @@ CropRing::CropRing(std::size_t cropFloats) {
 }
 
 float* CropRing::acquire() {
-    std::unique_lock lock(mutex_);
-    producerWake_.wait(lock, [&] { return produced_ - consumed_ < kSlots || cancelled_; });
+    const MutexLock lock(mutex_);
+    while (produced_ - consumed_ >= kSlots && !cancelled_) producerWake_.wait(mutex_);
     return cancelled_ ? nullptr : slot(produced_);
 }
 
 void CropRing::publish() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++produced_;
-    consumerWake_.notify_one();
+    consumerWake_.notifyAll();
 }
 
 void CropRing::finish() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     done_ = true;
-    consumerWake_.notify_one();
+    consumerWake_.notifyAll();
 }
 
 const float* CropRing::front() {
-    std::unique_lock lock(mutex_);
-    consumerWake_.wait(lock, [&] { return produced_ > consumed_ || done_; });
+    const MutexLock lock(mutex_);
+    while (produced_ == consumed_ && !done_) consumerWake_.wait(mutex_);
     return produced_ > consumed_ ? slot(consumed_) : nullptr;
 }
 
 void CropRing::release() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++consumed_;
-    producerWake_.notify_one();
+    producerWake_.notifyAll();
 }
 
 void CropRing::cancel() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     cancelled_ = true;
-    producerWake_.notify_one();
+    producerWake_.notifyAll();
 }
 
 }  // namespace zorv

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <array>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <vector>
+
+#include "common/mutex.h"
 
 namespace zorv {
 
@@ -38,14 +38,14 @@ class CropRing {
 
     std::array<std::vector<float>, kSlots> slots_;
 
-    std::mutex mutex_;
-    std::condition_variable consumerWake_;
-    std::condition_variable producerWake_;
-    // Guarded by mutex_. The counters never wrap; a slot is a counter modulo kSlots.
-    std::uint64_t produced_ = 0;
-    std::uint64_t consumed_ = 0;
-    bool done_ = false;
-    bool cancelled_ = false;
+    Mutex mutex_;
+    CondVar consumerWake_;
+    CondVar producerWake_;
+    // The counters never wrap; a slot is a counter modulo kSlots.
+    std::uint64_t produced_ ZORV_GUARDED_BY(mutex_) = 0;
+    std::uint64_t consumed_ ZORV_GUARDED_BY(mutex_) = 0;
+    bool done_ ZORV_GUARDED_BY(mutex_) = false;
+    bool cancelled_ ZORV_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zorv

@@ -43,7 +43,7 @@ Instrument* InstrumentTable::find(const Key& key) {
     for (; slots_[at].taken.load(std::memory_order_acquire); at = (at + 1) % kSlots) {
         if (slots_[at].is(key)) return &slots_[at];
     }
-    const std::lock_guard lock(naming_);
+    const MutexLock lock(naming_);
     // Another thread may have named slots since.
     for (; slots_[at].taken.load(std::memory_order_acquire); at = (at + 1) % kSlots) {
         if (slots_[at].is(key)) return &slots_[at];

@@ -5,8 +5,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string_view>
+
+#include "common/mutex.h"
 
 namespace zorv::telemetry {
 
@@ -88,8 +89,8 @@ class InstrumentTable {
 
   private:
     std::array<Instrument, kSlots> slots_;
-    std::mutex naming_;
-    std::size_t used_ = 0;  // guarded by naming_
+    Mutex naming_;
+    std::size_t used_ ZORV_GUARDED_BY(naming_) = 0;
 };
 
 }  // namespace zorv::telemetry
