@@ -121,6 +121,33 @@ bool workersAgree(benchmark::State& state, int threads) {
     return false;
 }
 
+using Times = std::map<std::string, std::vector<double>>;
+
+std::string matrixName(const Direct& direct) {
+    return "matrix_" + direct.name();
+}
+
+/// Ratios to the chain, and shares of the measured peak.
+void report(benchmark::State& state, Times& times,
+            const std::vector<std::unique_ptr<Direct>>& direct, double macs, int threads) {
+    const double chainTime = median(times["chain"]), peak = median(times["peak"]) * threads;
+    state.counters["chain_us"] = chainTime * 1e6;
+    state.counters["float_us"] = median(times["float"]) * 1e6;
+    state.counters["node_us"] = median(times["node"]) * 1e6;
+    state.counters["node_x"] = chainTime / median(times["node"]);
+    state.counters["peak_GMAC_s"] = peak / 1e9;
+    for (const auto& one : direct) {
+        const double whole = median(times[one->name()]);
+        state.counters[one->name() + "_us"] = whole * 1e6;
+        state.counters[one->name() + "_x"] = chainTime / whole;
+        if (peak > 0) state.counters[one->name() + "_percent"] = 100 * macs / whole / peak;
+        if (peak > 0 && threads == 1) {
+            state.counters[one->name() + "_matrix_percent"] =
+                100 * macs / median(times[matrixName(*one)]) / peak;
+        }
+    }
+}
+
 /// Arguments: C, side, M, threads.
 void besideTheChain(benchmark::State& state) {
     const std::int64_t c = state.range(0), side = state.range(1), m = state.range(2);
@@ -144,7 +171,7 @@ void besideTheChain(benchmark::State& state) {
     }
 
     const clockid_t clock = threads == 1 ? CLOCK_PROCESS_CPUTIME_ID : CLOCK_MONOTONIC;
-    std::map<std::string, std::vector<double>> times;
+    Times times;
     const auto turn = [&](bool counted) {
         // Warm, as in a network, where the input has just been written.
         const auto take = [&](const std::string& what, auto&& work) {
@@ -160,31 +187,15 @@ void besideTheChain(benchmark::State& state) {
         take("float", [&] { floats.run(); });
         for (const auto& one : direct) {
             take(one->name(), [&] { one->run(); });
-            if (threads == 1)
-                take(std::string("matrix_").append(one->name()), [&] { one->matrixPart(); });
+            if (threads == 1) take(matrixName(*one), [&] { one->matrixPart(); });
         }
         if (counted) times["peak"].push_back(measuredPeak());
     };
     turn(false);
     for (auto _ : state) turn(true);
 
-    const double macs = static_cast<double>(m * c * 9) * static_cast<double>(side * side);
-    const double chainTime = median(times["chain"]), peak = median(times["peak"]) * threads;
-    state.counters["chain_us"] = chainTime * 1e6;
-    state.counters["float_us"] = median(times["float"]) * 1e6;
-    state.counters["node_us"] = median(times["node"]) * 1e6;
-    state.counters["node_x"] = chainTime / median(times["node"]);
-    state.counters["peak_GMAC_s"] = peak / 1e9;
-    for (const auto& one : direct) {
-        const double whole = median(times[one->name()]);
-        state.counters[one->name() + "_us"] = whole * 1e6;
-        state.counters[one->name() + "_x"] = chainTime / whole;
-        if (peak > 0) state.counters[one->name() + "_percent"] = 100 * macs / whole / peak;
-        if (peak > 0 && threads == 1) {
-            state.counters[one->name() + "_matrix_percent"] =
-                100 * macs / median(times[std::string("matrix_").append(one->name())]) / peak;
-        }
-    }
+    report(state, times, direct, static_cast<double>(m * c * 9) * static_cast<double>(side * side),
+           threads);
 }
 
 void shapes(benchmark::internal::Benchmark* bench) {

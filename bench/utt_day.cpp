@@ -5,16 +5,19 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "stopwatch.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
 #include "support/utt_player.h"
@@ -185,75 +188,107 @@ bool pull(zorv_utt& utt, std::vector<std::uint8_t>& frame, zorv_utt_frame_info& 
     return false;
 }
 
-int day(int hours, bool models) {
-    test::TestBundleOptions size;
-    size.width = size.height = 64;
-    test::TestBundle bundle(size);
-    bundle.useModel("b24_fp32", "render_b4");
-    const test::TestMotion motion({.nt = size.nt});
-    test::writeFile(motion.path("xs_target.bin"), test::readFile(bundle.path("xs_target.bin")));
-    zorv_ctx context(bundle.dir(), "render", 1, "");
-    test::TestClock clock;
-    test::SourceScript script;
-    script.heldBack = 3;
-    UttSurroundings surroundings;
-    surroundings.clock = &clock;
-    if (!models)
-        surroundings.openSource = [&](const UttOptions&) {
-            return test::makeFakeSource(bundle, script);
-        };
-    zorv_utt_opts opts = {};
-    opts.motion_dir = motion.dir().c_str();
-    zorv_utt utt(context, opts, surroundings);
-    std::string text;
-    while (utt.ready(text) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+/// An engine on a tiny bundle, with a clock that the day moves.
+class Stage {
+  public:
+    explicit Stage(bool models)
+        : bundle_(size()), motion_({.nt = size().nt}), context_(bundle_.dir(), "render", 1, "") {
+        bundle_.useModel("b24_fp32", "render_b4");
+        test::writeFile(motion_.path("xs_target.bin"),
+                        test::readFile(bundle_.path("xs_target.bin")));
+        script_.heldBack = 3;
+        UttSurroundings surroundings;
+        surroundings.clock = &clock_;
+        if (!models) {
+            surroundings.openSource = [this](const UttOptions&) {
+                return test::makeFakeSource(bundle_, script_);
+            };
+        }
+        zorv_utt_opts opts = {};
+        opts.motion_dir = motion_.dir().c_str();
+        utt_ = std::make_unique<zorv_utt>(context_, opts, surroundings);
+        std::string text;
+        while (utt_->ready(text) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 
-    Bookkeeper books;
-    books.nt = size.nt;
-    Agent agent(utt, books);
-    std::vector<std::uint8_t> frame(std::size_t{4} * 64 * 64);
-    zorv_utt_frame_info info;
+    static test::TestBundleOptions size() {
+        test::TestBundleOptions size;
+        size.width = size.height = 64;
+        return size;
+    }
+    zorv_utt& utt() { return *utt_; }
+
+    /// Moves the clock by a frame and pulls it; false when there was none.
+    bool tick(zorv_utt_frame_info& info) {
+        clock_.advance(kFrameMs);
+        return pull(*utt_, frame_, info);
+    }
+
+  private:
+    test::TestBundle bundle_;
+    const test::TestMotion motion_;
+    zorv_ctx context_;
+    test::TestClock clock_;
+    test::SourceScript script_;
+    std::unique_ptr<zorv_utt> utt_;
+    std::vector<std::uint8_t> frame_ = std::vector<std::uint8_t>(std::size_t{4} * 64 * 64);
+};
+
+/// Resident memory at the end of each hour, in KiB.
+struct Memory {
     double first = 0, most = 0, last = 0;
-    const auto start = std::chrono::steady_clock::now();
-    const auto tick = [&] {
-        clock.advance(kFrameMs);
-        if (pull(utt, frame, info)) {
-            books.pulled(info);
-        } else {
-            ++books.accounts.late;
-        }
-    };
-    // Until all has been said: sound that waits is in memory, too.
-    const auto settle = [&] {
-        agent.stop();
-        for (int i = 0; i < kQuietTicks; ++i) tick();
-    };
-    for (int hour = 0; hour < hours; ++hour) {
-        for (int i = 0; i < kTicksPerHour - kQuietTicks; ++i) {
-            agent.tick();
-            tick();
-        }
-        settle();
+
+    void hour(int number) {
         last = residentKiB();
-        if (hour == 0) first = last;
+        if (number == 1) first = last;
         most = std::max(most, last);
         const struct mallinfo2 heap = mallinfo2();
-        std::fprintf(stderr, "hour %d: %.0f KiB, %.0f KiB allocated\n", hour + 1, last,
+        std::fprintf(stderr, "hour %d: %.0f KiB, %.0f KiB allocated\n", number, last,
                      static_cast<double>(heap.uordblks + heap.hblkhd) / 1024);
     }
-    books.close();
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const Accounts& all = books.accounts;
-    const auto failures = utt.failure(nullptr, 0);
+};
+
+int conclude(int hours, double seconds, const Accounts& all, const Memory& memory,
+             std::uint64_t failures) {
     std::printf(
         "{\"hours\": %d, \"seconds\": %.1f, \"utterances\": %ld, \"whole\": %ld, "
         "\"interrupted\": %ld, \"speech_frames\": %ld, \"late\": %ld, \"wrong\": %ld, "
         "\"failures\": %lu, \"resident_KiB_after_first_hour\": %.0f, \"growth_KiB\": %.0f, "
         "\"most_growth_KiB\": %.0f}\n",
         hours, seconds, all.utterances, all.whole, all.interrupted, all.speech, all.late, all.wrong,
-        static_cast<unsigned long>(failures), first, last - first, most - first);
+        static_cast<unsigned long>(failures), memory.first, memory.last - memory.first,
+        memory.most - memory.first);
     return all.wrong == 0 && failures == 0 && all.whole + all.interrupted == all.utterances ? 0 : 1;
+}
+
+int day(int hours, bool models) {
+    Stage stage(models);
+    Bookkeeper books;
+    books.nt = Stage::size().nt;
+    Agent agent(stage.utt(), books);
+    zorv_utt_frame_info info;
+    const auto tick = [&] {
+        if (stage.tick(info)) {
+            books.pulled(info);
+        } else {
+            ++books.accounts.late;
+        }
+    };
+    Memory memory;
+    const double start = bench::secondsNow(CLOCK_MONOTONIC);
+    for (int hour = 1; hour <= hours; ++hour) {
+        for (int i = 0; i < kTicksPerHour - kQuietTicks; ++i) {
+            agent.tick();
+            tick();
+        }
+        // Until all has been said: sound that waits is in memory, too.
+        agent.stop();
+        for (int i = 0; i < kQuietTicks; ++i) tick();
+        memory.hour(hour);
+    }
+    books.close();
+    return conclude(hours, bench::secondsNow(CLOCK_MONOTONIC) - start, books.accounts, memory,
+                    stage.utt().failure(nullptr, 0));
 }
 
 }  // namespace
