@@ -3,6 +3,8 @@
 #
 #   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
 #   scripts/setup.sh --dev      also what the full test run needs (clang, clang-format, doxygen)
+#   scripts/setup.sh --package  also what scripts/package.sh needs (Debian's packaging tools, the
+#                               licence texts of a fetched runtime)
 #   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
 #
 # ONNXRUNTIME_ROOT=DIR (with include/ and lib/) replaces the fetched one; so does an
@@ -12,6 +14,7 @@ set -euo pipefail
 
 ORT_VERSION=1.21.0
 ORT_NPM_SHA256=c711a4048a8b460a70de25a5008b1628e3773878ef9deec1dd4a4ccab46de01a
+ORT_SOURCE_SHA256=32df1f82bd6b07b18372c0f387133214905cbde7a586b3ad83f0ed0075f80273
 ORT_DEB_SHA256=14f7d959d5deacbcf1504830d4189f91fc67382b399ed9ae9d3aa9c4050ced08
 CACHE="${ZORV_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zorv}"
 ORT_DIR="$CACHE/onnxruntime-$ORT_VERSION"
@@ -22,6 +25,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
 DEV_PACKAGES=(clang clang-format llvm git doxygen)
+
+PACKAGE_PACKAGES=(dpkg-dev fakeroot lintian xz-utils)
 
 say() { printf '[setup] %s\n' "$*" >&2; }
 die() { printf '[setup] %s\n' "$*" >&2; exit 1; }
@@ -83,25 +88,47 @@ fetch_library() { # work dir, destination lib dir
     ln -sf libonnxruntime.so.1 "$2/libonnxruntime.so"
 }
 
-# The matching headers come from the Debian release that ships this version, fetched under
-# private apt state so that the machine's own sources stay as they are.
-fetch_headers() { # work dir, destination include dir
-    say "fetching the ONNX Runtime $ORT_VERSION headers"
-    local site apt="$1/apt"
-    site=$(apt-get indextargets --format '$(SITE)' | grep -v security | sort -u | head -n 1)
-    [ -n "$site" ] || die "no Debian mirror configured in apt"
-    mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial"
-    echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $site trixie main" >"$apt/sources.list"
+# Runs apt-get on the Debian release that ships this version of the runtime, under private apt
+# state, so that the machine's own sources stay as they are.
+release_apt() { # work dir, arguments
+    local apt="$1/apt"
+    shift
     local options=(-o "Dir::Etc::sourcelist=$apt/sources.list" -o Dir::Etc::sourceparts=-
                    -o "Dir::State::lists=$apt/lists" -o "Dir::Cache=$apt/cache"
                    -o APT::Sandbox::User=root -o Acquire::Languages=none)
-    apt-get "${options[@]}" update -qq >&2
-    (cd "$1" && apt-get "${options[@]}" download -qq libonnxruntime-dev >&2)
+    if [ ! -d "$apt" ]; then
+        local site
+        site=$(apt-get indextargets --format '$(SITE)' | grep -v security | sort -u | head -n 1)
+        [ -n "$site" ] || die "no Debian mirror configured in apt"
+        mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial"
+        printf '%s [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s trixie main\n' \
+            deb "$site" deb-src "$site" >"$apt/sources.list"
+        apt-get "${options[@]}" update -qq >&2
+    fi
+    apt-get "${options[@]}" "$@" >&2
+}
+
+fetch_headers() { # work dir, destination include dir
+    say "fetching the ONNX Runtime $ORT_VERSION headers"
+    (cd "$1" && release_apt "$1" download -qq libonnxruntime-dev)
     local deb
     deb=$(ls "$1"/libonnxruntime-dev_*.deb)
     check_sha256 "$deb" "$ORT_DEB_SHA256"
     dpkg -x "$deb" "$1/deb"
     cp -RL "$1/deb/usr/include/onnxruntime/." "$2/"
+}
+
+# Packages that contain the runtime pass its licence on, and those of what is linked into it.
+fetch_licences() {
+    [ -f "$ORT_DIR/LICENSE" ] && [ -f "$ORT_DIR/ThirdPartyNotices.txt" ] && return
+    say "fetching the ONNX Runtime $ORT_VERSION licence texts"
+    local work
+    work=$(mktemp -d "$CACHE/fetch.XXXXXX")
+    trap 'rm -rf "$work"' RETURN
+    (cd "$work" && release_apt "$work" source --download-only --tar-only -qq onnxruntime)
+    check_sha256 "$work/onnxruntime_$ORT_VERSION+dfsg.orig.tar.xz" "$ORT_SOURCE_SHA256"
+    tar -xJf "$work"/*.orig.tar.xz -C "$ORT_DIR" --strip-components=1 \
+        "onnxruntime-$ORT_VERSION/LICENSE" "onnxruntime-$ORT_VERSION/ThirdPartyNotices.txt"
 }
 
 fetch_onnxruntime() {
@@ -139,7 +166,9 @@ if [ "${1:-}" != --print ]; then
             install_packages "${DEV_PACKAGES[@]}"
             install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
         fi
+        if [ "${1:-}" = --package ]; then install_packages "${PACKAGE_PACKAGES[@]}"; fi
     fi
     [ "$root" != "$ORT_DIR" ] || fetch_onnxruntime
+    if [ "$root" = "$ORT_DIR" ] && [ "${1:-}" = --package ]; then fetch_licences; fi
 fi
 echo "$root"
