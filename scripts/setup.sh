@@ -108,14 +108,16 @@ release_apt() { # work dir, arguments
     apt-get "${options[@]}" "$@" >&2
 }
 
-fetch_headers() { # work dir, destination include dir
+fetch_headers() { # work dir, destination root
     say "fetching the ONNX Runtime $ORT_VERSION headers"
     (cd "$1" && release_apt "$1" download -qq libonnxruntime-dev)
     local deb
     deb=$(ls "$1"/libonnxruntime-dev_*.deb)
     check_sha256 "$deb" "$ORT_DEB_SHA256"
     dpkg -x "$deb" "$1/deb"
-    cp -RL "$1/deb/usr/include/onnxruntime/." "$2/"
+    mkdir -p "$2/include"
+    cp -RL "$1/deb/usr/include/onnxruntime/." "$2/include/"
+    cp "$1/deb/usr/share/doc/libonnxruntime-dev/copyright" "$2/"
 }
 
 # Packages that contain the runtime pass its licence on, and those of what is linked into it.
@@ -139,9 +141,9 @@ fetch_onnxruntime() {
     local work
     work=$(mktemp -d "$CACHE/fetch.XXXXXX")
     trap 'rm -rf "$work"' RETURN
-    mkdir -p "$work/root/lib" "$work/root/include"
+    mkdir -p "$work/root/lib"
     fetch_library "$work" "$work/root/lib"
-    fetch_headers "$work" "$work/root/include"
+    fetch_headers "$work" "$work/root"
     rm -rf "$ORT_DIR"
     mv "$work/root" "$ORT_DIR"
 }
