@@ -10,7 +10,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <future>
@@ -23,12 +22,14 @@
 #include <vector>
 
 #include "audio_reader.h"
+#include "cpu_time.h"
 #include "failure.h"
 #include "keypoint_engine.h"
 #include "keypoint_families.h"
 #include "live_report.h"
 #include "live_session.h"
 #include "look_ahead.h"
+#include "spoken_sound.h"
 
 namespace {
 
@@ -62,21 +63,12 @@ LiveSetup setup_of(const Settings& settings) {
     return setup;
 }
 
-/// A pitch with harmonics, syllables at 4 Hz and pauses; or a file.
+/// A formula or a file.
 std::vector<int16_t> sound_of(const Settings& settings, int seconds) {
+    if (settings.audio.empty()) return spoken_sound(seconds);
     std::vector<int16_t> sound;
-    if (!settings.audio.empty()) {
-        for (const float sample : read_speech(settings.audio, "--audio").samples)
-            sound.push_back(static_cast<int16_t>(sample * 32767));
-        return sound;
-    }
-    for (int i = 0; i < seconds * 16000; ++i) {
-        const double t = i / 16000.0;
-        const double level = std::fmod(t, 3.0) < 2.4 ? std::max(0.0, std::sin(8 * M_PI * t)) : 0;
-        double voice = 0;
-        for (int h = 1; h <= 12; ++h) voice += std::sin(2 * M_PI * 130 * h * t) / h;
-        sound.push_back(static_cast<int16_t>(5000 * level * voice));
-    }
+    for (const float sample : read_speech(settings.audio, "--audio").samples)
+        sound.push_back(static_cast<int16_t>(sample * 32767));
     return sound;
 }
 
@@ -102,13 +94,6 @@ std::vector<Line> script(const Settings& settings, size_t sound, unsigned seed) 
         lines.push_back(line);
     }
     return lines;
-}
-
-double cpu_seconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
 double load_average() {

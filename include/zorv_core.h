@@ -52,6 +52,16 @@ extern "C" {
 /** The loaded library's version, in the form of ZORV_VERSION. Any thread. */
 ZORV_API int zorv_version(void);
 
+/**
+ * Which implementation of its inner loops the library uses in this process: the best one for the
+ * processor, lowered by ZORV_SIMD.
+ * kernel  "compositor", "grid_sampler", "int8_convolution", "speech_spectrum", "half_conversion"
+ *         or "pixel_packing".
+ * Returns "portable", "avx2", "avx512" or, for the int8 convolution, "avxvnni"; NULL for another
+ * name. The text stays for the life of the process. Any thread.
+ */
+ZORV_API const char* zorv_kernel_path(const char* kernel);
+
 /* ------------------------------------------------------------------------------------------
  * Rendering context: keypoints become a face crop, the crop becomes part of a full frame
  *

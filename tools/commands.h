@@ -42,4 +42,16 @@ struct LiveOptions {
 };
 void live(const LiveOptions& options);
 
+struct DoctorOptions {
+    std::string subject;  // folder that scripts/demo.sh makes; "": where it is looked for
+    std::string bundle, motion_dir, encoder;  // instead of the subject's
+    int threads = 1;                          // of the models, per session
+    int speech_seconds = 3;                   // of each line
+    int most_sessions = 16;                   // at a time
+    bool json = false;
+};
+/** Prints the report. Returns 0 when the machine carries a live session, else 1; fails when that
+ *  cannot be found out. */
+int doctor(DoctorOptions options);
+
 }  // namespace zorv::tools

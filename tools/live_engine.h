@@ -22,6 +22,7 @@ class LiveEngine {
     explicit LiveEngine(const LiveSetup& setup);
 
     zorv_utt* utt() const { return utt_.get(); }
+    int target_frames() const { return zorv_nt(ctx_.get()); }
     int width() const { return zorv_width(ctx_.get()); }
     int height() const { return zorv_height(ctx_.get()); }
     size_t frame_bytes() const;  // R G B 255

@@ -1,13 +1,12 @@
 #include "live_session.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
 
+#include "cpu_time.h"
 #include "failure.h"
 #include "interrupt.h"
 
@@ -21,15 +20,6 @@ constexpr milliseconds kFrameTime{40}, kPieceTime{20}, kLeadIn{500};
 constexpr std::chrono::microseconds kFinePoll{100};
 constexpr auto kPatience = std::chrono::seconds(60);  // without any progress
 constexpr int kIdleAtEnd = 25;                        // frames
-
-double cpu_seconds() {
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
 
 /** What the two threads share. */
 struct Stage {

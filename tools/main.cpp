@@ -87,6 +87,26 @@ void add_live(CLI::App& app, LiveOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
+void add_doctor(CLI::App& app, DoctorOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "doctor", "Say whether this machine runs the library well, and how many live sessions");
+    command->add_option("--subject", options.subject,
+                        "Folder of the demo subject (default: build/demo of the checkout)");
+    command->add_option("--bundle", options.bundle, "Measure with this subject's directory");
+    command->add_option("--motion-dir", options.motion_dir, "Directory of models for it");
+    command->add_option("--encoder", options.encoder, "Speech encoder (.onnx) for it");
+    command->add_option("--threads", options.threads, "Model threads of each session")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1024));
+    command->add_option("--speech", options.speech_seconds, "Seconds that each session speaks")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 60));
+    command->add_option("--most", options.most_sessions, "Run so many sessions at a time at most")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 256));
+    command->add_flag("--json", options.json, "Report as JSON on standard output");
+}
+
 // Reasons that come from other libraries may hold line breaks.
 void report_failure(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -94,7 +114,8 @@ void report_failure(std::string text) {
     fmt::print(stderr, "zorv: {}\n", text);
 }
 
-int run(int argc, char** argv) {
+/** failure_code: what the program ends with when the subcommand throws. */
+int run(int argc, char** argv, int& failure_code) {
     CLI::App app("Talking-face video of a prepared subject");
     app.require_subcommand(1);
     app.set_version_flag("--version",
@@ -104,10 +125,12 @@ int run(int argc, char** argv) {
     SyncOptions sync_options;
     InspectOptions inspect_options;
     LiveOptions live_options;
+    DoctorOptions doctor_options;
     add_render(app, render_options);
     add_sync(app, sync_options);
     add_inspect(app, inspect_options);
     add_live(app, live_options);
+    add_doctor(app, doctor_options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -115,16 +138,19 @@ int run(int argc, char** argv) {
         report_failure(fmt::format("{}; see zorv --help", error.what()));
         return 2;
     }
+    int code = 0;
     if (app.got_subcommand("render"))
         render(render_options);
     else if (app.got_subcommand("sync"))
         sync(sync_options);
     else if (app.got_subcommand("live"))
         live(live_options);
+    else if (app.got_subcommand("doctor"))
+        failure_code = 2, code = doctor(doctor_options);
     else
         inspect(inspect_options);
     if (std::fflush(stdout) != 0) fail("cannot write to standard output; check where it goes");
-    return 0;
+    return code;
 }
 
 }  // namespace
@@ -135,8 +161,9 @@ int main(int argc, char** argv) {
     start_interrupt_handling();
     const char* verbose = std::getenv("ZORV_VERBOSE");
     av_log_set_level(verbose && *verbose == '1' ? AV_LOG_INFO : AV_LOG_QUIET);
+    int failure_code = 1;
     try {
-        return run(argc, argv);
+        return run(argc, argv, failure_code);
     } catch (const Interrupted&) {
         report_interruption();
         return kInterruptedExitCode;
@@ -145,5 +172,5 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         report_failure(error.what());
     }
-    return 1;
+    return failure_code;
 }

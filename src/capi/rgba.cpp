@@ -1,8 +1,7 @@
 #include "capi/rgba.h"
 
+#include <algorithm>
 #include <cstring>
-
-#include "common/cpu.h"
 
 namespace zorv {
 
@@ -15,8 +14,12 @@ void kernels::rgbToRgbaPortable(const std::uint8_t* rgb, std::uint8_t* rgba, std
     }
 }
 
+SimdLevel rgbaKernelLevel() {
+    return std::min(simdLevel(), SimdLevel::kAvx2);
+}
+
 void rgbToRgba(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels) {
-    if (simdLevel() >= SimdLevel::kAvx2) {
+    if (rgbaKernelLevel() == SimdLevel::kAvx2) {
         kernels::rgbToRgbaAvx2(rgb, rgba, pixels);
     } else {
         kernels::rgbToRgbaPortable(rgb, rgba, pixels);

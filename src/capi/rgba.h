@@ -4,7 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/cpu.h"
+
 namespace zorv {
+
+/// What the packing uses: AVX2 at most, since it waits for memory.
+SimdLevel rgbaKernelLevel();
 
 /// Reads 3 x pixels bytes, writes 4 x pixels bytes; the ranges must not overlap.
 void rgbToRgba(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);

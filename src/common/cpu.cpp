@@ -40,6 +40,18 @@ bool hasAvx512Vnni() {
     return __get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) && (ecx & (1u << 11));
 }
 
+const char* simdLevelName(SimdLevel level) {
+    switch (level) {
+        case SimdLevel::kAvx512:
+            return "avx512";
+        case SimdLevel::kAvx2:
+            return "avx2";
+        case SimdLevel::kPortable:
+            break;
+    }
+    return "portable";
+}
+
 SimdLevel chooseSimdLevel(const char* setting, SimdLevel detected) {
     if (!setting) return detected;
     if (std::strcmp(setting, "portable") == 0) return SimdLevel::kPortable;

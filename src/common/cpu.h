@@ -22,6 +22,9 @@ bool hasAvx512Vnni();
 /// ("portable", "avx2" or "avx512"; it never raises it). Read once per process.
 SimdLevel simdLevel();
 
+/// "portable", "avx2" or "avx512".
+const char* simdLevelName(SimdLevel level);
+
 /// What `simdLevel()` makes of a setting (null = unset) on a processor of level `detected`.
 SimdLevel chooseSimdLevel(const char* setting, SimdLevel detected);
 

@@ -1,8 +1,7 @@
 #include "common/half.h"
 
+#include <algorithm>
 #include <bit>
-
-#include "common/cpu.h"
 
 namespace zorv {
 namespace kernels {
@@ -48,8 +47,12 @@ void roundToHalfPortable(const float* source, float* destination, std::size_t n)
 
 }  // namespace kernels
 
+SimdLevel halfKernelLevel() {
+    return std::min(simdLevel(), SimdLevel::kAvx2);
+}
+
 void roundToHalf(const float* source, float* destination, std::size_t n) {
-    if (simdLevel() >= SimdLevel::kAvx2) {
+    if (halfKernelLevel() == SimdLevel::kAvx2) {
         kernels::roundToHalfAvx2(source, destination, n);
     } else {
         kernels::roundToHalfPortable(source, destination, n);
@@ -76,7 +79,7 @@ float roundToHalf(double value) {
 }
 
 void halfToFloat(const std::uint16_t* source, float* destination, std::size_t n) {
-    if (simdLevel() >= SimdLevel::kAvx2) {
+    if (halfKernelLevel() == SimdLevel::kAvx2) {
         kernels::halfToFloatAvx2(source, destination, n);
     } else {
         kernels::halfToFloatPortable(source, destination, n);

@@ -4,7 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/cpu.h"
+
 namespace zorv {
+
+/// What the conversions of arrays use: AVX2 at most, since they wait for memory.
+SimdLevel halfKernelLevel();
 
 /// Widens `n` half-precision bit patterns exactly; subnormals, infinities and NaNs are kept
 /// (a signalling NaN becomes the quiet one of the same payload, as the processor does it).

@@ -41,18 +41,6 @@ std::uint64_t memoryBytes() {
     return sysinfo(&info) == 0 ? std::uint64_t{info.totalram} * info.mem_unit : 0;
 }
 
-const char* kernelPaths() {
-    switch (simdLevel()) {
-        case SimdLevel::kAvx512:
-            return "avx512";
-        case SimdLevel::kAvx2:
-            return "avx2";
-        case SimdLevel::kPortable:
-            break;
-    }
-    return "portable";
-}
-
 std::string libraryVersion() {
     return std::to_string(ZORV_VERSION_MAJOR) + "." + std::to_string(ZORV_VERSION_MINOR) + "." +
            std::to_string(ZORV_VERSION_PATCH);
@@ -72,7 +60,7 @@ void writeDevice(JsonWriter& json) {
     if (detectedSimdLevel() >= SimdLevel::kAvx512) json.value("avx512");
     if (hasAvx512Vnni()) json.value("avx512_vnni");
     json.close(']');
-    json.key("kernel_paths").value(kernelPaths());
+    json.key("kernel_paths").value(simdLevelName(simdLevel()));
     json.key("memory_bytes").value(memoryBytes());
     json.key("system").value(known ? kernel.sysname : "unknown");
     json.key("system_release").value(known ? kernel.release : "unknown");

@@ -1,0 +1,9 @@
+// Processor time of the whole process.
+#pragma once
+
+namespace zorv::tools {
+
+/** Seconds that all threads have computed so far, in the program and in the kernel. */
+double cpu_seconds();
+
+}  // namespace zorv::tools

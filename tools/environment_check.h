@@ -1,0 +1,24 @@
+// Environment variables that make the library slower than it could be.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zorv::tools {
+
+struct SlowSwitch {
+    std::string variable, value, effect;
+};
+
+/** Value of a variable, null when unset. */
+using Environment = std::function<const char*(const char* name)>;
+
+/**
+ * The variables that take speed or sessions away from a machine whose best level of kernels is
+ * `best_level` and which has `cores`; those that are set without an effect are left out.
+ */
+std::vector<SlowSwitch> slow_switches(const Environment& environment, const std::string& best_level,
+                                      double cores);
+
+}  // namespace zorv::tools
