@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 
 #include "a2x/a2x_placement.h"
@@ -17,13 +18,15 @@ constexpr const char* kW2vTag = "w2v";
 // The process's shared state. Sessions are only ever set from absent to present (a failed pair is
 // dropped before anyone can have seen it), so whoever got one runs it without the lock.
 std::mutex g_w2v_mtx;
-// Guarded by g_w2v_mtx; released in reverse order, the environment last.
-Ort::Env g_w2v_env{nullptr};
-Ort::Session g_w2v_session{nullptr};
+// Guarded by g_w2v_mtx; released in reverse order, the environment last. Absent rather than null:
+// at the process's end a null session would still ask the runtime, and crash with one that is too
+// old.
+std::optional<Ort::Env> g_w2v_env;
+std::optional<Ort::Session> g_w2v_session;
 std::string g_w2v_path;
 bool g_w2vwin_tried = false;
-Ort::Session g_w2vwin_trunk{nullptr};
-Ort::Session g_w2vwin_head{nullptr};
+std::optional<Ort::Session> g_w2vwin_trunk;
+std::optional<Ort::Session> g_w2vwin_head;
 std::string g_w2vwin_trunk_out;
 /// Trunk steps per run, 0 until the first run when the model does not declare them. Atomic, not
 /// guarded: runs read it, and they must not wait for a model that is being loaded.
@@ -34,7 +37,7 @@ std::vector<float> g_zeroemb;  ///< guarded by g_zeroemb_mtx while empty, consta
 
 Ort::Env& environmentLocked() {
     if (!g_w2v_env) g_w2v_env = makeOrtEnv("zorv_a2x_w2v");
-    return g_w2v_env;
+    return *g_w2v_env;
 }
 
 /// The third dimension of the trunk's declared output [1, channels, steps], 0 when it is open.
@@ -68,7 +71,7 @@ Ort::Session* get_shared_w2v(const std::string& path, int threads) {
         g_w2v_session = Placement(threads, kW2vTag).open(env, path);
         g_w2v_path = path;
     }
-    return &g_w2v_session;
+    return &*g_w2v_session;
 }
 
 int get_shared_w2v_win(int threads) {
@@ -107,8 +110,8 @@ const float* LegacyWindow::run() {
 ShortWindow::ShortWindow()
     : samples_(kShortSamples),
       channels_(kBlockFrames * kTrunkChannels),
-      trunk_(g_w2vwin_trunk, {"input_values"}, {g_w2vwin_trunk_out}),
-      head_(g_w2vwin_head, {"x"}, {"emb"}) {
+      trunk_(g_w2vwin_trunk.value(), {"input_values"}, {g_w2vwin_trunk_out}),
+      head_(g_w2vwin_head.value(), {"x"}, {"emb"}) {
     trunk_.setInput(0, tensorOver(samples_.data(), samples_.size(), {1, kShortSamples}));
     head_.setInput(0, tensorOver(channels_.data(), channels_.size(),
                                  {kBlockFrames, static_cast<std::int64_t>(kTrunkChannels)}));
