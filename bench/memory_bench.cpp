@@ -1,0 +1,238 @@
+// What handles of each family cost in memory and time, on the demo subject: at opening, after use,
+// and once more for a second handle of the same process. Prints JSON.
+//   memory_bench, with ZORV_DEMO_BUNDLE, ZORV_DEMO_ENCODER, ZORV_DEMO_MOTION, ZORV_DEMO_EXPRESSION
+// Each family has a process of its own. "own" is memory that no other process shares, "mapped" the
+// resident pages of files, which all processes and handles that map them share.
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zorv_core.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "failure.h"
+#include "keypoint_engine.h"
+#include "keypoint_families.h"
+#include "spoken_sound.h"
+
+namespace {
+
+using namespace zorv::tools;
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kSeconds = 20, kThreads = 1;  // of speech; of the models
+
+std::string setting(const char* variable, const char* fallback) {
+    const char* value = std::getenv(variable);
+    return value ? value : fallback;
+}
+std::string bundle() {
+    return setting("ZORV_DEMO_BUNDLE", "build/demo/bundle");
+}
+std::string motion_dir() {
+    return setting("ZORV_DEMO_MOTION", "build/demo/motion");
+}
+std::string expression_dir() {
+    return setting("ZORV_DEMO_EXPRESSION", "build/demo/expression");
+}
+std::string encoder() {
+    return setting("ZORV_DEMO_ENCODER", "build/demo/speech_encoder.onnx");
+}
+
+struct Memory {
+    double own = 0, mapped = 0;  // MiB
+};
+
+Memory memory_now() {
+    std::ifstream file("/proc/self/smaps_rollup");
+    double resident = 0, own = 0;
+    for (std::string line; std::getline(file, line);) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        const double mib = std::atof(line.c_str() + colon + 1) / 1024;
+        if (line.rfind("Rss:", 0) == 0) resident = mib;
+        if (line.rfind("Anonymous:", 0) == 0) own = mib;
+    }
+    return {own, resident - own};
+}
+
+json growth(const Memory& from) {
+    const Memory now = memory_now();
+    return {{"own_mib", now.own - from.own}, {"mapped_mib", now.mapped - from.mapped}};
+}
+
+using Handle = std::shared_ptr<void>;
+
+struct Family {
+    const char* name;
+    Handle (*open)();
+    void (*use)(void* handle);
+};
+
+Handle opened(void* handle, void (*destroy)(void*), const char* error) {
+    if (!handle) fail("{}", error);
+    return {handle, destroy};
+}
+
+std::vector<float> speech() {
+    std::vector<float> samples;
+    for (const int16_t sample : spoken_sound(kSeconds))
+        samples.push_back(static_cast<float>(sample) * (1.0f / 32768));
+    return samples;
+}
+
+Handle open_context() {
+    return opened(
+        zorv_create(bundle().c_str(), "render", kThreads, nullptr),
+        [](void* ctx) { zorv_destroy(static_cast<zorv_ctx*>(ctx)); }, zorv_last_error());
+}
+void use_context(void* handle) {
+    auto* ctx = static_cast<zorv_ctx*>(handle);
+    std::vector<uint8_t> rgba(static_cast<size_t>(zorv_width(ctx)) *
+                              static_cast<size_t>(zorv_height(ctx)) * 4);
+    for (int k = 0; k < zorv_drive_frames(ctx); ++k)
+        if (!zorv_render_drive_rgba(ctx, k, rgba.data(), rgba.size()))
+            fail("{}", zorv_last_error());
+}
+
+Handle open_stream() {
+    return opened(
+        zorv_stream_create(bundle().c_str(), encoder().c_str(), kThreads, 0, 1),
+        [](void* stream) { zorv_stream_destroy(static_cast<zorv_stream*>(stream)); },
+        zorv_stream_last_error());
+}
+void use_stream(void* handle) {
+    const std::vector<float> samples = speech();
+    if (zorv_stream_run(static_cast<zorv_stream*>(handle), samples.data(),
+                        static_cast<int>(samples.size()), nullptr, nullptr) != 25 * kSeconds)
+        fail("{}", zorv_stream_last_error());
+}
+
+Handle open_motion() {
+    return opened(
+        zorv_motion_create(motion_dir().c_str(), kThreads, nullptr),
+        [](void* motion) { zorv_motion_destroy(static_cast<zorv_motion*>(motion)); },
+        zorv_motion_last_error());
+}
+Handle open_expression() {
+    return opened(
+        zorv_a2x_create(expression_dir().c_str(), kThreads),
+        [](void* a2x) { zorv_a2x_destroy(static_cast<zorv_a2x*>(a2x)); }, zorv_a2x_last_error());
+}
+
+/** Speech in pieces of half a second, frames pulled as they come. */
+template <class Family>
+void use_source(void* handle) {
+    auto* source = static_cast<typename Family::Handle*>(handle);
+    Family::reset(source, 0, 1, 1);
+    KeypointFrames frames;
+    const std::vector<float> samples = speech();
+    constexpr size_t kPiece = 8000;
+    for (size_t at = 0; at < samples.size(); at += kPiece) {
+        Family::push(source, samples.data() + at, static_cast<int>(kPiece));
+        while (Family::avail(source) > 0)
+            Family::pull(source, frames.target.data(), frames.source.data(), frames.driving.data(),
+                         KeypointFrames::kCapacity);
+    }
+}
+
+/** An utterance engine and its context. */
+struct Session {
+    explicit Session(const std::string& source)
+        : ctx(zorv_create(bundle().c_str(), "render", kThreads, nullptr)),
+          utt(ctx ? zorv_utt_open(ctx, source.c_str()) : nullptr) {
+        while (utt && zorv_utt_ready(utt) == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (zorv_utt_ready(utt) < 0) fail("{}{}", zorv_last_error(), zorv_utt_last_error());
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() {
+        zorv_utt_destroy(utt);
+        zorv_destroy(ctx);
+    }
+
+    zorv_ctx* ctx;
+    zorv_utt* utt;
+};
+
+Handle open_motion_session() {
+    return std::make_shared<Session>(motion_dir());
+}
+Handle open_expression_session() {
+    return std::make_shared<Session>(expression_dir());
+}
+
+/** All target frames, then the speech, as fast as frames come. */
+void use_session(void* handle) {
+    auto& session = *static_cast<Session*>(handle);
+    std::vector<uint8_t> rgba(static_cast<size_t>(zorv_width(session.ctx)) *
+                              static_cast<size_t>(zorv_height(session.ctx)) * 4);
+    const std::vector<int16_t> sound = spoken_sound(kSeconds);
+    const int idle = zorv_nt(session.ctx);
+    for (int pulled = 0; pulled < idle + 25 * kSeconds;) {
+        if (!zorv_utt_pull_frame(session.utt, rgba.data(), rgba.size(), nullptr)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            continue;
+        }
+        if (++pulled != idle) continue;
+        zorv_utt_push_audio(session.utt, sound.data(), static_cast<int>(sound.size()));
+        zorv_utt_end_utterance(session.utt);
+    }
+}
+
+constexpr Family kFamilies[] = {
+    {"context", open_context, use_context},
+    {"batch stream", open_stream, use_stream},
+    {"motion engine", open_motion, use_source<Motion>},
+    {"expression engine", open_expression, use_source<Expression>},
+    {"utterance engine, motion", open_motion_session, use_session},
+    {"utterance engine, expression", open_expression_session, use_session},
+};
+
+json measure(const Family& family) {
+    json result = {{"family", family.name}};
+    std::vector<Handle> handles;
+    for (const char* which : {"first", "second"}) {
+        const Memory before = memory_now();
+        const Clock::time_point start = Clock::now();
+        handles.push_back(family.open());
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        const json at_open = growth(before);
+        family.use(handles.back().get());
+        result[which] = {{"open_seconds", seconds}, {"opened", at_open}, {"used", growth(before)}};
+    }
+    return result;
+}
+
+}  // namespace
+
+int main() {
+    // Where the expression engine looks for its speech encoder.
+    setenv("W2V_ONNX", encoder().c_str(), 0);
+    int failed = 0;
+    for (const Family& family : kFamilies) {
+        const pid_t child = fork();
+        if (child == 0) {
+            try {
+                fmt::print("{}\n", measure(family).dump());
+                std::fflush(stdout);
+                _exit(0);
+            } catch (const std::exception& error) {
+                fmt::print(stderr, "memory_bench: {}: {}\n", family.name, error.what());
+                _exit(1);
+            }
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        failed += status != 0;
+    }
+    return failed ? 1 : 0;
+}
