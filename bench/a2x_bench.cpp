@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "a2x/zorv_a2x.h"
+#include "demo_subject.h"
 #include "stopwatch.h"
 
 namespace {
@@ -24,8 +25,7 @@ using namespace zorv::a2x;
 using zorv::bench::median;
 
 fs::path expressionDir() {
-    const char* path = std::getenv("ZORV_DEMO_EXPRESSION");
-    return fs::absolute(path ? path : "build/demo/expression");
+    return fs::absolute(zorv::bench::demoExpression());
 }
 
 /// The demo's expression directory with a positional table of `rows` rows.

@@ -11,19 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "demo_subject.h"
+
 namespace {
 
-std::string setting(const char* variable, const char* fallback) {
-    const char* value = std::getenv(variable);
-    return value ? value : fallback;
-}
-
-std::string bundleDir() {
-    return setting("ZORV_DEMO_BUNDLE", "build/demo/bundle");
-}
-std::string encoderPath() {
-    return setting("ZORV_DEMO_ENCODER", "build/demo/speech_encoder.onnx");
-}
+using zorv::bench::demoBundle;
+using zorv::bench::demoEncoder;
 
 /// Speech-like: a pitch with formant-like harmonics, syllables at 4 Hz, pauses.
 std::vector<float> clip(std::int64_t seconds) {
@@ -44,7 +37,7 @@ using Delta = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
 using Stream = std::unique_ptr<zorv_stream, decltype(&zorv_stream_destroy)>;
 
 Context openContext() {
-    Context ctx(zorv_create(bundleDir().c_str(), "render", 1, nullptr), zorv_destroy);
+    Context ctx(zorv_create(demoBundle().c_str(), "render", 1, nullptr), zorv_destroy);
     for (int i = 0; i < zorv_nt(ctx.get()); ++i) zorv_target_frame(ctx.get(), i);
     return ctx;
 }
@@ -62,7 +55,7 @@ void deltasAlone(benchmark::State& state) {
     const int frames = static_cast<int>(audio.size() / 640);
     std::vector<float> out(static_cast<std::size_t>(frames) * 63);
     const Delta fca(
-        zorv_fca_create(encoderPath().c_str(), (bundleDir() + "/fca_stream.onnx").c_str(), 1),
+        zorv_fca_create(demoEncoder().c_str(), (demoBundle() + "/fca_stream.onnx").c_str(), 1),
         zorv_fca_destroy);
     for (auto _ : state) {
         if (zorv_fca_deltas(fca.get(), audio.data(), static_cast<int>(audio.size()), out.data(),
@@ -111,7 +104,7 @@ void pastesAlone(benchmark::State& state) {
 void wholeStream(benchmark::State& state) {
     const auto audio = clip(state.range(0));
     const int frames = static_cast<int>(audio.size() / 640);
-    const Stream stream(zorv_stream_create(bundleDir().c_str(), encoderPath().c_str(), 1, 0, 1.0f),
+    const Stream stream(zorv_stream_create(demoBundle().c_str(), demoEncoder().c_str(), 1, 0, 1.0f),
                         zorv_stream_destroy);
     // Decodes the target frames, which later runs find in the cache.
     if (!stream || zorv_stream_run(stream.get(), audio.data(), 16000 * 10, nullptr, nullptr) < 0) {

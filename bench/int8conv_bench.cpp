@@ -15,6 +15,7 @@
 
 #include "bundle/zorv_bundle.h"
 #include "common/ort.h"
+#include "demo_subject.h"
 #include "render/custom_operators.h"
 #include "render/int8conv_vnni.h"
 #include "render/zorv_renderer.h"
@@ -212,8 +213,7 @@ void shapes(benchmark::internal::Benchmark* bench) {
 void wholeRenderers(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(0));
     if (!workersAgree(state, threads)) return;
-    const char* bundle = std::getenv("ZORV_DEMO_BUNDLE");
-    zorv::Manifest manifest = zorv::loadManifest(bundle ? bundle : "build/demo/bundle");
+    zorv::Manifest manifest = zorv::loadManifest(zorv::bench::demoBundle());
     const zorv::Identity identity(manifest);
     const zorv::Drive drive = zorv::loadDrive(manifest);
     manifest.dir = ZORV_BENCH_MODELS;

@@ -16,35 +16,19 @@
 #include <thread>
 #include <vector>
 
+#include "demo_subject.h"
 #include "failure.h"
 #include "keypoint_engine.h"
 #include "keypoint_families.h"
 #include "spoken_sound.h"
+#include "stopwatch.h"
 
 namespace {
 
 using namespace zorv::tools;
 using nlohmann::json;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kSeconds = 20, kThreads = 1;  // of speech; of the models
-
-std::string setting(const char* variable, const char* fallback) {
-    const char* value = std::getenv(variable);
-    return value ? value : fallback;
-}
-std::string bundle() {
-    return setting("ZORV_DEMO_BUNDLE", "build/demo/bundle");
-}
-std::string motion_dir() {
-    return setting("ZORV_DEMO_MOTION", "build/demo/motion");
-}
-std::string expression_dir() {
-    return setting("ZORV_DEMO_EXPRESSION", "build/demo/expression");
-}
-std::string encoder() {
-    return setting("ZORV_DEMO_ENCODER", "build/demo/speech_encoder.onnx");
-}
 
 struct Memory {
     double own = 0, mapped = 0;  // MiB
@@ -90,7 +74,7 @@ std::vector<float> speech() {
 
 Handle open_context() {
     return opened(
-        zorv_create(bundle().c_str(), "render", kThreads, nullptr),
+        zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr),
         [](void* ctx) { zorv_destroy(static_cast<zorv_ctx*>(ctx)); }, zorv_last_error());
 }
 void use_context(void* handle) {
@@ -104,7 +88,8 @@ void use_context(void* handle) {
 
 Handle open_stream() {
     return opened(
-        zorv_stream_create(bundle().c_str(), encoder().c_str(), kThreads, 0, 1),
+        zorv_stream_create(zorv::bench::demoBundle().c_str(), zorv::bench::demoEncoder().c_str(),
+                           kThreads, 0, 1),
         [](void* stream) { zorv_stream_destroy(static_cast<zorv_stream*>(stream)); },
         zorv_stream_last_error());
 }
@@ -117,13 +102,13 @@ void use_stream(void* handle) {
 
 Handle open_motion() {
     return opened(
-        zorv_motion_create(motion_dir().c_str(), kThreads, nullptr),
+        zorv_motion_create(zorv::bench::demoMotion().c_str(), kThreads, nullptr),
         [](void* motion) { zorv_motion_destroy(static_cast<zorv_motion*>(motion)); },
         zorv_motion_last_error());
 }
 Handle open_expression() {
     return opened(
-        zorv_a2x_create(expression_dir().c_str(), kThreads),
+        zorv_a2x_create(zorv::bench::demoExpression().c_str(), kThreads),
         [](void* a2x) { zorv_a2x_destroy(static_cast<zorv_a2x*>(a2x)); }, zorv_a2x_last_error());
 }
 
@@ -146,7 +131,7 @@ void use_source(void* handle) {
 /** An utterance engine and its context. */
 struct Session {
     explicit Session(const std::string& source)
-        : ctx(zorv_create(bundle().c_str(), "render", kThreads, nullptr)),
+        : ctx(zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr)),
           utt(ctx ? zorv_utt_open(ctx, source.c_str()) : nullptr) {
         while (utt && zorv_utt_ready(utt) == 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -164,10 +149,10 @@ struct Session {
 };
 
 Handle open_motion_session() {
-    return std::make_shared<Session>(motion_dir());
+    return std::make_shared<Session>(zorv::bench::demoMotion());
 }
 Handle open_expression_session() {
-    return std::make_shared<Session>(expression_dir());
+    return std::make_shared<Session>(zorv::bench::demoExpression());
 }
 
 /** All target frames, then the speech, as fast as frames come. */
@@ -202,9 +187,7 @@ json measure(const Family& family) {
     std::vector<Handle> handles;
     for (const char* which : {"first", "second"}) {
         const Memory before = memory_now();
-        const Clock::time_point start = Clock::now();
-        handles.push_back(family.open());
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        const double seconds = zorv::bench::wallSeconds([&] { handles.push_back(family.open()); });
         const json at_open = growth(before);
         family.use(handles.back().get());
         result[which] = {{"open_seconds", seconds}, {"opened", at_open}, {"used", growth(before)}};
@@ -216,7 +199,7 @@ json measure(const Family& family) {
 
 int main() {
     // Where the expression engine looks for its speech encoder.
-    setenv("W2V_ONNX", encoder().c_str(), 0);
+    setenv("W2V_ONNX", zorv::bench::demoEncoder().c_str(), 0);
     int failed = 0;
     for (const Family& family : kFamilies) {
         const pid_t child = fork();

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "common/ort.h"
+#include "demo_subject.h"
 #include "motion/motion_spectrum.h"
 #include "motion_rival.h"
 #include "stopwatch.h"
@@ -32,19 +33,15 @@ extern char** environ;
 namespace {
 
 using zorv::bench::cpuSeconds;
+using zorv::bench::demoMotion;
 using zorv::bench::median;
 using zorv::bench::wallSeconds;
 using MotionPtr = std::unique_ptr<zorv_motion, decltype(&zorv_motion_destroy)>;
 
 constexpr int kSecond = 16000;
 
-std::string motionDir() {
-    const char* path = std::getenv("ZORV_DEMO_MOTION");
-    return path ? path : "build/demo/motion";
-}
-
 MotionPtr openEngine() {
-    return {zorv_motion_create(motionDir().c_str(), 1, nullptr), &zorv_motion_destroy};
+    return {zorv_motion_create(demoMotion().c_str(), 1, nullptr), &zorv_motion_destroy};
 }
 
 /// A buzz whose pitch and loudness wander.

@@ -9,17 +9,13 @@
 
 #include "bundle/zorv_bundle.h"
 #include "common/ort.h"
+#include "demo_subject.h"
 #include "render/zorv_renderer.h"
 #include "stopwatch.h"
 
 namespace {
 
 using zorv::bench::median;
-
-std::string bundleDir() {
-    const char* path = std::getenv("ZORV_DEMO_BUNDLE");
-    return path ? path : "build/demo/bundle";
-}
 
 /// The standard graph of batch 1 with its inputs bound, filled once.
 class BareModel {
@@ -65,7 +61,7 @@ double milliseconds(auto&& work) {
 
 /// Bare runs and renders by turns, so that whatever else the machine does meets both alike.
 void renderBesideBareRun(benchmark::State& state) {
-    const zorv::Manifest manifest = zorv::loadManifest(bundleDir());
+    const zorv::Manifest manifest = zorv::loadManifest(zorv::bench::demoBundle());
     const zorv::Identity identity(manifest);
     const zorv::Drive drive = zorv::loadDrive(manifest);
     const int threads = static_cast<int>(state.range(0));

@@ -23,6 +23,7 @@
 
 #include "audio_reader.h"
 #include "cpu_time.h"
+#include "demo_subject.h"
 #include "failure.h"
 #include "keypoint_engine.h"
 #include "keypoint_families.h"
@@ -44,19 +45,13 @@ struct Settings {
     bool burst = false;
 };
 
-std::string setting(const char* variable, const char* fallback) {
-    const char* value = std::getenv(variable);
-    return value ? value : fallback;
-}
-
 LiveSetup setup_of(const Settings& settings) {
     LiveSetup setup;
-    setup.bundle = setting("ZORV_DEMO_BUNDLE", "build/demo/bundle");
-    setup.motion_dir = settings.source == "motion"
-                           ? setting("ZORV_DEMO_MOTION", "build/demo/motion")
-                           : setting("ZORV_DEMO_EXPRESSION", "build/demo/expression");
+    setup.bundle = zorv::bench::demoBundle();
+    setup.motion_dir =
+        settings.source == "motion" ? zorv::bench::demoMotion() : zorv::bench::demoExpression();
     // Where the expression engine looks for its speech encoder.
-    setenv("W2V_ONNX", setting("ZORV_DEMO_ENCODER", "build/demo/speech_encoder.onnx").c_str(), 0);
+    setenv("W2V_ONNX", zorv::bench::demoEncoder().c_str(), 0);
     setup.threads = settings.threads;
     setup.eager = settings.eager;
     setup.steady = settings.steady;

@@ -113,6 +113,11 @@ int doctor(DoctorOptions options) {
         }
     }
     teller.tell(fmt::format("verdict: {}\n", report.verdict->text));
+    if (options.bundle.empty() && report.live)
+        teller.tell(
+            "The demo subject's models are small formulas: measure a trained subject with "
+            "--bundle, "
+            "--motion-dir and --encoder.\n");
     teller.finish(report);
     return report.verdict->sessions > 0 ? 0 : 1;
 }
