@@ -24,7 +24,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
-DEV_PACKAGES=(clang clang-format llvm git doxygen)
+DEV_PACKAGES=(clang clang-format llvm git doxygen dpkg-dev)
 
 PACKAGE_PACKAGES=(dpkg-dev fakeroot lintian xz-utils)
 
