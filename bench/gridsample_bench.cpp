@@ -20,6 +20,7 @@
 #include "gridsample_rival.h"
 #include "one_node_model.h"
 #include "render/gridsample_fast.h"
+#include "render/gridsample_op.h"
 #include "render/gridsample_rewrite.h"
 #include "stopwatch.h"
 

@@ -2,7 +2,7 @@
 # Installs what building zorv needs and finds (or fetches) ONNX Runtime.
 #
 #   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
-#   scripts/setup.sh --dev      also what the full test run needs (clang, clang-format, doxygen)
+#   scripts/setup.sh --dev      also what the full test run needs (clang, doxygen, valgrind, qemu ...)
 #   scripts/setup.sh --package  also what scripts/package.sh needs (Debian's packaging tools, the
 #                               licence texts of a fetched runtime)
 #   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
@@ -24,7 +24,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
-DEV_PACKAGES=(clang clang-format llvm git doxygen dpkg-dev)
+DEV_PACKAGES=(clang clang-format clang-tidy cppcheck valgrind qemu-user llvm git doxygen dpkg-dev)
 
 PACKAGE_PACKAGES=(dpkg-dev fakeroot lintian xz-utils)
 

@@ -1,8 +1,17 @@
 #!/usr/bin/env bash
-# The library exports exactly the functions that the public header declares.
-#   exports_test.sh LIBRARY HEADER
+# What the library exports, what the public header declares and what it marks with ZORV_API are the
+# same, and every one of them is a function.
+#   exports_test.sh LIBRARY HEADER COMPILER
 set -euo pipefail
-exported=$(nm -D --defined-only "$1" | awk '{print $NF}' | sed 's/@.*//' | sort -u)
-declared=$(sed -n '/^ZORV_API/,/;/p' "$2" | grep -oE '\bzorv_[a-z_0-9]+\(' | tr -d '(' | sort -u)
+symbols=$(nm -D --defined-only "$1")
+others=$(awk '$(NF - 1) != "T"' <<<"$symbols")
+[ -z "$others" ] || { echo "exported, but no function: $others"; exit 1; }
+exported=$(awk '{print $NF}' <<<"$symbols" | sort)
+text=$("$3" -E -P -x c "$2" | tr '\n' ' ' | tr ';' '\n')
+names() { grep -oE '\bzorv_[a-z_0-9]+ *\(' | tr -d ' (' | sort; }
+declared=$(names <<<"$text")
 [ -n "$declared" ] || { echo "no declarations found in $2"; exit 1; }
-diff <(echo "$declared") <(echo "$exported") && echo "$(wc -l <<<"$exported") functions"
+marked=$(grep 'visibility("default")' <<<"$text" | names)
+diff <(echo "$declared") <(echo "$marked") || { echo "declared < > marked with ZORV_API"; exit 1; }
+diff <(echo "$declared") <(echo "$exported") || { echo "declared < > exported"; exit 1; }
+echo "$(wc -l <<<"$exported") functions"

@@ -12,6 +12,7 @@
 #include "common/ort.h"
 #include "render/custom_operators.h"
 #include "render/gridsample_fast.h"
+#include "render/gridsample_op.h"
 #include "support/failure.h"
 #include "support/runtime_leaks.h"
 #include "support/test_bundle.h"

@@ -77,8 +77,7 @@ std::int32_t Meta::fieldOf(std::int32_t perLayer) const {
         std::min<std::int64_t>(frames, std::numeric_limits<std::int32_t>::max()));
 }
 
-Tables::Tables(const std::string& dir, const Meta& meta) {
-    pos = readFloats(dir + "/a2x_pos.f32");
+Tables::Tables(const std::string& dir, const Meta& meta) : pos(readFloats(dir + "/a2x_pos.f32")) {
     const std::vector<float> norm = readFloats(dir + "/a2x_norm.f32");
     xs_target = readFloats(dir + "/xs_target.bin");
     const std::size_t wanted =

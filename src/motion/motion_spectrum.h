@@ -26,7 +26,7 @@ static_assert(kTransforms <= kLaneStride);
 
 /// What the kernels read, the same for all windows.
 struct SpectrumTables {
-    SpectrumTables(const float* window, const float* binmat);
+    SpectrumTables(const float* window, const float* weights);
 
     /// The analysis window, halved: the split of the packed real transform has a factor of 1/2.
     alignas(64) std::array<float, kTransformSamples> halfWindow;

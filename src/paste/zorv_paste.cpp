@@ -82,11 +82,11 @@ void Paste::Span::include(Span other) {
     end = std::max(end, other.end);
 }
 
-Paste::Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp)
-    : Paste(std::move(mask), side, unsharp, pasteKernels(simdLevel()), workerCount()) {}
+Paste::Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp)
+    : Paste(mask, side, unsharp, pasteKernels(simdLevel()), workerCount()) {}
 
-Paste::Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp, const PasteKernels& kernels,
-             int workers)
+Paste::Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp,
+             const PasteKernels& kernels, int workers)
     : side_(side),
       ksize_(unsharp.ksize),
       amount_(unsharp.amount),

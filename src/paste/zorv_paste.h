@@ -25,10 +25,10 @@ class Paste {
   public:
     /// `mask` is side x side, row-major: 0 keeps the frame, 255 takes the crop. Throws
     /// std::runtime_error for a mask of another size or an even kernel size.
-    Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp);
+    Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp);
     /// With given inner loops and number of workers.
-    Paste(std::vector<std::uint8_t> mask, int side, Unsharp unsharp, const PasteKernels& kernels,
-          int workers);
+    Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp,
+          const PasteKernels& kernels, int workers);
     Paste(const Paste&) = delete;
     Paste& operator=(const Paste&) = delete;
 

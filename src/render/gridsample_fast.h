@@ -1,8 +1,7 @@
 // Bilinear sampling of planes at the points of a grid, edges repeated, corners not aligned: the
-// operator GridSampleFast and its kernels.
+// kernels of the operator GridSampleFast. Without the model runtime, whose header brings code of
+// its own that files of one instruction set must not define.
 #pragma once
-
-#include <onnxruntime_cxx_api.h>
 
 #include <cstdint>
 #include <span>
@@ -40,9 +39,5 @@ const GridSampleKernel& gridSampleKernel(SimdLevel level);
 
 /// Runs the kernel of `simdLevel()`.
 GridSampleFunction gridsample_fast;
-
-/// Makes com.velmarin::GridSampleFast known to sessions made with `options`: X [N, C, H, W] and
-/// grid [N, H, W, 2] give Y [N, C, H, W]. Any thread.
-void registerGridSampleFast(Ort::SessionOptions& options);
 
 }  // namespace zorv

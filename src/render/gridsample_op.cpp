@@ -1,3 +1,5 @@
+#include "render/gridsample_op.h"
+
 #include <stdexcept>
 
 #include "render/custom_operators.h"

@@ -1,0 +1,12 @@
+// The operator GridSampleFast; its kernels are in gridsample_fast.h.
+#pragma once
+
+#include <onnxruntime_cxx_api.h>
+
+namespace zorv {
+
+/// Makes com.velmarin::GridSampleFast known to sessions made with `options`: X [N, C, H, W] and
+/// grid [N, H, W, 2] give Y [N, C, H, W]. Any thread.
+void registerGridSampleFast(Ort::SessionOptions& options);
+
+}  // namespace zorv
