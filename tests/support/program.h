@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,6 +61,8 @@ class ProgramTest : public testing::Test {
         const std::string out = path("stdout"), err = path("stderr");
         const pid_t child = fork();
         if (child != 0) return child;
+        // A run in the background may have left it ignored, which the program respects.
+        signal(SIGINT, SIG_DFL);
         const int flags = O_WRONLY | O_CREAT | O_TRUNC;
         dup2(open(out.c_str(), flags, 0600), STDOUT_FILENO);
         dup2(open(err.c_str(), flags, 0600), STDERR_FILENO);
