@@ -1,5 +1,5 @@
-# Installed tree: header, library with soname, CMake package, pkg-config file, command line, licence
-# texts. The components are the packages of cmake/Package.cmake.
+# Installed tree: header, library with soname, CMake package, pkg-config file, command line, pages,
+# licence texts. The components are the packages of cmake/Package.cmake.
 #
 # The library finds ONNX Runtime without environment variables: a runtime that the system does not
 # provide is copied into a folder of the library's own, so that it never stands in the way of
@@ -73,4 +73,6 @@ if(ZORV_LICENCES_MISSING)
 endif()
 set(texts ${ZORV_LICENCES_library} ${ZORV_LICENCES_tools})
 list(REMOVE_DUPLICATES texts)
-install(FILES ${texts} DESTINATION ${CMAKE_INSTALL_DATADIR}/licenses/zorv_core COMPONENT licences)
+install(FILES ${texts} DESTINATION ${CMAKE_INSTALL_DATADIR}/licenses/zorv_core COMPONENT texts)
+file(GLOB ZORV_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.svg)
+install(FILES ${ZORV_PAGES} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT texts)

@@ -105,6 +105,8 @@ if(CPACK_DEBIAN_PACKAGE_RELEASE)
 endif()
 zorv_package_documents(library ${library} ${ZORV_LICENCES_library})
 zorv_package_documents(development libzorv-core-dev)
+install(FILES ${ZORV_PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzorv-core-dev
+    COMPONENT development EXCLUDE_FROM_ALL)
 if(TARGET zorv)
     zorv_package_documents(tools zorv ${ZORV_LICENCES_tools})
 endif()
