@@ -3,10 +3,14 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "capi/rgba.h"
 #include "common/cpu.h"
+#include "common/error.h"
 #include "common/half.h"
 #include "common/key_finder.h"
 #include "common/parallel.h"
@@ -137,6 +141,27 @@ TEST(Cpu, SettingLowersButNeverRaises) {
     EXPECT_EQ(chooseSimdLevel("avx2", SimdLevel::kAvx512), SimdLevel::kAvx2);
     EXPECT_EQ(chooseSimdLevel("avx2", SimdLevel::kPortable), SimdLevel::kPortable);
     EXPECT_EQ(chooseSimdLevel("avx512", SimdLevel::kAvx2), SimdLevel::kAvx2);
+}
+
+TEST(LastError, IsThereForDestructorsThatRunAfterItsThreadsOwnObjects) {
+    using Errors = LastError<struct LateCalls>;
+    const std::string longText(100, 'x');
+    std::string seen;
+    struct Late {
+        std::string& seen;
+        ~Late() {
+            Errors::clear();
+            seen = Errors::get();
+            Errors::set("late", std::runtime_error("call"));
+            seen += Errors::get();
+        }
+    };
+    std::thread([&] {
+        thread_local const Late late{seen};  // made first, so it goes last
+        EXPECT_EQ(&late.seen, &seen);
+        Errors::set(longText);
+    }).join();
+    EXPECT_EQ(seen, "late: call");
 }
 
 TEST(KeyFinder, NumbersSaturateAndIgnoreTheLocale) {

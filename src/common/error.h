@@ -27,9 +27,19 @@ class LastError {
     }
 
   private:
+    /// When a thread ends, its text lets its memory go but stays a string: destructors that run
+    /// later, those of static objects at exit among them, may still make calls.
+    struct Text {
+        Text() : value() {}
+        ~Text() { std::string().swap(value); }
+        union {
+            std::string value;
+        };
+    };
+
     static std::string& text() {
-        thread_local std::string value;
-        return value;
+        thread_local Text text;
+        return text.value;
     }
 };
 
