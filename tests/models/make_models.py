@@ -183,8 +183,9 @@ def a2x_trunk(path, steps=399, declared=None):
     blocks = g("Add", blocks, np.arange(400).reshape(400, 1) / 1000)
     channels = g("Reshape", g("Transpose", blocks, perm=[1, 0]), g.ints(1, 640, 400))
     # The end depends on the input as far as anyone can tell ahead of a run.
-    silent = g("Mul", g("Slice", g("Reshape", "input_values", g.ints(-1)), g.ints(0), g.ints(1)), 0.0)
-    end = g("Cast", g("Add", silent, float(steps)), to=TensorProto.INT64)
+    last = g("Slice", g("Reshape", "input_values", g.ints(-1)), g.ints(0), g.ints(1))
+    zero = g("Mul", g("Cast", g("IsNaN", last), to=TensorProto.FLOAT), 0.0)
+    end = g("Cast", g("Add", zero, float(steps)), to=TensorProto.INT64)
     channels = g("Slice", channels, g.ints(0), end, g.ints(2))
     g("Cast", channels, to=TensorProto.FLOAT16, out="trunk_steps")
     g.save(path, {"input_values": [1, 32000]}, {"trunk_steps": [1, 640, declared or steps]},
