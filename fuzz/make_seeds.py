@@ -12,6 +12,8 @@ from onnx import TensorProto, helper, load
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(ROOT, "demo"))
 import render_model  # noqa: E402
+import stream_seeds  # noqa: E402
+import utt_seeds  # noqa: E402
 
 
 def shortened(model, limit=32):
@@ -48,7 +50,10 @@ def gridsample_rewrite(test_models):
 
 
 # Target -> a function of MODELS that returns the seeds: file name -> bytes.
-SEEDS = {"gridsample_rewrite_fuzz": gridsample_rewrite}
+SEEDS = {"gridsample_rewrite_fuzz": gridsample_rewrite,
+         "motion_push_fuzz": stream_seeds.motion_push,
+         "a2x_push_fuzz": stream_seeds.a2x_push,
+         "utt_calls_fuzz": utt_seeds.utt_calls}
 
 
 def main(directory, test_models):
