@@ -2,7 +2,6 @@
 // field outside the nodes that it replaced is there again byte for byte. The comparison reads the
 // wire format with code of its own.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -13,12 +12,11 @@
 #include <vector>
 
 #include "render/gridsample_rewrite.h"
+#include "require.h"
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
+using zorv::fuzz::require;
 
 struct Field {
     std::uint64_t number = 0;

@@ -1,53 +1,37 @@
 // Any bytes as manifest.json, beside empty tensor files: loading gives a manifest with usable
 // dimensions or a one-line text, and what it asks for is refused without touching memory.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <stdexcept>
+#include <exception>
+#include <filesystem>
 #include <string>
 
 #include "bundle/zorv_bundle.h"
+#include "damaged_dir.h"
+#include "require.h"
+#include "support/test_bundle.h"
 
 namespace {
 
-/// A bundle directory of this process with every file but the manifest, all empty.
+using zorv::fuzz::require;
+
+/// A bundle directory with every file but the manifest, all empty.
 class EmptyBundle {
   public:
     EmptyBundle() {
-        char name[] = "/tmp/manifest_fuzz_XXXXXX";
-        if (!::mkdtemp(name)) std::abort();
-        dir_ = name;
-        ::mkdir((dir_ + "/drive").c_str(), 0700);
-        for (const char* file : kFiles) write(file, nullptr, 0);
+        std::filesystem::create_directory(dir() + "/drive");
+        for (const char* file :
+             {"pooled64.f16", "P.f16", "M.f32", "drive/xs.f32", "drive/xd.f32", "drive/si.i32"}) {
+            write(file, "");
+        }
     }
-    ~EmptyBundle() {
-        for (const char* file : kFiles) ::unlink((dir_ + "/" + file).c_str());
-        ::unlink((dir_ + "/manifest.json").c_str());
-        ::rmdir((dir_ + "/drive").c_str());
-        ::rmdir(dir_.c_str());
-    }
-
-    const std::string& dir() const { return dir_; }
-
-    void write(const char* name, const std::uint8_t* data, std::size_t size) const {
-        std::FILE* file = std::fopen((dir_ + "/" + name).c_str(), "wb");
-        if (!file) std::abort();
-        if (size > 0) std::fwrite(data, 1, size, file);
-        std::fclose(file);
+    const std::string& dir() const { return dir_.path(); }
+    void write(const std::string& name, const std::string& bytes) const {
+        zorv::test::writeFile(dir() + "/" + name, bytes);
     }
 
   private:
-    static constexpr const char* kFiles[] = {"pooled64.f16", "P.f16",        "M.f32",
-                                             "drive/xs.f32", "drive/xd.f32", "drive/si.i32"};
-    std::string dir_;
+    zorv::test::TempDir dir_;
 };
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 template <class Body>
 bool failsWithText(Body&& body) {
@@ -63,8 +47,9 @@ bool failsWithText(Body&& body) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    zorv::fuzz::keepTempDirsInMemory();
     static const EmptyBundle bundle;
-    bundle.write("manifest.json", data, size);
+    bundle.write("manifest.json", {reinterpret_cast<const char*>(data), size});
     zorv::Manifest manifest;
     if (failsWithText([&] { manifest = zorv::loadManifest(bundle.dir()); })) return 0;
     require(manifest.NT >= 1 && manifest.H >= 1 && manifest.W >= 1 && manifest.crop >= 1);

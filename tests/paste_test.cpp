@@ -238,6 +238,14 @@ TEST(Paste, RefusesWhatItCannotUse) {
     }
 }
 
+TEST(Paste, KernelsThatWouldHoldAPasteUpForMinutesAreRefused) {
+    const int widest = (1 << 14) - 3;  // for a crop of 4
+    EXPECT_EQ(failure(16, 4, {1, 1, widest}), "");
+    for (const int ksize : {widest + 2, 247483}) {
+        EXPECT_EQ(failure(16, 4, {1, 1, ksize}), std::bad_alloc().what());
+    }
+}
+
 TEST(Paste, CropsTooLargeFailOnlyWhenTheyWouldBeDrawn) {
     const std::vector<float> crop(3 * 1025 * 1025);
     Paste paste(std::vector<std::uint8_t>(1025 * 1025, 255), 1025, {});

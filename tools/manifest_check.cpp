@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kFormat = "zorv-bundle-v0";
 constexpr int kMaxCrop = 1024;           // the compositor refuses wider ones
-constexpr int64_t kMaxPadded = 1 << 22;  // crop with the border of the sharpening kernel
+constexpr int64_t kMaxPadded = 1 << 14;  // crop with the border of the sharpening kernel
 constexpr double kMaxCache = 0x1p46;     // bytes of all frames; beyond it no address space is left
 constexpr const char* kSpace = " \t\r\n";
 

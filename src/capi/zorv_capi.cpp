@@ -89,7 +89,8 @@ const std::uint8_t* zorv_ctx::target(int i) {
     }
     int width = 0;
     int height = 0;
-    const std::vector<std::uint8_t> pixels = zorv::loadImageRGB(path, width, height);
+    const std::vector<std::uint8_t> pixels =
+        zorv::loadImageRGB(path, width, height, frameBytes() / 3);
     if (width != manifest.W || height != manifest.H) {
         throw std::runtime_error(std::string("target size mismatch ") + path);
     }

@@ -1,11 +1,24 @@
 #include "capi/zorv_image.h"
 
+#include <climits>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
+#include "capi/jpeg_tables.h"
+#include "common/file.h"
+
+// Zeroed: a damaged JPEG file may use tables and coefficients that it never defines.
+#define STBI_MALLOC(size) std::calloc(1, size)
+#define STBI_REALLOC(block, size) std::realloc(block, size)
+#define STBI_FREE(block) std::free(block)
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
-#define STBI_NO_HDR
+#define STBI_NO_STDIO
+// Not the decoders of formats that no one keeps video frames in: each one is a way in for damage.
+#define STBI_ONLY_JPEG
+#define STBI_ONLY_PNG
+#define STBI_ONLY_BMP
 #define STBI_NO_LINEAR
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wunused-function"
@@ -14,14 +27,24 @@
 
 namespace zorv {
 
-std::vector<std::uint8_t> loadImageRGB(const std::string& path, int& width, int& height) {
+std::vector<std::uint8_t> loadImageRGB(const std::string& path, int& width, int& height,
+                                       std::size_t mostPixels) {
+    const auto require = [&](bool condition) {
+        if (!condition) throw std::runtime_error("decode failed: " + path);
+    };
+    std::string file;
+    require(readWholeFile(path, file) == ReadStatus::kOk && file.size() <= INT_MAX);
+    require(jpegTablesFit(file));
+    const auto* bytes = reinterpret_cast<const stbi_uc*>(file.data());
+    const int size = static_cast<int>(file.size());
     int channelsInFile = 0;
+    require(stbi_info_from_memory(bytes, size, &width, &height, &channelsInFile) != 0);
+    const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    if (count > mostPixels) return {};
     const std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
-        stbi_load(path.c_str(), &width, &height, &channelsInFile, 3), stbi_image_free);
-    if (!pixels) throw std::runtime_error("decode failed: " + path);
-    const std::size_t bytes =
-        static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
-    return {pixels.get(), pixels.get() + bytes};
+        stbi_load_from_memory(bytes, size, &width, &height, &channelsInFile, 3), stbi_image_free);
+    require(pixels != nullptr);
+    return {pixels.get(), pixels.get() + count * 3};
 }
 
 }  // namespace zorv

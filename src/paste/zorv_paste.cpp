@@ -16,6 +16,9 @@ namespace zorv {
 namespace {
 
 constexpr int kMaxSide = 1024;
+/// Of a crop with the border that the sharpening kernel adds. A kernel so much wider than any crop
+/// comes from a damaged manifest, and one paste with it would take minutes.
+constexpr std::uint64_t kMaxPadded = 1 << 14;
 /// Reach of the widest kernel around the pixel that a position falls into.
 constexpr int kReach = 4;
 /// Columns are sharpened in whole blocks of vectors.
@@ -111,11 +114,9 @@ void Paste::chooseKernels(const Unsharp& unsharp) {
         if (k % 2 != 0 && k >= 3 && k <= ksize_) ksize_ = static_cast<int>(k);
     }
     warnAboutMetal();
-    // Only rows of the padded plane are ever held, but a kernel whose whole plane could not be
-    // addressed is no usable kernel.
     const std::uint64_t padded =
         std::uint64_t{static_cast<unsigned>(ksize_)} + static_cast<unsigned>(side_) - 1;
-    if (padded > (std::uint64_t{1} << 22)) throw std::bad_alloc();
+    if (padded > kMaxPadded) throw std::bad_alloc();
     padded_ = static_cast<int>(padded);
     kernel_ = gaussianKernel(ksize_, unsharp.sigma);
 }
