@@ -60,6 +60,18 @@ TEST_F(Image, HuffmanTablesOfMoreThan256SymbolsAreRefused) {
     }
 }
 
+TEST_F(Image, ImageDataThatEndsWithinAValueIsRefusedOrDecoded) {
+    const std::size_t scan = good_.find("\xff\xda") + 14;
+    for (std::size_t end = scan; end < good_.size(); end += 3) {
+        const std::string outcome = decode(good_.substr(0, end) + "\xff\xd9");
+        if (outcome == "no failure") {
+            EXPECT_EQ(pixels_.size(), std::size_t{48 * 40 * 3}) << end;
+        } else {
+            EXPECT_EQ(outcome, "decode failed: " + path_) << end;
+        }
+    }
+}
+
 TEST_F(Image, TheSizeThatAHeaderClaimsTakesNoMemory) {
     std::string bytes = good_;
     const std::size_t frame = bytes.find("\xff\xc0");
