@@ -18,7 +18,6 @@
 // Not the decoders of formats that no one keeps video frames in: each one is a way in for damage.
 #define STBI_ONLY_JPEG
 #define STBI_ONLY_PNG
-#define STBI_ONLY_BMP
 #define STBI_NO_LINEAR
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wunused-function"

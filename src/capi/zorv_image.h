@@ -8,7 +8,7 @@
 
 namespace zorv {
 
-/// Decodes an image file (JPEG, PNG or BMP) to width x height x 3 bytes RGB, row-major. An image of
+/// Decodes an image file (JPEG or PNG) to width x height x 3 bytes RGB, row-major. An image of
 /// more than `mostPixels` is not decoded: only its size is told, since that of a damaged file may
 /// ask for any amount of memory. Throws "decode failed: " + path.
 std::vector<std::uint8_t> loadImageRGB(const std::string& path, int& width, int& height,
