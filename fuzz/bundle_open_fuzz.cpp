@@ -13,7 +13,7 @@
 
 #include "damaged_dir.h"
 #include "descriptors.h"
-#include "require.h"
+#include "fuzz_input.h"
 #include "support/test_bundle.h"
 
 namespace {
@@ -134,8 +134,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static zorv::fuzz::DamagedDir dir(fixture.dir(), choice());
 
     const zorv::fuzz::Descriptors descriptors;
-    zorv::fuzz::Input input(data, size);
-    const char* key = kModels[input.number(1) % std::size(kModels)].first;
+    zorv::fuzz::FuzzInput input(data, size);
+    const char* key = kModels[input.byte() % std::size(kModels)].first;
     dir.damage(input);
     zorv_ctx* ctx = zorv_create(fixture.dir().c_str(), key, 1, nullptr);
     if (ctx) {

@@ -15,6 +15,11 @@ namespace {
 constexpr int kMostOperations = 8;
 constexpr std::size_t kMostBytes = std::size_t{1} << 20;
 
+std::size_t place(FuzzInput& input) {
+    const std::size_t low = input.word();
+    return low | std::size_t{input.byte()} << 16;
+}
+
 void resize(std::string& content, std::size_t size) {
     content.resize(std::min(size, kMostBytes), '\0');
 }
@@ -43,61 +48,45 @@ void keepTempDirsInMemory() {
     if (::access(kInMemory, W_OK | X_OK) == 0) ::setenv("TMPDIR", kInMemory, 0);
 }
 
-std::uint32_t Input::number(int count) {
-    std::uint32_t value = 0;
-    int shift = 0;
-    for (const char byte : bytes(static_cast<std::size_t>(count))) {
-        value |= static_cast<std::uint32_t>(static_cast<unsigned char>(byte)) << shift;
-        shift += 8;
-    }
-    return value;
-}
-
-std::string_view Input::bytes(std::size_t count) {
-    const std::string_view taken = rest_.substr(0, count);
-    rest_.remove_prefix(taken.size());
-    return taken;
-}
-
 DamagedDir::DamagedDir(std::string dir, std::vector<std::string> files)
     : dir_(std::move(dir)), choice_(std::move(files)) {
     for (const std::string& name : choice_) original_[name] = test::readFile(dir_ + "/" + name);
 }
 
-void DamagedDir::damage(Input& input) {
+void DamagedDir::damage(FuzzInput& input) {
     for (int i = 0; i < kMostOperations && !input.empty(); ++i) {
-        change(choice_[input.number(1) % choice_.size()], input);
+        change(choice_[input.byte() % choice_.size()], input);
     }
 }
 
-void DamagedDir::change(const std::string& name, Input& input) {
+void DamagedDir::change(const std::string& name, FuzzInput& input) {
     const std::string path = dir_ + "/" + name;
     std::string& content = changed_.try_emplace(name, original_[name]).first->second;
-    const std::uint32_t kind = input.number(1) % 8;
+    const unsigned kind = input.byte() % 8;
     switch (kind) {
         case 2: {
-            const auto more = static_cast<std::int16_t>(input.number(2));
+            const auto more = static_cast<std::int16_t>(input.word());
             const auto size = static_cast<std::ptrdiff_t>(content.size()) + more;
             resize(content, static_cast<std::size_t>(std::max<std::ptrdiff_t>(size, 0)));
             break;
         }
         case 3:
-            resize(content, input.number(3) % kMostBytes);
+            resize(content, place(input) % kMostBytes);
             break;
         case 4: {
-            const std::uint32_t place = input.number(3);
-            overwrite(content, place, input.bytes(input.number(1)));
+            const std::size_t at = place(input);
+            overwrite(content, at, input.bytes(input.byte()));
             break;
         }
         case 5:
-            content += input.bytes(input.number(1));
+            content += input.bytes(input.byte());
             break;
         case 6:
-            content = original_[choice_[input.number(1) % choice_.size()]];
+            content = original_[choice_[input.byte() % choice_.size()]];
             break;
         case 7: {
-            const std::uint32_t colon = input.number(1);
-            setValue(content, colon, input.bytes(input.number(1)));
+            const unsigned colon = input.byte();
+            setValue(content, colon, input.bytes(input.byte()));
             break;
         }
         default:

@@ -2,32 +2,17 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "fuzz_input.h"
 
 namespace zorv::fuzz {
 
 /// Makes temporary directories lie in memory where the system offers that. To be called before
 /// the first one is made; a TMPDIR that is set already stays.
 void keepTempDirsInMemory();
-
-/// An input, read from its beginning; missing bytes are 0.
-class Input {
-  public:
-    Input(const std::uint8_t* data, std::size_t size)
-        : rest_(reinterpret_cast<const char*>(data), size) {}
-
-    bool empty() const { return rest_.empty(); }
-    /// A little-endian number of `bytes` bytes.
-    std::uint32_t number(int bytes);
-    std::string_view bytes(std::size_t count);
-
-  private:
-    std::string_view rest_;
-};
 
 /// A directory of valid files, kept in memory so that it can be mended.
 ///
@@ -47,7 +32,7 @@ class DamagedDir {
     DamagedDir(std::string dir, std::vector<std::string> files);
 
     /// Carries out the operations that the rest of the input holds, but not more than eight.
-    void damage(Input& input);
+    void damage(FuzzInput& input);
     /// Writes everything that was damaged as it was at first.
     void mend();
 
@@ -55,7 +40,7 @@ class DamagedDir {
     std::size_t size(const std::string& name) const;
 
   private:
-    void change(const std::string& name, Input& input);
+    void change(const std::string& name, FuzzInput& input);
 
     std::string dir_;
     std::vector<std::string> choice_;

@@ -11,7 +11,7 @@
 
 #include "damaged_dir.h"
 #include "descriptors.h"
-#include "require.h"
+#include "fuzz_input.h"
 #include "support/audio.h"
 #include "support/expression_dir.h"
 #include "support/test_motion.h"
@@ -86,7 +86,7 @@ void open(const std::string& path, const DamagedDir& dir, bool heard, bool mayBe
     Family::destroy(engine);
 }
 
-void openMotion(zorv::fuzz::Input& input, bool heard) {
+void openMotion(zorv::fuzz::FuzzInput& input, bool heard) {
     static const zorv::test::TestMotion motion({.nt = 2});
     static const std::vector<std::string> files = [] {
         std::vector<std::string> names{"meta.json"};
@@ -102,7 +102,7 @@ void openMotion(zorv::fuzz::Input& input, bool heard) {
     dir.mend();
 }
 
-void openExpression(zorv::fuzz::Input& input, bool heard) {
+void openExpression(zorv::fuzz::FuzzInput& input, bool heard) {
     static const zorv::test::ExpressionDir expression({.nt = 2});
     static DamagedDir dir(expression.path(), {"a2x_meta.json", "a2x_pos.f32", "a2x_norm.f32",
                                               "xs_target.bin", "a2x_meta.json", "a2x_dec.onnx"});
@@ -122,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(loaded);
 
     const zorv::fuzz::Descriptors descriptors;
-    zorv::fuzz::Input input(data, size);
-    const std::uint32_t choice = input.number(1);
+    zorv::fuzz::FuzzInput input(data, size);
+    const unsigned choice = input.byte();
     const bool heard = (choice & 2) != 0;
     if (choice & 1) {
         openExpression(input, heard);

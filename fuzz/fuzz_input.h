@@ -1,10 +1,12 @@
 // What fuzz targets share: reading the fuzzer's bytes, and checks.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 namespace zorv::fuzz {
 
@@ -23,6 +25,13 @@ class FuzzInput {
         const unsigned low = byte();
         return static_cast<std::uint16_t>(low | unsigned{byte()} << 8);
     }
+    /// At most `count` bytes: those that there are.
+    std::string_view bytes(std::size_t count) {
+        const std::string_view taken(reinterpret_cast<const char*>(data_), std::min(count, left_));
+        data_ += taken.size();
+        left_ -= taken.size();
+        return taken;
+    }
     std::int32_t number() {
         const std::uint32_t low = word();
         return static_cast<std::int32_t>(low | std::uint32_t{word()} << 16);
@@ -33,10 +42,11 @@ class FuzzInput {
     std::size_t left_;
 };
 
-/// Ends the process, as fuzzers want it, with a line that tells what did not hold.
-inline void require(bool condition, const char* what) {
+/// Ends the process, as fuzzers want it, with a line that tells what did not hold: the compiler may
+/// merge all checks of a function into one, so that the call stack does not tell.
+inline void require(bool condition, const char* what = "a check", int line = __builtin_LINE()) {
     if (condition) return;
-    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::fprintf(stderr, "does not hold: %s (line %d)\n", what, line);
     std::abort();
 }
 

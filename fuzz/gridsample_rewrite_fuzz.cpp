@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "render/gridsample_rewrite.h"
-#include "require.h"
 
 namespace {
 

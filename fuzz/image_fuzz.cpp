@@ -7,7 +7,7 @@
 
 #include "capi/zorv_image.h"
 #include "damaged_dir.h"
-#include "require.h"
+#include "fuzz_input.h"
 #include "support/test_bundle.h"
 
 namespace {

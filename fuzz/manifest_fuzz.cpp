@@ -7,7 +7,7 @@
 
 #include "bundle/zorv_bundle.h"
 #include "damaged_dir.h"
-#include "require.h"
+#include "fuzz_input.h"
 #include "support/test_bundle.h"
 
 namespace {
