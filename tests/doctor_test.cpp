@@ -141,11 +141,11 @@ TEST_F(DoctorCommand, MeasuresTheWholeWay) {
                              "cpu_ms_per_speech_frame", "session_cores", "session_memory_bytes"})
         EXPECT_GT(live[name], 0) << name;
     EXPECT_GE(live["late_frames"], live["late_after_first_second"]);
-    EXPECT_EQ(report["batch"]["frames"], 200);
+    EXPECT_EQ(report["batch"]["frames"].get<int>() % 100, 0) << "whole clips of 4 s";
     EXPECT_GT(report["batch"]["fps"], 0);
     EXPECT_GT(report["batch"]["cpu_ms_per_frame"], 0);
     ASSERT_GE(report["sessions_run"].size(), 1u);
-    EXPECT_GT(report["sessions_run"].back()["frames"], 25 * report["sessions_run"].size());
+    EXPECT_GT(report["sessions_run"].back()["frames_due"], 25 * report["sessions_run"].size());
     const int sessions = report["verdict"]["sessions"];
     EXPECT_EQ(outcome.code, sessions > 0 ? 0 : 1);
 }
@@ -160,10 +160,10 @@ TEST(SessionVerdict, FollowsTheScarcerOfCoresAndMemory) {
     EXPECT_EQ(tools::estimated_sessions({1e-12, 1}, {8, 8 * gib}), 10000) << "no overflow";
 }
 
-SessionsRun run_of(int sessions, int frames, int late, const std::string& failure = "") {
+SessionsRun run_of(int sessions, int due, int late, const std::string& failure = "") {
     SessionsRun run;
     run.sessions = sessions;
-    run.frames = frames;
+    run.due = due;
     run.late = late;
     run.failures = failure.empty() ? 0 : 1;
     run.failure = failure;
@@ -215,7 +215,11 @@ TEST(SessionVerdict, SaysWhatWasSeenAndWhatIsAnEstimate) {
         {two, {one, run_of(4, 800, 100), run_of(2, 400, 40)}, 1, true, "1 live session of"},
         {two, {one, run_of(4, 800, 0, "no memory")}, 1, true, "4 at a time failed: no memory"},
         {{0.4, 1e9}, {one}, 1, true, "nothing to spare"},
-        {two, {run_of(1, 200, 50)}, 0, false, "of 200 frames of a single session 50 were late"},
+        {two,
+         {run_of(1, 200, 50)},
+         0,
+         false,
+         "of 200 frames that a single session owed 50 were late"},
         {two, {run_of(1, 200, 0, "bad model")}, 0, false, "a session failed: bad model"},
     };
     for (const Case& expected : cases) {

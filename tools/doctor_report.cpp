@@ -140,7 +140,7 @@ std::string batch_text(const BatchMeasure& batch) {
 
 std::string run_text(const SessionsRun& run) {
     return fmt::format("{} sessions at a time: {} of {} frames late, {:.2f} cores used\n",
-                       run.sessions, run.late, run.frames, run.cores);
+                       run.sessions, run.late, run.due, run.cores);
 }
 
 std::string doctor_json(const DoctorReport& report) {
@@ -159,7 +159,7 @@ std::string doctor_json(const DoctorReport& report) {
             {{"variable", slow.variable}, {"value", slow.value}, {"effect", slow.effect}});
     for (const SessionsRun& run : report.runs)
         result["sessions_run"].push_back({{"sessions", run.sessions},
-                                          {"frames", run.frames},
+                                          {"frames_due", run.due},
                                           {"late_after_first_second", run.late},
                                           {"cpu_per_second", run.cores},
                                           {"failures", run.failures}});

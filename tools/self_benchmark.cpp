@@ -24,7 +24,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSoundRate = 16000, kFrameRate = 25;
 constexpr double kInterruptAfter = 0.8, kPause = 0.2;  // seconds
-constexpr int kBatchSeconds = 8;
+constexpr int kBatchSeconds = 4;
+constexpr double kLeastBatchTime = 1.5;  // seconds of rendering that make a figure
 constexpr int kMostWarmFrames = 300;
 constexpr auto kMostWarmTime = std::chrono::seconds(8);
 
@@ -64,10 +65,6 @@ double frames_to_come(const LiveEngine& engine, size_t shown) {
     return std::max(0.0, left) * static_cast<double>(engine.frame_bytes()) * 3 / 4;
 }
 
-int frames_pulled(const LiveReport& report) {
-    return report.idle + report.speech + report.ramp;
-}
-
 int late_for_no_reason(const LiveReport& report) {
     return report.late_after_first_second - report.late_at_interrupt;
 }
@@ -78,14 +75,32 @@ Line line_of(int seconds) {
     return line;
 }
 
+/** A line that ends on time even where frames come late. */
+Line interrupted_line(int seconds, double interrupt_s) {
+    Line line = line_of(seconds);
+    line.interrupt_s = interrupt_s;
+    return line;
+}
+
+/** work(0), work(1), ... each on a thread of its own. */
+template <class Work>
+auto at_a_time(int count, const Work& work) {
+    using Result = decltype(work(0));
+    std::vector<std::future<Result>> running;
+    for (int i = 0; i < count; ++i) running.push_back(std::async(std::launch::async, work, i));
+    std::vector<Result> results;
+    for (std::future<Result>& one : running) results.push_back(one.get());
+    return results;
+}
+
 }  // namespace
 
 LiveMeasure measure_live(const BenchmarkSubject& subject, int speech_seconds) {
     const LiveSetup setup = setup_of(subject);
     const std::vector<int16_t> sound = spoken_sound(std::max(speech_seconds, 1));
-    Line spoken = line_of(speech_seconds), cut = line_of(1);
+    Line spoken = line_of(speech_seconds);
     spoken.pause_s = kPause;
-    cut.interrupt_s = kInterruptAfter;
+    const Line cut = interrupted_line(1, kInterruptAfter);
 
     const double memory = own_memory();
     const LiveEngine engine(setup);
@@ -101,7 +116,7 @@ LiveMeasure measure_live(const BenchmarkSubject& subject, int speech_seconds) {
     if (worked > 0) measure.cpu_ms_per_speech_frame = 1000 * log.cpu_seconds / worked;
     measure.cost.cores = measure.cpu_ms_per_speech_frame / 1000 * kFrameRate;
     measure.run = {1,
-                   frames_pulled(measure.report),
+                   static_cast<int>(log.ticks.size()),
                    late_for_no_reason(measure.report),
                    measure.cost.cores,
                    log.failures,
@@ -110,24 +125,16 @@ LiveMeasure measure_live(const BenchmarkSubject& subject, int speech_seconds) {
 }
 
 SessionsRun measure_sessions(const BenchmarkSubject& subject, int sessions, int speech_seconds) {
-    const std::vector<int16_t> sound = spoken_sound(speech_seconds);
-    const auto each = [sessions](const auto& work) {
-        using Result = decltype(work(0));
-        std::vector<std::future<Result>> running;
-        for (int i = 0; i < sessions; ++i)
-            running.push_back(std::async(std::launch::async, work, i));
-        std::vector<Result> results;
-        for (auto& session : running) results.push_back(session.get());
-        return results;
-    };
-    const auto engines = each([&subject](int) {
+    const std::vector<int16_t> sound = spoken_sound(speech_seconds + 1);
+    const Line line = interrupted_line(speech_seconds + 1, speech_seconds);
+    const auto engines = at_a_time(sessions, [&subject](int) {
         auto engine = std::make_unique<LiveEngine>(setup_of(subject));
         warm_up(*engine);
         return engine;
     });
     const double cpu = cpu_seconds();
-    const auto logs = each([&](int i) {
-        return play(*engines[static_cast<size_t>(i)], sound, {line_of(speech_seconds)}, nullptr);
+    const auto logs = at_a_time(sessions, [&](int i) {
+        return play(*engines[static_cast<size_t>(i)], sound, {line}, nullptr);
     });
     const double used = cpu_seconds() - cpu;
     SessionsRun run;
@@ -135,7 +142,7 @@ SessionsRun measure_sessions(const BenchmarkSubject& subject, int sessions, int 
     double longest = 0;
     for (const SessionLog& log : logs) {
         const LiveReport report = make_report(0, log, 0);
-        run.frames += frames_pulled(report);
+        run.due += static_cast<int>(log.ticks.size());
         run.late += late_for_no_reason(report);
         run.failures += log.failures;
         if (log.failures > 0) run.failure = log.failure;
@@ -169,8 +176,10 @@ BatchMeasure measure_batch(const BenchmarkSubject& subject) {
     clip();
     const double cpu = cpu_seconds();
     const Clock::time_point begin = Clock::now();
-    measure.frames = clip();
-    measure.seconds = seconds_since(begin);
+    do {
+        measure.frames += clip();
+        measure.seconds = seconds_since(begin);
+    } while (measure.seconds < kLeastBatchTime);
     measure.cpu_seconds = cpu_seconds() - cpu;
     return measure;
 }

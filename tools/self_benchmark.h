@@ -30,10 +30,11 @@ struct BatchMeasure {
 /** One session in real time, its target frames decoded before. speech_seconds: of the line. */
 LiveMeasure measure_live(const BenchmarkSubject& subject, int speech_seconds);
 
-/** So many sessions at a time, each saying a line; those of one process, as a host would. */
+/** So many sessions at a time, each speaking for as long; those of one process, as a host would. */
 SessionsRun measure_sessions(const BenchmarkSubject& subject, int sessions, int speech_seconds);
 
-/** Eight seconds of speech through the batch stream, after a first time for the caches. */
+/** Four seconds of speech through the batch stream, again and again until that makes a figure,
+ * after a first time for the caches. */
 BatchMeasure measure_batch(const BenchmarkSubject& subject);
 
 }  // namespace zorv::tools

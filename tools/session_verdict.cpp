@@ -34,21 +34,22 @@ std::string unfit(const SessionsRun& single) {
         return fmt::format("a session failed: {}; check the subject with zorv inspect",
                            single.failure);
     return fmt::format(
-        "of {} frames of a single session {} were late; close other programs, give the models more "
+        "of {} frames that a single session owed {} were late; close other programs, give the "
+        "models more "
         "threads (--threads) or take a smaller renderer",
-        single.frames, single.late);
+        single.due, single.late);
 }
 
 std::string tried(const SessionsRun& run) {
     if (run.failures > 0) return fmt::format("{} at a time failed: {}", run.sessions, run.failure);
     return fmt::format("{} at a time ran with {} of {} frames late", run.sessions, run.late,
-                       run.frames);
+                       run.due);
 }
 
 }  // namespace
 
 bool SessionsRun::kept_up() const {
-    return failures == 0 && frames > 0 && late <= kLateShare * frames;
+    return failures == 0 && due > 0 && late <= kLateShare * due;
 }
 
 int estimated_sessions(const SessionCost& cost, const Capacity& capacity) {

@@ -27,8 +27,8 @@ struct Capacity {
 /** Sessions at a time that were run, in real time. */
 struct SessionsRun {
     int sessions = 0;
-    int frames = 0, late = 0;  // of all; late ones without a start's or an interrupt's
-    double cores = 0;          // processor time per second of all together
+    int due = 0, late = 0;  // frames of all; late without a reason such as an interrupt
+    double cores = 0;       // processor time per second of all together
     uint64_t failures = 0;
     std::string failure;  // one of them
     bool kept_up() const;
