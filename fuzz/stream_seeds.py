@@ -68,8 +68,10 @@ def streams():
         "raw": FORWARD + push(60000, BYTES | 5 << 3, bytes([0, 10, 99, 200, 128, 1])) + avail()
                + push(60000, FLOATS | 1 << 3, struct.pack("<ff", 0.25, -3e38)) + pull(99),
         "eager": FORWARD + eager(1) + b"".join(push(1000) + pull(3) for _ in range(40)) + eager(0) + pull(99),
-        "eager_left": FORWARD + eager(3) + b"".join(push(5000) + avail() for _ in range(18)) + eager(0) + push(9000)
-                      + pull(80),
+        "eager_left": FORWARD + eager(3) + b"".join(push(5000) + avail() for _ in range(18)) + eager(0) + pull(200)
+                      + push(9000) + pull(80),
+        "eager_left_early": FORWARD + eager(3) + b"".join(push(5000) + avail() for _ in range(5)) + eager(0)
+                            + push(9000) + pull(80),
         "adaptive": bytes([2]) + eager(-1) + b"".join(push(3000) + pull(2) for _ in range(30)),
         "resets": FORWARD + push(60000) + pull(4) + reset(2, 3) + push(70000) + avail() + reset_far(-2**31, 1)
                   + push(50000) + pull(20) + reset_far(2**31 - 1, 2) + push(80000) + pull(255),
@@ -84,6 +86,6 @@ def motion_push(_):
 
 
 def a2x_push(_):
-    """Three of the twelve variants each: four engines, three comparisons."""
-    return {f"{name}_{(i + k) % 12}": bytes([(i + k) % 12]) + program
-            for i, (name, program) in enumerate(streams().items()) for k in (0, 5, 10)}
+    """Three of the twelve variants each (four engines, three comparisons), the one that forgets the rhythm always."""
+    return {f"{name}_{variant}": bytes([variant]) + program
+            for i, (name, program) in enumerate(streams().items()) for variant in (i % 12, (i + 5) % 12, 10)}
