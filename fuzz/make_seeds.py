@@ -84,6 +84,10 @@ def image(_test_models):
         file = io.BytesIO()
         pixels.save(file, kind, **options)
         seeds[name] = file.getvalue()
+    # A length of a gigabyte, and a table of 257 symbols.
+    seeds["png_long_part"] = seeds["png"].replace(seeds["png"][33:37], b"\x40\0\0\0", 1)
+    table = seeds["jpeg"].index(b"\xff\xc4") + 5
+    seeds["jpeg_large_table"] = seeds["jpeg"][:table] + b"\xff\2" + seeds["jpeg"][table + 2:]
     return seeds
 
 

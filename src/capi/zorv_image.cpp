@@ -8,9 +8,24 @@
 #include "capi/jpeg_tables.h"
 #include "common/file.h"
 
-// Zeroed: a damaged JPEG file may use tables and coefficients that it never defines.
-#define STBI_MALLOC(size) std::calloc(1, size)
-#define STBI_REALLOC(block, size) std::realloc(block, size)
+namespace {
+
+/// No frame takes as much; the length that a damaged file claims for one of its parts may.
+constexpr std::size_t kMostBytes = std::size_t{1} << 30;
+
+/// Zeroed: a damaged JPEG file may use tables and coefficients that it never defines.
+void* allocate(std::size_t size) {
+    return size <= kMostBytes ? std::calloc(1, size) : nullptr;
+}
+
+void* reallocate(void* block, std::size_t size) {
+    return size <= kMostBytes ? std::realloc(block, size) : nullptr;
+}
+
+}  // namespace
+
+#define STBI_MALLOC(size) allocate(size)
+#define STBI_REALLOC(block, size) reallocate(block, size)
 #define STBI_FREE(block) std::free(block)
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
