@@ -37,7 +37,7 @@ std::vector<std::string> names_in(const std::string& directory) {
     std::vector<std::string> names;
     std::error_code error;
     for (const std::string folder : {"", "drive/"})
-        for (fs::directory_iterator entry(directory + "/" + folder, error), end;
+        for (fs::directory_iterator entry(fs::path(directory) / folder, error), end;
              !error && entry != end; entry.increment(error))
             names.push_back(folder + entry->path().filename().string());
     std::sort(names.begin(), names.end());

@@ -130,7 +130,7 @@ void check_mask(const uint8_t* values, size_t count, FileReport& report) {
 std::string some_of(const std::vector<int>& rows) {
     constexpr size_t kShown = 8;
     const size_t shown = std::min(rows.size(), kShown);
-    std::string text = fmt::format("{}", fmt::join(rows.begin(), rows.begin() + shown, ", "));
+    std::string text = fmt::format("{}", fmt::join(rows.data(), rows.data() + shown, ", "));
     if (shown < rows.size()) text += fmt::format(" and {} more", rows.size() - shown);
     return text;
 }

@@ -62,8 +62,8 @@ void Canvas::blend(int x, int y, Color color, float share) {
         (static_cast<size_t>(y) * static_cast<size_t>(width_) + static_cast<size_t>(x)) * 3;
     const uint8_t channels[3] = {color.r, color.g, color.b};
     for (int c = 0; c < 3; ++c) {
-        const float old = pixel[c];
-        pixel[c] = static_cast<uint8_t>(std::lround(old + share * (channels[c] - old)));
+        const float old = pixel[c], full = channels[c];
+        pixel[c] = static_cast<uint8_t>(std::lround(old + share * (full - old)));
     }
 }
 

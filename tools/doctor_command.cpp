@@ -46,8 +46,7 @@ void check_subject(const BenchmarkSubject& subject) {
         fail("no directory '{}'; name one of motion models with --motion-dir", subject.motion_dir);
     if (!fs::is_regular_file(subject.encoder, error))
         fail("no speech encoder '{}'; name one with --encoder", subject.encoder);
-    // Where an expression directory looks for its encoder.
-    if (is_expression_dir(subject.motion_dir)) setenv("W2V_ONNX", subject.encoder.c_str(), 1);
+    if (is_expression_dir(subject.motion_dir)) name_encoder(subject.encoder);
 }
 
 /** Text comes out as soon as it is known, JSON at the end. */

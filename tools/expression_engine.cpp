@@ -1,8 +1,7 @@
 // --engine a2x: the expression engine. ZORV_A2X_... settings of the environment hold, so that the
 // short-window form of its speech encoder can be tried, too.
-#include <cstdlib>
-
 #include "failure.h"
+#include "input_check.h"
 #include "keypoint_engine.h"
 #include "keypoint_families.h"
 
@@ -14,7 +13,7 @@ void check_expression_options(const RenderOptions& options) {
 }
 
 std::unique_ptr<ClipRenderer> open_expression_renderer(const RenderOptions& options) {
-    setenv("W2V_ONNX", options.encoder.c_str(), 1);  // where the engine looks for its encoder
+    name_encoder(options.encoder);
     zorv_a2x* engine = zorv_a2x_create(options.motion_dir.c_str(), model_threads(options.threads));
     if (!engine)
         fail("cannot open '{}' with encoder '{}': {}; check the directory and the encoder",

@@ -6,15 +6,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {
 
 FileView::FileView(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) fail("{}", std::strerror(errno));
+    if (fd < 0) fail("{}", error_text(errno));
     struct stat status {};
     int reason = fstat(fd, &status) == 0 ? 0 : errno;
     if (reason == 0 && !S_ISREG(status.st_mode)) reason = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
@@ -24,7 +24,7 @@ FileView::FileView(const std::string& path) {
         if (base_ == MAP_FAILED) reason = errno;
     }
     close(fd);
-    if (reason != 0) fail("{}", std::strerror(reason));
+    if (reason != 0) fail("{}", error_text(reason));
 }
 
 FileView::~FileView() {

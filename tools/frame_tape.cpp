@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
+#include "error_text.h"
 #include "failure.h"
 
 namespace fs = std::filesystem;
@@ -50,7 +50,7 @@ FrameTape::FrameTape(const std::string& output, size_t frame_bytes, int64_t fram
     file_ = mkostemp(name.data(), O_CLOEXEC);
     if (file_ < 0)
         fail("cannot write beside '{}': {}; check that its folder exists and is writable", output,
-             std::strerror(errno));
+             error_text(errno));
     unlink(name.c_str());
     try {
         writer_ = std::thread([this] { write_queue(); });
@@ -111,8 +111,7 @@ void FrameTape::stop() {
 
 void FrameTape::check() {
     if (error_ != 0)
-        fail("keeping the frames failed: {}; free some space or leave out -o",
-             std::strerror(error_));
+        fail("keeping the frames failed: {}; free some space or leave out -o", error_text(error_));
 }
 
 void FrameTape::finish() {
@@ -124,7 +123,7 @@ void FrameTape::read(int64_t number, std::vector<uint8_t>& frame) {
     frame.resize(frame_bytes_);
     if (!transfer(pread, file_, frame.data(), frame_bytes_,
                   static_cast<off_t>(number) * static_cast<off_t>(frame_bytes_)))
-        fail("reading the frames back failed: {}; check the disk", std::strerror(errno));
+        fail("reading the frames back failed: {}; check the disk", error_text(errno));
 }
 
 }  // namespace zorv::tools

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {
@@ -46,7 +46,7 @@ void PngEncoder::save(const std::string& path, const uint8_t* rgb) {
     av_packet_unref(packet_.get());
     if (!written)
         fail("writing pictures failed: {}; free some space or name another output",
-             std::strerror(reason));
+             error_text(reason));
 }
 
 void PngSequenceWriter::write(const uint8_t* rgb) {

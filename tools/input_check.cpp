@@ -1,6 +1,7 @@
 #include "input_check.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 
 #include "failure.h"
@@ -27,6 +28,10 @@ bool ends_with(const std::string& path, const std::string& extension) {
     std::transform(found.begin(), found.end(), found.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     return found == extension;
+}
+
+void name_encoder(const std::string& path) {
+    setenv("W2V_ONNX", path.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): see the header
 }
 
 }  // namespace zorv::tools

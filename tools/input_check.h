@@ -14,4 +14,8 @@ void check_is_not_sound(const std::string& output, const std::string& audio);
 /** Whether the name ends in `extension` (".mp4"), in either case. */
 bool ends_with(const std::string& path, const std::string& extension);
 
+/** Has the expression engines that are opened from now on use this speech encoder. Only while no
+ *  other thread reads the environment. */
+void name_encoder(const std::string& path);
+
 }  // namespace zorv::tools

@@ -77,7 +77,7 @@ Match best_match(const std::vector<float>& opening, const std::vector<float>& le
 
 float quantile(std::vector<float> values, double place) {
     if (values.empty()) return 0;
-    const auto rank = static_cast<long>(place * static_cast<double>(values.size() - 1) + 0.5);
+    const auto rank = std::lround(place * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), values.begin() + rank, values.end());
     return values[static_cast<size_t>(rank)];
 }

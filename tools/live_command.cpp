@@ -38,7 +38,7 @@ void check_encoder(const LiveOptions& options) {
                  options.motion_dir);
         if (!fs::is_regular_file(options.encoder, error))
             fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
-        setenv("W2V_ONNX", options.encoder.c_str(), 1);  // where the engine looks for its encoder
+        name_encoder(options.encoder);
     } else if (const char* set = std::getenv("W2V_ONNX"); expression && (!set || !*set)) {
         fail("'{}' needs a speech encoder; name it with --encoder", options.motion_dir);
     }

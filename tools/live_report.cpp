@@ -58,7 +58,7 @@ nlohmann::json number(double value) {
 
 double quantile(std::vector<double> values, double share) {
     if (values.empty()) return kNotMeasured;
-    const auto rank = static_cast<long>(share * static_cast<double>(values.size() - 1) + 0.5);
+    const auto rank = std::lround(share * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), values.begin() + rank, values.end());
     return values[static_cast<size_t>(rank)];
 }

@@ -1,9 +1,9 @@
 #include "media_file.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {
@@ -14,7 +14,7 @@ void require_readable(const std::string& path, const std::string& option) {
     const auto status = std::filesystem::status(path, error);
     if (!std::filesystem::exists(status))
         fail("cannot read '{}': {}; check the path given to {}", path,
-             error ? error.message() : std::strerror(ENOENT), option);
+             error ? error.message() : error_text(ENOENT), option);
     if (std::filesystem::is_directory(status))
         fail("'{}' is a directory; give {} a media file", path, option);
     if (std::filesystem::is_regular_file(status) && std::filesystem::file_size(path, error) == 0)

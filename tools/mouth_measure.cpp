@@ -102,7 +102,8 @@ std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
         if (!runs_out && size > largest_size) largest_size = size, largest = labels;
     }
     std::vector<char> marked(label.size());
-    for (size_t i = 0; i < label.size(); ++i) marked[i] = largest > 0 && label[i] == largest;
+    for (size_t i = 0; i < label.size(); ++i)
+        marked[i] = largest > 0 && label[i] == largest ? 1 : 0;
     return marked;
 }
 

@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <vector>
 
+#include "error_text.h"
 #include "failure.h"
 
 namespace fs = std::filesystem;
@@ -78,7 +78,7 @@ void OutputGuard::create() {
     }
     if (!made)
         fail("cannot write '{}': {}; check that its folder exists, is writable and has room",
-             final_, std::strerror(errno));
+             final_, error_text(errno));
     pending_ = true;
     unfinished.push_back(temporary_);
 }
@@ -87,8 +87,7 @@ void OutputGuard::commit() {
     const std::lock_guard lock(unfinished_lock);
     if (closed) throw Interrupted();
     if (std::rename(temporary_.c_str(), final_.c_str()) != 0)
-        fail("cannot write '{}': {}; check that its folder is writable", final_,
-             std::strerror(errno));
+        fail("cannot write '{}': {}; check that its folder is writable", final_, error_text(errno));
     std::erase(unfinished, temporary_);
     pending_ = false;
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 
 namespace zorv::tools {
@@ -12,7 +13,7 @@ namespace {
 std::atomic<bool> line_open{false};
 
 std::string clock_text(double seconds) {
-    const int whole = static_cast<int>(seconds + 0.5);
+    const int whole = static_cast<int>(std::lround(seconds));
     return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
                         : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
 }

@@ -87,8 +87,10 @@ template <class Work>
 auto at_a_time(int count, const Work& work) {
     using Result = decltype(work(0));
     std::vector<std::future<Result>> running;
+    running.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) running.push_back(std::async(std::launch::async, work, i));
     std::vector<Result> results;
+    results.reserve(running.size());
     for (std::future<Result>& one : running) results.push_back(one.get());
     return results;
 }

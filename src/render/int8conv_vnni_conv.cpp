@@ -122,6 +122,7 @@ void Int8Conv::run(const ConvGeometry& g, const Operands& operands) {
     const double share = split_.macsPerThread > 0 ? split_.macsPerThread : kernels_.macsPerThread;
     const int workers = employed(split_.workers, g.macs() / share);
     std::vector<QuantisedRows> windows;  // made here: the threads must not run out of memory
+    windows.reserve(static_cast<std::size_t>(workers));
     for (int i = 0; i < workers; ++i) windows.emplace_back(g, kernels_, q, bandRows(g));
     std::atomic<std::size_t> next{0};
     parallelRange(

@@ -1,0 +1,13 @@
+// The system's words for a value of errno, from any thread.
+#pragma once
+
+#include <string>
+#include <system_error>
+
+namespace zorv::tools {
+
+inline std::string error_text(int error) {
+    return std::generic_category().message(error);
+}
+
+}  // namespace zorv::tools
