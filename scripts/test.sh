@@ -2,9 +2,9 @@
 # Builds zorv and runs its tests.
 #
 #   scripts/test.sh          the release build and every test
-#   scripts/test.sh --all    before that: formatting, the header's reference, the tests under ASan+UBSan,
-#                            the threaded ones under TSan, and a minute of fuzzing per target
-#                            (what CI runs)
+#   scripts/test.sh --all    before that: scripts/lint.sh, the header's reference, the tests under
+#                            ASan+UBSan, the threaded ones under TSan, and a minute of fuzzing per
+#                            target; after it the tests with the portable paths (what CI runs)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,15 +15,17 @@ export ZORV_WERROR=ON
 
 say() { printf '\n== %s\n' "$*"; }
 
-build() { # preset
+build() { # preset, further options of the build tool
     say "building: $1"
     cmake --preset "$1" >/dev/null
-    cmake --build --preset "$1"
+    cmake --build --preset "$@"
 }
 
-check_format() {
-    say 'formatting'
-    git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format --dry-run -Werror
+check_sources() { # clang-tidy of the library alone: the tools would take two more minutes
+    say 'formatting and static analysis'
+    scripts/lint.sh format
+    scripts/lint.sh cppcheck
+    git ls-files -z 'src/*.cpp' | xargs -0 scripts/lint.sh tidy
 }
 
 check_reference() {
@@ -61,12 +63,12 @@ run_fuzzers() { # two at a time
 
 if [ "$ALL" = 1 ]; then
     scripts/setup.sh --dev >/dev/null
-    check_format
+    check_sources
     check_reference
     build asan
     say 'tests under ASan+UBSan'
     ctest --preset asan -LE slow -j 2 --output-on-failure
-    build tsan
+    build tsan --target zorv_threaded_tests
     say 'threaded tests under TSan'
     TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
         ctest --preset tsan -R 'Stream|Context|Common|Parallel|Motion.Engines|Int8Conv|GridSampleOperator|SeveralThreads|AtOnce|Utt|Telemetry' -LE slow --output-on-failure
@@ -76,4 +78,8 @@ else
 fi
 build release
 say 'tests'
-ctest --preset release
+ctest --preset release -j 2
+if [ "$ALL" = 1 ]; then
+    say 'tests with the portable paths'
+    ZORV_SIMD=portable ctest --preset release -j 2 -LE slow -E '^(smoke|install|demo|library|header)'
+fi
