@@ -42,7 +42,7 @@ class VideoWriter : public FrameSink {
     void open_picture();
     void open_sound();
     void open_file(const std::string& path);
-    void encode(EncodedStream& stream, AVFrame* frame);
+    void encode(EncodedStream& target, AVFrame* frame);
     void encode_sound_until(int64_t sample);
     void encode_sound_block(size_t count);
     void check(int code) const;
