@@ -207,7 +207,7 @@ class Stage {
         zorv_utt_opts opts = {};
         opts.motion_dir = motion_.dir().c_str();
         utt_ = std::make_unique<zorv_utt>(context_, opts, surroundings);
-        std::string text;
+        FailureText text;
         while (utt_->ready(text) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 

@@ -1,104 +1,30 @@
 // A running stream allocates nothing of its own, and memory that cannot be had fails one call and
 // nothing else. This program counts, and refuses, what operator new is asked for outside the model
 // runtime.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <onnxruntime_cxx_api.h>
 #include <zorv_core.h>
 
 #include <atomic>
-#include <cstddef>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <new>
 
 #include "support/audio.h"
+#include "support/own_allocations.h"
 #include "support/test_motion.h"
-
-namespace {
-
-thread_local bool inRuntime = false;
-std::atomic<long> allocations = 0;
-thread_local long untilRefusal = -1;  ///< allocations before one that fails; negative: none does
-
-/// Whether code of the model runtime's library is at `address`; what it asks for is never refused.
-bool isRuntimeCode(const void* address) {
-    Dl_info info;
-    return ::dladdr(address, &info) && std::strstr(info.dli_fname, "onnxruntime");
-}
-
-void* counted(std::size_t size, std::size_t alignment, const void* caller) {
-    if (!inRuntime) {
-        ++allocations;
-        if (untilRefusal >= 0 && !isRuntimeCode(caller) && untilRefusal-- == 0) {
-            throw std::bad_alloc();
-        }
-    }
-    void* memory = nullptr;
-    if (::posix_memalign(&memory, alignment, size ? size : 1) == 0) return memory;
-    throw std::bad_alloc();
-}
-
-const OrtApi* runtime = nullptr;
-long modelRuns = 0;
-
-OrtStatus* ORT_API_CALL runUncounted(OrtSession* session, const OrtRunOptions* options,
-                                     const OrtIoBinding* binding) noexcept {
-    ++modelRuns;
-    inRuntime = true;
-    OrtStatus* status = runtime->RunWithBinding(session, options, binding);
-    inRuntime = false;
-    return status;
-}
-
-/// Routes model runs through runUncounted while it lives.
-class RuntimeHook {
-  public:
-    RuntimeHook() : api_(Ort::GetApi()) {
-        runtime = &Ort::GetApi();
-        api_.RunWithBinding = runUncounted;
-        Ort::Global<void>::api_ = &api_;
-    }
-    ~RuntimeHook() { Ort::Global<void>::api_ = runtime; }
-
-  private:
-    OrtApi api_;
-};
-
-}  // namespace
-
-// Not inlined, or the compiler takes an allocation and its release for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
-}
-[[gnu::noinline]] void* operator new[](std::size_t size) {
-    return counted(size, alignof(std::max_align_t), __builtin_return_address(0));
-}
-[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
-    return counted(size, static_cast<std::size_t>(alignment), __builtin_return_address(0));
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace zorv {
 namespace {
+
+using test::modelRuns;
+using test::RuntimeCalls;
+
+std::atomic<long> allocations = 0;
+thread_local long untilRefusal = -1;  ///< allocations before one that fails; negative: none does
+
+bool countAllocation(const void*) {
+    if (test::inRuntime) return false;
+    ++allocations;
+    return untilRefusal >= 0 && untilRefusal-- == 0;
+}
 
 class MotionAllocations : public testing::TestWithParam<int> {
   protected:
@@ -121,7 +47,7 @@ class MotionAllocations : public testing::TestWithParam<int> {
     }
     void TearDown() override { zorv_motion_destroy(motion_); }
 
-    RuntimeHook hook_;
+    RuntimeCalls calls_{countAllocation};
     const test::TestMotion files_;
     const std::vector<float> audio_ = test::speechLike(16000 * 7);
     zorv_motion* motion_ = nullptr;
@@ -153,7 +79,7 @@ TEST_P(MotionAllocations, NoneAfterTheFirstUseOfEachModel) {
 }
 
 TEST(MotionOutOfMemory, FailsOneCallAndLosesNothing) {
-    const RuntimeHook hook;
+    const RuntimeCalls calls(countAllocation);
     const test::TestMotion files;
     constexpr int kFrames = 500;
     const std::vector<float> audio = test::speechLike(640 * kFrames);

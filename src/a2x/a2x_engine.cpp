@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "a2x/a2x_settings.h"
 #include "a2x/zorv_a2x.h"
@@ -135,13 +136,14 @@ int zorv_a2x::pull(int* idx, float* src, float* drv, int max) {
 }
 
 void zorv_a2x::reset(std::int32_t start, std::int32_t dir, bool loop) {
+    DecoderState state = startState();  // may fail: before anything has changed
     audio_.clear();
     track_.clear();
     enc_out_.clear();
     frames_.clear();
     samples_ = enc_done_ = dec_done_ = pulled_ = 0;
     finished_ = false;
-    state_ = startState();
+    state_ = std::move(state);
     start_ = start;
     step_ = dir < 0 ? -1 : 1;
     loop_ = loop;

@@ -15,9 +15,11 @@ namespace {
 
 std::string metaText(const std::string& dir) {
     std::string text;
-    if (readWholeFile(dir + "/a2x_meta.json", text) == ReadStatus::kCannotOpen) {
+    const ReadStatus status = readWholeFile(dir + "/a2x_meta.json", text);
+    if (status == ReadStatus::kCannotOpen) {
         throw std::runtime_error("a2x_meta.json missing in " + dir);
     }
+    if (status != ReadStatus::kOk) throw std::runtime_error("short read " + dir + "/a2x_meta.json");
     return text;
 }
 

@@ -1,6 +1,5 @@
 #include "bundle/zorv_bundle.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/fault.h"
 #include "common/file.h"
 #include "common/key_finder.h"
 #include "common/memory.h"
@@ -47,7 +47,7 @@ double numFieldOpt(const std::string& text, const std::string& key, double fallb
 }
 
 bool canOpen(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = openForReading(path);
     if (fd < 0) return false;
     ::close(fd);
     return true;
@@ -129,14 +129,16 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
 }
 
 MappedFile mapFile(const std::string& path, std::size_t length) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = openForReading(path);
     if (fd < 0) throw std::runtime_error("cannot open " + path);
     struct stat status {};
     if (::fstat(fd, &status) != 0 || static_cast<std::size_t>(status.st_size) != length) {
         ::close(fd);
         throw std::runtime_error("size mismatch " + path);
     }
-    void* base = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
+    void* base = fault::fails(fault::Kind::kMap)
+                     ? MAP_FAILED
+                     : ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
     ::close(fd);  // the mapping keeps the file
     if (base == MAP_FAILED) throw std::runtime_error("mmap failed " + path);
     return MappedFile(base, length);

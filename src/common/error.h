@@ -1,43 +1,83 @@
 // Last-error strings of the C interface and the guard around every C function.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace zorv {
 
 /// Told of every text that becomes a last error; null for none.
 inline std::atomic<void (*)(const char* text)> failureObserver{nullptr};
 
+/// A text that can always be set: what there is no memory for is cut.
+class ErrorText {
+  public:
+    const char* get() const { return cut_[0] ? cut_.data() : whole_.c_str(); }
+    void clear() noexcept {
+        cut_[0] = 0;
+        whole_.clear();
+    }
+    /// Clears it and keeps no memory.
+    void letGo() noexcept {
+        clear();
+        std::string().swap(whole_);
+    }
+    /// The parts, one after the other; they may lie in this text.
+    void set(std::initializer_list<std::string_view> parts) noexcept {
+        try {
+            std::string text;
+            for (const std::string_view part : parts) text += part;
+            whole_ = std::move(text);
+            cut_[0] = 0;
+        } catch (const std::exception&) {
+            std::array<char, 256> text;
+            std::size_t size = 0;
+            for (const std::string_view part : parts) {
+                size += part.copy(text.data() + size, text.size() - 1 - size);
+            }
+            text[size] = 0;
+            cut_ = text;
+        }
+    }
+
+  private:
+    std::string whole_;
+    std::array<char, 256> cut_{};  ///< empty unless memory ran out
+};
+
 /// One last-error string per thread for one family of C functions (`Family` is only a tag).
 template <class Family>
 class LastError {
   public:
-    static const char* get() { return text().c_str(); }
+    static const char* get() { return text().get(); }
     static void clear() { text().clear(); }
-    static void set(std::string message) {
-        text() = std::move(message);
-        if (const auto observe = failureObserver.load(std::memory_order_relaxed)) {
-            observe(text().c_str());
-        }
-    }
-    static void set(const char* function, const std::exception& error) {
-        set(std::string(function) + ": " + error.what());
+    static void set(std::string_view message) noexcept { set({message}); }
+    static void set(const char* function, const std::exception& error) noexcept {
+        set({function, ": ", error.what()});
     }
 
   private:
-    /// When a thread ends, its text lets its memory go but stays a string: destructors that run
+    static void set(std::initializer_list<std::string_view> parts) noexcept {
+        text().set(parts);
+        if (const auto observe = failureObserver.load(std::memory_order_relaxed)) {
+            observe(text().get());
+        }
+    }
+
+    /// When a thread ends, its text lets its memory go but stays a text: destructors that run
     /// later, those of static objects at exit among them, may still make calls.
     struct Text {
         Text() : value() {}
-        ~Text() { std::string().swap(value); }
+        ~Text() { value.letGo(); }
         union {
-            std::string value;
+            ErrorText value;
         };
     };
 
-    static std::string& text() {
+    static ErrorText& text() {
         thread_local Text text;
         return text.value;
     }

@@ -6,13 +6,15 @@
 
 #include <cerrno>
 
+#include "common/fault.h"
+
 namespace zorv {
 namespace {
 
 /// A descriptor opened for reading; -1 when it could not be opened or is a directory.
 class Descriptor {
   public:
-    explicit Descriptor(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    explicit Descriptor(const std::string& path) : fd_(openForReading(path)) {
         if (fd_ >= 0 && (::fstat(fd_, &status_) != 0 || S_ISDIR(status_.st_mode))) {
             ::close(fd_);
             fd_ = -1;
@@ -25,15 +27,19 @@ class Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
 
     bool isOpen() const { return fd_ >= 0; }
+    /// Whether an error stopped the last read.
+    bool failed() const { return failed_; }
     std::size_t size() const { return static_cast<std::size_t>(status_.st_size); }
 
     /// Reads until `bytes` bytes have come, the file ends or an error stops it.
-    std::size_t read(void* destination, std::size_t bytes) const {
+    std::size_t read(void* destination, std::size_t bytes) {
         auto* to = static_cast<char*>(destination);
         std::size_t done = 0;
         while (done < bytes) {
-            const ssize_t got = ::read(fd_, to + done, bytes - done);
-            if (got < 0 && errno == EINTR) continue;
+            const bool faulty = fault::fails(fault::Kind::kRead);
+            const ssize_t got = faulty ? -1 : ::read(fd_, to + done, bytes - done);
+            if (got < 0 && !faulty && errno == EINTR) continue;
+            failed_ = got < 0;
             if (got <= 0) break;
             done += static_cast<std::size_t>(got);
         }
@@ -42,25 +48,38 @@ class Descriptor {
 
   private:
     int fd_;
+    bool failed_ = false;
     struct stat status_ {};
 };
 
 }  // namespace
 
+int openForReading(const std::string& path) {
+    if (fault::fails(fault::Kind::kOpen)) return -1;
+    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
 ReadStatus readWholeFile(const std::string& path, std::string& content) {
-    const Descriptor file(path);
+    Descriptor file(path);
     if (!file.isOpen()) return ReadStatus::kCannotOpen;
     content.resize(file.size());
-    return file.read(content.data(), content.size()) == content.size() ? ReadStatus::kOk
-                                                                       : ReadStatus::kShort;
+    const std::size_t got = file.read(content.data(), content.size());
+    const bool whole = got == content.size();
+    content.resize(got);
+    if (file.failed()) return ReadStatus::kFailed;
+    return whole ? ReadStatus::kOk : ReadStatus::kShort;
 }
 
 ReadStatus readExactly(const std::string& path, void* destination, std::size_t bytes) {
-    const Descriptor file(path);
+    Descriptor file(path);
     if (!file.isOpen()) return ReadStatus::kCannotOpen;
-    if (file.read(destination, bytes) != bytes) return ReadStatus::kShort;
+    const std::size_t got = file.read(destination, bytes);
+    if (file.failed()) return ReadStatus::kFailed;
+    if (got != bytes) return ReadStatus::kShort;
     char extra = 0;
-    return file.read(&extra, 1) == 0 ? ReadStatus::kOk : ReadStatus::kLong;
+    const std::size_t more = file.read(&extra, 1);
+    if (file.failed()) return ReadStatus::kFailed;
+    return more == 0 ? ReadStatus::kOk : ReadStatus::kLong;
 }
 
 }  // namespace zorv

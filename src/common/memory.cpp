@@ -5,16 +5,18 @@
 
 #include <cstring>
 
+#include "common/fault.h"
+
 namespace zorv {
 
 ZeroedPages::ZeroedPages(std::size_t bytes) : bytes_(bytes) {
     if (bytes == 0) return;
-    base_ = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
-                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (base_ == MAP_FAILED) {
-        base_ = nullptr;
-        throw std::bad_alloc();
-    }
+    void* base = fault::fails(fault::Kind::kMap)
+                     ? MAP_FAILED
+                     : ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (base == MAP_FAILED) throw std::bad_alloc();
+    base_ = base;
 }
 
 ZeroedPages::~ZeroedPages() {

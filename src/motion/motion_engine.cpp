@@ -41,9 +41,18 @@ std::int64_t MotionEngine::avail() {
 
 int MotionEngine::pull(int* idx, float* xs, float* xd, int max) {
     const int count = static_cast<int>(std::min<std::int64_t>(avail(), max));
-    for (int k = 0; k < count; ++k) {
-        emitNext(idx ? idx + k : nullptr, xs + kSetFloats * k, xd + kSetFloats * k);
+    const std::int64_t first = emitted_;
+    const Cursor cursor = cursor_;
+    try {
+        for (int k = 0; k < count; ++k) {
+            emitNext(idx ? idx + k : nullptr, xs + kSetFloats * k, xd + kSetFloats * k);
+        }
+    } catch (...) {  // the next pull starts with the same frame
+        emitted_ = first;
+        cursor_ = cursor;
+        throw;
     }
+    generator_.releaseBefore(emitted_);
     return count;
 }
 
@@ -135,7 +144,6 @@ void MotionEngine::emitNext(int* idx, float* xs, float* xd) {
     dump_.write("/xs.bin", xs, kSetFloats, mode);
     dump_.write("/xd.bin", xd, kSetFloats, mode);
     ++emitted_;
-    generator_.releaseBefore(emitted_);
 }
 
 void MotionEngine::dumpRows() const {

@@ -10,11 +10,14 @@
 #include <memory>
 #include <string>
 
+#include "common/fault.h"
+
 namespace zorv {
 
 /// Runs `body`; an exception becomes the status that the runtime reports as its own failure.
 template <class Body>
 OrtStatusPtr statusOf(Body&& body) noexcept {
+    const fault::InLibrary in;
     try {
         body();
         return nullptr;

@@ -7,6 +7,7 @@
 
 #include "common/error.h"
 #include "common/file.h"
+#include "common/thread.h"
 #include "stream/delta_math.h"
 #include "stream/target_walk.h"
 #include "telemetry/telemetry.h"
@@ -49,7 +50,7 @@ StreamRun::StreamRun(const zorv_stream& stream, const float* offsets, int frames
 bool StreamRun::deliver(zorv_frame_callback callback, void* user) {
     preload();
     {
-        const WorkerGuard worker(std::thread([this] { render(); }), ring_);
+        const WorkerGuard worker(startThread([this] { render(); }), ring_);
         pasteFrames(callback, user);
     }
     return !failed_;

@@ -48,14 +48,21 @@ class EventQueue {
         }
     }
 
-    /// False when it is empty, or the oldest event is still being written.
-    bool pop(Event& event) {
-        Cell& cell = cells_[head_ % kCells];
-        if (cell.turn.load(std::memory_order_acquire) != head_ + 1) return false;
-        event = cell.event;
-        cell.turn.store(head_ + kCells, std::memory_order_release);
-        ++head_;
-        return true;
+    // For the reader:
+
+    /// Events that can be read, those behind one that is still being written left out.
+    std::size_t readable() const {
+        std::size_t n = 0;
+        while (n < kCells && at(n).turn.load(std::memory_order_acquire) == head_ + n + 1) ++n;
+        return n;
+    }
+    /// The i-th oldest. REQUIRES: i < readable().
+    const Event& peek(std::size_t i) const { return at(i).event; }
+    /// Lets the n oldest go. REQUIRES: n <= readable().
+    void drop(std::size_t n) {
+        for (; n > 0; --n, ++head_) {
+            cells_[head_ % kCells].turn.store(head_ + kCells, std::memory_order_release);
+        }
     }
 
   private:
@@ -63,6 +70,7 @@ class EventQueue {
         std::atomic<std::size_t> turn;
         Event event;
     };
+    const Cell& at(std::size_t i) const { return cells_[(head_ + i) % kCells]; }
 
     std::array<Cell, kCells> cells_;
     std::atomic<std::size_t> tail_{0};

@@ -36,6 +36,26 @@ void Instrument::name(const Key& key) {
     attributeValue.set(key.attributeValue);
 }
 
+void Instrument::read() noexcept {
+    reading.count = 0;
+    for (std::size_t i = 0; i < buckets.size(); ++i) {
+        reading.buckets[i] = buckets[i].load(std::memory_order_relaxed);
+        reading.count += reading.buckets[i];
+    }
+    reading.sum = sum.load(std::memory_order_acquire);
+    reading.value = value.load(std::memory_order_relaxed);
+    // A duration whose bucket comes later is told with it.
+    if (kind == Kind::kHistogram && reading.count == 0) reading.sum = 0;
+}
+
+void Instrument::settle() noexcept {
+    sum.fetch_sub(reading.sum, std::memory_order_relaxed);
+    for (std::size_t i = 0; i < buckets.size(); ++i) {
+        buckets[i].fetch_sub(reading.buckets[i], std::memory_order_relaxed);
+    }
+    reading = {};
+}
+
 Instrument* InstrumentTable::find(const Key& key) {
     const std::size_t first = hash(key) % kSlots;
     std::size_t at = first;

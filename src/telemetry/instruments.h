@@ -63,10 +63,22 @@ struct Instrument {
     ShortText<64> attributeValue;
     std::atomic<bool> taken{false};
 
-    std::atomic<std::uint64_t> sum{0};  ///< of a counter, or nanoseconds of a histogram
-    std::atomic<double> value{0};       ///< of a gauge
-    std::atomic<bool> touched{false};   ///< a gauge that was set since it was last read
-    Buckets buckets{};                  ///< of a histogram
+    /// Of a counter, nanoseconds of a histogram, or how often a gauge was set.
+    std::atomic<std::uint64_t> sum{0};
+    std::atomic<double> value{0};  ///< of a gauge
+    Buckets buckets{};             ///< of a histogram
+
+    /// What the reader has seen of it and settles once it is told.
+    struct Reading {
+        std::uint64_t sum = 0;
+        double value = 0;
+        std::array<std::uint64_t, kBounds.size() + 1> buckets{};
+        std::uint64_t count = 0;  ///< of all buckets
+    };
+    void read() noexcept;
+    /// Takes the reading off, so that what was recorded meanwhile remains.
+    void settle() noexcept;
+    Reading reading;  ///< the reader's alone
 };
 
 /// Finds or makes instruments without a lock that a reader could hold: only a name that is new

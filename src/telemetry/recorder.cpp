@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <new>
 
 #include "telemetry/device.h"
 #include "telemetry/json_writer.h"
@@ -31,36 +32,38 @@ JsonWriter& openInstrument(JsonWriter& json, const Instrument& instrument) {
     return json;
 }
 
-void writeCounter(JsonWriter& json, Instrument& counter) {
-    const std::uint64_t sum = counter.sum.exchange(0, std::memory_order_relaxed);
+void writeCounter(JsonWriter& json, const Instrument& counter) {
+    const std::uint64_t sum = counter.reading.sum;
     if (sum > 0) openInstrument(json, counter).key("value").value(sum).close('}');
 }
 
-void writeGauge(JsonWriter& json, Instrument& gauge) {
-    if (!gauge.touched.exchange(false, std::memory_order_acquire)) return;
-    const double value = gauge.value.load(std::memory_order_relaxed);
-    openInstrument(json, gauge).key("value").value(value).close('}');
+void writeGauge(JsonWriter& json, const Instrument& gauge) {
+    if (gauge.reading.sum == 0) return;
+    openInstrument(json, gauge).key("value").value(gauge.reading.value).close('}');
 }
 
-void writeHistogram(JsonWriter& json, Instrument& histogram) {
-    std::array<std::uint64_t, kBounds.size() + 1> buckets;
-    std::uint64_t count = 0;
-    for (std::size_t i = 0; i < buckets.size(); ++i) {
-        buckets[i] = histogram.buckets[i].exchange(0, std::memory_order_relaxed);
-        count += buckets[i];
-    }
-    if (count == 0) return;
-    const std::uint64_t nanoseconds = histogram.sum.exchange(0, std::memory_order_relaxed);
-    openInstrument(json, histogram).key("count").value(count);
-    json.key("sum").value(static_cast<double>(nanoseconds) * 1e-9);
+void writeHistogram(JsonWriter& json, const Instrument& histogram) {
+    const Instrument::Reading& reading = histogram.reading;
+    if (reading.count == 0) return;
+    openInstrument(json, histogram).key("count").value(reading.count);
+    json.key("sum").value(static_cast<double>(reading.sum) * 1e-9);
     json.key("bounds").open('[');
     for (const double bound : kBounds) json.value(bound);
     json.close(']').key("buckets").open('[');
-    for (const std::uint64_t bucket : buckets) json.value(bucket);
+    for (const std::uint64_t bucket : reading.buckets) json.value(bucket);
     json.close(']').close('}');
 }
 
 }  // namespace
+
+/// What the instruments' readings leave out.
+struct Recorder::Reading {
+    std::int64_t endUnixMs = 0;
+    std::size_t events = 0;
+    std::uint64_t droppedMetrics = 0;
+    std::uint64_t droppedEvents = 0;
+    std::uint64_t droppedValues = 0;
+};
 
 Recorder::Recorder() : startUnixMs_(unixMs()) {}
 
@@ -77,7 +80,7 @@ void Recorder::gauge(const Key& key, double value) {
     any_.store(true, std::memory_order_relaxed);
     if (Instrument* gauge = instruments_.find(key)) {
         gauge->value.store(value, std::memory_order_relaxed);
-        gauge->touched.store(true, std::memory_order_release);
+        gauge->sum.fetch_add(1, std::memory_order_release);
     } else {
         droppedMetrics_.fetch_add(1, std::memory_order_relaxed);
     }
@@ -129,21 +132,42 @@ std::size_t Recorder::take(char* buffer, std::size_t capacity) {
 void Recorder::clear() {
     const std::lock_guard lock(reading_);
     batch_.clear();
-    close();
-    batch_.clear();
+    any_ = false;
+    settle(read());
 }
 
 void Recorder::close() {
-    if (batch_.empty() && any_.exchange(false, std::memory_order_relaxed)) batch_ = collect();
+    if (!batch_.empty() || !any_.exchange(false, std::memory_order_relaxed)) return;
+    const Reading reading = read();
+    try {
+        batch_ = textOf(reading);
+    } catch (...) {
+        any_ = true;
+        throw;
+    }
+    settle(reading);
 }
 
-/// The batch's text. A value recorded meanwhile is in this batch or in the next.
-std::string Recorder::collect() {
-    const std::int64_t end = unixMs();
+Recorder::Reading Recorder::read() {
+    instruments_.forEach([](Instrument& instrument) { instrument.read(); });
+    return {unixMs(), events_.readable(), droppedMetrics_, droppedEvents_, droppedValues_};
+}
+
+/// What is recorded after the reading is in the next batch.
+void Recorder::settle(const Reading& reading) {
+    instruments_.forEach([](Instrument& instrument) { instrument.settle(); });
+    events_.drop(reading.events);
+    droppedMetrics_ -= reading.droppedMetrics;
+    droppedEvents_ -= reading.droppedEvents;
+    droppedValues_ -= reading.droppedValues;
+    startUnixMs_ = reading.endUnixMs;
+}
+
+/// The batch's text.
+std::string Recorder::textOf(const Reading& reading) {
     JsonWriter json;
     json.open('{').key("schema_version").value(kSchemaVersion);
-    json.key("start_unix_ms").value(startUnixMs_).key("end_unix_ms").value(end);
-    startUnixMs_ = end;
+    json.key("start_unix_ms").value(startUnixMs_).key("end_unix_ms").value(reading.endUnixMs);
     json.key("device");
     writeDevice(json);
     const auto list = [&](const char* name, Kind kind, auto write) {
@@ -157,24 +181,25 @@ std::string Recorder::collect() {
     list("gauges", Kind::kGauge, writeGauge);
     list("histograms", Kind::kHistogram, writeHistogram);
     json.key("events").open('[');
-    Event event;
-    // Writers may add while we read: no more than fit at once.
-    for (std::size_t i = 0; i < EventQueue::kCells && events_.pop(event); ++i) {
+    for (std::size_t i = 0; i < reading.events; ++i) {
+        const Event& event = events_.peek(i);
         json.open('{').key("time_unix_ms").value(event.unixMs);
         json.key("name").value(event.name.view()).key("text").value(event.text.view()).close('}');
     }
     json.close(']');
     json.key("dropped").open('{');
-    json.key("metrics").value(droppedMetrics_.exchange(0, std::memory_order_relaxed));
-    json.key("events").value(droppedEvents_.exchange(0, std::memory_order_relaxed));
-    json.key("values").value(droppedValues_.exchange(0, std::memory_order_relaxed));
+    json.key("metrics").value(reading.droppedMetrics);
+    json.key("events").value(reading.droppedEvents);
+    json.key("values").value(reading.droppedValues);
     json.close('}').close('}');
     return json.take();
 }
 
 Recorder& recorder() {
-    // Never destroyed: threads of the host may record until the process ends.
-    static Recorder* const instance = new Recorder;
+    // Never destroyed: threads of the host may record until the process ends. Not on the heap:
+    // recording must not fail.
+    alignas(Recorder) static std::byte memory[sizeof(Recorder)];
+    static Recorder* const instance = new (memory) Recorder;
     return *instance;
 }
 

@@ -14,7 +14,8 @@
 namespace zorv::telemetry {
 
 /// Recording is lock-free but for new names; the functions for the host take turns among
-/// themselves and hold up no recording.
+/// themselves and hold up no recording. A batch is read, written out and only then settled, that
+/// is taken off the records: when there is no memory for it, nothing is lost.
 class Recorder {
   public:
     Recorder();
@@ -37,8 +38,12 @@ class Recorder {
     void clear();
 
   private:
+    struct Reading;
+
     void close();
-    std::string collect();
+    Reading read();
+    std::string textOf(const Reading& reading);
+    void settle(const Reading& reading);
 
     InstrumentTable instruments_;
     EventQueue events_;

@@ -94,6 +94,8 @@ struct EngineState {
     FailureText fatalText ZORV_GUARDED_BY(mutex);  ///< why warmth is kFailed
     /// Not one frame of the bundle can be decoded: there is nothing to idle with.
     bool blind ZORV_GUARDED_BY(mutex) = false;
+    /// An idle frame found no memory: no other is tried before this time.
+    double idleAgainMs ZORV_GUARDED_BY(mutex) = 0;
     // Installed once, before warmth becomes kReady, and kept until the threads are gone.
     std::unique_ptr<MotionSource> source ZORV_GUARDED_BY(mutex);
     std::unique_ptr<Renderer> steady ZORV_GUARDED_BY(mutex);

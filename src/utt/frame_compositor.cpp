@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "capi/rgba.h"
@@ -12,6 +13,9 @@ namespace {
 
 constexpr float kCropScale = 255.0f;  // crops are nominally in [0, 1]
 
+/// After an idle frame that found no memory, before the next one.
+constexpr double kRetryMs = 10;
+
 }  // namespace
 
 FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelined)
@@ -20,7 +24,9 @@ FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelin
       pipelined_(pipelined),
       pixels_(ctx.frameBytes() / 3),
       cropFloats_(std::size_t{3} * static_cast<unsigned>(ctx.manifest.crop) *
-                  static_cast<unsigned>(ctx.manifest.crop)) {}
+                  static_cast<unsigned>(ctx.manifest.crop)) {
+    spareCrops_.reserve(FrameRing::kSlots);  // giving a crop back cannot fail
+}
 
 void FrameCompositor::enqueue(const float* crop, const FrameJob& job) {
     if (pipelined_) {
@@ -96,18 +102,22 @@ void FrameCompositor::dropQueued(EngineState& state) {
 /// Composites one frame and publishes or drops it. The engine's lock is held for publishing only.
 void FrameCompositor::process(const float* crop, const FrameJob& job) noexcept {
     bool composed = false;
+    bool memoryOut = false;
     FailureText failure;
     if (current(job)) {
         try {
             compose(crop, job.info.index);
             composed = true;
+        } catch (const std::bad_alloc& error) {
+            failure.set(error.what());
+            memoryOut = true;
         } catch (const std::exception& error) {
             failure.set(error.what());
         }
     }
     const MutexLock lock(state_.mutex);
     --state_.composing;
-    if (!failure.empty()) noteFailure(job, failure.get());
+    if (!failure.empty()) noteFailure(job, failure.get(), memoryOut);
     publish(job, composed);
     state_.changed();
 }
@@ -142,11 +152,14 @@ void FrameCompositor::publish(const FrameJob& job, bool composed) {
     state_.ring.put(rgba_, job.info);
 }
 
-void FrameCompositor::noteFailure(const FrameJob& job, const char* text) {
+void FrameCompositor::noteFailure(const FrameJob& job, const char* text, bool memoryOut) {
     if (!current(job)) return;
     state_.noteFailure(text);
     if (job.info.kind == FrameKind::kSpeech) state_.brokenUtterance = job.utterance;
-    if (job.info.kind == FrameKind::kIdle && ++undecodable_ >= ctx_.manifest.NT) {
+    if (job.info.kind != FrameKind::kIdle) return;
+    if (memoryOut) {  // it says nothing about the frame
+        state_.idleAgainMs = state_.clock.nowMs() + kRetryMs;
+    } else if (++undecodable_ >= ctx_.manifest.NT) {
         // Not one frame of the bundle can be shown.
         state_.blind = true;
         state_.noteFatal(text);

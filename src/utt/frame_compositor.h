@@ -54,7 +54,8 @@ class FrameCompositor {
     const std::uint8_t* target(int index);
     void compose(const float* crop, int index);
     void publish(const FrameJob& job, bool composed) ZORV_REQUIRES(state_.mutex);
-    void noteFailure(const FrameJob& job, const char* text) ZORV_REQUIRES(state_.mutex);
+    void noteFailure(const FrameJob& job, const char* text, bool memoryOut)
+        ZORV_REQUIRES(state_.mutex);
 
     zorv_ctx& ctx_;
     EngineState& state_;

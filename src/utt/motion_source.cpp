@@ -1,6 +1,7 @@
 #include "utt/motion_source.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "common/error.h"
 #include "zorv_core.h"
@@ -41,9 +42,12 @@ struct ExpressionApi {
 template <class Api>
 class EngineSource final : public MotionSource {
   public:
-    explicit EngineSource(typename Api::Engine* engine) : engine_(engine) {
-        if (!engine) throw std::runtime_error(Api::lastError());
-    }
+    struct Destroy {
+        void operator()(typename Api::Engine* engine) const { Api::destroy(engine); }
+    };
+    using Owner = std::unique_ptr<typename Api::Engine, Destroy>;
+
+    explicit EngineSource(Owner engine) : engine_(std::move(engine)) {}
 
     int nt() override { return Api::nt(engine_.get()); }
     void reset(int startFrame, int direction, int loop) override {
@@ -62,21 +66,26 @@ class EngineSource final : public MotionSource {
     void clearError() override { LastError<typename Api::Engine>::clear(); }
 
   private:
-    struct Destroy {
-        void operator()(typename Api::Engine* engine) const { Api::destroy(engine); }
-    };
-    std::unique_ptr<typename Api::Engine, Destroy> engine_;
+    Owner engine_;
 };
+
+/// `engine` is what the family's create function gave: null when it failed.
+template <class Api>
+std::unique_ptr<MotionSource> sourceOf(typename Api::Engine* engine) {
+    // Owned before anything else is allocated.
+    typename EngineSource<Api>::Owner owner(engine);
+    if (!owner) throw std::runtime_error(Api::lastError());
+    return std::make_unique<EngineSource<Api>>(std::move(owner));
+}
 
 }  // namespace
 
 std::unique_ptr<MotionSource> openMotionSource(const UttOptions& options) {
     const char* dir = options.motionDir.c_str();
     if (options.expression) {
-        return std::make_unique<EngineSource<ExpressionApi>>(zorv_a2x_create(dir, options.threads));
+        return sourceOf<ExpressionApi>(zorv_a2x_create(dir, options.threads));
     }
-    return std::make_unique<EngineSource<MotionApi>>(
-        zorv_motion_create(dir, options.threads, options.ep.c_str()));
+    return sourceOf<MotionApi>(zorv_motion_create(dir, options.threads, options.ep.c_str()));
 }
 
 }  // namespace zorv

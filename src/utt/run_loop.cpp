@@ -54,6 +54,7 @@ void RunLoop::look() {
     view_.generation = state_.generation;
     view_.waiting = state_.waiting();
     view_.blind = state_.blind;
+    view_.idleAgainMs = state_.idleAgainMs;
     view_.brokenUtterance = state_.brokenUtterance;
     view_.nowMs = state_.clock.nowMs();
     const bool ready = state_.warmth == Warmth::kReady;
@@ -94,7 +95,9 @@ double RunLoop::dueMs() const {
     const bool stalls = shown_ == UttState::kSpeaking && awaitsSpeech() && rendered_.empty() &&
                         pending_.count() == 0 && room();
     const double stallMs = stalls ? utterance_.lastSpeechMs + kStallMs : Clock::kNever;
-    return std::min(view_.silentAtMs, stallMs);
+    const bool idleLater = view_.nowMs < view_.idleAgainMs && idleDue();
+    const double idleMs = idleLater ? view_.idleAgainMs : Clock::kNever;
+    return std::min({view_.silentAtMs, stallMs, idleMs});
 }
 
 /// Takes each step that is due; false when none was.
@@ -178,7 +181,8 @@ bool RunLoop::startUtterance() {
 
 bool RunLoop::postRequest() {
     const int roomLeft = MotionFrames::kMax - pending_.count();
-    if (!awaitsSpeech() || dispatch_.busy() || roomLeft < 1) return false;
+    // There is no source any more when no frame of the bundle can be shown.
+    if (!awaitsSpeech() || !view_.source || dispatch_.busy() || roomLeft < 1) return false;
     const bool finishing = view_.ended && !utterance_.drained;
     // A source that had frames may make more out of the audio that it has.
     const bool due = utterance_.resetDue || view_.hasSamples || utterance_.available > 0;
@@ -380,9 +384,13 @@ bool RunLoop::ramp() {
 
 /// Idle frames fill the ring; while speech is awaited they come one at a time, as late as they
 /// can, so that it starts soon.
-bool RunLoop::idle() {
+bool RunLoop::idleDue() const {
     const bool alone = shown_ == UttState::kStarted && view_.waiting == 0;
-    if (view_.blind || !(alone || (shown_ == UttState::kIdle && room()))) return false;
+    return !view_.blind && (alone || (shown_ == UttState::kIdle && room()));
+}
+
+bool RunLoop::idle() {
+    if (!idleDue() || view_.nowMs < view_.idleAgainMs) return false;
     enqueueOther(nullptr, FrameKind::kIdle, {});
     return true;
 }

@@ -39,6 +39,7 @@ class RunLoop {
         std::uint64_t generation = 0;
         int waiting = 0;
         bool blind = false;
+        double idleAgainMs = 0;
         MotionSource* source = nullptr;  ///< null until the engine is ready
         Renderer* steady = nullptr;
         std::uint64_t brokenUtterance = 0;
@@ -103,6 +104,7 @@ class RunLoop {
     bool endUtterance();
     bool endStall();
     bool ramp();
+    bool idleDue() const;
     bool idle();
 
     bool room() const { return view_.waiting < static_cast<int>(FrameRing::kSlots); }

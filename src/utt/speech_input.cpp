@@ -1,17 +1,21 @@
 #include "utt/speech_input.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zorv {
 
 void SpeechInput::push(const float* samples, std::size_t n, double nowMs) {
     if (n == 0) return;
     if (utterances_.empty() || utterances_.back().ended) {
-        utterances_.emplace_back();
-        utterances_.back().startMs = nowMs;
+        Utterance next;  // without its samples, which there may be no memory for, there is none
+        next.samples.assign(samples, samples + n);
+        next.startMs = nowMs;
+        utterances_.push_back(std::move(next));
+    } else {
+        std::vector<float>& queue = utterances_.back().samples;
+        queue.insert(queue.end(), samples, samples + n);
     }
-    std::vector<float>& queue = utterances_.back().samples;
-    queue.insert(queue.end(), samples, samples + n);
     lastPushMs_ = nowMs;
 }
 

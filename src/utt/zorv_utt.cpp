@@ -1,5 +1,7 @@
 #include "utt/zorv_utt.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -8,6 +10,7 @@
 
 #include "common/error.h"
 #include "common/file.h"
+#include "common/thread.h"
 #include "telemetry/telemetry.h"
 
 namespace zorv {
@@ -15,11 +18,16 @@ namespace {
 
 constexpr float kSampleScale = 3.0517578e-5f;  // 1 / 32768
 
-/// The bundle frames' own keypoints; empty when the file does not fit the bundle.
+/// The bundle frames' own keypoints; empty when there is no file or it does not fit the bundle. One
+/// that is there but cannot be read is no reason to do without.
 std::vector<float> readRows(const std::string& motionDir, int nt) {
     std::vector<float> rows(static_cast<std::size_t>(nt) * kKeypointFloats);
-    const ReadStatus status =
-        readExactly(motionDir + "/xs_target.bin", rows.data(), rows.size() * sizeof(float));
+    const std::string path = motionDir + "/xs_target.bin";
+    const ReadStatus status = readExactly(path, rows.data(), rows.size() * sizeof(float));
+    if (status == ReadStatus::kFailed) throw std::runtime_error("cannot read " + path);
+    if (status == ReadStatus::kCannotOpen && ::access(path.c_str(), F_OK) == 0) {
+        throw std::runtime_error("cannot open " + path);
+    }
     if (status != ReadStatus::kOk) rows.clear();
     return rows;
 }
@@ -53,10 +61,10 @@ zorv_utt::~zorv_utt() {
 }
 
 void zorv_utt::start() {
-    runThread_ = std::thread([this] { loop_.run(); });
-    warmThread_ = std::thread([this] { warm(); });
-    dispatchThread_ = std::thread([this] { dispatch_.run(); });
-    if (options_.pipelined) pasteThread_ = std::thread([this] { compositor_.run(); });
+    runThread_ = zorv::startThread([this] { loop_.run(); });
+    warmThread_ = zorv::startThread([this] { warm(); });
+    dispatchThread_ = zorv::startThread([this] { dispatch_.run(); });
+    if (options_.pipelined) pasteThread_ = zorv::startThread([this] { compositor_.run(); });
 }
 
 /// Ends the threads that run, those first that use others.
@@ -112,11 +120,11 @@ void zorv_utt::warmUp() {
     state_.changed();
 }
 
-int zorv_utt::ready(std::string& text) {
+int zorv_utt::ready(zorv::FailureText& text) {
     const MutexLock lock(state_.mutex);
     if (state_.warmth == zorv::Warmth::kWarming) return 0;
     if (state_.warmth == zorv::Warmth::kReady) return 1;
-    text = state_.fatalText.get();
+    text = state_.fatalText;
     return -1;
 }
 
@@ -237,9 +245,9 @@ int zorv_utt_ready(zorv_utt* utt) {
     Errors::clear();
     if (!utt) return -1;
     return zorv::guarded<Errors>("zorv_utt_ready", -1, [&] {
-        std::string text;
+        zorv::FailureText text;
         const int ready = utt->ready(text);
-        if (ready < 0) Errors::set(std::move(text));
+        if (ready < 0) Errors::set(text.get());
         return ready;
     });
 }

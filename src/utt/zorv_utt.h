@@ -37,7 +37,7 @@ struct zorv_utt {
     zorv_utt& operator=(const zorv_utt&) = delete;
 
     /// 1, 0 or -1; `text` receives the reason for -1.
-    int ready(std::string& text);
+    int ready(zorv::FailureText& text);
     void push(const std::int16_t* pcm, std::size_t n);
     void endUtterance();
     void interrupt();
