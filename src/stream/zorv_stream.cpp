@@ -126,8 +126,8 @@ namespace {
 
 using StreamError = zorv::LastError<zorv_stream>;
 
-zorv_stream* noStream(std::string message) {
-    StreamError::set(std::move(message));
+zorv_stream* noStream(const std::string& message) {
+    StreamError::set(message);
     return nullptr;
 }
 

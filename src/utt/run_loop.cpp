@@ -96,8 +96,8 @@ double RunLoop::dueMs() const {
                         pending_.count() == 0 && room();
     const double stallMs = stalls ? utterance_.lastSpeechMs + kStallMs : Clock::kNever;
     const bool idleLater = view_.nowMs < view_.idleAgainMs && idleDue();
-    const double idleMs = idleLater ? view_.idleAgainMs : Clock::kNever;
-    return std::min({view_.silentAtMs, stallMs, idleMs});
+    const double soon = std::min(view_.silentAtMs, stallMs);
+    return idleLater ? std::min(soon, view_.idleAgainMs) : soon;
 }
 
 /// Takes each step that is due; false when none was.
