@@ -9,8 +9,9 @@
 #endif
 
 void rival::WIDEN(const std::uint16_t* source, float* destination, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t i = 0; i < n; ++i) {
         destination[i] = std::bit_cast<float>(std::uint32_t{source[i]});
+    }
 }
 
 #ifndef __AVX2__

@@ -40,12 +40,14 @@ using zorv::bench::seconds;
 double measuredPeak() {
     constexpr long kLoops = 100000;
     long loops = kLoops;
-    if (zorv::hasAvx512Vnni())
+    if (zorv::hasAvx512Vnni()) {
         return 64 * 12 * kLoops /
                seconds(CLOCK_THREAD_CPUTIME_ID, [&] { RUN_DOT_PRODUCTS(DOT_512); });
-    if (zorv::hasAvxVnni())
+    }
+    if (zorv::hasAvxVnni()) {
         return 32 * 12 * kLoops /
                seconds(CLOCK_THREAD_CPUTIME_ID, [&] { RUN_DOT_PRODUCTS(DOT_256); });
+    }
     return 0;
 }
 

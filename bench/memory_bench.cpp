@@ -34,7 +34,7 @@ struct Memory {
     double own = 0, mapped = 0;  // MiB
 };
 
-Memory memory_now() {
+Memory memoryNow() {
     std::ifstream file("/proc/self/smaps_rollup");
     double resident = 0, own = 0;
     for (std::string line; std::getline(file, line);) {
@@ -48,7 +48,7 @@ Memory memory_now() {
 }
 
 json growth(const Memory& from) {
-    const Memory now = memory_now();
+    const Memory now = memoryNow();
     return {{"own_mib", now.own - from.own}, {"mapped_mib", now.mapped - from.mapped}};
 }
 
@@ -67,46 +67,50 @@ Handle opened(void* handle, void (*destroy)(void*), const char* error) {
 
 std::vector<float> speech() {
     std::vector<float> samples;
-    for (const int16_t sample : spoken_sound(kSeconds))
+    for (const int16_t sample : spokenSound(kSeconds)) {
         samples.push_back(static_cast<float>(sample) * (1.0f / 32768));
+    }
     return samples;
 }
 
-Handle open_context() {
+Handle openContext() {
     return opened(
         zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr),
         [](void* ctx) { zorv_destroy(static_cast<zorv_ctx*>(ctx)); }, zorv_last_error());
 }
-void use_context(void* handle) {
+void useContext(void* handle) {
     auto* ctx = static_cast<zorv_ctx*>(handle);
     std::vector<uint8_t> rgba(static_cast<size_t>(zorv_width(ctx)) *
                               static_cast<size_t>(zorv_height(ctx)) * 4);
-    for (int k = 0; k < zorv_drive_frames(ctx); ++k)
-        if (!zorv_render_drive_rgba(ctx, k, rgba.data(), rgba.size()))
+    for (int k = 0; k < zorv_drive_frames(ctx); ++k) {
+        if (!zorv_render_drive_rgba(ctx, k, rgba.data(), rgba.size())) {
             fail("{}", zorv_last_error());
+        }
+    }
 }
 
-Handle open_stream() {
+Handle openStream() {
     return opened(
         zorv_stream_create(zorv::bench::demoBundle().c_str(), zorv::bench::demoEncoder().c_str(),
                            kThreads, 0, 1),
         [](void* stream) { zorv_stream_destroy(static_cast<zorv_stream*>(stream)); },
         zorv_stream_last_error());
 }
-void use_stream(void* handle) {
+void useStream(void* handle) {
     const std::vector<float> samples = speech();
     if (zorv_stream_run(static_cast<zorv_stream*>(handle), samples.data(),
-                        static_cast<int>(samples.size()), nullptr, nullptr) != 25 * kSeconds)
+                        static_cast<int>(samples.size()), nullptr, nullptr) != 25 * kSeconds) {
         fail("{}", zorv_stream_last_error());
+    }
 }
 
-Handle open_motion() {
+Handle openMotion() {
     return opened(
         zorv_motion_create(zorv::bench::demoMotion().c_str(), kThreads, nullptr),
         [](void* motion) { zorv_motion_destroy(static_cast<zorv_motion*>(motion)); },
         zorv_motion_last_error());
 }
-Handle open_expression() {
+Handle openExpression() {
     return opened(
         zorv_a2x_create(zorv::bench::demoExpression().c_str(), kThreads),
         [](void* a2x) { zorv_a2x_destroy(static_cast<zorv_a2x*>(a2x)); }, zorv_a2x_last_error());
@@ -114,7 +118,7 @@ Handle open_expression() {
 
 /** Speech in pieces of half a second, frames pulled as they come. */
 template <class Family>
-void use_source(void* handle) {
+void useSource(void* handle) {
     auto* source = static_cast<typename Family::Handle*>(handle);
     Family::reset(source, 0, 1, 1);
     KeypointFrames frames;
@@ -122,9 +126,10 @@ void use_source(void* handle) {
     constexpr size_t kPiece = 8000;
     for (size_t at = 0; at < samples.size(); at += kPiece) {
         Family::push(source, samples.data() + at, static_cast<int>(kPiece));
-        while (Family::avail(source) > 0)
+        while (Family::avail(source) > 0) {
             Family::pull(source, frames.target.data(), frames.source.data(), frames.driving.data(),
                          KeypointFrames::kCapacity);
+        }
     }
 }
 
@@ -133,8 +138,9 @@ struct Session {
     explicit Session(const std::string& source)
         : ctx(zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr)),
           utt(ctx ? zorv_utt_open(ctx, source.c_str()) : nullptr) {
-        while (utt && zorv_utt_ready(utt) == 0)
+        while (utt && zorv_utt_ready(utt) == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         if (zorv_utt_ready(utt) < 0) fail("{}{}", zorv_last_error(), zorv_utt_last_error());
     }
     Session(const Session&) = delete;
@@ -148,19 +154,19 @@ struct Session {
     zorv_utt* utt;
 };
 
-Handle open_motion_session() {
+Handle openMotionSession() {
     return std::make_shared<Session>(zorv::bench::demoMotion());
 }
-Handle open_expression_session() {
+Handle openExpressionSession() {
     return std::make_shared<Session>(zorv::bench::demoExpression());
 }
 
 /** All target frames, then the speech, as fast as frames come. */
-void use_session(void* handle) {
+void useSession(void* handle) {
     auto& session = *static_cast<Session*>(handle);
     std::vector<uint8_t> rgba(static_cast<size_t>(zorv_width(session.ctx)) *
                               static_cast<size_t>(zorv_height(session.ctx)) * 4);
-    const std::vector<int16_t> sound = spoken_sound(kSeconds);
+    const std::vector<int16_t> sound = spokenSound(kSeconds);
     const int idle = zorv_nt(session.ctx);
     for (int pulled = 0; pulled < idle + 25 * kSeconds;) {
         if (!zorv_utt_pull_frame(session.utt, rgba.data(), rgba.size(), nullptr)) {
@@ -174,23 +180,23 @@ void use_session(void* handle) {
 }
 
 constexpr Family kFamilies[] = {
-    {"context", open_context, use_context},
-    {"batch stream", open_stream, use_stream},
-    {"motion engine", open_motion, use_source<Motion>},
-    {"expression engine", open_expression, use_source<Expression>},
-    {"utterance engine, motion", open_motion_session, use_session},
-    {"utterance engine, expression", open_expression_session, use_session},
+    {"context", openContext, useContext},
+    {"batch stream", openStream, useStream},
+    {"motion engine", openMotion, useSource<Motion>},
+    {"expression engine", openExpression, useSource<Expression>},
+    {"utterance engine, motion", openMotionSession, useSession},
+    {"utterance engine, expression", openExpressionSession, useSession},
 };
 
 json measure(const Family& family) {
     json result = {{"family", family.name}};
     std::vector<Handle> handles;
     for (const char* which : {"first", "second"}) {
-        const Memory before = memory_now();
+        const Memory before = memoryNow();
         const double seconds = zorv::bench::wallSeconds([&] { handles.push_back(family.open()); });
-        const json at_open = growth(before);
+        const json atOpen = growth(before);
         family.use(handles.back().get());
-        result[which] = {{"open_seconds", seconds}, {"opened", at_open}, {"used", growth(before)}};
+        result[which] = {{"open_seconds", seconds}, {"opened", atOpen}, {"used", growth(before)}};
     }
     return result;
 }

@@ -86,8 +86,9 @@ FftwSpectrum::FftwSpectrum()
     plan_ =
         fftwf_plan_many_dft_r2c(1, &n, kTransforms, in_, nullptr, 1, kSamples,
                                 static_cast<fftwf_complex*>(out_), nullptr, 1, kBins, FFTW_MEASURE);
-    for (int i = 0; i < kTransforms * kSamples; ++i)
+    for (int i = 0; i < kTransforms * kSamples; ++i) {
         in_[i] = std::sin(0.1f * static_cast<float>(i));
+    }
 }
 
 FftwSpectrum::~FftwSpectrum() {

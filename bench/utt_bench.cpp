@@ -45,10 +45,10 @@ struct Settings {
     bool burst = false;
 };
 
-LiveSetup setup_of(const Settings& settings) {
+LiveSetup setupOf(const Settings& settings) {
     LiveSetup setup;
     setup.bundle = zorv::bench::demoBundle();
-    setup.motion_dir =
+    setup.motionDir =
         settings.source == "motion" ? zorv::bench::demoMotion() : zorv::bench::demoExpression();
     // Where the expression engine looks for its speech encoder.
     setenv("W2V_ONNX", zorv::bench::demoEncoder().c_str(), 0);
@@ -59,11 +59,12 @@ LiveSetup setup_of(const Settings& settings) {
 }
 
 /// A formula or a file.
-std::vector<int16_t> sound_of(const Settings& settings, int seconds) {
-    if (settings.audio.empty()) return spoken_sound(seconds);
+std::vector<int16_t> soundOf(const Settings& settings, int seconds) {
+    if (settings.audio.empty()) return spokenSound(seconds);
     std::vector<int16_t> sound;
-    for (const float sample : read_speech(settings.audio, "--audio").samples)
+    for (const float sample : readSpeech(settings.audio, "--audio").samples) {
         sound.push_back(static_cast<int16_t>(sample * 32767));
+    }
     return sound;
 }
 
@@ -79,19 +80,20 @@ std::vector<Line> script(const Settings& settings, size_t sound, unsigned seed) 
         const double seconds = between(1, 10);
         line.samples = std::min(sound, static_cast<size_t>(seconds * 16000));
         line.begin = static_cast<size_t>(between(0, static_cast<double>(sound - line.samples)));
-        line.pause_s = between(0.2, 3);
-        line.at_once = settings.burst;
+        line.pauseSeconds = between(0.2, 3);
+        line.atOnce = settings.burst;
         if (random() % 3 == 0) {
-            line.interrupt_s = between(0.3, seconds);
-            if (random() % 2 == 0) line.pause_s = 0;
+            line.interruptSeconds = between(0.3, seconds);
+            if (random() % 2 == 0) line.pauseSeconds = 0;
         }
-        at += (line.interrupt_s < 0 ? seconds + 0.5 : line.interrupt_s) + line.pause_s;
+        at +=
+            (line.interruptSeconds < 0 ? seconds + 0.5 : line.interruptSeconds) + line.pauseSeconds;
         lines.push_back(line);
     }
     return lines;
 }
 
-double load_average() {
+double loadAverage() {
     double load = 0;
     return getloadavg(&load, 1) == 1 ? load : -1;
 }
@@ -105,46 +107,48 @@ json spread(const std::vector<double>& values) {
 }
 
 json talk(const Settings& settings) {
-    const LiveSetup setup = setup_of(settings);
-    const std::vector<int16_t> sound = sound_of(settings, 60);
+    const LiveSetup setup = setupOf(settings);
+    const std::vector<int16_t> sound = soundOf(settings, 60);
     std::vector<std::unique_ptr<LiveEngine>> engines;
-    for (int i = 0; i < settings.engines; ++i)
+    for (int i = 0; i < settings.engines; ++i) {
         engines.push_back(std::make_unique<LiveEngine>(setup));
-    const double cpu = cpu_seconds();
+    }
+    const double cpu = cpuSeconds();
     std::vector<std::future<SessionLog>> sessions;
-    for (int i = 0; i < settings.engines; ++i)
+    for (int i = 0; i < settings.engines; ++i) {
         sessions.push_back(std::async(std::launch::async, [&, i] {
             const unsigned seed = settings.seed + static_cast<unsigned>(i);
             return play(*engines[static_cast<size_t>(i)], sound,
                         script(settings, sound.size(), seed), nullptr);
         }));
+    }
     std::vector<double> computing, finished, pulled, interrupts, ready, render, jitter;
     int64_t due = 0, shown = 0;
-    int late = 0, after_first = 0, at_interrupt = 0, ghosts = 0, frames = 0;
+    int late = 0, afterFirst = 0, atInterrupt = 0, ghosts = 0, frames = 0;
     uint64_t failures = 0;
     double longest = 0;
     std::vector<SessionLog> logs;
     for (auto& session : sessions) logs.push_back(session.get());
-    const double used = cpu_seconds() - cpu;
-    const size_t pieces = pieces_before_first_frame(setup, sound);
+    const double used = cpuSeconds() - cpu;
+    const size_t pieces = piecesBeforeFirstFrame(setup, sound);
     for (int i = 0; i < settings.engines; ++i) {
-        const LiveReport report = make_report(engines[static_cast<size_t>(i)]->ready_seconds(),
-                                              logs[static_cast<size_t>(i)], pieces);
-        for (const FirstFrame& first : report.first_frames) {
+        const LiveReport report = makeReport(engines[static_cast<size_t>(i)]->readySeconds(),
+                                             logs[static_cast<size_t>(i)], pieces);
+        for (const FirstFrame& first : report.firstFrames) {
             computing.push_back(first.computing());
             finished.push_back(first.finished);
             pulled.push_back(first.pulled);
         }
-        interrupts.insert(interrupts.end(), report.interrupt_ms.begin(), report.interrupt_ms.end());
-        ready.push_back(report.ready_seconds);
-        render.push_back(report.render_ms);
-        jitter.push_back(report.jitter_p99);
-        due += report.due_speech, shown += report.shown_speech;
-        late += report.late, after_first += report.late_after_first_second;
-        at_interrupt += report.late_at_interrupt, ghosts += report.speech_after_interrupt;
+        interrupts.insert(interrupts.end(), report.interruptMs.begin(), report.interruptMs.end());
+        ready.push_back(report.readySeconds);
+        render.push_back(report.renderMs);
+        jitter.push_back(report.jitterP99);
+        due += report.dueSpeech, shown += report.shownSpeech;
+        late += report.late, afterFirst += report.lateAfterFirstSecond;
+        atInterrupt += report.lateAtInterrupt, ghosts += report.speechAfterInterrupt;
         frames += report.idle + report.speech + report.ramp;
         failures += report.failures;
-        longest = std::max(longest, report.video_seconds);
+        longest = std::max(longest, report.videoSeconds);
     }
     return {{"ready_seconds", spread(ready)},
             {"first_frame_computing_ms", spread(computing)},
@@ -155,8 +159,8 @@ json talk(const Settings& settings) {
             {"pull_jitter_p99_ms", spread(jitter)},
             {"frames", frames},
             {"late_frames", late},
-            {"late_after_first_second", after_first},
-            {"late_at_interrupt", at_interrupt},
+            {"late_after_first_second", afterFirst},
+            {"late_at_interrupt", atInterrupt},
             {"speech_after_interrupt", ghosts},
             {"due_speech_frames", due},
             {"shown_speech_frames", shown},
@@ -166,10 +170,10 @@ json talk(const Settings& settings) {
 }
 
 /// Share of a processor and voluntary context switches per second while `work` runs.
-json usage_during(const std::function<void()>& work) {
+json usageDuring(const std::function<void()>& work) {
     rusage before{}, after{};
     const auto start = std::chrono::steady_clock::now();
-    const double cpu = cpu_seconds();
+    const double cpu = cpuSeconds();
     getrusage(RUSAGE_SELF, &before);
     work();
     getrusage(RUSAGE_SELF, &after);
@@ -177,14 +181,14 @@ json usage_during(const std::function<void()>& work) {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return {
         {"seconds", seconds},
-        {"cpu_per_second", (cpu_seconds() - cpu) / seconds},
+        {"cpu_per_second", (cpuSeconds() - cpu) / seconds},
         {"wakeups_per_second", static_cast<double>(after.ru_nvcsw - before.ru_nvcsw) / seconds}};
 }
 
 json idle(const Settings& settings) {
     using namespace std::chrono_literals;
-    const LiveEngine engine(setup_of(settings));
-    std::vector<uint8_t> frame(engine.frame_bytes());
+    const LiveEngine engine(setupOf(settings));
+    std::vector<uint8_t> frame(engine.frameBytes());
     const int count = static_cast<int>(settings.minutes * 60 * 25);
     const auto pull = [&] {
         auto due = std::chrono::steady_clock::now();
@@ -194,62 +198,65 @@ json idle(const Settings& settings) {
         }
     };
     for (int i = 0; i < 300; ++i) {  // every target frame is decoded once
-        while (!zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr))
+        while (!zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr)) {
             std::this_thread::sleep_for(1ms);
+        }
     }
-    const json with = usage_during(pull);
+    const json with = usageDuring(pull);
     std::this_thread::sleep_for(1s);
-    const json without = usage_during([&] { std::this_thread::sleep_for(count * 40ms); });
+    const json without = usageDuring([&] { std::this_thread::sleep_for(count * 40ms); });
     return {{"pulled_at_25_fps", with}, {"not_pulled", without}};
 }
 
 /// Processor seconds that the source needs for the sound in pieces of 20 ms.
 template <class Family>
-double source_cpu(typename Family::Handle* handle, const std::vector<int16_t>& sound) {
+double sourceCpu(typename Family::Handle* handle, const std::vector<int16_t>& sound) {
     FamilyEngine<Family> engine(handle);
-    Family::set_eager(handle, -1);
+    Family::setEager(handle, -1);
     KeypointFrames frames;
-    const double cpu = cpu_seconds();
+    const double cpu = cpuSeconds();
     for (size_t at = 0; at + kPieceSamples <= sound.size(); at += kPieceSamples) {
         float piece[kPieceSamples];
-        for (size_t i = 0; i < kPieceSamples; ++i)
+        for (size_t i = 0; i < kPieceSamples; ++i) {
             piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
+        }
         engine.push(piece, kPieceSamples);
         while (engine.pull(frames) > 0) {
         }
     }
-    return cpu_seconds() - cpu;
+    return cpuSeconds() - cpu;
 }
 
 /// Processor seconds of one run of a renderer model.
-double render_cpu(const LiveSetup& setup, const char* key) {
+double renderCpu(const LiveSetup& setup, const char* key) {
     const std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)> ctx(
         zorv_create(setup.bundle.c_str(), key, setup.threads, nullptr), zorv_destroy);
     constexpr int kRuns = 100;
     for (int i = 0; i < 10; ++i) zorv_render_drive_crop(ctx.get(), i);
-    const double cpu = cpu_seconds();
-    for (int i = 0; i < kRuns; ++i)
+    const double cpu = cpuSeconds();
+    for (int i = 0; i < kRuns; ++i) {
         zorv_render_drive_crop(ctx.get(), i % zorv_drive_frames(ctx.get()));
-    return (cpu_seconds() - cpu) / kRuns;
+    }
+    return (cpuSeconds() - cpu) / kRuns;
 }
 
 json cost(const Settings& settings) {
-    const LiveSetup setup = setup_of(settings);
-    const std::vector<int16_t> sound = sound_of(settings, static_cast<int>(60 * settings.minutes));
+    const LiveSetup setup = setupOf(settings);
+    const std::vector<int16_t> sound = soundOf(settings, static_cast<int>(60 * settings.minutes));
     const double seconds = static_cast<double>(sound.size()) / 16000;
-    const char* dir = setup.motion_dir.c_str();
+    const char* dir = setup.motionDir.c_str();
     const bool motion = settings.source == "motion";
     const double source =
-        (motion ? source_cpu<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound)
-                : source_cpu<Expression>(zorv_a2x_create(dir, setup.threads), sound)) /
+        (motion ? sourceCpu<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound)
+                : sourceCpu<Expression>(zorv_a2x_create(dir, setup.threads), sound)) /
         seconds;
     // A frame rendered alone costs about as much as one of a batch.
-    const double render = 25 * render_cpu(setup, "render");
+    const double render = 25 * renderCpu(setup, "render");
     const LiveEngine engine(setup);
     Line line;
     line.samples = sound.size();
     const SessionLog log = play(engine, sound, {line}, nullptr);
-    const double all = log.cpu_seconds / (static_cast<double>(log.ticks.size()) / 25);
+    const double all = log.cpuSeconds / (static_cast<double>(log.ticks.size()) / 25);
     return {{"cpu_per_second", all},
             {"motion_models_cpu_per_second", source},
             {"renderer_cpu_per_second", render},
@@ -280,7 +287,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     try {
         json result = work(settings);
-        result["load_average"] = load_average();
+        result["load_average"] = loadAverage();
         fmt::print("{}\n", result.dump(2));
     } catch (const std::exception& error) {
         fmt::print(stderr, "utt_bench: {}\n", error.what());

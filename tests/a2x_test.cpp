@@ -238,8 +238,9 @@ TEST_F(A2xTest, ShortWindowsWithoutLookAheadForgetTheRhythmAltogether) {
             zorv_a2x_push(engine.get(), audio.data() + at, n);
             at += std::max(n, 0);
             if (random() % 2) {
-                for (Frame& f : pull(engine.get(), 1 + static_cast<int>(random() % 20)))
+                for (Frame& f : pull(engine.get(), 1 + static_cast<int>(random() % 20))) {
                     frames.push_back(std::move(f));
+                }
             }
         }
         zorv_a2x_finish(engine.get());

@@ -34,8 +34,9 @@ std::vector<float> syllables() {
         if (t >= 2 && t < 4) continue;
         const double gate = std::max(0.0, std::sin(2 * M_PI * 3.5 * t));
         double voice = 0;
-        for (int k = 1; k < 20; ++k)
+        for (int k = 1; k < 20; ++k) {
             voice += std::sin(2 * M_PI * 140 * k * t) / (1 + std::pow((140 * k - 700) / 250., 2));
+        }
         audio[i] = static_cast<float>(voice * gate * (t < 2 ? 0.1 : 0.04));
     }
     return audio;
@@ -43,8 +44,9 @@ std::vector<float> syllables() {
 
 std::vector<double> loudness(const std::vector<float>& audio) {
     std::vector<double> frames(audio.size() / kFrame);
-    for (std::size_t i = 0; i < frames.size() * kFrame; ++i)
+    for (std::size_t i = 0; i < frames.size() * kFrame; ++i) {
         frames[i / kFrame] += double{audio[i]} * audio[i];
+    }
     for (double& frame : frames) frame = std::sqrt(frame / kFrame);
     return frames;
 }
@@ -124,9 +126,11 @@ TEST_F(DemoExpression, TheMouthFollowsTheVoiceAndRestsInSilence) {
         ASSERT_EQ(motion.opening.size(), loud.size()) << zorv_a2x_last_error();
 
         int best = -12;
-        for (int lag = -11; lag < 12; ++lag)
-            if (correlation(motion.opening, loud, lag) > correlation(motion.opening, loud, best))
+        for (int lag = -11; lag < 12; ++lag) {
+            if (correlation(motion.opening, loud, lag) > correlation(motion.opening, loud, best)) {
                 best = lag;
+            }
+        }
         EXPECT_LE(std::abs(best), 1);
         EXPECT_GE(correlation(motion.opening, loud, best), 0.6);
         // The quiet half is spoken as clearly as the loud one. 0.1 is a mouth half open.
@@ -137,8 +141,9 @@ TEST_F(DemoExpression, TheMouthFollowsTheVoiceAndRestsInSilence) {
         motions.push_back(motion);
     }
     double difference = 0;
-    for (std::size_t t = 0; t < loud.size(); ++t)
+    for (std::size_t t = 0; t < loud.size(); ++t) {
         difference += std::abs(motions[0].opening[t] - motions[1].opening[t]);
+    }
     EXPECT_LT(difference / static_cast<double>(loud.size()), 0.02);
 }
 

@@ -36,10 +36,11 @@ class DoctorCommand : public test::ProgramTest {
     /// The report of a machine without a subject, which is an error of its own.
     json facts(const char* simd) {
         const Outcome outcome = run({"doctor", "--subject", path("nothing"), "--json"}, [simd] {
-            if (simd)
+            if (simd) {
                 setenv("ZORV_SIMD", simd, 1);
-            else
+            } else {
                 unsetenv("ZORV_SIMD");
+            }
         });
         expect_advice(outcome, 2, "make the demo subject with scripts/demo.sh");
         return json::parse(outcome.out, nullptr, false);
@@ -76,14 +77,16 @@ TEST_F(DoctorCommand, TellsTheMachineWithoutASubject) {
 
     const Outcome text = run({"doctor", "--subject", path("nothing")});
     for (const char* words : {"processor: ", "kernels: compositor ", "int8 convolution ",
-                              "model runtime: ONNX Runtime ", "cores: ", "memory: ", "library: "})
+                              "model runtime: ONNX Runtime ", "cores: ", "memory: ", "library: "}) {
         EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
+    }
 }
 
 TEST_F(DoctorCommand, ShowsALoweredInstructionSet) {
     const json report = facts("portable");
-    for (const std::string& kernel : kKernels)
+    for (const std::string& kernel : kKernels) {
         EXPECT_EQ(report["machine"]["kernels"][kernel], "portable") << kernel;
+    }
     if (!has(report["machine"]["instruction_sets"], "avx2")) return;  // nothing was lowered
     ASSERT_EQ(report["slow_switches"].size(), 1u);
     EXPECT_EQ(report["slow_switches"][0]["variable"], "ZORV_SIMD");
@@ -117,8 +120,9 @@ TEST_F(DoctorCommand, ARuntimeThatIsTooOldIsNamed) {
     EXPECT_FALSE(report["onnxruntime"]["matches"]);
     EXPECT_EQ(report["verdict"]["sessions"], 0);
     const std::string text = report["verdict"].value("text", "");
-    for (const char* words : {"1.2.3", ZORV_OLD_RUNTIME, "install that version"})
+    for (const char* words : {"1.2.3", ZORV_OLD_RUNTIME, "install that version"}) {
         EXPECT_NE(text.find(words), std::string::npos) << text;
+    }
 }
 
 TEST_F(DoctorCommand, MeasuresTheWholeWay) {
@@ -138,8 +142,9 @@ TEST_F(DoctorCommand, MeasuresTheWholeWay) {
     EXPECT_EQ(live["shown_speech_frames"], 25);
     for (const char* name : {"ready_seconds", "first_frame_finished_ms", "first_frame_pulled_ms",
                              "interrupt_to_frame_ms", "render_ms", "cpu_per_second",
-                             "cpu_ms_per_speech_frame", "session_cores", "session_memory_bytes"})
+                             "cpu_ms_per_speech_frame", "session_cores", "session_memory_bytes"}) {
         EXPECT_GT(live[name], 0) << name;
+    }
     EXPECT_GE(live["late_frames"], live["late_after_first_second"]);
     EXPECT_EQ(report["batch"]["frames"].get<int>() % 100, 0) << "whole clips of 4 s";
     EXPECT_GT(report["batch"]["fps"], 0);
@@ -152,15 +157,15 @@ TEST_F(DoctorCommand, MeasuresTheWholeWay) {
 
 TEST(SessionVerdict, FollowsTheScarcerOfCoresAndMemory) {
     const double gib = 1 << 30;
-    EXPECT_EQ(tools::estimated_sessions({0.3, gib / 2}, {2, 100 * gib}), 4) << "0.7 x 2 / 0.3";
-    EXPECT_EQ(tools::estimated_sessions({0.3, 2 * gib}, {2, 8 * gib}), 3) << "0.8 x 8 / 2";
-    EXPECT_EQ(tools::estimated_sessions({0.7, 0}, {1, 0}), 1) << "just so, memory unknown";
-    EXPECT_EQ(tools::estimated_sessions({0.71, 0}, {1, gib}), 0);
-    EXPECT_EQ(tools::estimated_sessions({0, gib}, {8, 8 * gib}), 0) << "nothing was measured";
-    EXPECT_EQ(tools::estimated_sessions({1e-12, 1}, {8, 8 * gib}), 10000) << "no overflow";
+    EXPECT_EQ(tools::estimatedSessions({0.3, gib / 2}, {2, 100 * gib}), 4) << "0.7 x 2 / 0.3";
+    EXPECT_EQ(tools::estimatedSessions({0.3, 2 * gib}, {2, 8 * gib}), 3) << "0.8 x 8 / 2";
+    EXPECT_EQ(tools::estimatedSessions({0.7, 0}, {1, 0}), 1) << "just so, memory unknown";
+    EXPECT_EQ(tools::estimatedSessions({0.71, 0}, {1, gib}), 0);
+    EXPECT_EQ(tools::estimatedSessions({0, gib}, {8, 8 * gib}), 0) << "nothing was measured";
+    EXPECT_EQ(tools::estimatedSessions({1e-12, 1}, {8, 8 * gib}), 10000) << "no overflow";
 }
 
-SessionsRun run_of(int sessions, int due, int late, const std::string& failure = "") {
+SessionsRun runOf(int sessions, int due, int late, const std::string& failure = "") {
     SessionsRun run;
     run.sessions = sessions;
     run.due = due;
@@ -171,24 +176,23 @@ SessionsRun run_of(int sessions, int due, int late, const std::string& failure =
 }
 
 TEST(SessionVerdict, RunsWhatItEstimatesAndHalfOfItWhenThatFails) {
-    const SessionsRun one = run_of(1, 200, 2), slow = run_of(6, 1200, 13),
-                      good = run_of(6, 1200, 12);
-    EXPECT_FALSE(run_of(1, 200, 3).kept_up());
-    EXPECT_FALSE(run_of(1, 0, 0).kept_up());
-    EXPECT_EQ(tools::next_run(6, 16, {one}), 6);
-    EXPECT_EQ(tools::next_run(60, 16, {one}), 16);
-    EXPECT_EQ(tools::next_run(1, 16, {one}), 0);
-    EXPECT_EQ(tools::next_run(6, 16, {run_of(1, 200, 9)}), 0);
-    EXPECT_EQ(tools::next_run(6, 16, {one, good}), 0);
-    EXPECT_EQ(tools::next_run(6, 16, {one, slow}), 3);
-    EXPECT_EQ(tools::next_run(3, 16, {one, run_of(3, 600, 60)}), 0) << "one ran already";
-    EXPECT_EQ(tools::next_run(6, 16, {one, slow, run_of(3, 600, 60)}), 0);
+    const SessionsRun one = runOf(1, 200, 2), slow = runOf(6, 1200, 13), good = runOf(6, 1200, 12);
+    EXPECT_FALSE(runOf(1, 200, 3).keptUp());
+    EXPECT_FALSE(runOf(1, 0, 0).keptUp());
+    EXPECT_EQ(tools::nextRun(6, 16, {one}), 6);
+    EXPECT_EQ(tools::nextRun(60, 16, {one}), 16);
+    EXPECT_EQ(tools::nextRun(1, 16, {one}), 0);
+    EXPECT_EQ(tools::nextRun(6, 16, {runOf(1, 200, 9)}), 0);
+    EXPECT_EQ(tools::nextRun(6, 16, {one, good}), 0);
+    EXPECT_EQ(tools::nextRun(6, 16, {one, slow}), 3);
+    EXPECT_EQ(tools::nextRun(3, 16, {one, runOf(3, 600, 60)}), 0) << "one ran already";
+    EXPECT_EQ(tools::nextRun(6, 16, {one, slow, runOf(3, 600, 60)}), 0);
 }
 
 TEST(SessionVerdict, SaysWhatWasSeenAndWhatIsAnEstimate) {
     const tools::SessionCost cost = {0.3, 1 << 28};
     const tools::Capacity two = {2, 4.0 * (1 << 30)}, sixty = {60, 64.0 * (1 << 30)};
-    const SessionsRun one = run_of(1, 200, 0);
+    const SessionsRun one = runOf(1, 200, 0);
     struct Case {
         tools::Capacity capacity;
         std::vector<SessionsRun> runs;
@@ -198,29 +202,29 @@ TEST(SessionVerdict, SaysWhatWasSeenAndWhatIsAnEstimate) {
     };
     const std::vector<Case> cases = {
         {two,
-         {one, run_of(4, 800, 3)},
+         {one, runOf(4, 800, 3)},
          4,
          true,
          "carries 4 live sessions of this subject at a time:"},
         {sixty,
-         {one, run_of(16, 3200, 0)},
+         {one, runOf(16, 3200, 0)},
          140,
          false,
          "140 live sessions of this subject at a time by estimate"},
         {two,
-         {one, run_of(4, 800, 100), run_of(2, 400, 0)},
+         {one, runOf(4, 800, 100), runOf(2, 400, 0)},
          2,
          true,
          "4 at a time ran with 100 of 800"},
-        {two, {one, run_of(4, 800, 100), run_of(2, 400, 40)}, 1, true, "1 live session of"},
-        {two, {one, run_of(4, 800, 0, "no memory")}, 1, true, "4 at a time failed: no memory"},
+        {two, {one, runOf(4, 800, 100), runOf(2, 400, 40)}, 1, true, "1 live session of"},
+        {two, {one, runOf(4, 800, 0, "no memory")}, 1, true, "4 at a time failed: no memory"},
         {{0.4, 1e9}, {one}, 1, true, "nothing to spare"},
         {two,
-         {run_of(1, 200, 50)},
+         {runOf(1, 200, 50)},
          0,
          false,
          "of 200 frames that a single session owed 50 were late"},
-        {two, {run_of(1, 200, 0, "bad model")}, 0, false, "a session failed: bad model"},
+        {two, {runOf(1, 200, 0, "bad model")}, 0, false, "a session failed: bad model"},
     };
     for (const Case& expected : cases) {
         SCOPED_TRACE(expected.words);
@@ -242,13 +246,13 @@ TEST(CgroupLimits, TheTightestOfAllLevelsHolds) {
     put("cpu.max", "400000 100000\n");
     put("a/b/memory.max", "1000000\n");
     put("a/memory.max", "max\n");
-    auto limits = tools::read_cgroup_limits("0::/a/b\n", dir.path());
+    auto limits = tools::readCgroupLimits("0::/a/b\n", dir.path());
     EXPECT_EQ(limits.cores, 1.5);
-    EXPECT_EQ(limits.memory_bytes, 1000000u);
+    EXPECT_EQ(limits.memoryBytes, 1000000u);
     // Of a host's path nothing is left in a container but the mount itself.
-    limits = tools::read_cgroup_limits("0::/host/path\n", dir.path());
+    limits = tools::readCgroupLimits("0::/host/path\n", dir.path());
     EXPECT_EQ(limits.cores, 4);
-    EXPECT_FALSE(limits.memory_bytes);
+    EXPECT_FALSE(limits.memoryBytes);
 
     put("cpu/x/cpu.cfs_quota_us", "50000\n");
     put("cpu/x/cpu.cfs_period_us", "100000\n");
@@ -256,23 +260,24 @@ TEST(CgroupLimits, TheTightestOfAllLevelsHolds) {
     put("cpu/cpu.cfs_period_us", "100000\n");
     put("memory/memory.limit_in_bytes", "9223372036854771712\n");
     limits =
-        tools::read_cgroup_limits("9:name=systemd:/\n2:cpu,cpuacct:/x\n4:memory:/y\n", dir.path());
+        tools::readCgroupLimits("9:name=systemd:/\n2:cpu,cpuacct:/x\n4:memory:/y\n", dir.path());
     EXPECT_EQ(limits.cores, 0.5);
-    EXPECT_FALSE(limits.memory_bytes) << "a huge number stands for no limit";
-    limits = tools::read_cgroup_limits("garbage\n1:\n", dir.path());
+    EXPECT_FALSE(limits.memoryBytes) << "a huge number stands for no limit";
+    limits = tools::readCgroupLimits("garbage\n1:\n", dir.path());
     EXPECT_FALSE(limits.cores);
 }
 
 TEST(EnvironmentCheck, NamesWhatTakesSpeedAway) {
     const auto found = [](const std::map<std::string, std::string>& set, const std::string& best) {
         std::string names;
-        for (const auto& slow : tools::slow_switches(
+        for (const auto& slow : tools::slowSwitches(
                  [&set](const char* name) -> const char* {
                      const auto at = set.find(name);
                      return at == set.end() ? nullptr : at->second.c_str();
                  },
-                 best, 4))
+                 best, 4)) {
             names += slow.variable.substr(5) + " ";
+        }
         return names;
     };
     EXPECT_EQ(found({}, "avx512"), "");

@@ -38,41 +38,45 @@ using tools::FileReport;
 using tools::Finding;
 using tools::Severity;
 
-const FileReport* file_in(const BundleReport& report, const std::string& name) {
-    for (const FileReport& file : report.files)
+const FileReport* fileIn(const BundleReport& report, const std::string& name) {
+    for (const FileReport& file : report.files) {
         if (file.name == name) return &file;
+    }
     return nullptr;
 }
 
-std::set<std::string> files_with(const BundleReport& report, Severity severity) {
+std::set<std::string> filesWith(const BundleReport& report, Severity severity) {
     std::set<std::string> names;
-    for (const FileReport& file : report.files)
+    for (const FileReport& file : report.files) {
         if (file.severity() == severity) names.insert(file.name);
+    }
     return names;
 }
 
-std::string findings_of(const BundleReport& report) {
+std::string findingsOf(const BundleReport& report) {
     std::string text;
-    for (const FileReport& file : report.files)
-        for (const Finding& finding : file.findings)
+    for (const FileReport& file : report.files) {
+        for (const Finding& finding : file.findings) {
             text += file.name + ": " + finding.what + "; expected " + finding.expected + "\n";
+        }
+    }
     return text;
 }
 
 using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
 
-Context open_context(const TestBundle& bundle, const std::string& key = "render") {
+Context openContext(const TestBundle& bundle, const std::string& key = "render") {
     return {zorv_create(bundle.dir().c_str(), key.c_str(), 1, nullptr), &zorv_destroy};
 }
 bool opens(const TestBundle& bundle) {
-    return open_context(bundle) != nullptr;
+    return openContext(bundle) != nullptr;
 }
 bool renders(const TestBundle& bundle) {
-    const Context context = open_context(bundle);
+    const Context context = openContext(bundle);
     return context && zorv_render_drive_crop(context.get(), 0);
 }
 bool shows(const TestBundle& bundle, int frame) {
-    const Context context = open_context(bundle);
+    const Context context = openContext(bundle);
     return context && zorv_target_frame(context.get(), frame);
 }
 bool speaks(const TestBundle& bundle) {
@@ -89,39 +93,40 @@ TEST(Inspect, ShowsWhatAGoodBundleHolds) {
     bundle.useModel("many", "render_b4");
     bundle.useModel("synth", "feat_synth_b4");
     test::writeFile(bundle.path("notes.txt"), "x");
-    const BundleReport report = tools::check_bundle(bundle.dir());
-    EXPECT_EQ(findings_of(report), "");
-    for (const std::string key : {"render", "many", "synth"})
-        EXPECT_TRUE(open_context(bundle, key)) << key;
+    const BundleReport report = tools::checkBundle(bundle.dir());
+    EXPECT_EQ(findingsOf(report), "");
+    for (const std::string key : {"render", "many", "synth"}) {
+        EXPECT_TRUE(openContext(bundle, key)) << key;
+    }
 
     EXPECT_EQ(report.facts.agent, "tiny");
-    EXPECT_EQ(report.facts.target_frames, 3);
+    EXPECT_EQ(report.facts.targetFrames, 3);
     EXPECT_EQ(report.facts.width, 48);
     EXPECT_EQ(report.facts.height, 40);
     EXPECT_EQ(report.facts.crop, 16);
-    EXPECT_EQ(report.facts.drive_frames, 4);
+    EXPECT_EQ(report.facts.driveFrames, 4);
     EXPECT_EQ(report.others, std::vector<std::string>{"notes.txt"});
 
-    const FileReport* frames = file_in(report, "target_frames/frame_000000.jpg");
+    const FileReport* frames = fileIn(report, "target_frames/frame_000000.jpg");
     ASSERT_TRUE(frames);
-    EXPECT_EQ(frames->last_name, "target_frames/frame_000002.jpg");
+    EXPECT_EQ(frames->lastName, "target_frames/frame_000002.jpg");
     EXPECT_EQ(frames->count, 3);
     const std::map<std::string, std::pair<std::string, int>> kinds = {
         {"model_render.onnx", {"standard", 1}},
         {"model_many.onnx", {"standard", 4}},
         {"model_synth.onnx", {"FeatSynth", 4}}};
     for (const auto& [name, kind] : kinds) {
-        const FileReport* file = file_in(report, name);
+        const FileReport* file = fileIn(report, name);
         ASSERT_TRUE(file && file->model) << name;
         EXPECT_EQ(file->model->graph, kind.first) << name;
         EXPECT_EQ(file->model->batch, kind.second) << name;
         EXPECT_TRUE(file->model->range) << name << " was not tried";
     }
-    const auto& synth = file_in(report, "model_synth.onnx")->model->inputs;
+    const auto& synth = fileIn(report, "model_synth.onnx")->model->inputs;
     ASSERT_EQ(synth.size(), 4u);
     EXPECT_EQ(synth[0].name, "fs_red");
     EXPECT_EQ(synth[0].type, "float32");
-    EXPECT_EQ(tools::shape_text(synth[0]), "4 x 64 x 64 x 64");
+    EXPECT_EQ(tools::shapeText(synth[0]), "4 x 64 x 64 x 64");
 }
 
 using Check = std::function<bool(const TestBundle&)>;
@@ -144,8 +149,8 @@ Damage manifest(const std::string& from, const std::string& to, const std::strin
     return {[=](TestBundle& bundle) { bundle.replace("manifest.json", from, to); }, "manifest.json",
             what, expected, opens};
 }
-Damage other_model(const std::string& model, const std::string& what, const std::string& expected,
-                   Check works = opens) {
+Damage otherModel(const std::string& model, const std::string& what, const std::string& expected,
+                  Check works = opens) {
     return {[=](TestBundle& bundle) { bundle.useModel("render", model); }, "model_render.onnx",
             what, expected, works};
 }
@@ -154,7 +159,7 @@ Damage other_model(const std::string& model, const std::string& what, const std:
 // damage: something of the library stops working.
 TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
     const std::string frame = "target_frames/frame_000001.jpg", picture = "JPEG picture of 48 x 40";
-    const Check shows_it = [](const TestBundle& bundle) { return shows(bundle, 1); };
+    const Check showsIt = [](const TestBundle& bundle) { return shows(bundle, 1); };
     const std::vector<Damage> damages = {
         removed("manifest.json", ""),
         manifest("zorv-bundle-v0", "zorv-bundle-v1", "zorv-bundle-v1", "\"zorv-bundle-v0\""),
@@ -179,21 +184,21 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
          },
          "drive/si.i32", "2 of 4 indices are out of range, the first is entry 2: 3", "0 to 2",
          opens},
-        removed(frame, picture, shows_it),
+        removed(frame, picture, showsIt),
         {[=](TestBundle& bundle) { bundle.noise(frame); }, frame, "cannot be decoded", picture,
-         shows_it},
+         showsIt},
         {[=](TestBundle& bundle) {
              const TestBundle wide({.width = 64});
              test::writeFile(bundle.path(frame), test::readFile(wide.path(frame)));
          },
-         frame, "is 64 x 40", picture, shows_it},
-        other_model("encoder", "input \"pooled64\" is missing", "64 x 32 x 32 float32"),
-        other_model("render_symbolic_batch", "is N x 64 x 32 x 32", "a fixed number"),
-        other_model("render_pooled_3d", "is 1 x 64 x 1024 float32", "64 x 32 x 32 float32"),
-        other_model("render_pooled_small", "is 1 x 64 x 16 x 32 float32",
-                    "1 x 64 x 32 x 32 float32", renders),
-        other_model("render_crop_8", "\"P_rgb\" is 1 x 3 x 8 x 8", "1 x 3 x 16 x 16 float32",
-                    renders),
+         frame, "is 64 x 40", picture, showsIt},
+        otherModel("encoder", "input \"pooled64\" is missing", "64 x 32 x 32 float32"),
+        otherModel("render_symbolic_batch", "is N x 64 x 32 x 32", "a fixed number"),
+        otherModel("render_pooled_3d", "is 1 x 64 x 1024 float32", "64 x 32 x 32 float32"),
+        otherModel("render_pooled_small", "is 1 x 64 x 16 x 32 float32", "1 x 64 x 32 x 32 float32",
+                   renders),
+        otherModel("render_crop_8", "\"P_rgb\" is 1 x 3 x 8 x 8", "1 x 3 x 16 x 16 float32",
+                   renders),
         {[](TestBundle& bundle) { bundle.noise("model_render.onnx"); }, "model_render.onnx",
          "does not load", "an ONNX model", opens},
         {[](TestBundle& bundle) {
@@ -214,12 +219,12 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
         ASSERT_TRUE(damage.works(bundle));
         damage.apply(bundle);
         EXPECT_FALSE(damage.works(bundle)) << "no damage";
-        const BundleReport report = tools::check_bundle(bundle.dir());
+        const BundleReport report = tools::checkBundle(bundle.dir());
         EXPECT_FALSE(report.good());
-        std::set<std::string> faulty = files_with(report, Severity::kFault);
+        std::set<std::string> faulty = filesWith(report, Severity::kFault);
         faulty.erase("model_<key>.onnx");  // when the only one is gone
-        EXPECT_EQ(faulty, std::set<std::string>{damage.file}) << findings_of(report);
-        const FileReport* file = file_in(report, damage.file);
+        EXPECT_EQ(faulty, std::set<std::string>{damage.file}) << findingsOf(report);
+        const FileReport* file = fileIn(report, damage.file);
         ASSERT_TRUE(file && !file->findings.empty());
         EXPECT_TRUE(std::any_of(file->findings.begin(), file->findings.end(),
                                 [&](const Finding& finding) {
@@ -227,7 +232,7 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
                                            finding.expected.find(damage.expected) !=
                                                std::string::npos;
                                 }))
-            << findings_of(report);
+            << findingsOf(report);
     }
 }
 
@@ -241,24 +246,24 @@ TEST(Inspect, FindsEverythingInOneRun) {
     bundle.remove("target_frames/frame_000002.jpg");
     bundle.useModel("bad", "encoder");
     bundle.empty("model_render.onnx");
-    const BundleReport report = tools::check_bundle(bundle.dir());
+    const BundleReport report = tools::checkBundle(bundle.dir());
     EXPECT_EQ(
-        files_with(report, Severity::kFault),
+        filesWith(report, Severity::kFault),
         (std::set<std::string>{"manifest.json", "pooled64.f16", "M.f32", "mask_512.u8",
                                "target_frames/frame_000000.jpg", "target_frames/frame_000002.jpg",
                                "model_bad.onnx", "model_render.onnx"}))
-        << findings_of(report);
+        << findingsOf(report);
 
     // Absurd counts neither take memory nor time; the missing frames are one line.
     bundle.write();
     bundle.replace("manifest.json", "\"NT\": 3", "\"NT\": 1e99");
-    const BundleReport absurd = tools::check_bundle(bundle.dir());
-    const FileReport* missing = file_in(absurd, "target_frames/frame_000003.jpg");
+    const BundleReport absurd = tools::checkBundle(bundle.dir());
+    const FileReport* missing = fileIn(absurd, "target_frames/frame_000003.jpg");
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->count, 2147483647 - 3);
 
     const test::TempDir empty;
-    EXPECT_EQ(files_with(tools::check_bundle(empty.path()), Severity::kFault).size(), 10u);
+    EXPECT_EQ(filesWith(tools::checkBundle(empty.path()), Severity::kFault).size(), 10u);
 }
 
 // What is odd but works is a warning: the bundle is still good, as it is for the library.
@@ -287,12 +292,12 @@ TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
         SCOPED_TRACE(oddities[i].first + " " + std::to_string(i));
         TestBundle bundle;
         oddities[i].second(bundle);
-        const BundleReport report = tools::check_bundle(bundle.dir());
+        const BundleReport report = tools::checkBundle(bundle.dir());
         const bool renamed = i == 7;  // the number after the earlier "W" is 0
         EXPECT_EQ(opens(bundle), !renamed);
-        EXPECT_EQ(report.good(), !renamed) << findings_of(report);
-        EXPECT_NE(file_in(report, oddities[i].first)->severity(), Severity::kOk)
-            << findings_of(report);
+        EXPECT_EQ(report.good(), !renamed) << findingsOf(report);
+        EXPECT_NE(fileIn(report, oddities[i].first)->severity(), Severity::kOk)
+            << findingsOf(report);
     }
 }
 
@@ -319,19 +324,20 @@ TEST(Inspect, AgreesWithTheLibraryOnDamagedManifests) {
             }
         }
         test::writeFile(bundle.path("manifest.json"), text);
-        const BundleReport report = tools::check_bundle(bundle.dir());
-        bool context_faults = false;
+        const BundleReport report = tools::checkBundle(bundle.dir());
+        bool contextFaults = false;
         for (const FileReport& file : report.files) {
             if (file.severity() != Severity::kFault) continue;
             // These are read later, each with an error of its own.
-            context_faults |= file.name.rfind("target_frames", 0) != 0;
-            for (const Finding& finding : file.findings)
+            contextFaults |= file.name.rfind("target_frames", 0) != 0;
+            for (const Finding& finding : file.findings) {
                 EXPECT_EQ(finding.what.find("the library"), std::string::npos)
                     << finding.what << "\n"
                     << text;
+            }
         }
-        EXPECT_EQ(opens(bundle), !context_faults) << text << findings_of(report);
-        opened += !context_faults;
+        EXPECT_EQ(opens(bundle), !contextFaults) << text << findingsOf(report);
+        opened += !contextFaults;
     }
     EXPECT_GT(opened, 10) << "too few manifests survive to compare both sides";
     EXPECT_LT(opened, 80);
@@ -341,7 +347,7 @@ TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
     TestBundle bundle;
     bundle.useModel("own", "render_own_operators");
     FileReport model{"model_own.onnx"};
-    tools::check_renderer_model(bundle.dir(), tools::check_bundle(bundle.dir()).facts, model);
+    tools::checkRendererModel(bundle.dir(), tools::checkBundle(bundle.dir()).facts, model);
     EXPECT_TRUE(model.findings.empty()) << model.findings[0].what;
     ASSERT_TRUE(model.model);
     EXPECT_EQ(model.model->batch, 1);
@@ -354,15 +360,15 @@ TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
 TEST(Inspect, SaysWhichGridSampleNodesAreRewritten) {
     TestBundle bundle;
     bundle.useModel("warped", "render_warped");
-    const BundleReport report = tools::check_bundle(bundle.dir());
-    const FileReport* file = file_in(report, "model_warped.onnx");
+    const BundleReport report = tools::checkBundle(bundle.dir());
+    const FileReport* file = fileIn(report, "model_warped.onnx");
     ASSERT_TRUE(file && file->model && file->model->operators);
     const tools::OperatorCensus& census = *file->model->operators;
     ASSERT_EQ(census.rewritten.size(), 1u);
     ASSERT_EQ(census.kept.size(), 1u);
     EXPECT_EQ(census.kept[0].why, "align_corners is not 0");
     EXPECT_NE(census.kept[0].name, census.rewritten[0]);
-    const std::string text = tools::report_text(report);
+    const std::string text = tools::reportText(report);
     for (const std::string& line : {"runs as GridSampleFast: 1 node: " + census.rewritten[0],
                                     census.kept[0].name + ", since align_corners is not 0"}) {
         EXPECT_NE(text.find(line), std::string::npos) << text;
@@ -376,7 +382,7 @@ TEST(Inspect, LooksIntoSubgraphs) {
                                       .bytes(5, test::textAttribute("padding_mode", "border"));
     const test::Message branch = test::Message().bytes(6, test::Message().bytes(1, sampler));
     const test::Message graph = test::Message().bytes(1, test::Message().bytes(5, branch));
-    const auto census = tools::count_operators(test::Message().bytes(7, graph).text());
+    const auto census = tools::countOperators(test::Message().bytes(7, graph).text());
     EXPECT_TRUE(census.rewritten.empty());
     ASSERT_EQ(census.kept.size(), 1u);
     EXPECT_EQ(census.kept[0].name, "y");
@@ -396,9 +402,9 @@ struct Area {
     int height() const { return bottom - top; }
 };
 
-Area find_colors(const Canvas& canvas, const std::vector<Color>& colors) {
+Area findColors(const Canvas& canvas, const std::vector<Color>& colors) {
     Area area;
-    for (int y = 40; y < canvas.height() - 620; ++y)
+    for (int y = 40; y < canvas.height() - 620; ++y) {
         for (int x = 0; x < canvas.width(); ++x) {
             const uint8_t* pixel = canvas.rgb() + 3 * (y * canvas.width() + x);
             for (const Color& color : colors) {
@@ -408,6 +414,7 @@ Area find_colors(const Canvas& canvas, const std::vector<Color>& colors) {
                 area.top = std::min(area.top, y), area.bottom = std::max(area.bottom, y);
             }
         }
+    }
     area.x /= area.count, area.y /= area.count;
     return area;
 }
@@ -416,8 +423,8 @@ std::string floats(const std::vector<float>& values) {
     return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float)};
 }
 
-Canvas sheet_of(const TestBundle& bundle) {
-    auto sheet = tools::draw_bundle(tools::check_bundle(bundle.dir()));
+Canvas sheetOf(const TestBundle& bundle) {
+    auto sheet = tools::drawBundle(tools::checkBundle(bundle.dir()));
     if (!sheet) throw std::runtime_error("no sheet");
     return *sheet;
 }
@@ -432,16 +439,16 @@ TEST(InspectSheet, DrawsCropMaskAndKeypointsWhereTheyLand) {
     test::writeFile(bundle.path("mask_512.u8"), mask);
     test::writeFile(bundle.path("xs_target.bin"), std::string(252, '\0'));
 
-    const Canvas canvas = sheet_of(bundle);
-    const Area box = find_colors(canvas, {kOutline, kTop});
+    const Canvas canvas = sheetOf(bundle);
+    const Area box = findColors(canvas, {kOutline, kTop});
     EXPECT_NEAR(box.width(), 320, 4);
     EXPECT_NEAR(box.height(), 320, 4);
     const double x = (box.left + box.right) / 2.0, y = (box.top + box.bottom) / 2.0;
-    EXPECT_NEAR(find_colors(canvas, {kTop}).x, box.right, 3);
-    const Area points = find_colors(canvas, {kPoints});
+    EXPECT_NEAR(findColors(canvas, {kTop}).x, box.right, 3);
+    const Area points = findColors(canvas, {kPoints});
     EXPECT_NEAR(points.x, x, 1.5);
     EXPECT_NEAR(points.y, y, 1.5);
-    const Area halves = find_colors(canvas, {kMask});  // elsewhere the outline covers its line
+    const Area halves = findColors(canvas, {kMask});  // elsewhere the outline covers its line
     EXPECT_NEAR(halves.top, y, 2);
     EXPECT_NEAR(halves.bottom, y, 2);
     EXPECT_NEAR(halves.width(), 320, 4);
@@ -452,7 +459,7 @@ TEST(InspectSheet, DrawsCropMaskAndKeypointsWhereTheyLand) {
 
     // Placements for frames of twice the size shrink by half.
     bundle.replace("manifest.json", "\"W\"", "\"M_src_w\": 124, \"M_src_h\": 124, \"W\"");
-    EXPECT_NEAR(find_colors(sheet_of(bundle), {kOutline, kTop}).width(), 160, 4);
+    EXPECT_NEAR(findColors(sheetOf(bundle), {kOutline, kTop}).width(), 160, 4);
 }
 
 TEST(InspectSheet, LeavesOutWhatIsDamaged) {
@@ -461,11 +468,11 @@ TEST(InspectSheet, LeavesOutWhatIsDamaged) {
     bundle.truncate("mask_512.u8");
     bundle.truncate("xs_target.bin");  // the stored sequence has source keypoints too
     bundle.remove("drive/xd.f32");
-    const Canvas canvas = sheet_of(bundle);
-    EXPECT_GT(find_colors(canvas, {kPoints}).count, 0);
-    EXPECT_EQ(find_colors(canvas, {kMask}).count, 0);
+    const Canvas canvas = sheetOf(bundle);
+    EXPECT_GT(findColors(canvas, {kPoints}).count, 0);
+    EXPECT_EQ(findColors(canvas, {kMask}).count, 0);
     bundle.truncate("M.f32");
-    EXPECT_EQ(find_colors(sheet_of(bundle), {kPoints, kOutline}).count, 0);
+    EXPECT_EQ(findColors(sheetOf(bundle), {kPoints, kOutline}).count, 0);
 }
 
 // ---- the program ----
@@ -479,8 +486,9 @@ Outcome run(const std::string& arguments) {
     std::FILE* pipe = popen((std::string(ZORV_PROGRAM) + " inspect " + arguments).c_str(), "r");
     Outcome outcome{-1, ""};
     char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
         outcome.out.append(buffer, n);
+    }
     const int status = pclose(pipe);
     if (WIFEXITED(status)) outcome.code = WEXITSTATUS(status);
     return outcome;
@@ -498,8 +506,9 @@ TEST(InspectCommand, ExitStatusReportAndSheet) {
     EXPECT_EQ(report["manifest"]["NT"], 3);
     EXPECT_EQ(report["manifest"]["frames"], 4);
     const auto model = [&]() -> nlohmann::json {
-        for (const auto& file : report["files"])
+        for (const auto& file : report["files"]) {
             if (file["name"] == "model_render.onnx") return file["model"];
+        }
         return {};
     };
     EXPECT_EQ(model()["graph"], "standard");

@@ -43,8 +43,9 @@ struct Case {
 struct Operands {
     explicit Operands(const Case& t) : random(static_cast<unsigned>(t.c * 131 + t.m)) {
         x.resize(static_cast<std::size_t>(t.n * t.c * t.h * t.w));
-        for (float& v : x)
+        for (float& v : x) {
             v = t.low + (t.high - t.low) * static_cast<float>(random() % 1001) / 1000;
+        }
         const std::int64_t in = t.c / t.attributes.group;
         weights.resize(static_cast<std::size_t>(t.m * in * t.kh * t.kw));
         for (std::int8_t& v : weights) v = static_cast<std::int8_t>(random());

@@ -23,12 +23,12 @@ struct Fake {
     int nt = 3;
     int samples = 0, pulled = 0, calls = 0;
     bool finished = false, started = false;
-    int last_frame = 1 << 20;  ///< frames stop here with an error
+    int lastFrame = 1 << 20;  ///< frames stop here with an error
     std::string error;
 
     int ready() const {
         const int frames = finished ? (samples + 639) / 640 : samples / 640 - kHeldBack;
-        return std::max(0, std::min(frames, last_frame) - pulled);
+        return std::max(0, std::min(frames, lastFrame) - pulled);
     }
 };
 
@@ -52,7 +52,7 @@ struct FakeFamily {
     }
     static void finish(Fake* fake) { fake->finished = true; }
     static int avail(Fake* fake) {
-        if (fake->finished && fake->pulled == fake->last_frame) fake->error = "no more ink";
+        if (fake->finished && fake->pulled == fake->lastFrame) fake->error = "no more ink";
         return fake->ready();
     }
     static int pull(Fake* fake, int* idx, float* xs, float* xd, int max) {
@@ -70,7 +70,7 @@ struct FakeFamily {
     static void reset(Fake* fake, int start, int direction, int loop) {
         fake->started = start == 0 && direction == 1 && loop == 0;
     }
-    static const char* last_error() { return current->error.c_str(); }
+    static const char* lastError() { return current->error.c_str(); }
 
     static inline Fake* current = nullptr;
 };
@@ -82,11 +82,11 @@ class KeypointRenderer : public testing::Test {
     std::unique_ptr<ClipRenderer> open(int skip = 0, float gain = 1.0f) {
         RenderOptions options;
         options.bundle = bundle_.dir();
-        options.motion_dir = "their/models";
+        options.motionDir = "their/models";
         options.threads = 1;
-        options.skip_frames = skip;
+        options.skipFrames = skip;
         options.gain = gain;
-        return open_keypoint_renderer(options, std::make_unique<FamilyEngine<FakeFamily>>(&fake_));
+        return openKeypointRenderer(options, std::make_unique<FamilyEngine<FakeFamily>>(&fake_));
     }
 
     size_t frameBytes() const {
@@ -138,7 +138,7 @@ TEST_F(KeypointRenderer, SaysWhatStoppedIt) {
     int frames = 0;
     const auto count = [&](const uint8_t*) { ++frames; };
 
-    fake_.last_frame = 30;
+    fake_.lastFrame = 30;
     auto renderer = open();
     EXPECT_EQ(renderer->run(samples, count), 30);
     EXPECT_EQ(frames, 30);

@@ -53,7 +53,7 @@ class LiveCommand : public test::ProgramTest {
 };
 
 /// The first and the last video frame whose sound is loud, and how many are.
-std::vector<int> loud_frames(const std::string& video) {
+std::vector<int> loudFrames(const std::string& video) {
     tools::AudioReader reader(video, 16000, 1, "");
     std::vector<float> sound;
     while (reader.read(sound)) {
@@ -95,7 +95,7 @@ TEST_F(LiveCommand, ShowsEveryFrameWithItsSoundAndReports) {
     while (video.read(picture)) ++frames;
     EXPECT_EQ(frames, std::lround(25 * seen["video_seconds"].get<double>()));
     EXPECT_EQ(std::distance(fs::directory_iterator(path("out")), {}), 1);
-    const std::vector<int> loud = loud_frames(out);
+    const std::vector<int> loud = loudFrames(out);
     ASSERT_FALSE(loud.empty());
     // The last half block of the sound is silence.
     EXPECT_NEAR(static_cast<double>(loud.size()), 18, 1);
@@ -113,8 +113,9 @@ TEST_F(LiveCommand, AnInterruptEndsTheSpeech) {
     EXPECT_TRUE(seen["output"].is_null());
     const Outcome text = run(command(speech(2), {"--interrupt-at", "0.8"}));
     for (const char* words : {"ready after ", "interrupt: another frame after ",
-                              " 0 speech frames pulled after it", "late, ", "processor time"})
+                              " 0 speech frames pulled after it", "late, ", "processor time"}) {
         EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
+    }
     expect_nothing_written();
 }
 
@@ -181,8 +182,9 @@ TEST_F(LiveCommand, AFullDiskAndCtrlCLeaveNothing) {
     expect_advice(run(command(audio, {"-o", target("x.mp4")}), limit), 1, "free some space");
     expect_nothing_written();
     const pid_t child = start(command(audio, {"-o", target("x.mp4")}));
-    for (int i = 0; i < 1000 && fs::is_empty(path("out")); ++i)
+    for (int i = 0; i < 1000 && fs::is_empty(path("out")); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(child, SIGINT);
     expect_advice(finish(child), 130, "interrupted, nothing was written");
@@ -199,8 +201,9 @@ TEST(FrameTapeTest, GivesBackWhatItTook) {
     tools::FrameTape tape(output, 5000, 200);
     const auto picture = [](int number) {
         std::vector<uint8_t> bytes(5000);
-        for (size_t i = 0; i < bytes.size(); ++i)
+        for (size_t i = 0; i < bytes.size(); ++i) {
             bytes[i] = static_cast<uint8_t>(i * 7 + static_cast<size_t>(number));
+        }
         return bytes;
     };
     for (int number = 0; number < 200; ++number) {
@@ -220,36 +223,36 @@ TEST(FrameTapeTest, GivesBackWhatItTook) {
 TEST(LiveReportTest, TellsLateFramesApart) {
     tools::SessionLog log;
     log.lines.resize(2);
-    log.lines[0].begin_ms = 1000;
+    log.lines[0].beginMs = 1000;
     log.lines[0].samples = 1280;
     tools::LineLog& cut = log.lines[1];
-    cut.begin_ms = 5000;
+    cut.beginMs = 5000;
     cut.samples = 64000;
     cut.interrupted = true;
-    cut.interrupted_ms = 7000;
-    cut.interrupt_to_frame_ms = 9;
+    cut.interruptedMs = 7000;
+    cut.interruptToFrameMs = 9;
     const auto tick = [&](double at, int line, int kind, int sequence = -1) {
         tools::Tick next;
-        next.begin_ms = at;
+        next.beginMs = at;
         next.line = line;
         next.kind = static_cast<int8_t>(kind);
-        next.speech_sequence = sequence;
+        next.speechSequence = sequence;
         next.frame = static_cast<int64_t>(log.ticks.size());
         log.ticks.push_back(next);
     };
     for (const double at : {500.0, 1900.0, 2100.0}) tick(at, at < 1000 ? -1 : 0, -1);
     tick(2140, 0, 1, 0), tick(2180, 0, 1, 1), tick(6999, 1, 1, 0), tick(7001, 1, -1);
     tick(7040, 1, 2), tick(7100, 1, -1), tick(7140, 1, 1, 1), tick(7180, 1, 0);
-    const tools::LiveReport report = tools::make_report(0.5, log, 0);
+    const tools::LiveReport report = tools::makeReport(0.5, log, 0);
     EXPECT_EQ(report.late, 5);
-    EXPECT_EQ(report.late_after_first_second, 4);
-    EXPECT_EQ(report.late_at_interrupt, 1);
-    EXPECT_EQ(report.speech_after_interrupt, 1);
-    EXPECT_EQ(report.due_speech, 2);
-    EXPECT_EQ(report.shown_speech, 2);
-    EXPECT_EQ(report.speech_begins, 3.0 / 25);
-    EXPECT_EQ(report.interrupt_ms, std::vector<double>{9});
-    EXPECT_EQ(report.first_frames.at(0).pulled, 1140);
+    EXPECT_EQ(report.lateAfterFirstSecond, 4);
+    EXPECT_EQ(report.lateAtInterrupt, 1);
+    EXPECT_EQ(report.speechAfterInterrupt, 1);
+    EXPECT_EQ(report.dueSpeech, 2);
+    EXPECT_EQ(report.shownSpeech, 2);
+    EXPECT_EQ(report.speechBegins, 3.0 / 25);
+    EXPECT_EQ(report.interruptMs, std::vector<double>{9});
+    EXPECT_EQ(report.firstFrames.at(0).pulled, 1140);
 }
 
 }  // namespace

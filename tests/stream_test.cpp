@@ -112,8 +112,9 @@ TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
         CropRing ring(64);
         std::thread producer([&] {
             for (int i = 0; i < 200; ++i) {
-                if (slow == 1 && i % 16 == 0)
+                if (slow == 1 && i % 16 == 0) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
                 float* slot = ring.acquire();
                 std::fill_n(slot, 64, static_cast<float>(i));
                 ring.publish();
@@ -122,8 +123,9 @@ TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
         });
         int next = 0;
         while (const float* slot = ring.front()) {
-            if (slow == 2 && next % 16 == 0)
+            if (slow == 2 && next % 16 == 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
             EXPECT_EQ(std::vector<float>(slot, slot + 64),
                       std::vector<float>(64, static_cast<float>(next)));
             ++next;

@@ -51,7 +51,7 @@ class RenderCommand : public test::ProgramTest {
     }
 
     /// Four seconds of speech into target("frames"), which is removed again.
-    void expect_hundred_moving_frames(const std::vector<std::string>& arguments) {
+    void expectHundredMovingFrames(const std::vector<std::string>& arguments) {
         const Outcome outcome = run(arguments);
         EXPECT_EQ(outcome.code, 0) << outcome.err;
         EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 100);
@@ -60,8 +60,8 @@ class RenderCommand : public test::ProgramTest {
         fs::remove_all(target("frames"));
     }
 
-    void expect_mistake(const std::vector<std::string>& arguments, const std::string& advice,
-                        int code = 1) {
+    void expectMistake(const std::vector<std::string>& arguments, const std::string& advice,
+                       int code = 1) {
         SCOPED_TRACE(advice);
         expect_advice(run(arguments), code, advice);
         expect_nothing_written();
@@ -81,7 +81,7 @@ TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     ASSERT_EQ(run(command(good, path("frames"))).code, 0);
 
     const auto mistake = [&](const std::vector<std::string>& arguments, const std::string& advice,
-                             int code = 1) { expect_mistake(arguments, advice, code); };
+                             int code = 1) { expectMistake(arguments, advice, code); };
     const auto with = [&](size_t place, const std::string& value) {
         auto arguments = command(good, out);
         arguments[place] = value;
@@ -135,7 +135,7 @@ TEST_F(RenderCommand, AFullDiskLeavesNothingAndSaysSo) {
 
 TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
     const std::string audio = speech(600, 16000), out = target("x.mp4");
-    for (const int signals : {1, 2})
+    for (const int signals : {1, 2}) {
         for (const std::string& name : {out, target("frames")}) {
             SCOPED_TRACE(name);
             test::writeFile(out, "an older video");
@@ -143,8 +143,9 @@ TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
             const auto entries = [&] {
                 return std::distance(fs::directory_iterator(path("out")), {});
             };
-            for (int i = 0; i < 1000 && entries() < 2; ++i)
+            for (int i = 0; i < 1000 && entries() < 2; ++i) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
             EXPECT_EQ(entries(), 2) << "the output did not begin";
             for (int i = 0; i < signals; ++i) kill(child, i == 0 ? SIGINT : SIGTERM);
             expect_advice(finish(child), 130, "interrupted, nothing was written");
@@ -152,21 +153,23 @@ TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
             fs::remove(out);
             expect_nothing_written();
         }
+    }
 }
 
 // Peaks of at least a tenth of full scale, 0.2 s apart or more, in samples at 48 kHz.
-std::vector<long> clicks_in(const std::string& video) {
+std::vector<long> clicksIn(const std::string& video) {
     AudioReader reader(video, 48000, 1, "");
     std::vector<float> sound;
     while (reader.read(sound)) {
     }
-    EXPECT_NEAR(reader.start_seconds(), 0.0, 1e-6);
+    EXPECT_NEAR(reader.startSeconds(), 0.0, 1e-6);
     std::vector<long> clicks;
     for (size_t i = 0; i < sound.size(); ++i) {
         if (std::abs(sound[i]) < 0.1f) continue;
         size_t peak = i;
-        for (size_t j = i; j < std::min(sound.size(), i + 480); ++j)
+        for (size_t j = i; j < std::min(sound.size(), i + 480); ++j) {
             if (std::abs(sound[j]) > std::abs(sound[peak])) peak = j;
+        }
         clicks.push_back(static_cast<long>(peak));
         i = peak + 9600;
     }
@@ -187,7 +190,7 @@ TEST_F(RenderCommand, SoundAndPictureStartTogether) {
         arguments.insert(arguments.end(), {"--skip-frames", std::to_string(skip)});
         ASSERT_EQ(run(arguments).code, 0);
 
-        const std::vector<long> clicks = clicks_in(target("x.mp4"));
+        const std::vector<long> clicks = clicksIn(target("x.mp4"));
         ASSERT_EQ(clicks.size(), 3u);
         for (size_t i = 0; i < 3; ++i) {
             const double expected = (std::vector{0.7, 1.3, 2.2})[i] - skip * 0.04;
@@ -200,7 +203,7 @@ TEST_F(RenderCommand, SoundAndPictureStartTogether) {
         int frames = 0;
         while (video.read(picture)) ++frames;
         EXPECT_EQ(frames, 75 - skip);
-        EXPECT_EQ(video.start_seconds(), 0.0);
+        EXPECT_EQ(video.startSeconds(), 0.0);
     }
 }
 
@@ -211,17 +214,20 @@ TEST_F(RenderCommand, WritesNumberedPicturesAndAReport) {
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.code, 0) << outcome.err;
     for (const char* key : {"\"frames\": 13,", "\"fps\": ", "\"audio_seconds\": 0.5",
-                            "\"times_real_time\": ", "\"output\": "})
+                            "\"times_real_time\": ", "\"output\": "}) {
         EXPECT_NE(outcome.out.find(key), std::string::npos) << key << outcome.out;
+    }
     EXPECT_EQ(std::distance(fs::directory_iterator(target("frames")), {}), 13);
     for (const std::string& name :
-         {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")})
+         {target("frames/000000.png"), target("frames/000012.png"), target("sheet.png")}) {
         EXPECT_EQ(test::readFile(name).substr(1, 3), "PNG") << name;
+    }
     const auto batch = nlohmann::json::parse(test::readFile(target("telemetry.json")));
-    for (const auto& counter : batch["counters"])
+    for (const auto& counter : batch["counters"]) {
         if (counter["name"] == "zorv.frames.composited") {
             EXPECT_EQ(counter["value"], 13);
         }
+    }
     EXPECT_GE(batch["counters"].size(), 4u);
 }
 
@@ -247,11 +253,12 @@ TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {
     const test::ExpressionDir expression;
     const std::string audio = speech(4);
     std::vector<std::string> arguments = command(audio, target("frames"));
-    for (std::string& word : arguments)
+    for (std::string& word : arguments) {
         if (word == test::modelFile("encoder")) word = test::modelFile("a2x_w2v");
+    }
     arguments.insert(arguments.end(), {"--engine", "a2x", "--motion-dir", expression.path()});
-    expect_hundred_moving_frames(arguments);
-    const auto mistake = [&](const std::string& advice) { expect_mistake(arguments, advice); };
+    expectHundredMovingFrames(arguments);
+    const auto mistake = [&](const std::string& advice) { expectMistake(arguments, advice); };
     const test::ExpressionDir brief({.rows = 30});
     arguments.back() = brief.path();
     mistake("rendering stopped after frame 30 of 100: the engine has no more frames");
@@ -274,8 +281,8 @@ TEST_F(RenderCommand, RendersThroughTheMotionEngine) {
     std::vector<std::string> arguments = {
         "render", bundle_.dir(),    "--audio",   audio, "--engine",     "motion",
         "-o",     target("frames"), "--threads", "1",   "--motion-dir", motion.dir()};
-    expect_hundred_moving_frames(arguments);
-    const auto mistake = [&](const std::string& advice) { expect_mistake(arguments, advice); };
+    expectHundredMovingFrames(arguments);
+    const auto mistake = [&](const std::string& advice) { expectMistake(arguments, advice); };
     motion.useModel("lmdm", "lmdm_short");
     mistake("rendering stopped after frame 0 of 100: zorv_motion_avail: ");
     motion.writeMeta("{}");

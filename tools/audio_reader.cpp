@@ -8,10 +8,10 @@
 
 namespace zorv::tools {
 
-AudioReader::AudioReader(const std::string& path, int rate, int max_channels,
+AudioReader::AudioReader(const std::string& path, int rate, int maxChannels,
                          const std::string& option)
     : file_(path, AVMEDIA_TYPE_AUDIO, option), rate_(rate) {
-    channels_ = std::clamp(file_.codec()->ch_layout.nb_channels, 1, max_channels);
+    channels_ = std::clamp(file_.codec()->ch_layout.nb_channels, 1, maxChannels);
 }
 
 // Also called in the middle of a stream whose format changes.
@@ -19,21 +19,23 @@ void AudioReader::configure(const AVFrame* frame) {
     AVChannelLayout layout;
     av_channel_layout_default(&layout, channels_);
     AVChannelLayout source;
-    if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
+    if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
         av_channel_layout_default(&source, frame->ch_layout.nb_channels);
-    else
+    } else {
         av_channel_layout_copy(&source, &frame->ch_layout);
+    }
     SwrContext* made = nullptr;
     swr_alloc_set_opts2(&made, &layout, AV_SAMPLE_FMT_FLT, rate_, &source,
                         static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
     resampler_.reset(made);
     av_channel_layout_uninit(&source);
-    if (!made || swr_init(made) < 0)
+    if (!made || swr_init(made) < 0) {
         fail("cannot convert the sound of '{}'; convert it to 16-bit WAV first", file_.path());
-    av_channel_layout_uninit(&source_layout_);
-    av_channel_layout_copy(&source_layout_, &frame->ch_layout);
-    source_rate_ = frame->sample_rate;
-    source_format_ = frame->format;
+    }
+    av_channel_layout_uninit(&sourceLayout_);
+    av_channel_layout_copy(&sourceLayout_, &frame->ch_layout);
+    sourceRate_ = frame->sample_rate;
+    sourceFormat_ = frame->format;
 }
 
 // A null frame takes what the resampler still holds.
@@ -59,8 +61,8 @@ bool AudioReader::read(std::vector<float>& samples) {
         return true;
     }
     if (!start_) start_ = file_.seconds(frame_.get());
-    const bool changed = frame_->sample_rate != source_rate_ || frame_->format != source_format_ ||
-                         av_channel_layout_compare(&frame_->ch_layout, &source_layout_) != 0;
+    const bool changed = frame_->sample_rate != sourceRate_ || frame_->format != sourceFormat_ ||
+                         av_channel_layout_compare(&frame_->ch_layout, &sourceLayout_) != 0;
     if (changed) {
         convert(nullptr, samples);
         configure(frame_.get());
@@ -70,19 +72,21 @@ bool AudioReader::read(std::vector<float>& samples) {
     return true;
 }
 
-Speech read_speech(const std::string& path, const std::string& option) {
+Speech readSpeech(const std::string& path, const std::string& option) {
     AudioReader reader(path, 16000, 1, option);
     Speech speech;
     while (reader.read(speech.samples)) {
-        throw_if_interrupted();
-        if (speech.samples.size() > static_cast<size_t>(std::numeric_limits<int>::max()))
+        throwIfInterrupted();
+        if (speech.samples.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
             fail("'{}' is longer than 37 hours; cut it into parts", path);
+        }
     }
-    if (speech.samples.empty())
+    if (speech.samples.empty()) {
         fail("'{}' holds no sound (0 samples); give {} a file that does", path, option);
+    }
     // Resampling overshoots full scale a little; the library takes [-1, 1].
     for (float& sample : speech.samples) sample = std::clamp(sample, -1.0f, 1.0f);
-    speech.start_seconds = reader.start_seconds();
+    speech.startSeconds = reader.startSeconds();
     return speech;
 }
 

@@ -29,35 +29,33 @@ struct Deleter {
 template <typename T>
 using Owner = std::unique_ptr<T, Deleter>;
 
-inline std::string error_text(int code) {
+inline std::string errorText(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(code, text, sizeof text);
     return text;
 }
 
-inline Owner<AVFrame> new_frame() {
+inline Owner<AVFrame> newFrame() {
     Owner<AVFrame> frame(av_frame_alloc());
     if (!frame) throw std::bad_alloc();
     return frame;
 }
 
-inline Owner<AVPacket> new_packet() {
+inline Owner<AVPacket> newPacket() {
     Owner<AVPacket> packet(av_packet_alloc());
     if (!packet) throw std::bad_alloc();
     return packet;
 }
 
-/**
- * Scales or converts a whole picture, rows of `stride` bytes. The scaler reads some bytes past the
- * last row, and past a frame of the library may lie nothing: it gets `copy`, which has room there.
- */
+/// Scales or converts a whole picture, rows of `stride` bytes. The scaler reads some bytes past the
+/// last row, and past a frame of the library may lie nothing: it gets `copy`, which has room there.
 inline void scale(SwsContext* scaler, const uint8_t* picture, int stride, int height,
-                  uint8_t* const* out, const int* out_strides, std::vector<uint8_t>& copy) {
+                  uint8_t* const* out, const int* outStrides, std::vector<uint8_t>& copy) {
     const size_t bytes = static_cast<size_t>(stride) * static_cast<size_t>(height);
     copy.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE);
     std::copy_n(picture, bytes, copy.data());
     const uint8_t* in = copy.data();
-    sws_scale(scaler, &in, &stride, 0, height, out, out_strides);
+    sws_scale(scaler, &in, &stride, 0, height, out, outStrides);
 }
 
 }  // namespace zorv::tools::av

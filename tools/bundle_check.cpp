@@ -19,27 +19,29 @@ constexpr const char* kManifest = "manifest.json";
 constexpr const char* kDeltaModel = "fca_stream.onnx";
 constexpr const char* kBatchRenderer = "model_render.onnx";
 
-bool starts_with(const std::string& text, const std::string& beginning) {
+bool startsWith(const std::string& text, const std::string& beginning) {
     return text.rfind(beginning, 0) == 0;
 }
 
-bool is_renderer(const std::string& name) {
-    return starts_with(name, "model_") && fs::path(name).extension() == ".onnx";
+bool isRenderer(const std::string& name) {
+    return startsWith(name, "model_") && fs::path(name).extension() == ".onnx";
 }
 
-std::string key_of(const std::string& name) {
+std::string keyOf(const std::string& name) {
     const size_t prefix = sizeof "model_" - 1;
     return name.substr(prefix, name.size() - prefix - (sizeof ".onnx" - 1));
 }
 
-/** Every name in the bundle's folders but the target frames. */
-std::vector<std::string> names_in(const std::string& directory) {
+/// Every name in the bundle's folders but the target frames.
+std::vector<std::string> namesIn(const std::string& directory) {
     std::vector<std::string> names;
     std::error_code error;
-    for (const std::string folder : {"", "drive/"})
+    for (const std::string folder : {"", "drive/"}) {
         for (fs::directory_iterator entry(fs::path(directory) / folder, error), end;
-             !error && entry != end; entry.increment(error))
+             !error && entry != end; entry.increment(error)) {
             names.push_back(folder + entry->path().filename().string());
+        }
+    }
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -47,19 +49,20 @@ std::vector<std::string> names_in(const std::string& directory) {
 class BundleCheck {
   public:
     explicit BundleCheck(const std::string& directory)
-        : report_{directory, {}, {}, {}}, names_(names_in(directory)) {}
+        : report_{directory, {}, {}, {}}, names_(namesIn(directory)) {}
 
     BundleReport run() {
         FileReport manifest{kManifest};
-        report_.facts = check_manifest(report_.directory, manifest);
+        report_.facts = checkManifest(report_.directory, manifest);
         report_.files.push_back(std::move(manifest));
-        check_models();
-        check_tensors();
-        try_renderers();
-        for (FileReport& run : check_frames(report_.directory, report_.facts))
+        checkModels();
+        checkTensors();
+        tryRenderers();
+        for (FileReport& run : checkFrames(report_.directory, report_.facts)) {
             report_.files.push_back(std::move(run));
+        }
         std::move(models_.begin(), models_.end(), std::back_inserter(report_.files));
-        list_others();
+        listOthers();
         return std::move(report_);
     }
 
@@ -68,46 +71,50 @@ class BundleCheck {
         return std::binary_search(names_.begin(), names_.end(), name);
     }
 
-    bool has_graph(const char* graph) const {
+    bool hasGraph(const char* graph) const {
         return std::any_of(models_.begin(), models_.end(), [&](const FileReport& file) {
             return file.model && file.model->graph == graph;
         });
     }
 
-    void check_models() {
+    void checkModels() {
         for (const std::string& name : names_) {
-            if (!is_renderer(name)) continue;
+            if (!isRenderer(name)) continue;
             FileReport& model = models_.emplace_back(FileReport{name});
-            check_renderer_model(report_.directory, report_.facts, model);
+            checkRendererModel(report_.directory, report_.facts, model);
         }
-        if (models_.empty())
+        if (models_.empty()) {
             models_.emplace_back(FileReport{"model_<key>.onnx"})
                 .fault("missing", "at least one renderer model");
-        if (!has(kBatchRenderer)) need_for_batch(kBatchRenderer, "a renderer model");
-        if (has(kDeltaModel))
-            check_delta_model(report_.directory, models_.emplace_back(FileReport{kDeltaModel}));
-        else
-            need_for_batch(kDeltaModel, "a delta model");
+        }
+        if (!has(kBatchRenderer)) needForBatch(kBatchRenderer, "a renderer model");
+        if (has(kDeltaModel)) {
+            checkDeltaModel(report_.directory, models_.emplace_back(FileReport{kDeltaModel}));
+        } else {
+            needForBatch(kDeltaModel, "a delta model");
+        }
     }
 
-    /** A file that only the batch stream reads: without any of them the bundle is whole. */
-    void need_for_batch(const std::string& name, const std::string& expected) {
+    /// A file that only the batch stream reads: without any of them the bundle is whole.
+    void needForBatch(const std::string& name, const std::string& expected) {
         FileReport& file = models_.emplace_back(FileReport{name});
-        if (has(kDeltaModel))
+        if (has(kDeltaModel)) {
             file.fault("missing", expected);
-        else
+        } else {
             file.warn("missing, so that the batch stream cannot be used", expected);
+        }
     }
 
-    void check_tensors() {
-        for (const TensorFile& file : tensor_files()) {
+    void checkTensors() {
+        for (const TensorFile& file : tensorFiles()) {
             if (!has(file.name) && !required(file)) {
-                if (file.reader == Reader::kBatchStream)
-                    need_for_batch(file.name, expected_content(file, report_.facts));
+                if (file.reader == Reader::kBatchStream) {
+                    needForBatch(file.name, expectedContent(file, report_.facts));
+                }
                 continue;
             }
             FileReport& tensor = report_.files.emplace_back(FileReport{file.name});
-            check_tensor_file(file, report_.directory, report_.facts, tensor);
+            checkTensorFile(file, report_.directory, report_.facts, tensor);
         }
     }
 
@@ -116,27 +123,29 @@ class BundleCheck {
             case Reader::kContext:
                 return true;
             case Reader::kStandardGraph:  // the usual one, as long as no model says otherwise
-                return has_graph("standard") || !has_graph("FeatSynth");
+                return hasGraph("standard") || !hasGraph("FeatSynth");
             case Reader::kFeatSynthGraph:
-                return has_graph("FeatSynth");
+                return hasGraph("FeatSynth");
             default:
                 return has(kDeltaModel);
         }
     }
 
-    /** The library has the last word on models, once nothing else can be the reason. */
-    void try_renderers() {
+    /// The library has the last word on models, once nothing else can be the reason.
+    void tryRenderers() {
         const bool sound =
             std::all_of(report_.files.begin(), report_.files.end(), [](const FileReport& file) {
                 return file.severity() != Severity::kFault || file.name == "xs_target.bin";
             });
-        for (FileReport& model : models_)
+        for (FileReport& model : models_) {
             if (sound && model.model && model.model->graph != "delta" &&
-                model.severity() != Severity::kFault)
-                try_renderer(report_.directory, key_of(model.name), model);
+                model.severity() != Severity::kFault) {
+                tryRenderer(report_.directory, keyOf(model.name), model);
+            }
+        }
     }
 
-    void list_others() {
+    void listOthers() {
         for (const std::string& name : names_) {
             const bool known =
                 name == "drive" || name == "target_frames" ||
@@ -153,7 +162,7 @@ class BundleCheck {
 
 }  // namespace
 
-BundleReport check_bundle(const std::string& directory) {
+BundleReport checkBundle(const std::string& directory) {
     return BundleCheck(directory).run();
 }
 

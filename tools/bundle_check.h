@@ -7,7 +7,7 @@
 
 namespace zorv::tools {
 
-/** Looks at every file of the bundle. Only an interruption or a lack of memory throws. */
-BundleReport check_bundle(const std::string& directory);
+/// Looks at every file of the bundle. Only an interruption or a lack of memory throws.
+BundleReport checkBundle(const std::string& directory);
 
 }  // namespace zorv::tools

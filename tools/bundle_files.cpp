@@ -26,9 +26,9 @@ struct Manifested {
 Manifested manifested(int dimension, const BundleFacts& facts) {
     switch (dimension) {
         case kNT:
-            return {"NT", facts.target_frames};
+            return {"NT", facts.targetFrames};
         case kFrames:
-            return {"frames", facts.drive_frames};
+            return {"frames", facts.driveFrames};
         case kCrop:
             return {"crop", facts.crop};
         default:
@@ -36,7 +36,7 @@ Manifested manifested(int dimension, const BundleFacts& facts) {
     }
 }
 
-std::string shape_text(const TensorFile& file, const BundleFacts& facts) {
+std::string shapeText(const TensorFile& file, const BundleFacts& facts) {
     std::vector<std::string> words;
     for (const int dimension : file.shape) {
         const auto [key, value] = manifested(dimension, facts);
@@ -45,34 +45,35 @@ std::string shape_text(const TensorFile& file, const BundleFacts& facts) {
     return fmt::format("{} {}", fmt::join(words, " x "), file.type);
 }
 
-/** Bytes of the dimensions from `first` on; nothing when a number is missing or too large. */
-std::optional<uint64_t> bytes_of(const TensorFile& file, const BundleFacts& facts, size_t first) {
-    uint64_t bytes = file.element_bytes;
+/// Bytes of the dimensions from `first` on; nothing when a number is missing or too large.
+std::optional<uint64_t> bytesOf(const TensorFile& file, const BundleFacts& facts, size_t first) {
+    uint64_t bytes = file.elementBytes;
     for (size_t i = first; i < file.shape.size(); ++i) {
         const auto value = manifested(file.shape[i], facts).value;
-        if (!value || __builtin_mul_overflow(bytes, static_cast<uint64_t>(*value), &bytes))
+        if (!value || __builtin_mul_overflow(bytes, static_cast<uint64_t>(*value), &bytes)) {
             return std::nullopt;
+        }
     }
     return bytes;
 }
 
-bool numbers_known(const TensorFile& file, const BundleFacts& facts) {
+bool numbersKnown(const TensorFile& file, const BundleFacts& facts) {
     return std::all_of(file.shape.begin(), file.shape.end(), [&](int dimension) {
         return manifested(dimension, facts).value.has_value();
     });
 }
 
-bool check_size(const TensorFile& file, const BundleFacts& facts, uint64_t size,
-                FileReport& report) {
-    const auto wanted = bytes_of(file, facts, 0);
-    if (!wanted && numbers_known(file, facts)) {
+bool checkSize(const TensorFile& file, const BundleFacts& facts, uint64_t size,
+               FileReport& report) {
+    const auto wanted = bytesOf(file, facts, 0);
+    if (!wanted && numbersKnown(file, facts)) {
         report.fault(fmt::format("{} bytes", size),
-                     expected_content(file, facts) + ", more than any file can hold");
+                     expectedContent(file, facts) + ", more than any file can hold");
         return false;
     }
     if (!wanted) {
         report.warn(fmt::format("{} bytes, which cannot be checked without the manifest", size),
-                    expected_content(file, facts));
+                    expectedContent(file, facts));
         return false;
     }
     if (size == *wanted) return true;
@@ -80,54 +81,60 @@ bool check_size(const TensorFile& file, const BundleFacts& facts, uint64_t size,
     std::string what =
         fmt::format("{} bytes, {} too {}", size, longer ? size - *wanted : *wanted - size,
                     longer ? "many" : "few");
-    const uint64_t row = bytes_of(file, facts, 1).value_or(0);
-    if (file.shape.size() > 1 && row > 0 && size > 0 && size % row == 0)
+    const uint64_t row = bytesOf(file, facts, 1).value_or(0);
+    if (file.shape.size() > 1 && row > 0 && size > 0 && size % row == 0) {
         what += fmt::format(" ({} rows)", size / row);
-    if (file.may_be_longer && longer) {
-        report.warn(what + "; the rest is ignored", expected_content(file, facts));
+    }
+    if (file.mayBeLonger && longer) {
+        report.warn(what + "; the rest is ignored", expectedContent(file, facts));
         return true;
     }
-    report.fault(what, expected_content(file, facts));
+    report.fault(what, expectedContent(file, facts));
     return false;
 }
 
 bool finite(float value) {
     return std::isfinite(value);
 }
-bool finite(uint16_t half_bits) {
-    return (half_bits & 0x7c00) != 0x7c00;
+bool finite(uint16_t halfBits) {
+    return (halfBits & 0x7c00) != 0x7c00;
 }
 
 template <typename T>
-void check_finite(const T* values, size_t count, size_t row, FileReport& report) {
+void checkFinite(const T* values, size_t count, size_t row, FileReport& report) {
     size_t bad = 0, first = 0;
-    for (size_t i = 0; i < count; ++i)
+    for (size_t i = 0; i < count; ++i) {
         if (!finite(values[i]) && bad++ == 0) first = i;
-    if (bad > 0)
+    }
+    if (bad > 0) {
         report.warn(fmt::format("{} of {} values are not finite, the first is value {} of row {}",
                                 bad, count, first % row, first / row),
                     "finite numbers");
+    }
 }
 
-void check_indices(const int32_t* values, size_t count, const BundleFacts& facts,
-                   FileReport& report) {
-    if (!facts.target_frames) return;
+void checkIndices(const int32_t* values, size_t count, const BundleFacts& facts,
+                  FileReport& report) {
+    if (!facts.targetFrames) return;
     size_t bad = 0, first = 0;
-    for (size_t i = 0; i < count; ++i)
-        if ((values[i] < 0 || values[i] >= *facts.target_frames) && bad++ == 0) first = i;
-    if (bad > 0)
+    for (size_t i = 0; i < count; ++i) {
+        if ((values[i] < 0 || values[i] >= *facts.targetFrames) && bad++ == 0) first = i;
+    }
+    if (bad > 0) {
         report.fault(fmt::format("{} of {} indices are out of range, the first is entry {}: {}",
                                  bad, count, first, values[first]),
-                     fmt::format("0 to {}", *facts.target_frames - 1));
+                     fmt::format("0 to {}", *facts.targetFrames - 1));
+    }
 }
 
-void check_mask(const uint8_t* values, size_t count, FileReport& report) {
-    if (std::all_of(values, values + count, [](uint8_t value) { return value == 0; }))
+void checkMask(const uint8_t* values, size_t count, FileReport& report) {
+    if (std::all_of(values, values + count, [](uint8_t value) { return value == 0; })) {
         report.warn("all 0, so that nothing of a crop is shown");
+    }
 }
 
-/** "3, 4, 5 and 7 more". */
-std::string some_of(const std::vector<int>& rows) {
+/// "3, 4, 5 and 7 more".
+std::string someOf(const std::vector<int>& rows) {
     constexpr size_t kShown = 8;
     const size_t shown = std::min(rows.size(), kShown);
     std::string text = fmt::format("{}", fmt::join(rows.data(), rows.data() + shown, ", "));
@@ -135,12 +142,12 @@ std::string some_of(const std::vector<int>& rows) {
     return text;
 }
 
-bool misses_frame(const float* M, int side, int width, int height) {
+bool missesFrame(const float* m, int side, int width, int height) {
     float left = HUGE_VALF, right = -HUGE_VALF, top = HUGE_VALF, bottom = -HUGE_VALF;
     for (const int corner : {0, 1, 2, 3}) {
         const auto x = static_cast<float>(corner & 1 ? side - 1 : 0);
         const auto y = static_cast<float>(corner & 2 ? side - 1 : 0);
-        const float px = M[0] * x + M[1] * y + M[2], py = M[3] * x + M[4] * y + M[5];
+        const float px = m[0] * x + m[1] * y + m[2], py = m[3] * x + m[4] * y + m[5];
         left = std::min(left, px), right = std::max(right, px);
         top = std::min(top, py), bottom = std::max(bottom, py);
     }
@@ -148,45 +155,49 @@ bool misses_frame(const float* M, int side, int width, int height) {
            top > static_cast<float>(height - 1);
 }
 
-void check_placements(const std::string& directory, const BundleFacts& facts, FileReport& report) {
-    const std::vector<float> placements = read_placements(directory, facts);
+void checkPlacements(const std::string& directory, const BundleFacts& facts, FileReport& report) {
+    const std::vector<float> placements = readPlacements(directory, facts);
     std::vector<int> singular, outside;
     for (size_t row = 0; row < placements.size() / 6; ++row) {
-        const float* M = placements.data() + row * 6;
-        if (!std::all_of(M, M + 6, [](float value) { return finite(value); })) continue;
-        if (1.0 * M[0] * M[4] - 1.0 * M[1] * M[3] == 0)
+        const float* m = placements.data() + row * 6;
+        if (!std::all_of(m, m + 6, [](float value) { return finite(value); })) continue;
+        if (1.0 * m[0] * m[4] - 1.0 * m[1] * m[3] == 0) {
             singular.push_back(static_cast<int>(row));
-        else if (facts.crop && facts.width && facts.height &&
-                 misses_frame(M, *facts.crop, *facts.width, *facts.height))
+        } else if (facts.crop && facts.width && facts.height &&
+                   missesFrame(m, *facts.crop, *facts.width, *facts.height)) {
             outside.push_back(static_cast<int>(row));
+        }
     }
-    if (!singular.empty())
+    if (!singular.empty()) {
         report.warn(
-            fmt::format("singular placement in row {}: nothing is pasted there", some_of(singular)),
+            fmt::format("singular placement in row {}: nothing is pasted there", someOf(singular)),
             "a d - b c other than 0");
-    if (!outside.empty())
-        report.warn(fmt::format("placement wholly outside the frame in row {}", some_of(outside)));
+    }
+    if (!outside.empty()) {
+        report.warn(fmt::format("placement wholly outside the frame in row {}", someOf(outside)));
+    }
 }
 
-/** The values that the library reads, `bytes` of them. */
-void check_values(const TensorFile& file, const FileView& data, size_t bytes,
-                  const BundleFacts& facts, FileReport& report) {
-    const size_t count = bytes / file.element_bytes;
-    const size_t row = bytes_of(file, facts, 1).value_or(file.element_bytes) / file.element_bytes;
+/// The values that the library reads, `bytes` of them.
+void checkValues(const TensorFile& file, const FileView& data, size_t bytes,
+                 const BundleFacts& facts, FileReport& report) {
+    const size_t count = bytes / file.elementBytes;
+    const size_t row = bytesOf(file, facts, 1).value_or(file.elementBytes) / file.elementBytes;
     const std::string type = file.type;
-    if (type == "float16")
-        check_finite(reinterpret_cast<const uint16_t*>(data.data()), count, row, report);
-    else if (type == "float32")
-        check_finite(reinterpret_cast<const float*>(data.data()), count, row, report);
-    else if (type == "int32")
-        check_indices(reinterpret_cast<const int32_t*>(data.data()), count, facts, report);
-    else
-        check_mask(data.data(), count, report);
+    if (type == "float16") {
+        checkFinite(reinterpret_cast<const uint16_t*>(data.data()), count, row, report);
+    } else if (type == "float32") {
+        checkFinite(reinterpret_cast<const float*>(data.data()), count, row, report);
+    } else if (type == "int32") {
+        checkIndices(reinterpret_cast<const int32_t*>(data.data()), count, facts, report);
+    } else {
+        checkMask(data.data(), count, report);
+    }
 }
 
 }  // namespace
 
-const std::vector<TensorFile>& tensor_files() {
+const std::vector<TensorFile>& tensorFiles() {
     static const std::vector<TensorFile> files = {
         {"pooled64.f16", Reader::kContext, "float16", 2, {kNT, 64, 32, 32}, false},
         {"P.f16", Reader::kStandardGraph, "float16", 2, {kNT, 3, kCrop, kCrop}, false},
@@ -201,7 +212,7 @@ const std::vector<TensorFile>& tensor_files() {
     return files;
 }
 
-std::optional<uint64_t> file_size_of(const std::string& directory, FileReport& report) {
+std::optional<uint64_t> fileSizeOf(const std::string& directory, FileReport& report) {
     std::error_code error;
     const fs::path path = directory + "/" + report.name;
     const fs::file_status status = fs::status(path, error);
@@ -217,45 +228,47 @@ std::optional<uint64_t> file_size_of(const std::string& directory, FileReport& r
     return size;
 }
 
-std::string expected_content(const TensorFile& file, const BundleFacts& facts) {
-    const auto bytes = bytes_of(file, facts, 0);
-    const std::string shape = shape_text(file, facts);
+std::string expectedContent(const TensorFile& file, const BundleFacts& facts) {
+    const auto bytes = bytesOf(file, facts, 0);
+    const std::string shape = shapeText(file, facts);
     return bytes ? fmt::format("{} = {} bytes", shape, *bytes) : shape;
 }
 
-void check_tensor_file(const TensorFile& file, const std::string& directory,
-                       const BundleFacts& facts, FileReport& report) {
-    const auto size = file_size_of(directory, report);
+void checkTensorFile(const TensorFile& file, const std::string& directory, const BundleFacts& facts,
+                     FileReport& report) {
+    const auto size = fileSizeOf(directory, report);
     if (!size) {
-        report.findings.back().expected = expected_content(file, facts);
+        report.findings.back().expected = expectedContent(file, facts);
         return;
     }
-    if (!check_size(file, facts, *size, report)) return;
-    report.content = expected_content(file, facts);
+    if (!checkSize(file, facts, *size, report)) return;
+    report.content = expectedContent(file, facts);
     if (*size == 0) return;
     try {
-        throw_if_interrupted();
+        throwIfInterrupted();
         const FileView data(directory + "/" + report.name);
         if (data.size() != *size) fail("its size changes");
-        check_values(file, data, bytes_of(file, facts, 0).value_or(*size), facts, report);
+        checkValues(file, data, bytesOf(file, facts, 0).value_or(*size), facts, report);
     } catch (const Interrupted&) {
         throw;
     } catch (const Failure& error) {
         report.fault(fmt::format("cannot be read: {}", error.what()));
         return;
     }
-    if (report.name == "M.f32") check_placements(directory, facts, report);
+    if (report.name == "M.f32") checkPlacements(directory, facts, report);
 }
 
-std::vector<float> read_placements(const std::string& directory, const BundleFacts& facts) {
-    const auto count = static_cast<size_t>(facts.target_frames.value_or(0)) * 6;
-    std::vector<float> placements = read_floats(directory + "/M.f32", count);
-    if (!facts.width || !facts.height || facts.placement_width < 1 || facts.placement_height < 1)
+std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts) {
+    const auto count = static_cast<size_t>(facts.targetFrames.value_or(0)) * 6;
+    std::vector<float> placements = readFloats(directory + "/M.f32", count);
+    if (!facts.width || !facts.height || facts.placementWidth < 1 || facts.placementHeight < 1) {
         return placements;
-    const double across = 1.0 * *facts.width / facts.placement_width;
-    const double down = 1.0 * *facts.height / facts.placement_height;
-    for (size_t i = 0; i < placements.size(); ++i)
+    }
+    const double across = 1.0 * *facts.width / facts.placementWidth;
+    const double down = 1.0 * *facts.height / facts.placementHeight;
+    for (size_t i = 0; i < placements.size(); ++i) {
         placements[i] = static_cast<float>(placements[i] * (i % 6 < 3 ? across : down));
+    }
     return placements;
 }
 

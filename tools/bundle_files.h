@@ -10,31 +10,31 @@
 
 namespace zorv::tools {
 
-/** The size of directory/report.name; nothing, and a fault, unless it is a regular file. */
-std::optional<uint64_t> file_size_of(const std::string& directory, FileReport& report);
+/// The size of directory/report.name; nothing, and a fault, unless it is a regular file.
+std::optional<uint64_t> fileSizeOf(const std::string& directory, FileReport& report);
 
-/** Which part of the library reads a file. */
+/// Which part of the library reads a file.
 enum class Reader { kContext, kStandardGraph, kFeatSynthGraph, kBatchStream };
 
 struct TensorFile {
     const char* name;
     Reader reader;
     const char* type;  // of an element
-    size_t element_bytes;
+    size_t elementBytes;
     std::vector<int> shape;  // numbers, or kNT, kFrames, kCrop for the manifest's
-    bool may_be_longer;      // the library reads what it needs and ignores the rest
+    bool mayBeLonger;        // the library reads what it needs and ignores the rest
 };
-/** Every file of this kind, in the order of the report. */
-const std::vector<TensorFile>& tensor_files();
+/// Every file of this kind, in the order of the report.
+const std::vector<TensorFile>& tensorFiles();
 
-/** "3 x 3 x 16 x 16 float16 = 4608 bytes", as far as the manifest tells. */
-std::string expected_content(const TensorFile& file, const BundleFacts& facts);
+/// "3 x 3 x 16 x 16 float16 = 4608 bytes", as far as the manifest tells.
+std::string expectedContent(const TensorFile& file, const BundleFacts& facts);
 
-/** Size and values of `file`; what is wrong goes to `report`, which carries its name. */
-void check_tensor_file(const TensorFile& file, const std::string& directory,
-                       const BundleFacts& facts, FileReport& report);
+/// Size and values of `file`; what is wrong goes to `report`, which carries its name.
+void checkTensorFile(const TensorFile& file, const std::string& directory, const BundleFacts& facts,
+                     FileReport& report);
 
-/** The placements of M.f32 in pixels of the W x H frames, 6 each; empty when they are not there. */
-std::vector<float> read_placements(const std::string& directory, const BundleFacts& facts);
+/// The placements of M.f32 in pixels of the W x H frames, 6 each; empty when they are not there.
+std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts);
 
 }  // namespace zorv::tools

@@ -14,7 +14,7 @@ namespace zorv::tools {
 
 constexpr int kKeypointFloats = 63;  // 21 keypoints x (x, y, z)
 
-/** kWarning: the library accepts it, but hardly anyone means it. kFault: something fails. */
+/// kWarning: the library accepts it, but hardly anyone means it. kFault: something fails.
 enum class Severity { kOk, kWarning, kFault };
 
 struct Finding {
@@ -23,12 +23,12 @@ struct Finding {
     std::string expected;  // may be empty
 };
 
-/** One file, or a run of numbered files that are all in the same state. */
+/// One file, or a run of numbered files that are all in the same state.
 struct FileReport {
-    std::string name;            // relative to the bundle
-    std::string last_name = "";  // the run's last; empty for one file
-    int64_t count = 1;           // files of the run
-    std::string content = "";    // what it holds, in words
+    std::string name;           // relative to the bundle
+    std::string lastName = "";  // the run's last; empty for one file
+    int64_t count = 1;          // files of the run
+    std::string content = "";   // what it holds, in words
     std::vector<Finding> findings = {};
     std::optional<ModelReport> model = {};
 
@@ -45,13 +45,13 @@ struct FileReport {
     }
 };
 
-/** What the manifest says; a number is there only when it can be used. */
+/// What the manifest says; a number is there only when it can be used.
 struct BundleFacts {
     std::string agent;
-    std::optional<int> target_frames, height, width, crop, drive_frames;
+    std::optional<int> targetFrames, height, width, crop, driveFrames;
     std::optional<double> amount, sigma;  // of the sharpening
     std::optional<int> ksize;
-    int placement_width = 0, placement_height = 0;  // frames that M.f32 was computed for
+    int placementWidth = 0, placementHeight = 0;  // frames that M.f32 was computed for
 };
 
 struct BundleReport {
@@ -60,13 +60,14 @@ struct BundleReport {
     std::vector<FileReport> files;
     std::vector<std::string> others;  // names that the format does not know; not looked into
 
-    /** Findings of this severity. */
+    /// Findings of this severity.
     int64_t count(Severity severity) const {
         int64_t sum = 0;
-        for (const FileReport& file : files)
+        for (const FileReport& file : files) {
             sum += std::count_if(
                 file.findings.begin(), file.findings.end(),
                 [severity](const Finding& finding) { return finding.severity == severity; });
+        }
         return sum;
     }
     bool good() const { return count(Severity::kFault) == 0; }

@@ -25,31 +25,31 @@ constexpr Color kOutline = {255, 214, 0}, kTop = {255, 64, 64}, kMask = {40, 230
 constexpr Color kPoints = {0, 225, 255}, kMark = {120, 120, 130};
 constexpr std::array<Color, 3> kAxes = {{{255, 120, 100}, {120, 225, 120}, {110, 165, 255}}};
 
-/** From frame pixels to sheet pixels. */
+/// From frame pixels to sheet pixels.
 struct View {
     double left, top, scale;
-    double x(double frame_x) const { return left + (frame_x + 0.5) * scale - 0.5; }
-    double y(double frame_y) const { return top + (frame_y + 0.5) * scale - 0.5; }
-    double frame_x(double sheet_x) const { return (sheet_x - left + 0.5) / scale - 0.5; }
-    double frame_y(double sheet_y) const { return (sheet_y - top + 0.5) / scale - 0.5; }
+    double x(double frameX) const { return left + (frameX + 0.5) * scale - 0.5; }
+    double y(double frameY) const { return top + (frameY + 0.5) * scale - 0.5; }
+    double frameX(double sheetX) const { return (sheetX - left + 0.5) / scale - 0.5; }
+    double frameY(double sheetY) const { return (sheetY - top + 0.5) / scale - 0.5; }
 };
 
 struct Point {
     double x, y;
 };
 
-/** Crop pixel (x, y) lands on frame pixel (a x + b y + tx, c x + d y + ty). */
+/// Crop pixel (x, y) lands on frame pixel (a x + b y + tx, c x + d y + ty).
 struct Placement {
     double a, b, tx, c, d, ty;
 
-    Point to_frame(Point p) const { return {a * p.x + b * p.y + tx, c * p.x + d * p.y + ty}; }
-    Point to_crop(Point p) const {
+    Point toFrame(Point p) const { return {a * p.x + b * p.y + tx, c * p.x + d * p.y + ty}; }
+    Point toCrop(Point p) const {
         const double det = a * d - b * c, x = p.x - tx, y = p.y - ty;
         return {(d * x - b * y) / det, (a * y - c * x) / det};
     }
 };
 
-/** What the sheet shows; what cannot be read is empty. */
+/// What the sheet shows; what cannot be read is empty.
 class BundleSheet {
   public:
     explicit BundleSheet(const BundleReport& report);
@@ -64,21 +64,21 @@ class BundleSheet {
 
     std::vector<float> rows(const char* name, const std::optional<int>& count) const;
     std::optional<Placement> placement(int frame) const;
-    const float* keypoints_of(int frame) const;
-    double mask_at(Point crop) const;
+    const float* keypointsOf(int frame) const;
+    double maskAt(Point crop) const;
 
-    void draw_cell(Canvas& canvas, int frame, int left, int top);
-    bool draw_frame(Canvas& canvas, int frame, int left, int top);
-    void draw_mask(Canvas& canvas, const View& view, const Placement& placed, int left, int top);
-    void draw_outline(Canvas& canvas, const View& view, const Placement& placed);
-    void draw_keypoints(Canvas& canvas, const View& view, const Placement& placed, int frame);
-    void draw_legend(Canvas& canvas, int y);
-    void draw_plot(Canvas& canvas, const Series& series, int y);
+    void drawCell(Canvas& canvas, int frame, int left, int top);
+    bool drawFrame(Canvas& canvas, int frame, int left, int top);
+    void drawMask(Canvas& canvas, const View& view, const Placement& placed, int left, int top);
+    void drawOutline(Canvas& canvas, const View& view, const Placement& placed);
+    void drawKeypoints(Canvas& canvas, const View& view, const Placement& placed, int frame);
+    void drawLegend(Canvas& canvas, int y);
+    void drawPlot(Canvas& canvas, const Series& series, int y);
 
     const std::string& directory_;
-    int width_, height_, target_frames_, side_;
+    int width_, height_, targetFrames_, side_;
     double scale_;
-    int cell_width_, cell_height_;
+    int cellWidth_, cellHeight_;
     std::vector<int> chosen_;
     std::vector<float> placements_, targets_, sources_, drives_;
     std::vector<int32_t> indices_;
@@ -95,21 +95,22 @@ BundleSheet::BundleSheet(const BundleReport& report)
     : directory_(report.directory),
       width_(*report.facts.width),
       height_(*report.facts.height),
-      target_frames_(*report.facts.target_frames),
+      targetFrames_(*report.facts.targetFrames),
       side_(report.facts.crop.value_or(0)),
       scale_(static_cast<double>(kCell) / std::max(width_, height_)),
-      cell_width_(std::max(1, static_cast<int>(std::lround(width_ * scale_)))),
-      cell_height_(std::max(1, static_cast<int>(std::lround(height_ * scale_)))) {
+      cellWidth_(std::max(1, static_cast<int>(std::lround(width_ * scale_)))),
+      cellHeight_(std::max(1, static_cast<int>(std::lround(height_ * scale_)))) {
     const BundleFacts& facts = report.facts;
-    const int count = std::min(kColumns * kRows, target_frames_);
-    for (int64_t i = 0; i < count; ++i)  // the first and the last one and some between
-        chosen_.push_back(static_cast<int>(i * (target_frames_ - 1) / std::max(count - 1, 1)));
-    placements_ = read_placements(directory_, facts);
-    targets_ = rows("xs_target.bin", facts.target_frames);
-    sources_ = rows("drive/xs.f32", facts.drive_frames);
-    drives_ = rows("drive/xd.f32", facts.drive_frames);
-    indices_ = as<int32_t>(read_floats(directory_ + "/drive/si.i32",
-                                       static_cast<size_t>(facts.drive_frames.value_or(0))));
+    const int count = std::min(kColumns * kRows, targetFrames_);
+    for (int64_t i = 0; i < count; ++i) {  // the first and the last one and some between
+        chosen_.push_back(static_cast<int>(i * (targetFrames_ - 1) / std::max(count - 1, 1)));
+    }
+    placements_ = readPlacements(directory_, facts);
+    targets_ = rows("xs_target.bin", facts.targetFrames);
+    sources_ = rows("drive/xs.f32", facts.driveFrames);
+    drives_ = rows("drive/xd.f32", facts.driveFrames);
+    indices_ = as<int32_t>(readFloats(directory_ + "/drive/si.i32",
+                                      static_cast<size_t>(facts.driveFrames.value_or(0))));
     try {
         const FileView mask(directory_ + "/mask_512.u8");
         const auto pixels = static_cast<size_t>(side_) * static_cast<size_t>(side_);
@@ -119,22 +120,23 @@ BundleSheet::BundleSheet(const BundleReport& report)
 }
 
 std::vector<float> BundleSheet::rows(const char* name, const std::optional<int>& count) const {
-    return read_floats(directory_ + "/" + name,
-                       static_cast<size_t>(count.value_or(0)) * kKeypointFloats);
+    return readFloats(directory_ + "/" + name,
+                      static_cast<size_t>(count.value_or(0)) * kKeypointFloats);
 }
 
 std::optional<Placement> BundleSheet::placement(int frame) const {
     const size_t at = static_cast<size_t>(frame) * 6;
     if (at + 6 > placements_.size() || side_ < 1) return std::nullopt;
-    const float* M = placements_.data() + at;
-    if (!std::all_of(M, M + 6, [](float value) { return std::isfinite(value); }))
+    const float* m = placements_.data() + at;
+    if (!std::all_of(m, m + 6, [](float value) { return std::isfinite(value); })) {
         return std::nullopt;
-    return Placement{M[0], M[1], M[2], M[3], M[4], M[5]};
+    }
+    return Placement{m[0], m[1], m[2], m[3], m[4], m[5]};
 }
 
-const float* BundleSheet::keypoints_of(int frame) const {
-    const auto row = [](const std::vector<float>& rows_of, size_t index) {
-        return rows_of.data() + index * kKeypointFloats;
+const float* BundleSheet::keypointsOf(int frame) const {
+    const auto row = [](const std::vector<float>& rowsOf, size_t index) {
+        return rowsOf.data() + index * kKeypointFloats;
     };
     if (!targets_.empty()) return row(targets_, static_cast<size_t>(frame));
     const auto at = std::find(indices_.begin(), indices_.end(), frame);
@@ -142,7 +144,7 @@ const float* BundleSheet::keypoints_of(int frame) const {
     return row(sources_, static_cast<size_t>(at - indices_.begin()));
 }
 
-double BundleSheet::mask_at(Point crop) const {
+double BundleSheet::maskAt(Point crop) const {
     const double x = std::round(crop.x), y = std::round(crop.y);
     if (!(x >= 0 && y >= 0 && x < side_ && y < side_)) return 0;
     return mask_[static_cast<size_t>(y) * static_cast<size_t>(side_) + static_cast<size_t>(x)] /
@@ -151,16 +153,16 @@ double BundleSheet::mask_at(Point crop) const {
 
 Canvas BundleSheet::draw() {
     const int columns = std::min(kColumns, static_cast<int>(chosen_.size()));
-    const int rows_of_cells = (static_cast<int>(chosen_.size()) + columns - 1) / columns;
-    const int width = std::max(columns * (cell_width_ + kGap) + kGap, 900);
-    const int cells = rows_of_cells * (kTitle + cell_height_ + kGap);
+    const int rowsOfCells = (static_cast<int>(chosen_.size()) + columns - 1) / columns;
+    const int width = std::max(columns * (cellWidth_ + kGap) + kGap, 900);
+    const int cells = rowsOfCells * (kTitle + cellHeight_ + kGap);
     Canvas canvas(width, kGap + kTitle + cells + 4 * (kTitle + kPlotHeight + kGap), kBackground);
-    draw_legend(canvas, kGap);
+    drawLegend(canvas, kGap);
     int y = kGap + kTitle;
     for (size_t i = 0; i < chosen_.size(); ++i) {
         const int column = static_cast<int>(i) % columns, row = static_cast<int>(i) / columns;
-        draw_cell(canvas, chosen_[i], kGap + column * (cell_width_ + kGap),
-                  y + row * (kTitle + cell_height_ + kGap));
+        drawCell(canvas, chosen_[i], kGap + column * (cellWidth_ + kGap),
+                 y + row * (kTitle + cellHeight_ + kGap));
     }
     y += cells;
     const std::vector<float> indices(indices_.begin(), indices_.end());
@@ -168,13 +170,13 @@ Canvas BundleSheet::draw() {
          {Series{"xs_target.bin", kKeypointFloats, targets_},
           Series{"drive/xs.f32", kKeypointFloats, sources_},
           Series{"drive/xd.f32", kKeypointFloats, drives_}, Series{"drive/si.i32", 1, indices}}) {
-        draw_plot(canvas, series, y);
+        drawPlot(canvas, series, y);
         y += kTitle + kPlotHeight + kGap;
     }
     return canvas;
 }
 
-void BundleSheet::draw_legend(Canvas& canvas, int y) {
+void BundleSheet::drawLegend(Canvas& canvas, int y) {
     int x = kGap;
     const auto entry = [&](const std::string& text, Color color) {
         canvas.text(x, y, text, color);
@@ -188,117 +190,126 @@ void BundleSheet::draw_legend(Canvas& canvas, int y) {
     if (mask_.empty()) entry("no mask", kText);
 }
 
-void BundleSheet::draw_cell(Canvas& canvas, int frame, int left, int top) {
-    canvas.text(left, top + 2, frame_name(frame), kText);
+void BundleSheet::drawCell(Canvas& canvas, int frame, int left, int top) {
+    canvas.text(left, top + 2, frameName(frame), kText);
     top += kTitle;
-    canvas.clip(left, top, cell_width_, cell_height_);
-    if (!draw_frame(canvas, frame, left, top)) {
-        canvas.fill(left, top, cell_width_, cell_height_, kPlotGround);
+    canvas.clip(left, top, cellWidth_, cellHeight_);
+    if (!drawFrame(canvas, frame, left, top)) {
+        canvas.fill(left, top, cellWidth_, cellHeight_, kPlotGround);
         canvas.text(left + kGap, top + kGap, "cannot be shown", kTop);
     }
     if (const auto placed = placement(frame)) {
         const View view{static_cast<double>(left), static_cast<double>(top), scale_};
-        draw_mask(canvas, view, *placed, left, top);
-        draw_outline(canvas, view, *placed);
-        draw_keypoints(canvas, view, *placed, frame);
+        drawMask(canvas, view, *placed, left, top);
+        drawOutline(canvas, view, *placed);
+        drawKeypoints(canvas, view, *placed, frame);
     }
     canvas.unclip();
 }
 
-bool BundleSheet::draw_frame(Canvas& canvas, int frame, int left, int top) try {
-    const std::vector<uint8_t> rgb = decode_frame(directory_, frame, width_, height_);
+bool BundleSheet::drawFrame(Canvas& canvas, int frame, int left, int top) try {
+    const std::vector<uint8_t> rgb = decodeFrame(directory_, frame, width_, height_);
     const int flags = scale_ < 1 ? SWS_AREA : SWS_POINT;
-    const av::Owner<SwsContext> scaler(sws_getContext(width_, height_, AV_PIX_FMT_RGB24,
-                                                      cell_width_, cell_height_, AV_PIX_FMT_RGB24,
-                                                      flags, nullptr, nullptr, nullptr));
+    const av::Owner<SwsContext> scaler(sws_getContext(width_, height_, AV_PIX_FMT_RGB24, cellWidth_,
+                                                      cellHeight_, AV_PIX_FMT_RGB24, flags, nullptr,
+                                                      nullptr, nullptr));
     if (!scaler) return false;
-    const int stride = 3 * cell_width_ + 64;  // it writes past row ends
-    std::vector<uint8_t> small(static_cast<size_t>(stride) * static_cast<size_t>(cell_height_ + 1));
+    const int stride = 3 * cellWidth_ + 64;  // it writes past row ends
+    std::vector<uint8_t> small(static_cast<size_t>(stride) * static_cast<size_t>(cellHeight_ + 1));
     uint8_t* out = small.data();
     std::vector<uint8_t> copy;
     av::scale(scaler.get(), rgb.data(), 3 * width_, height_, &out, &stride, copy);
-    for (int y = 0; y < cell_height_; ++y)
-        for (int x = 0; x < cell_width_; ++x) {
+    for (int y = 0; y < cellHeight_; ++y) {
+        for (int x = 0; x < cellWidth_; ++x) {
             const uint8_t* pixel = out + y * stride + 3 * x;
             canvas.blend(left + x, top + y, {pixel[0], pixel[1], pixel[2]});
         }
+    }
     return true;
 } catch (const Failure&) {  // the report says why
     return false;
 }
 
-void BundleSheet::draw_mask(Canvas& canvas, const View& view, const Placement& placed, int left,
-                            int top) {
+void BundleSheet::drawMask(Canvas& canvas, const View& view, const Placement& placed, int left,
+                           int top) {
     if (mask_.empty()) return;
-    const auto mask_of = [&](int x, int y) {
-        return mask_at(placed.to_crop({view.frame_x(x), view.frame_y(y)}));
+    const auto maskOf = [&](int x, int y) {
+        return maskAt(placed.toCrop({view.frameX(x), view.frameY(y)}));
     };
-    for (int y = top; y < top + cell_height_; ++y)
-        for (int x = left; x < left + cell_width_; ++x) {
-            const double here = mask_of(x, y);
+    for (int y = top; y < top + cellHeight_; ++y) {
+        for (int x = left; x < left + cellWidth_; ++x) {
+            const double here = maskOf(x, y);
             const auto crosses = [&](double there) { return (here < 0.5) != (there < 0.5); };
-            if (crosses(mask_of(x + 1, y)) || crosses(mask_of(x, y + 1)))
+            if (crosses(maskOf(x + 1, y)) || crosses(maskOf(x, y + 1))) {
                 canvas.blend(x, y, kMask);
-            else if (here > 0)
+            } else if (here > 0) {
                 canvas.blend(x, y, kMask, static_cast<float>(0.13 * here));
+            }
         }
+    }
 }
 
-void BundleSheet::draw_outline(Canvas& canvas, const View& view, const Placement& placed) {
+void BundleSheet::drawOutline(Canvas& canvas, const View& view, const Placement& placed) {
     const double near = -0.5, far = side_ - 0.5;
     const Point corners[] = {{near, near}, {far, near}, {far, far}, {near, far}};
     for (int i : {1, 2, 3, 0}) {  // the top edge last, over its neighbours' ends
-        const Point from = placed.to_frame(corners[i]), to = placed.to_frame(corners[(i + 1) % 4]);
+        const Point from = placed.toFrame(corners[i]), to = placed.toFrame(corners[(i + 1) % 4]);
         canvas.line(view.x(from.x), view.y(from.y), view.x(to.x), view.y(to.y),
                     i == 0 ? kTop : kOutline, 2);
     }
 }
 
-void BundleSheet::draw_keypoints(Canvas& canvas, const View& view, const Placement& placed,
-                                 int frame) {
-    const float* points = keypoints_of(frame);
+void BundleSheet::drawKeypoints(Canvas& canvas, const View& view, const Placement& placed,
+                                int frame) {
+    const float* points = keypointsOf(frame);
     if (!points) return;
     for (int i = 0; i < kKeypointFloats; i += 3) {
         // Coordinates run from -1 to 1 across the crop.
         const auto pixel = [&](float value) { return (value + 1.0) * side_ / 2 - 0.5; };
-        const Point at = placed.to_frame({pixel(points[i]), pixel(points[i + 1])});
+        const Point at = placed.toFrame({pixel(points[i]), pixel(points[i + 1])});
         canvas.dot(view.x(at.x), view.y(at.y), 2, kPoints);
     }
 }
 
-/** The columns' values around their own mean, so that small movements of 63 values in one plot can
- *  be seen; a single column as it is. */
+/// The columns' values around their own mean, so that small movements of 63 values in one plot can
+///  be seen; a single column as it is.
 std::vector<double> centred(const std::vector<float>& values, size_t width) {
     std::vector<double> result(values.begin(), values.end());
     if (width == 1) return result;
     for (size_t column = 0; column < width; ++column) {
         double sum = 0;
         size_t count = 0;
-        for (size_t i = column; i < result.size(); i += width)
+        for (size_t i = column; i < result.size(); i += width) {
             if (std::isfinite(result[i])) sum += result[i], ++count;
-        for (size_t i = column; i < result.size(); i += width)
+        }
+        for (size_t i = column; i < result.size(); i += width) {
             result[i] -= sum / static_cast<double>(std::max<size_t>(count, 1));
+        }
     }
     return result;
 }
 
-void BundleSheet::draw_plot(Canvas& canvas, const Series& series, int y) {
+void BundleSheet::drawPlot(Canvas& canvas, const Series& series, int y) {
     const size_t count = series.values.size() / series.width;
     const int width = canvas.width() - 2 * kGap;
     const std::vector<double> values = centred(series.values, series.width);
     double low = HUGE_VAL, high = -HUGE_VAL;
-    for (const double value : values)
+    for (const double value : values) {
         if (std::isfinite(value)) low = std::min(low, value), high = std::max(high, value);
+    }
     std::string title = series.name + ": nothing to plot";
-    if (low <= high)
+    if (low <= high) {
         title = fmt::format("{}: {} rows, {}{:.4g} to {:.4g}", series.name, count,
                             series.width > 1 ? "x y z around their means, " : "", low, high);
+    }
     canvas.text(kGap, y + 2, title, kText);
-    if (series.width > 1)
-        for (int axis = 0; axis < 3; ++axis)
+    if (series.width > 1) {
+        for (int axis = 0; axis < 3; ++axis) {
             canvas.text(
                 kGap + (static_cast<int>(title.size()) + 2 + 2 * axis) * Canvas::kLetterWidth,
                 y + 2, std::string(1, static_cast<char>('x' + axis)), kAxes[axis]);
+        }
+    }
     y += kTitle;
     canvas.fill(kGap, y, width, kPlotHeight, kPlotGround);
     canvas.clip(kGap, y, width, kPlotHeight);
@@ -308,25 +319,28 @@ void BundleSheet::draw_plot(Canvas& canvas, const Series& series, int y) {
         return y + kPlotHeight - 5 -
                (kPlotHeight - 9) * (high > low ? (value - low) / (high - low) : 0.5);
     };
-    if (series.name == "xs_target.bin")
-        for (const int frame : chosen_)
+    if (series.name == "xs_target.bin") {
+        for (const int frame : chosen_) {
             canvas.line(column(static_cast<size_t>(frame)), y, column(static_cast<size_t>(frame)),
                         y + kPlotHeight, kMark);
-    for (size_t value = 0; value < series.width && low <= high; ++value)
+        }
+    }
+    for (size_t value = 0; value < series.width && low <= high; ++value) {
         for (size_t row = 0; row < count; ++row) {
             const size_t next = std::min(row + 1, count - 1);
             canvas.line(column(row), level(values[row * series.width + value]), column(next),
                         level(values[next * series.width + value]),
                         series.width > 1 ? kAxes[value % 3] : kText, 1, 0.75f);
         }
+    }
     canvas.unclip();
 }
 
 }  // namespace
 
-std::optional<Canvas> draw_bundle(const BundleReport& report) {
+std::optional<Canvas> drawBundle(const BundleReport& report) {
     const BundleFacts& facts = report.facts;
-    if (!facts.target_frames || !facts.width || !facts.height) return std::nullopt;
+    if (!facts.targetFrames || !facts.width || !facts.height) return std::nullopt;
     return BundleSheet(report).draw();
 }
 

@@ -9,8 +9,8 @@
 
 namespace zorv::tools {
 
-/** Nothing when the manifest does not tell the frames' count and size. What else is missing or
- *  damaged is left out. */
-std::optional<Canvas> draw_bundle(const BundleReport& report);
+/// Nothing when the manifest does not tell the frames' count and size. What else is missing or
+///  damaged is left out.
+std::optional<Canvas> drawBundle(const BundleReport& report);
 
 }  // namespace zorv::tools

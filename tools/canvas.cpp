@@ -68,16 +68,18 @@ void Canvas::blend(int x, int y, Color color, float share) {
 }
 
 void Canvas::fill(int x, int y, int width, int height, Color color) {
-    for (int row = std::max(y, top_); row < std::min(y + height, bottom_); ++row)
+    for (int row = std::max(y, top_); row < std::min(y + height, bottom_); ++row) {
         for (int column = x; column < x + width; ++column) blend(column, row, color);
+    }
 }
 
 void Canvas::line(double x0, double y0, double x1, double y1, Color color, int thickness,
                   float share) {
     // Far ends are of no use here and would take for ever.
     const double reach = 4.0 * (width_ + height_);
-    for (const double end : {x0, y0, x1, y1})
+    for (const double end : {x0, y0, x1, y1}) {
         if (!(std::abs(end) < reach)) return;
+    }
     const bool steep = std::abs(y1 - y0) > std::abs(x1 - x0);
     const int steps =
         std::max(1, static_cast<int>(std::ceil(std::max(std::abs(x1 - x0), std::abs(y1 - y0)))));
@@ -85,8 +87,9 @@ void Canvas::line(double x0, double y0, double x1, double y1, Color color, int t
         const double t = static_cast<double>(i) / steps;
         const int x = static_cast<int>(std::lround(x0 + t * (x1 - x0)));
         const int y = static_cast<int>(std::lround(y0 + t * (y1 - y0)));
-        for (int w = -(thickness / 2); w < thickness - thickness / 2; ++w)
+        for (int w = -(thickness / 2); w < thickness - thickness / 2; ++w) {
             blend(steep ? x + w : x, steep ? y : y + w, color, share);
+        }
     }
 }
 
@@ -94,22 +97,26 @@ void Canvas::dot(double x, double y, int radius, Color color) {
     if (!(std::abs(x) < 1e6) || !(std::abs(y) < 1e6)) return;
     const int cx = static_cast<int>(std::lround(x)), cy = static_cast<int>(std::lround(y));
     constexpr Color kEdge = {0, 0, 0};
-    for (int dy = -radius - 1; dy <= radius + 1; ++dy)
+    for (int dy = -radius - 1; dy <= radius + 1; ++dy) {
         for (int dx = -radius - 1; dx <= radius + 1; ++dx) {
             const double distance = std::hypot(dx, dy);
-            if (distance <= radius + 0.3)
+            if (distance <= radius + 0.3) {
                 blend(cx + dx, cy + dy, color);
-            else if (distance <= radius + 1.3)
+            } else if (distance <= radius + 1.3) {
                 blend(cx + dx, cy + dy, kEdge, 0.7f);
+            }
         }
+    }
 }
 
 void Canvas::text(int x, int y, const std::string& text, Color color) {
     for (const char c : text) {
         const uint16_t bits = glyph(c);
-        for (int bit = 0; bit < 15; ++bit)
-            if (bits >> (14 - bit) & 1)
+        for (int bit = 0; bit < 15; ++bit) {
+            if (bits >> (14 - bit) & 1) {
                 fill(x + bit % 3 * kBlock, y + bit / 3 * kBlock, kBlock, kBlock, color);
+            }
+        }
         x += kLetterWidth;
     }
 }

@@ -12,12 +12,13 @@ namespace {
 
 constexpr uint64_t kNoLimit = uint64_t{1} << 60;  // version 1 writes "no limit" as a huge number
 
-/** The number at `place` of a file's line of numbers; "max" is none. */
-std::optional<double> number_in(const fs::path& file, int place = 0) {
+/// The number at `place` of a file's line of numbers; "max" is none.
+std::optional<double> numberIn(const fs::path& file, int place = 0) {
     std::ifstream text(file);
     std::string word;
-    for (int i = 0; i <= place; ++i)
+    for (int i = 0; i <= place; ++i) {
         if (!(text >> word)) return std::nullopt;
+    }
     std::istringstream digits(word);
     double value = 0;
     if (!(digits >> value) || value < 0) return std::nullopt;
@@ -29,36 +30,36 @@ void tighten(std::optional<Value>& limit, Value value) {
     limit = limit ? std::min(*limit, value) : value;
 }
 
-void tighten_cores(CgroupLimits& limits, std::optional<double> quota,
-                   std::optional<double> period) {
+void tightenCores(CgroupLimits& limits, std::optional<double> quota, std::optional<double> period) {
     if (quota && period && *period > 0) tighten(limits.cores, *quota / *period);
 }
 
-void tighten_memory(CgroupLimits& limits, std::optional<double> bytes) {
-    if (bytes && *bytes < static_cast<double>(kNoLimit))
-        tighten(limits.memory_bytes, static_cast<uint64_t>(*bytes));
+void tightenMemory(CgroupLimits& limits, std::optional<double> bytes) {
+    if (bytes && *bytes < static_cast<double>(kNoLimit)) {
+        tighten(limits.memoryBytes, static_cast<uint64_t>(*bytes));
+    }
 }
 
-void look_at(CgroupLimits& limits, const fs::path& group) {
-    tighten_cores(limits, number_in(group / "cpu.max"), number_in(group / "cpu.max", 1));
-    tighten_cores(limits, number_in(group / "cpu.cfs_quota_us"),
-                  number_in(group / "cpu.cfs_period_us"));
-    tighten_memory(limits, number_in(group / "memory.max"));
-    tighten_memory(limits, number_in(group / "memory.limit_in_bytes"));
+void lookAt(CgroupLimits& limits, const fs::path& group) {
+    tightenCores(limits, numberIn(group / "cpu.max"), numberIn(group / "cpu.max", 1));
+    tightenCores(limits, numberIn(group / "cpu.cfs_quota_us"),
+                 numberIn(group / "cpu.cfs_period_us"));
+    tightenMemory(limits, numberIn(group / "memory.max"));
+    tightenMemory(limits, numberIn(group / "memory.limit_in_bytes"));
 }
 
-/** The group and all above it. In a container the path may be that of the host, which is not
- *  there; the mount itself is then the container's group. */
-void look_upwards(CgroupLimits& limits, const fs::path& hierarchy, const std::string& path) {
+/// The group and all above it. In a container the path may be that of the host, which is not
+///  there; the mount itself is then the container's group.
+void lookUpwards(CgroupLimits& limits, const fs::path& hierarchy, const std::string& path) {
     for (fs::path group = fs::path(path).relative_path();; group = group.parent_path()) {
-        look_at(limits, hierarchy / group);
+        lookAt(limits, hierarchy / group);
         if (group.empty()) return;
     }
 }
 
 }  // namespace
 
-CgroupLimits read_cgroup_limits(const std::string& membership, const std::string& mount) {
+CgroupLimits readCgroupLimits(const std::string& membership, const std::string& mount) {
     CgroupLimits limits;
     std::istringstream lines(membership);
     // "number:controllers:path"; version 2 has no controllers.
@@ -68,12 +69,14 @@ CgroupLimits read_cgroup_limits(const std::string& membership, const std::string
         const std::string path = line.substr(second + 1);
         std::istringstream controllers(line.substr(first + 1, second - first - 1));
         if (second == first + 1) {
-            look_upwards(limits, mount, path);
-            look_upwards(limits, fs::path(mount) / "unified", path);
+            lookUpwards(limits, mount, path);
+            lookUpwards(limits, fs::path(mount) / "unified", path);
         }
-        for (std::string name; std::getline(controllers, name, ',');)
-            if (name == "cpu" || name == "memory")
-                look_upwards(limits, fs::path(mount) / name, path);
+        for (std::string name; std::getline(controllers, name, ',');) {
+            if (name == "cpu" || name == "memory") {
+                lookUpwards(limits, fs::path(mount) / name, path);
+            }
+        }
     }
     return limits;
 }

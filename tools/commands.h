@@ -8,9 +8,9 @@ namespace zorv::tools {
 struct RenderOptions {
     std::string bundle, audio, output, sheet, telemetry;
     std::string engine = "fca";
-    std::string encoder;     // model of the engines fca and a2x
-    std::string motion_dir;  // models of the engines that hand out keypoints
-    int skip_frames = 0;
+    std::string encoder;    // model of the engines fca and a2x
+    std::string motionDir;  // models of the engines that hand out keypoints
+    int skipFrames = 0;
     float gain = 1.0f;
     int threads = 0;  // 0: one per processor
     bool json = false;
@@ -19,7 +19,7 @@ void render(const RenderOptions& options);
 
 struct SyncOptions {
     std::string video, audio;
-    int shift_frames = 0;
+    int shiftFrames = 0;
     std::string region;
     bool json = false;
 };
@@ -29,29 +29,29 @@ struct InspectOptions {
     std::string bundle, sheet;
     bool json = false;
 };
-/** Prints the report and then fails when anything in the bundle is wrong. */
+/// Prints the report and then fails when anything in the bundle is wrong.
 void inspect(const InspectOptions& options);
 
 struct LiveOptions {
-    std::string bundle, motion_dir, audio, output, telemetry;
-    std::string encoder;       // for an expression directory
-    double interrupt_at = -1;  // seconds of speech; negative: never
-    int eager = 0;             // as zorv_utt_opts has it
-    int threads = 0;           // 0: one per processor
+    std::string bundle, motionDir, audio, output, telemetry;
+    std::string encoder;      // for an expression directory
+    double interruptAt = -1;  // seconds of speech; negative: never
+    int eager = 0;            // as zorv_utt_opts has it
+    int threads = 0;          // 0: one per processor
     bool json = false;
 };
 void live(const LiveOptions& options);
 
 struct DoctorOptions {
     std::string subject;  // folder that scripts/demo.sh makes; "": where it is looked for
-    std::string bundle, motion_dir, encoder;  // instead of the subject's
-    int threads = 1;                          // of the models, per session
-    int speech_seconds = 3;                   // of each line
-    int most_sessions = 16;                   // at a time
+    std::string bundle, motionDir, encoder;  // instead of the subject's
+    int threads = 1;                         // of the models, per session
+    int speechSeconds = 3;                   // of each line
+    int mostSessions = 16;                   // at a time
     bool json = false;
 };
-/** Prints the report. Returns 0 when the machine carries a live session, else 1; fails when that
- *  cannot be found out. */
+/// Prints the report. Returns 0 when the machine carries a live session, else 1; fails when that
+///  cannot be found out.
 int doctor(DoctorOptions options);
 
 }  // namespace zorv::tools

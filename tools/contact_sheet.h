@@ -11,16 +11,16 @@ namespace zorv::tools {
 
 class ContactSheet {
   public:
-    ContactSheet(int width, int height, int total_frames);
-    /** Keeps frame `index` when it is one of the chosen; W x H x 3 RGB bytes. */
+    ContactSheet(int width, int height, int totalFrames);
+    /// Keeps frame `index` when it is one of the chosen; W x H x 3 RGB bytes.
     void add(int index, const uint8_t* rgb);
     void save(const std::string& path) const;
 
   private:
     static constexpr int kColumns = 4, kRows = 3, kCellWidth = 320, kGap = 4;
 
-    int source_width_, source_height_, cell_height_;
-    int columns_, rows_, sheet_width_, sheet_height_;
+    int sourceWidth_, sourceHeight_, cellHeight_;
+    int columns_, rows_, sheetWidth_, sheetHeight_;
     std::vector<int> chosen_;
     std::vector<uint8_t> pixels_;
     av::Owner<SwsContext> scaler_;

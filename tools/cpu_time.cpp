@@ -4,7 +4,7 @@
 
 namespace zorv::tools {
 
-double cpu_seconds() {
+double cpuSeconds() {
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     const auto seconds = [](const timeval& time) {

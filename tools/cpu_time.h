@@ -3,7 +3,7 @@
 
 namespace zorv::tools {
 
-/** Seconds that all threads have computed so far, in the program and in the kernel. */
-double cpu_seconds();
+/// Seconds that all threads have computed so far, in the program and in the kernel.
+double cpuSeconds();
 
 }  // namespace zorv::tools

@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
 namespace zorv::tools {
 namespace {
 
-/** The demo subject of the checkout that the program was built in, or of the current one. */
-std::string demo_subject() {
+/// The demo subject of the checkout that the program was built in, or of the current one.
+std::string demoSubject() {
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     // build/PRESET/bin/zorv beside build/demo
@@ -24,32 +24,35 @@ std::string demo_subject() {
     return "build/demo";
 }
 
-BenchmarkSubject subject_of(const DoctorOptions& options) {
+BenchmarkSubject subjectOf(const DoctorOptions& options) {
     BenchmarkSubject subject;
     const std::string& dir = options.subject;
     subject.bundle = options.bundle.empty() ? dir + "/bundle" : options.bundle;
-    subject.motion_dir = options.motion_dir.empty() ? dir + "/motion" : options.motion_dir;
+    subject.motionDir = options.motionDir.empty() ? dir + "/motion" : options.motionDir;
     subject.encoder = options.encoder.empty() ? dir + "/speech_encoder.onnx" : options.encoder;
     subject.threads = options.threads;
     return subject;
 }
 
-void check_subject(const BenchmarkSubject& subject) {
+void checkSubject(const BenchmarkSubject& subject) {
     std::error_code error;
-    if (!fs::is_directory(subject.bundle, error))
+    if (!fs::is_directory(subject.bundle, error)) {
         fail(
             "no subject to measure with, '{}' is not there; make the demo subject with "
             "scripts/demo.sh and name its folder build/demo with --subject",
             subject.bundle);
-    check_is_bundle(subject.bundle);
-    if (!fs::is_directory(subject.motion_dir, error))
-        fail("no directory '{}'; name one of motion models with --motion-dir", subject.motion_dir);
-    if (!fs::is_regular_file(subject.encoder, error))
+    }
+    checkIsBundle(subject.bundle);
+    if (!fs::is_directory(subject.motionDir, error)) {
+        fail("no directory '{}'; name one of motion models with --motion-dir", subject.motionDir);
+    }
+    if (!fs::is_regular_file(subject.encoder, error)) {
         fail("no speech encoder '{}'; name one with --encoder", subject.encoder);
-    if (is_expression_dir(subject.motion_dir)) name_encoder(subject.encoder);
+    }
+    if (isExpressionDir(subject.motionDir)) nameEncoder(subject.encoder);
 }
 
-/** Text comes out as soon as it is known, JSON at the end. */
+/// Text comes out as soon as it is known, JSON at the end.
 class Teller {
   public:
     explicit Teller(bool json) : json_(json) {}
@@ -59,7 +62,7 @@ class Teller {
         std::fflush(stdout);
     }
     void finish(const DoctorReport& report) const {
-        if (json_) fmt::print("{}", doctor_json(report));
+        if (json_) fmt::print("{}", doctorJson(report));
     }
 
   private:
@@ -69,20 +72,19 @@ class Teller {
 void benchmark(DoctorReport& report, const BenchmarkSubject& subject, const DoctorOptions& options,
                const Teller& teller) {
     teller.tell(fmt::format("measuring with {}, for about 20 seconds\n", report.subject));
-    report.live = measure_live(subject, options.speech_seconds);
-    teller.tell(live_text(*report.live));
-    report.batch = measure_batch(subject);
-    teller.tell(batch_text(*report.batch));
+    report.live = measureLive(subject, options.speechSeconds);
+    teller.tell(liveText(*report.live));
+    report.batch = measureBatch(subject);
+    teller.tell(batchText(*report.batch));
 
     const MachineFacts& machine = report.machine;
-    const Capacity capacity = {machine.usable_cores(),
-                               static_cast<double>(machine.available_bytes)};
+    const Capacity capacity = {machine.usableCores(), static_cast<double>(machine.availableBytes)};
     const SessionCost& cost = report.live->cost;
     report.runs = {report.live->run};
     while (const int sessions =
-               next_run(estimated_sessions(cost, capacity), options.most_sessions, report.runs)) {
-        report.runs.push_back(measure_sessions(subject, sessions, options.speech_seconds));
-        teller.tell(run_text(report.runs.back()));
+               nextRun(estimatedSessions(cost, capacity), options.mostSessions, report.runs)) {
+        report.runs.push_back(measureSessions(subject, sessions, options.speechSeconds));
+        teller.tell(runText(report.runs.back()));
     }
     report.verdict = judge(cost, capacity, report.runs);
 }
@@ -90,21 +92,21 @@ void benchmark(DoctorReport& report, const BenchmarkSubject& subject, const Doct
 }  // namespace
 
 int doctor(DoctorOptions options) {
-    if (options.subject.empty()) options.subject = demo_subject();
-    const BenchmarkSubject subject = subject_of(options);
+    if (options.subject.empty()) options.subject = demoSubject();
+    const BenchmarkSubject subject = subjectOf(options);
     const Teller teller(options.json);
     DoctorReport report;
     report.subject = subject.bundle;
-    report.machine = machine_facts();
+    report.machine = machineFacts();
     report.switches =
-        slow_switches([](const char* name) -> const char* { return std::getenv(name); },
-                      report.machine.best_level(), report.machine.usable_cores());
-    teller.tell(machine_text(report));
-    if (const std::string fault = runtime_fault(report.machine.runtime); !fault.empty()) {
+        slowSwitches([](const char* name) -> const char* { return std::getenv(name); },
+                     report.machine.bestLevel(), report.machine.usableCores());
+    teller.tell(machineText(report));
+    if (const std::string fault = runtimeFault(report.machine.runtime); !fault.empty()) {
         report.verdict.emplace().text = "The library cannot run here: " + fault;
     } else {
         try {
-            check_subject(subject);
+            checkSubject(subject);
             benchmark(report, subject, options, teller);
         } catch (const Failure&) {
             teller.finish(report);  // the machine's facts are true all the same
@@ -112,11 +114,12 @@ int doctor(DoctorOptions options) {
         }
     }
     teller.tell(fmt::format("verdict: {}\n", report.verdict->text));
-    if (options.bundle.empty() && report.live)
+    if (options.bundle.empty() && report.live) {
         teller.tell(
             "The demo subject's models are small formulas: measure a trained subject with "
             "--bundle, "
             "--motion-dir and --encoder.\n");
+    }
     teller.finish(report);
     return report.verdict->sessions > 0 ? 0 : 1;
 }

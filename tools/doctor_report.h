@@ -22,15 +22,15 @@ struct DoctorReport {
     std::optional<Verdict> verdict;
 };
 
-/** Why the library cannot work with the model runtime that was loaded; "" when it can. */
-std::string runtime_fault(const RuntimeFacts& runtime);
+/// Why the library cannot work with the model runtime that was loaded; "" when it can.
+std::string runtimeFault(const RuntimeFacts& runtime);
 
-/** The parts of the text, in the order in which they become known. */
-std::string machine_text(const DoctorReport& report);
-std::string live_text(const LiveMeasure& live);
-std::string batch_text(const BatchMeasure& batch);
-std::string run_text(const SessionsRun& run);
+/// The parts of the text, in the order in which they become known.
+std::string machineText(const DoctorReport& report);
+std::string liveText(const LiveMeasure& live);
+std::string batchText(const BatchMeasure& batch);
+std::string runText(const SessionsRun& run);
 
-std::string doctor_json(const DoctorReport& report);
+std::string doctorJson(const DoctorReport& report);
 
 }  // namespace zorv::tools

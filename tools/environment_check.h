@@ -11,14 +11,12 @@ struct SlowSwitch {
     std::string variable, value, effect;
 };
 
-/** Value of a variable, null when unset. */
+/// Value of a variable, null when unset.
 using Environment = std::function<const char*(const char* name)>;
 
-/**
- * The variables that take speed or sessions away from a machine whose best level of kernels is
- * `best_level` and which has `cores`; those that are set without an effect are left out.
- */
-std::vector<SlowSwitch> slow_switches(const Environment& environment, const std::string& best_level,
-                                      double cores);
+/// The variables that take speed or sessions away from a machine whose best level of kernels is
+/// `bestLevel` and which has `cores`; those that are set without an effect are left out.
+std::vector<SlowSwitch> slowSwitches(const Environment& environment, const std::string& bestLevel,
+                                     double cores);
 
 }  // namespace zorv::tools

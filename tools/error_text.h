@@ -6,7 +6,7 @@
 
 namespace zorv::tools {
 
-inline std::string error_text(int error) {
+inline std::string errorText(int error) {
     return std::generic_category().message(error);
 }
 

@@ -7,18 +7,19 @@
 
 namespace zorv::tools {
 
-void check_expression_options(const RenderOptions& options) {
-    check_motion_dir(options);
-    check_encoder(options);
+void checkExpressionOptions(const RenderOptions& options) {
+    checkMotionDir(options);
+    checkEncoder(options);
 }
 
-std::unique_ptr<ClipRenderer> open_expression_renderer(const RenderOptions& options) {
-    name_encoder(options.encoder);
-    zorv_a2x* engine = zorv_a2x_create(options.motion_dir.c_str(), model_threads(options.threads));
-    if (!engine)
+std::unique_ptr<ClipRenderer> openExpressionRenderer(const RenderOptions& options) {
+    nameEncoder(options.encoder);
+    zorv_a2x* engine = zorv_a2x_create(options.motionDir.c_str(), modelThreads(options.threads));
+    if (!engine) {
         fail("cannot open '{}' with encoder '{}': {}; check the directory and the encoder",
-             options.motion_dir, options.encoder, zorv_a2x_last_error());
-    return open_keypoint_renderer(options, std::make_unique<FamilyEngine<Expression>>(engine));
+             options.motionDir, options.encoder, zorv_a2x_last_error());
+    }
+    return openKeypointRenderer(options, std::make_unique<FamilyEngine<Expression>>(engine));
 }
 
 }  // namespace zorv::tools

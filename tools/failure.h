@@ -14,7 +14,7 @@ class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/** The user asked the program to stop (Ctrl-C, SIGTERM). */
+/// The user asked the program to stop (Ctrl-C, SIGTERM).
 class Interrupted : public Failure {
   public:
     Interrupted() : Failure("interrupted") {}

@@ -7,14 +7,14 @@
 
 #include <cerrno>
 
-#include "error_text.h"
+#include "errorText.h"
 #include "failure.h"
 
 namespace zorv::tools {
 
 FileView::FileView(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) fail("{}", error_text(errno));
+    if (fd < 0) fail("{}", errorText(errno));
     struct stat status {};
     int reason = fstat(fd, &status) == 0 ? 0 : errno;
     if (reason == 0 && !S_ISREG(status.st_mode)) reason = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
@@ -24,14 +24,14 @@ FileView::FileView(const std::string& path) {
         if (base_ == MAP_FAILED) reason = errno;
     }
     close(fd);
-    if (reason != 0) fail("{}", error_text(reason));
+    if (reason != 0) fail("{}", errorText(reason));
 }
 
 FileView::~FileView() {
     if (base_) munmap(base_, size_);
 }
 
-std::vector<float> read_floats(const std::string& path, size_t count) try {
+std::vector<float> readFloats(const std::string& path, size_t count) try {
     const FileView file(path);
     if (file.size() / sizeof(float) < count) return {};
     const auto* values = reinterpret_cast<const float*>(file.data());

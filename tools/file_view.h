@@ -10,7 +10,7 @@ namespace zorv::tools {
 
 class FileView {
   public:
-    /** Throws a Failure with the system's reason; a directory is one. */
+    /// Throws a Failure with the system's reason; a directory is one.
     explicit FileView(const std::string& path);
     ~FileView();
     FileView(const FileView&) = delete;
@@ -24,7 +24,7 @@ class FileView {
     size_t size_ = 0;
 };
 
-/** The first `count` floats of a file; empty when it cannot be read or has fewer. */
-std::vector<float> read_floats(const std::string& path, size_t count);
+/// The first `count` floats of a file; empty when it cannot be read or has fewer.
+std::vector<float> readFloats(const std::string& path, size_t count);
 
 }  // namespace zorv::tools

@@ -31,27 +31,28 @@ namespace {
 constexpr const char* kFolder = "target_frames";
 constexpr size_t kLongestPath = 1023;  // of a frame, in the library
 
-bool is_jpeg(const FileView& file) {
+bool isJpeg(const FileView& file) {
     return file.size() > 3 && file.data()[0] == 0xff && file.data()[1] == 0xd8;
 }
 
-/** Whether the picture's data are followed by their end mark. The decoder fills the missing part
- *  of a file that was cut off with grey and says nothing. */
-bool is_complete_jpeg(const FileView& file) {
+/// Whether the picture's data are followed by their end mark. The decoder fills the missing part
+///  of a file that was cut off with grey and says nothing.
+bool isCompleteJpeg(const FileView& file) {
     const uint8_t* bytes = file.data();
     size_t at = 2;
     while (at + 4 <= file.size() && bytes[at] == 0xff) {  // segments before the picture's data
         const size_t length = static_cast<size_t>(bytes[at + 2] << 8 | bytes[at + 3]);
-        const bool data_follow = bytes[at + 1] == 0xda;
+        const bool dataFollow = bytes[at + 1] == 0xda;
         at += 2 + length;
-        if (data_follow) break;
+        if (dataFollow) break;
     }
-    for (; at + 2 <= file.size(); ++at)
+    for (; at + 2 <= file.size(); ++at) {
         if (bytes[at] == 0xff && bytes[at + 1] == 0xd9) return true;
+    }
     return false;
 }
 
-std::string wanted_size(const BundleFacts& facts) {
+std::string wantedSize(const BundleFacts& facts) {
     const auto text = [](const std::optional<int>& value, const char* key) {
         return value ? std::to_string(*value) : key;
     };
@@ -59,25 +60,25 @@ std::string wanted_size(const BundleFacts& facts) {
                        text(facts.height, "H"));
 }
 
-/** The frames' indices found in the folder, in order; other names go to `others`. */
-std::vector<int> frames_in_folder(const std::string& directory, std::vector<std::string>& others) {
+/// The frames' indices found in the folder, in order; other names go to `others`.
+std::vector<int> framesInFolder(const std::string& directory, std::vector<std::string>& others) {
     std::vector<int> indices;
     std::error_code error;
     for (fs::directory_iterator entry(directory + "/" + kFolder, error), end; entry != end;
          entry.increment(error)) {
         const std::string name = std::string(kFolder) + "/" + entry->path().filename().string();
         const long index = std::atol(name.c_str() + sizeof "target_frames/frame_" - 1);
-        if (index >= 0 && index < INT_MAX && name == frame_name(static_cast<int>(index)))
+        if (index >= 0 && index < INT_MAX && name == frameName(static_cast<int>(index))) {
             indices.push_back(static_cast<int>(index));
-        else
+        } else {
             others.push_back(name);
+        }
     }
     std::sort(indices.begin(), indices.end());
     return indices;
 }
 
-/** Appends what was found about frames first .. last, to the run before when it is in that state.
- */
+/// Appends what was found about frames first .. last, to the run before when it is in that state.
 void append(std::vector<FileReport>& runs, int first, int last, const Finding& finding,
             const std::string& content) {
     const int64_t count = int64_t{last} - first + 1;
@@ -86,65 +87,69 @@ void append(std::vector<FileReport>& runs, int first, int last, const Finding& f
         return finding.what.empty() || run.findings[0].what == finding.what;
     };
     if (runs.empty() || !same(runs.back())) {
-        runs.push_back({frame_name(first), "", 0, content});
+        runs.push_back({frameName(first), "", 0, content});
         if (!finding.what.empty()) runs.back().findings.push_back(finding);
     }
     FileReport& run = runs.back();
     run.count += count;
-    if (run.count > 1) run.last_name = frame_name(last);
+    if (run.count > 1) run.lastName = frameName(last);
 }
 
-Finding check_frame(const std::string& directory, int index, const BundleFacts& facts) {
+Finding checkFrame(const std::string& directory, int index, const BundleFacts& facts) {
     try {
-        const std::string path = directory + "/" + frame_name(index);
-        decode_frame(directory, index, facts.width.value_or(0), facts.height.value_or(0));
-        if (!is_jpeg(FileView(path)))
-            return {Severity::kWarning, "a picture, but no JPEG", wanted_size(facts)};
+        const std::string path = directory + "/" + frameName(index);
+        decodeFrame(directory, index, facts.width.value_or(0), facts.height.value_or(0));
+        if (!isJpeg(FileView(path))) {
+            return {Severity::kWarning, "a picture, but no JPEG", wantedSize(facts)};
+        }
     } catch (const Interrupted&) {
         throw;
     } catch (const Failure& error) {
-        return {Severity::kFault, error.what(), wanted_size(facts)};
+        return {Severity::kFault, error.what(), wantedSize(facts)};
     }
     return {Severity::kOk, "", ""};
 }
 
 }  // namespace
 
-std::string frame_name(int index) {
+std::string frameName(int index) {
     return fmt::format("{}/frame_{:06}.jpg", kFolder, index);
 }
 
-std::vector<uint8_t> decode_frame(const std::string& directory, int index, int width, int height) {
-    const std::string path = directory + "/" + frame_name(index);
-    if (path.size() > kLongestPath)
+std::vector<uint8_t> decodeFrame(const std::string& directory, int index, int width, int height) {
+    const std::string path = directory + "/" + frameName(index);
+    if (path.size() > kLongestPath) {
         fail("its path has {} characters, more than {}", path.size(), kLongestPath);
+    }
     const FileView file(path);
     if (file.size() > INT_MAX) fail("{} bytes are too many for a picture", file.size());
     const int size = static_cast<int>(file.size());
     int w = 0, h = 0, channels = 0;
     if (size == 0) fail("is empty");
-    if (!stbi_info_from_memory(file.data(), size, &w, &h, &channels))
+    if (!stbi_info_from_memory(file.data(), size, &w, &h, &channels)) {
         fail("cannot be decoded: {}", stbi_failure_reason());
+    }
     // Sizes that the manifest does not tell are not compared.
     if ((width > 0 && w != width) || (height > 0 && h != height)) fail("is {} x {}", w, h);
     const std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
         stbi_load_from_memory(file.data(), size, &w, &h, &channels, 3), stbi_image_free);
     if (!pixels) fail("cannot be decoded: {}", stbi_failure_reason());
-    if (is_jpeg(file) && !is_complete_jpeg(file))
+    if (isJpeg(file) && !isCompleteJpeg(file)) {
         fail("is cut off after {} bytes, in the middle of the picture", size);
+    }
     return {pixels.get(),
             pixels.get() + size_t{3} * static_cast<size_t>(w) * static_cast<size_t>(h)};
 }
 
-std::vector<FileReport> check_frames(const std::string& directory, const BundleFacts& facts) {
+std::vector<FileReport> checkFrames(const std::string& directory, const BundleFacts& facts) {
     std::vector<FileReport> runs;
     std::vector<std::string> others;
-    const std::vector<int> there = frames_in_folder(directory, others);
+    const std::vector<int> there = framesInFolder(directory, others);
     // Without the manifest's count the frames that are there are looked at all the same.
-    const int wanted = facts.target_frames.value_or(there.empty() ? 0 : there.back() + 1);
-    const Finding missing = {Severity::kFault, "missing", wanted_size(facts)};
-    const std::string content = wanted_size(facts).substr(sizeof "a " - 1);
-    if (!facts.target_frames && there.empty()) {
+    const int wanted = facts.targetFrames.value_or(there.empty() ? 0 : there.back() + 1);
+    const Finding missing = {Severity::kFault, "missing", wantedSize(facts)};
+    const std::string content = wantedSize(facts).substr(sizeof "a " - 1);
+    if (!facts.targetFrames && there.empty()) {
         runs.push_back({kFolder});
         runs.back().fault("no frames", "NT files frame_000000.jpg, frame_000001.jpg, ...");
     }
@@ -153,18 +158,19 @@ std::vector<FileReport> check_frames(const std::string& directory, const BundleF
     {
         Progress progress(static_cast<int>(used - there.begin()));
         for (auto frame = there.begin(); frame != used; ++frame) {
-            throw_if_interrupted();
+            throwIfInterrupted();
             if (next < *frame) append(runs, next, *frame - 1, missing, "");
-            const Finding finding = check_frame(directory, *frame, facts);
+            const Finding finding = checkFrame(directory, *frame, facts);
             append(runs, *frame, *frame, finding, finding.what.empty() ? content : "");
             next = *frame + 1;
             progress.update(static_cast<int>(frame - there.begin()) + 1);
         }
     }
     if (next < wanted) append(runs, next, wanted - 1, missing, "");
-    if (used != there.end())
+    if (used != there.end()) {
         append(runs, *used, there.back(),
                {Severity::kWarning, "not used", fmt::format("{} frames", wanted)}, "");
+    }
     for (const std::string& name : others) {
         runs.push_back({name});
         runs.back().warn("not used: no frame's name", "frame_000000.jpg, frame_000001.jpg, ...");

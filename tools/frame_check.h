@@ -9,13 +9,13 @@
 
 namespace zorv::tools {
 
-std::string frame_name(int index);  // "target_frames/frame_000012.jpg"
+std::string frameName(int index);  // "targetFrames/frame_000012.jpg"
 
-/** Width x height x 3 RGB bytes of a frame; fails with the reason when the library could not show
- *  it or would show it damaged. */
-std::vector<uint8_t> decode_frame(const std::string& directory, int index, int width, int height);
+/// Width x height x 3 RGB bytes of a frame; fails with the reason when the library could not show
+///  it or would show it damaged.
+std::vector<uint8_t> decodeFrame(const std::string& directory, int index, int width, int height);
 
-/** Decodes all frames. Frames in the same state that follow each other share one report. */
-std::vector<FileReport> check_frames(const std::string& directory, const BundleFacts& facts);
+/// Decodes all frames. Frames in the same state that follow each other share one report.
+std::vector<FileReport> checkFrames(const std::string& directory, const BundleFacts& facts);
 
 }  // namespace zorv::tools

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "error_text.h"
+#include "errorText.h"
 #include "failure.h"
 
 namespace fs = std::filesystem;
@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kMaxQueued = 50;
 
-/** Whole buffer to or from a file position; false with errno set. */
+/// Whole buffer to or from a file position; false with errno set.
 template <class Call, class Byte>
 bool transfer(Call call, int file, Byte* data, size_t size, off_t at) {
     while (size > 0) {
@@ -33,27 +33,29 @@ bool transfer(Call call, int file, Byte* data, size_t size, off_t at) {
 
 }  // namespace
 
-FrameTape::FrameTape(const std::string& output, size_t frame_bytes, int64_t frames)
-    : frame_bytes_(frame_bytes) {
+FrameTape::FrameTape(const std::string& output, size_t frameBytes, int64_t frames)
+    : frameBytes_(frameBytes) {
     const fs::path target(output);
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     std::error_code error;
     const fs::space_info space = fs::space(folder, error);
-    const uint64_t wanted = static_cast<uint64_t>(frames) * frame_bytes;
-    if (!error && space.available < wanted)
+    const uint64_t wanted = static_cast<uint64_t>(frames) * frameBytes;
+    if (!error && space.available < wanted) {
         fail(
             "frames need {:.1f} GB beside '{}' until they are encoded and {:.1f} GB are free; "
             "free some space or leave out -o",
             static_cast<double>(wanted) * 1e-9, output,
             static_cast<double>(space.available) * 1e-9);
+    }
     std::string name = (folder / fmt::format(".{}.XXXXXX", target.filename().string())).string();
     file_ = mkostemp(name.data(), O_CLOEXEC);
-    if (file_ < 0)
+    if (file_ < 0) {
         fail("cannot write beside '{}': {}; check that its folder exists and is writable", output,
-             error_text(errno));
+             errorText(errno));
+    }
     unlink(name.c_str());
     try {
-        writer_ = std::thread([this] { write_queue(); });
+        writer_ = std::thread([this] { writeQueue(); });
     } catch (...) {
         close(file_);
         throw;
@@ -78,10 +80,10 @@ void FrameTape::add(std::vector<uint8_t>& frame) {
     }
     changed_.notify_all();
     lock.unlock();
-    frame.resize(frame_bytes_);
+    frame.resize(frameBytes_);
 }
 
-void FrameTape::write_queue() {
+void FrameTape::writeQueue() {
     off_t at = 0;
     std::unique_lock lock(mutex_);
     for (;;) {
@@ -90,9 +92,9 @@ void FrameTape::write_queue() {
         std::vector<uint8_t> frame = std::move(queue_.front());
         queue_.pop_front();
         lock.unlock();
-        const bool written = transfer(pwrite, file_, frame.data(), frame_bytes_, at);
+        const bool written = transfer(pwrite, file_, frame.data(), frameBytes_, at);
         const int error = written ? 0 : errno;
-        at += static_cast<off_t>(frame_bytes_);
+        at += static_cast<off_t>(frameBytes_);
         lock.lock();
         error_ = error;
         spare_.push_back(std::move(frame));
@@ -110,8 +112,9 @@ void FrameTape::stop() {
 }
 
 void FrameTape::check() {
-    if (error_ != 0)
-        fail("keeping the frames failed: {}; free some space or leave out -o", error_text(error_));
+    if (error_ != 0) {
+        fail("keeping the frames failed: {}; free some space or leave out -o", errorText(error_));
+    }
 }
 
 void FrameTape::finish() {
@@ -120,10 +123,11 @@ void FrameTape::finish() {
 }
 
 void FrameTape::read(int64_t number, std::vector<uint8_t>& frame) {
-    frame.resize(frame_bytes_);
-    if (!transfer(pread, file_, frame.data(), frame_bytes_,
-                  static_cast<off_t>(number) * static_cast<off_t>(frame_bytes_)))
-        fail("reading the frames back failed: {}; check the disk", error_text(errno));
+    frame.resize(frameBytes_);
+    if (!transfer(pread, file_, frame.data(), frameBytes_,
+                  static_cast<off_t>(number) * static_cast<off_t>(frameBytes_))) {
+        fail("reading the frames back failed: {}; check the disk", errorText(errno));
+    }
 }
 
 }  // namespace zorv::tools

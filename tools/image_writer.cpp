@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "error_text.h"
+#include "errorText.h"
 #include "failure.h"
 
 namespace zorv::tools {
@@ -19,8 +19,9 @@ PngEncoder::PngEncoder(int width, int height) {
         codec_->thread_count = 1;       // each picture comes out at once
         codec_->compression_level = 3;  // rendering needs the time more
     }
-    if (!codec_ || avcodec_open2(codec_.get(), encoder, nullptr) < 0)
+    if (!codec_ || avcodec_open2(codec_.get(), encoder, nullptr) < 0) {
         fail("this FFmpeg has no working PNG encoder; install one that has");
+    }
     frame_->format = AV_PIX_FMT_RGB24;
     frame_->width = width;
     frame_->height = height;
@@ -44,9 +45,10 @@ void PngEncoder::save(const std::string& path, const uint8_t* rgb) {
         if (reason == 0) reason = errno;
     }
     av_packet_unref(packet_.get());
-    if (!written)
+    if (!written) {
         fail("writing pictures failed: {}; free some space or name another output",
-             error_text(reason));
+             errorText(reason));
+    }
 }
 
 void PngSequenceWriter::write(const uint8_t* rgb) {

@@ -12,16 +12,16 @@ namespace zorv::tools {
 class PngEncoder {
   public:
     PngEncoder(int width, int height);
-    /** Writes width x height x 3 RGB bytes to `path`. */
+    /// Writes width x height x 3 RGB bytes to `path`.
     void save(const std::string& path, const uint8_t* rgb);
 
   private:
     av::Owner<AVCodecContext> codec_;
-    av::Owner<AVFrame> frame_ = av::new_frame();
-    av::Owner<AVPacket> packet_ = av::new_packet();
+    av::Owner<AVFrame> frame_ = av::newFrame();
+    av::Owner<AVPacket> packet_ = av::newPacket();
 };
 
-/** Frames as 000000.png, 000001.png, ... in a directory that exists. */
+/// Frames as 000000.png, 000001.png, ... in a directory that exists.
 class PngSequenceWriter : public FrameSink {
   public:
     PngSequenceWriter(std::string directory, int width, int height)

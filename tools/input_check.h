@@ -5,17 +5,17 @@
 
 namespace zorv::tools {
 
-/** Fails unless `path` is a directory with a manifest. */
-void check_is_bundle(const std::string& path);
+/// Fails unless `path` is a directory with a manifest.
+void checkIsBundle(const std::string& path);
 
-/** Fails when `output`, if there is one, is the file that holds the sound. */
-void check_is_not_sound(const std::string& output, const std::string& audio);
+/// Fails when `output`, if there is one, is the file that holds the sound.
+void checkIsNotSound(const std::string& output, const std::string& audio);
 
-/** Whether the name ends in `extension` (".mp4"), in either case. */
-bool ends_with(const std::string& path, const std::string& extension);
+/// Whether the name ends in `extension` (".mp4"), in either case.
+bool endsWith(const std::string& path, const std::string& extension);
 
 /** Has the expression engines that are opened from now on use this speech encoder. Only while no
  *  other thread reads the environment. */
-void name_encoder(const std::string& path);
+void nameEncoder(const std::string& path);
 
 }  // namespace zorv::tools

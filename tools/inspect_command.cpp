@@ -17,25 +17,28 @@ namespace zorv::tools {
 
 void inspect(const InspectOptions& options) {
     std::error_code error;
-    if (!fs::is_directory(options.bundle, error))
+    if (!fs::is_directory(options.bundle, error)) {
         fail("no bundle directory '{}'; check the path", options.bundle);
-    std::optional<OutputGuard> sheet_output;
-    if (!options.sheet.empty()) sheet_output.emplace(options.sheet, OutputGuard::Kind::kFile);
+    }
+    std::optional<OutputGuard> sheetOutput;
+    if (!options.sheet.empty()) sheetOutput.emplace(options.sheet, OutputGuard::Kind::kFile);
 
-    const BundleReport report = check_bundle(options.bundle);
-    const std::string text = options.json ? report_json(report) : report_text(report);
+    const BundleReport report = checkBundle(options.bundle);
+    const std::string text = options.json ? reportJson(report) : reportText(report);
     std::fwrite(text.data(), 1, text.size(), stdout);
-    if (sheet_output) {
-        const auto sheet = draw_bundle(report);
-        if (!sheet)
+    if (sheetOutput) {
+        const auto sheet = drawBundle(report);
+        if (!sheet) {
             fail("no sheet of '{}': its manifest does not tell NT, W and H; see the report",
                  options.bundle);
-        PngEncoder(sheet->width(), sheet->height()).save(sheet_output->path(), sheet->rgb());
-        sheet_output->commit();
+        }
+        PngEncoder(sheet->width(), sheet->height()).save(sheetOutput->path(), sheet->rgb());
+        sheetOutput->commit();
     }
-    if (!report.good())
+    if (!report.good()) {
         fail("bundle '{}' has {}; see the report and prepare the subject again", options.bundle,
-             counts_text(report));
+             countsText(report));
+    }
 }
 
 }  // namespace zorv::tools

@@ -28,14 +28,14 @@ void watch(sigset_t signals) {
     const timespec patience = {2, 0};
     while (sigtimedwait(&signals, nullptr, &patience) < 0 && errno == EINTR) {
     }
-    remove_unfinished_output();
-    report_interruption();
+    removeUnfinishedOutput();
+    reportInterruption();
     _exit(kInterruptedExitCode);
 }
 
 }  // namespace
 
-void start_interrupt_handling() {
+void startInterruptHandling() {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
     sigset_t signals;
@@ -49,13 +49,13 @@ void start_interrupt_handling() {
     std::thread(watch, signals).detach();
 }
 
-void throw_if_interrupted() {
+void throwIfInterrupted() {
     if (interrupted) throw Interrupted();
 }
 
-void report_interruption() {
+void reportInterruption() {
     if (reported.exchange(true)) return;
-    Progress::clear_line();
+    Progress::clearLine();
     std::fputs("zorv: interrupted, nothing was written; run the command again to start over\n",
                stderr);
 }

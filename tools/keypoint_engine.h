@@ -14,7 +14,7 @@ namespace zorv::tools {
 
 constexpr int kKeypointFloats = 63;  // 21 keypoints x 3
 
-/** Room for a few frames on their way from an engine to the renderer. */
+/// Room for a few frames on their way from an engine to the renderer.
 struct KeypointFrames {
     static constexpr int kCapacity = 32;
 
@@ -26,31 +26,29 @@ struct KeypointFrames {
 class KeypointEngine {
   public:
     virtual ~KeypointEngine() = default;
-    /** Target frames of the subject that the engine's files were prepared for. */
-    virtual int target_frames() const = 0;
-    /** Takes more speech, mono at 16,000 Hz; false on failure. */
+    /// Target frames of the subject that the engine's files were prepared for.
+    virtual int targetFrames() const = 0;
+    /// Takes more speech, mono at 16,000 Hz; false on failure.
     virtual bool push(const float* samples, int count) = 0;
-    /** No more speech will come; false on failure. */
+    /// No more speech will come; false on failure.
     virtual bool finish() = 0;
-    /** Fills `frames` from its start with what is ready now and returns how many those are. */
+    /// Fills `frames` from its start with what is ready now and returns how many those are.
     virtual int pull(KeypointFrames& frames) = 0;
-    /** Why the last call failed, or "". */
+    /// Why the last call failed, or "".
     virtual std::string error() const = 0;
 };
 
-/**
- * Family gives a Handle and static functions destroy, nt, push, finish, avail, pull, reset,
- * last_error of one of the library's families. Frames walk the target frames to and fro.
- */
+/// Family gives a Handle and static functions destroy, nt, push, finish, avail, pull, reset,
+/// last_error of one of the library's families. Frames walk the target frames to and fro.
 template <class Family>
 class FamilyEngine : public KeypointEngine {
   public:
     using Handle = typename Family::Handle;
 
-    /** Takes over a handle that is not null. */
+    /// Takes over a handle that is not null.
     explicit FamilyEngine(Handle* handle) : handle_(handle) { Family::reset(handle, 0, 1, 0); }
 
-    int target_frames() const override { return Family::nt(handle_.get()); }
+    int targetFrames() const override { return Family::nt(handle_.get()); }
     bool push(const float* samples, int count) override {
         return Family::push(handle_.get(), samples, count) == 1;
     }
@@ -63,7 +61,7 @@ class FamilyEngine : public KeypointEngine {
         return Family::pull(handle_.get(), frames.target.data(), frames.source.data(),
                             frames.driving.data(), KeypointFrames::kCapacity);
     }
-    std::string error() const override { return Family::last_error(); }
+    std::string error() const override { return Family::lastError(); }
 
   private:
     struct Destroy {
@@ -72,11 +70,11 @@ class FamilyEngine : public KeypointEngine {
     std::unique_ptr<Handle, Destroy> handle_;
 };
 
-/** Fails unless --motion-dir is given and a directory. */
-void check_motion_dir(const RenderOptions& options);
+/// Fails unless --motion-dir is given and a directory.
+void checkMotionDir(const RenderOptions& options);
 
-/** Renders the frames of an engine with the bundle's renderer "render". */
-std::unique_ptr<ClipRenderer> open_keypoint_renderer(const RenderOptions& options,
-                                                     std::unique_ptr<KeypointEngine> engine);
+/// Renders the frames of an engine with the bundle's renderer "render".
+std::unique_ptr<ClipRenderer> openKeypointRenderer(const RenderOptions& options,
+                                                   std::unique_ptr<KeypointEngine> engine);
 
 }  // namespace zorv::tools

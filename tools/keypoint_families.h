@@ -14,8 +14,8 @@ struct Motion {
     static constexpr auto avail = zorv_motion_avail;
     static constexpr auto pull = zorv_motion_pull;
     static constexpr auto reset = zorv_motion_reset;
-    static constexpr auto set_eager = zorv_motion_set_eager;
-    static constexpr auto last_error = zorv_motion_last_error;
+    static constexpr auto setEager = zorv_motion_set_eager;
+    static constexpr auto lastError = zorv_motion_last_error;
 };
 
 struct Expression {
@@ -27,8 +27,8 @@ struct Expression {
     static constexpr auto avail = zorv_a2x_avail;
     static constexpr auto pull = zorv_a2x_pull;
     static constexpr auto reset = zorv_a2x_reset;
-    static constexpr auto set_eager = zorv_a2x_set_eager;
-    static constexpr auto last_error = zorv_a2x_last_error;
+    static constexpr auto setEager = zorv_a2x_set_eager;
+    static constexpr auto lastError = zorv_a2x_last_error;
 };
 
 }  // namespace zorv::tools

@@ -20,73 +20,78 @@ class KeypointRenderer : public ClipRenderer {
   public:
     KeypointRenderer(const RenderOptions& options, std::unique_ptr<KeypointEngine> engine)
         : engine_(std::move(engine)),
-          ctx_(zorv_create(options.bundle.c_str(), "render", model_threads(options.threads),
+          ctx_(zorv_create(options.bundle.c_str(), "render", modelThreads(options.threads),
                            nullptr)),
-          to_skip_(options.skip_frames),
+          toSkip_(options.skipFrames),
           gain_(options.gain) {
-        if (!ctx_)
+        if (!ctx_) {
             fail("cannot open '{}': {}; prepare the subject again", options.bundle,
                  zorv_last_error());
-        if (engine_->target_frames() != zorv_nt(ctx_.get()))
+        }
+        if (engine_->targetFrames() != zorv_nt(ctx_.get())) {
             fail(
                 "'{}' is for a subject of {} target frames and '{}' has {}; name the directory "
                 "of this subject",
-                options.motion_dir, engine_->target_frames(), options.bundle, zorv_nt(ctx_.get()));
+                options.motionDir, engine_->targetFrames(), options.bundle, zorv_nt(ctx_.get()));
+        }
     }
 
     int width() const override { return zorv_width(ctx_.get()); }
     int height() const override { return zorv_height(ctx_.get()); }
     std::string error() const override { return error_; }
 
-    int run(const std::vector<float>& samples, const OnFrame& on_frame) override {
+    int run(const std::vector<float>& samples, const OnFrame& onFrame) override {
         made_ = 0;
         for (size_t at = 0; at < samples.size(); at += kPushSamples) {
-            throw_if_interrupted();
+            throwIfInterrupted();
             const size_t count = std::min(kPushSamples, samples.size() - at);
             if (!engine_->push(samples.data() + at, static_cast<int>(count))) return stop();
-            if (!render_ready(on_frame)) return made_;
+            if (!renderReady(onFrame)) return made_;
         }
         if (!engine_->finish()) return stop();
-        if (render_ready(on_frame)) error_ = "the engine has no more frames";
+        if (renderReady(onFrame)) error_ = "the engine has no more frames";
         return made_;
     }
 
   private:
-    /** Keeps the engine's reason. */
+    /// Keeps the engine's reason.
     int stop() {
         error_ = engine_->error();
         return made_;
     }
 
-    /** Renders what the engine has ready; false when something failed. */
-    bool render_ready(const OnFrame& on_frame) {
+    /// Renders what the engine has ready; false when something failed.
+    bool renderReady(const OnFrame& onFrame) {
         while (const int count = engine_->pull(frames_)) {
-            for (int i = 0; i < count; ++i)
-                if (!render(i, on_frame)) return false;
+            for (int i = 0; i < count; ++i) {
+                if (!render(i, onFrame)) return false;
+            }
         }
         stop();
         return error_.empty();
     }
 
-    bool render(int i, const OnFrame& on_frame) {
-        if (to_skip_ > 0) {
-            --to_skip_;
+    bool render(int i, const OnFrame& onFrame) {
+        if (toSkip_ > 0) {
+            --toSkip_;
             return true;
         }
         const size_t at = static_cast<size_t>(i) * kKeypointFloats;
         const float* source = frames_.source.data() + at;
         float* driving = frames_.driving.data() + at;
-        for (int j = 0; j < kKeypointFloats; ++j)
+        for (int j = 0; j < kKeypointFloats; ++j) {
             driving[j] = source[j] + gain_ * (driving[j] - source[j]);
+        }
         const int target = frames_.target[static_cast<size_t>(i)];
         const uint8_t* rgb = nullptr;
-        if (zorv_render_kp_crop(ctx_.get(), target, source, driving))
+        if (zorv_render_kp_crop(ctx_.get(), target, source, driving)) {
             rgb = zorv_paste_last(ctx_.get(), target);
+        }
         if (!rgb) {
             error_ = zorv_last_error();
             return false;
         }
-        on_frame(rgb);
+        onFrame(rgb);
         ++made_;
         return true;
     }
@@ -94,24 +99,26 @@ class KeypointRenderer : public ClipRenderer {
     std::unique_ptr<KeypointEngine> engine_;
     std::unique_ptr<zorv_ctx, Destroy> ctx_;
     KeypointFrames frames_;
-    int to_skip_, made_ = 0;
+    int toSkip_, made_ = 0;
     float gain_;
     std::string error_;
 };
 
 }  // namespace
 
-void check_motion_dir(const RenderOptions& options) {
-    if (options.motion_dir.empty())
+void checkMotionDir(const RenderOptions& options) {
+    if (options.motionDir.empty()) {
         fail("--engine {} needs the directory of its models; name it with --motion-dir",
              options.engine);
+    }
     std::error_code error;
-    if (!std::filesystem::is_directory(options.motion_dir, error))
-        fail("no directory '{}'; check the path given to --motion-dir", options.motion_dir);
+    if (!std::filesystem::is_directory(options.motionDir, error)) {
+        fail("no directory '{}'; check the path given to --motion-dir", options.motionDir);
+    }
 }
 
-std::unique_ptr<ClipRenderer> open_keypoint_renderer(const RenderOptions& options,
-                                                     std::unique_ptr<KeypointEngine> engine) {
+std::unique_ptr<ClipRenderer> openKeypointRenderer(const RenderOptions& options,
+                                                   std::unique_ptr<KeypointEngine> engine) {
     return std::make_unique<KeypointRenderer>(options, std::move(engine));
 }
 

@@ -15,7 +15,7 @@ constexpr int kMaxLag = 12;
 constexpr int kQuick = 4;          // frames in which speech would move the mouth
 constexpr int kSilenceMargin = 8;  // frames of silence on both sides that are not judged
 
-/** The sound, one value per video frame. */
+/// The sound, one value per video frame.
 struct Envelope {
     std::vector<float> level;  // RMS, smoothed over three frames
     std::vector<char> silent;  // there is sound and every sample of it is zero
@@ -26,14 +26,14 @@ struct Match {
     double correlation = -2.0;
 };
 
-Envelope make_envelope(const std::vector<float>& samples, size_t frames, int64_t first_sample) {
+Envelope makeEnvelope(const std::vector<float>& samples, size_t frames, int64_t firstSample) {
     std::vector<float> rms(frames);
     Envelope envelope;
     envelope.silent.assign(frames, 1);
     const auto count = static_cast<int64_t>(samples.size());
     for (size_t t = 0; t < frames; ++t) {
         double sum = 0;
-        const int64_t begin = first_sample + static_cast<int64_t>(t) * kSamplesPerFrame;
+        const int64_t begin = firstSample + static_cast<int64_t>(t) * kSamplesPerFrame;
         for (int64_t i = std::max<int64_t>(0, begin); i < std::min(count, begin + kSamplesPerFrame);
              ++i) {
             const double value = samples[static_cast<size_t>(i)];
@@ -61,8 +61,8 @@ double pearson(const float* a, const float* b, size_t n) {
     return va > 1e-12 && vb > 1e-12 ? (sab - sa * sb / count) / std::sqrt(va * vb) : 0.0;
 }
 
-/** The lag whose correlation is highest; positive: the picture comes after the sound. */
-Match best_match(const std::vector<float>& opening, const std::vector<float>& level) {
+/// The lag whose correlation is highest; positive: the picture comes after the sound.
+Match bestMatch(const std::vector<float>& opening, const std::vector<float>& level) {
     const int n = static_cast<int>(opening.size());
     Match best;
     for (int lag = -kMaxLag; lag <= kMaxLag; ++lag) {
@@ -90,7 +90,7 @@ struct Silence {
 
 // Speech moves the mouth within a few frames; a head that breathes and tilts changes the measured
 // height too, but slowly. The two are told apart by their speed.
-Silence judge_silence(const std::vector<float>& height, const std::vector<char>& silent) {
+Silence judgeSilence(const std::vector<float>& height, const std::vector<char>& silent) {
     Silence result;
     const auto change = [&](size_t from, size_t to) {
         const auto [low, high] = std::minmax_element(height.begin() + static_cast<long>(from),
@@ -108,50 +108,53 @@ Silence judge_silence(const std::vector<float>& height, const std::vector<char>&
             result.frames += static_cast<int>(to - from);
             result.drift = std::max(result.drift, change(from, to));
         }
-        for (size_t t = from; t < to; ++t)
+        for (size_t t = from; t < to; ++t) {
             result.movement = std::max(result.movement, change(t, std::min(to, t + kQuick + 1)));
+        }
         begin = end + 1;
     }
     return result;
 }
 
-/** Median width of the mouth while the sound is at least a quarter of its loudest. */
-float width_in_speech(const MouthSeries& mouth, const Envelope& envelope) {
+/// Median width of the mouth while the sound is at least a quarter of its loudest.
+float widthInSpeech(const MouthSeries& mouth, const Envelope& envelope) {
     const float loudest = *std::max_element(envelope.level.begin(), envelope.level.end());
     std::vector<float> widths;
-    for (size_t t = 0; t < mouth.width.size(); ++t)
+    for (size_t t = 0; t < mouth.width.size(); ++t) {
         if (loudest > 0 && envelope.level[t] >= 0.25f * loudest) widths.push_back(mouth.width[t]);
+    }
     return quantile(widths, 0.5);
 }
 
 }  // namespace
 
-LipSync measure_lip_sync(const std::string& video, const std::string& audio, int shift_frames,
-                         const std::optional<Region>& region) {
+LipSync measureLipSync(const std::string& video, const std::string& audio, int shiftFrames,
+                       const std::optional<Region>& region) {
     LipSync result;
-    result.region = region ? *region : find_mouth(video);
-    const MouthSeries mouth = measure_mouth(video, result.region);
-    if (mouth.height.size() < 4 * kMaxLag)
+    result.region = region ? *region : findMouth(video);
+    const MouthSeries mouth = measureMouth(video, result.region);
+    if (mouth.height.size() < 4 * kMaxLag) {
         fail("'{}' has only {} frames; give a video of two seconds or more", video,
              mouth.height.size());
-    const bool own_sound = audio.empty();
-    const Speech speech = read_speech(own_sound ? video : audio, own_sound ? "VIDEO" : "--audio");
+    }
+    const bool ownSound = audio.empty();
+    const Speech speech = readSpeech(ownSound ? video : audio, ownSound ? "VIDEO" : "--audio");
     // A sound file starts with the picture; the video's own sound starts at its own time.
-    const double offset = own_sound ? mouth.start_seconds - speech.start_seconds : 0.0;
-    const int64_t first_sample =
-        std::llround(offset * 16000) + int64_t{shift_frames} * kSamplesPerFrame;
-    const Envelope envelope = make_envelope(speech.samples, mouth.height.size(), first_sample);
-    const Match match = best_match(mouth.height, envelope.level);
-    const Silence silence = judge_silence(mouth.height, envelope.silent);
+    const double offset = ownSound ? mouth.startSeconds - speech.startSeconds : 0.0;
+    const int64_t firstSample =
+        std::llround(offset * 16000) + int64_t{shiftFrames} * kSamplesPerFrame;
+    const Envelope envelope = makeEnvelope(speech.samples, mouth.height.size(), firstSample);
+    const Match match = bestMatch(mouth.height, envelope.level);
+    const Silence silence = judgeSilence(mouth.height, envelope.silent);
     result.frames = mouth.height.size();
     result.lag = match.lag;
     result.correlation = match.correlation;
     result.closed = quantile(mouth.height, 0.05);
     result.opening = quantile(mouth.height, 0.95) - result.closed;
-    result.width = width_in_speech(mouth, envelope);
-    result.silent_frames = silence.frames;
-    result.silent_movement = silence.movement;
-    result.silent_drift = silence.drift;
+    result.width = widthInSpeech(mouth, envelope);
+    result.silentFrames = silence.frames;
+    result.silentMovement = silence.movement;
+    result.silentDrift = silence.drift;
     return result;
 }
 

@@ -15,19 +15,17 @@ struct LipSync {
     double correlation = 0;
     float closed = 0, opening = 0;  // height of the closed mouth, range of the opening, pixels
     float width = 0;                // of the mouth in loud speech, pixels
-    int silent_frames = 0;          // judged
-    float silent_movement = 0;      // largest change within a few silent frames, pixels
-    float silent_drift = 0;         // largest change within one silent stretch, pixels
+    int silentFrames = 0;           // judged
+    float silentMovement = 0;       // largest change within a few silent frames, pixels
+    float silentDrift = 0;          // largest change within one silent stretch, pixels
     Region region;
 };
 
-/**
- * audio         the sound to compare with; "" for the video's own.
- * shift_frames  advance the sound by so many frames first: the lag reads as many more.
- * region        of the mouth; found when not given.
- * Fails when the video is shorter than two seconds or no mouth moves in it.
- */
-LipSync measure_lip_sync(const std::string& video, const std::string& audio, int shift_frames,
-                         const std::optional<Region>& region);
+/// audio         the sound to compare with; "" for the video's own.
+/// shiftFrames  advance the sound by so many frames first: the lag reads as many more.
+/// region        of the mouth; found when not given.
+/// Fails when the video is shorter than two seconds or no mouth moves in it.
+LipSync measureLipSync(const std::string& video, const std::string& audio, int shiftFrames,
+                       const std::optional<Region>& region);
 
 }  // namespace zorv::tools

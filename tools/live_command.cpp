@@ -29,57 +29,63 @@ namespace {
 constexpr int kSoundRate = 16000;
 constexpr int kSpareSeconds = 20;  // of frames beyond the sound's: idling, latency, late frames
 
-void check_encoder(const LiveOptions& options) {
-    const bool expression = is_expression_dir(options.motion_dir);
+void checkEncoder(const LiveOptions& options) {
+    const bool expression = isExpressionDir(options.motionDir);
     std::error_code error;
     if (!options.encoder.empty()) {
-        if (!expression)
+        if (!expression) {
             fail("--encoder is not for '{}', which holds its own models; leave it out",
-                 options.motion_dir);
-        if (!fs::is_regular_file(options.encoder, error))
+                 options.motionDir);
+        }
+        if (!fs::is_regular_file(options.encoder, error)) {
             fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
-        name_encoder(options.encoder);
+        }
+        nameEncoder(options.encoder);
     } else if (const char* set = std::getenv("W2V_ONNX"); expression && (!set || !*set)) {
-        fail("'{}' needs a speech encoder; name it with --encoder", options.motion_dir);
+        fail("'{}' needs a speech encoder; name it with --encoder", options.motionDir);
     }
 }
 
-void check_inputs(const LiveOptions& options) {
-    check_is_bundle(options.bundle);
+void checkInputs(const LiveOptions& options) {
+    checkIsBundle(options.bundle);
     std::error_code error;
-    if (!fs::is_directory(options.motion_dir, error))
-        fail("no directory '{}'; check the path given to --motion-dir", options.motion_dir);
-    check_encoder(options);
-    if (!options.output.empty() && !ends_with(options.output, ".mp4"))
+    if (!fs::is_directory(options.motionDir, error)) {
+        fail("no directory '{}'; check the path given to --motion-dir", options.motionDir);
+    }
+    checkEncoder(options);
+    if (!options.output.empty() && !endsWith(options.output, ".mp4")) {
         fail("cannot write '{}': -o takes a name that ends in .mp4", options.output);
-    check_is_not_sound(options.output, options.audio);
+    }
+    checkIsNotSound(options.output, options.audio);
 }
 
-std::vector<int16_t> as_pcm(const std::vector<float>& samples) {
+std::vector<int16_t> asPcm(const std::vector<float>& samples) {
     std::vector<int16_t> pcm;
     pcm.reserve(samples.size());
-    for (const float sample : samples)
+    for (const float sample : samples) {
         pcm.push_back(
             static_cast<int16_t>(std::clamp(std::lround(sample * 32768.0f), -32768L, 32767L)));
+    }
     return pcm;
 }
 
-Line line_of(const std::vector<int16_t>& sound, double interrupt_at) {
+Line lineOf(const std::vector<int16_t>& sound, double interruptAt) {
     const double seconds = static_cast<double>(sound.size()) / kSoundRate;
-    if (interrupt_at >= seconds)
+    if (interruptAt >= seconds) {
         fail("the sound lasts {:.1f} s and --interrupt-at {} comes after it; interrupt earlier",
-             seconds, interrupt_at);
+             seconds, interruptAt);
+    }
     Line line;
     line.samples = sound.size();
-    line.interrupt_s = interrupt_at;
+    line.interruptSeconds = interruptAt;
     return line;
 }
 
-/** What belongs to each tick's frame: a speech frame has its own sound, all others silence. */
+/// What belongs to each tick's frame: a speech frame has its own sound, all others silence.
 class SeenSound : public SoundSource {
   public:
-    SeenSound(const std::vector<int16_t>& sound, const SessionLog& log, size_t first_tick)
-        : sound_(sound), log_(log), next_(first_tick) {}
+    SeenSound(const std::vector<int16_t>& sound, const SessionLog& log, size_t firstTick)
+        : sound_(sound), log_(log), next_(firstTick) {}
 
     int rate() const override { return kSoundRate; }
     int channels() const override { return 1; }
@@ -88,11 +94,12 @@ class SeenSound : public SoundSource {
         const Tick& tick = log_.ticks[next_++];
         const size_t old = samples.size();
         samples.resize(old + kFrameSamples);
-        if (tick.speech_sequence < 0) return true;
-        const size_t begin = static_cast<size_t>(tick.speech_sequence) * kFrameSamples;
+        if (tick.speechSequence < 0) return true;
+        const size_t begin = static_cast<size_t>(tick.speechSequence) * kFrameSamples;
         const size_t end = std::min(begin + kFrameSamples, log_.lines[0].samples);
-        for (size_t i = begin; i < end; ++i)
+        for (size_t i = begin; i < end; ++i) {
             samples[old + i - begin] = static_cast<float>(sound_[i]) * (1.0f / 32768);
+        }
         return true;
     }
 
@@ -104,20 +111,21 @@ class SeenSound : public SoundSource {
 
 void encode(const std::string& path, const LiveEngine& engine, FrameTape& tape,
             const std::vector<int16_t>& sound, const SessionLog& log) {
-    const auto has_frame = [](const Tick& tick) { return tick.frame >= 0; };
-    const auto first = std::find_if(log.ticks.begin(), log.ticks.end(), has_frame);
+    const auto hasFrame = [](const Tick& tick) { return tick.frame >= 0; };
+    const auto first = std::find_if(log.ticks.begin(), log.ticks.end(), hasFrame);
     VideoWriter writer(
         path, engine.width(), engine.height(),
         std::make_unique<SeenSound>(sound, log, static_cast<size_t>(first - log.ticks.begin())), 0);
-    std::vector<uint8_t> rgba, rgb(engine.frame_bytes() / 4 * 3);
+    std::vector<uint8_t> rgba, rgb(engine.frameBytes() / 4 * 3);
     int64_t loaded = -1;
     Progress progress(static_cast<int>(log.ticks.end() - first));
     for (auto tick = first; tick != log.ticks.end(); ++tick) {
-        throw_if_interrupted();
+        throwIfInterrupted();
         if (tick->frame != loaded) {
             tape.read(tick->frame, rgba);
-            for (size_t i = 0; i < rgb.size() / 3; ++i)
+            for (size_t i = 0; i < rgb.size() / 3; ++i) {
                 std::copy_n(rgba.data() + 4 * i, 3, rgb.data() + 3 * i);
+            }
             loaded = tick->frame;
         }
         writer.write(rgb.data());
@@ -126,10 +134,10 @@ void encode(const std::string& path, const LiveEngine& engine, FrameTape& tape,
     writer.finish();
 }
 
-/** Short clips and faces that hardly move cannot be measured. */
-void measure_sync(LiveReport& report, const std::string& video) {
+/// Short clips and faces that hardly move cannot be measured.
+void measureSync(LiveReport& report, const std::string& video) {
     try {
-        report.sync = measure_lip_sync(video, "", 0, std::nullopt);
+        report.sync = measureLipSync(video, "", 0, std::nullopt);
         report.synced = true;
     } catch (const Interrupted&) {
         throw;
@@ -140,35 +148,37 @@ void measure_sync(LiveReport& report, const std::string& video) {
 }  // namespace
 
 void live(const LiveOptions& options) {
-    check_inputs(options);
-    const std::vector<int16_t> sound = as_pcm(read_speech(options.audio, "--audio").samples);
-    const Line line = line_of(sound, options.interrupt_at);
+    checkInputs(options);
+    const std::vector<int16_t> sound = asPcm(readSpeech(options.audio, "--audio").samples);
+    const Line line = lineOf(sound, options.interruptAt);
     std::optional<OutputGuard> output;
     if (!options.output.empty()) output.emplace(options.output, OutputGuard::Kind::kFile);
 
     TelemetryFile telemetry(options.telemetry);
 
-    const LiveSetup setup = {options.bundle, options.motion_dir, model_threads(options.threads),
+    const LiveSetup setup = {options.bundle, options.motionDir, modelThreads(options.threads),
                              options.eager, ""};
     const LiveEngine engine(setup);
     std::optional<FrameTape> tape;
-    if (output)
-        tape.emplace(options.output, engine.frame_bytes(),
+    if (output) {
+        tape.emplace(options.output, engine.frameBytes(),
                      static_cast<int64_t>(sound.size() / kFrameSamples) + 25 * kSpareSeconds);
+    }
     const SessionLog log = play(engine, sound, {line}, tape ? &*tape : nullptr);
     telemetry.save();
     LiveReport report =
-        make_report(engine.ready_seconds(), log, pieces_before_first_frame(setup, sound));
+        makeReport(engine.readySeconds(), log, piecesBeforeFirstFrame(setup, sound));
     if (output && log.failures == 0) {
         tape->finish();
         encode(output->path(), engine, *tape, sound, log);
-        measure_sync(report, output->path());
+        measureSync(report, output->path());
         output->commit();
         report.output = options.output;
     }
-    fmt::print("{}", options.json ? live_report_json(report) : live_report_text(report));
-    if (log.failures > 0)
+    fmt::print("{}", options.json ? liveReportJson(report) : liveReportText(report));
+    if (log.failures > 0) {
         fail("speaking failed: {}; check the subject's and the models' files", log.failure);
+    }
 }
 
 }  // namespace zorv::tools

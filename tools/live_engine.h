@@ -10,7 +10,7 @@
 namespace zorv::tools {
 
 struct LiveSetup {
-    std::string bundle, motion_dir;
+    std::string bundle, motionDir;
     int threads = 1;
     int eager = 0;       // as zorv_utt_opts has it
     std::string steady;  // the same; "": the default
@@ -18,16 +18,16 @@ struct LiveSetup {
 
 class LiveEngine {
   public:
-    /** Returns when the engine can speak; fails when it cannot. */
+    /// Returns when the engine can speak; fails when it cannot.
     explicit LiveEngine(const LiveSetup& setup);
 
     zorv_utt* utt() const { return utt_.get(); }
-    int target_frames() const { return zorv_nt(ctx_.get()); }
+    int targetFrames() const { return zorv_nt(ctx_.get()); }
     int width() const { return zorv_width(ctx_.get()); }
     int height() const { return zorv_height(ctx_.get()); }
-    size_t frame_bytes() const;  // R G B 255
-    /** From the first call until the engine was ready. */
-    double ready_seconds() const { return ready_seconds_; }
+    size_t frameBytes() const;  // R G B 255
+    /// From the first call until the engine was ready.
+    double readySeconds() const { return readySeconds_; }
 
   private:
     struct Destroy {
@@ -36,7 +36,7 @@ class LiveEngine {
     };
     std::unique_ptr<zorv_ctx, Destroy> ctx_;
     std::unique_ptr<zorv_utt, Destroy> utt_;  // goes before its context
-    double ready_seconds_ = 0;
+    double readySeconds_ = 0;
 };
 
 }  // namespace zorv::tools

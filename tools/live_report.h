@@ -10,42 +10,42 @@
 
 namespace zorv::tools {
 
-/** Times of the first speech frame of a line, in milliseconds since its first pushed sample. */
+/// Times of the first speech frame of a line, in milliseconds since its first pushed sample.
 struct FirstFrame {
-    double look_ahead = kNotMeasured;  // the sound that the source needs had been pushed
-    double finished = kNotMeasured;    // the frame could be pulled
-    double pulled = kNotMeasured;      // the viewer had it
-    double computing() const { return finished - look_ahead; }
+    double lookAhead = kNotMeasured;  // the sound that the source needs had been pushed
+    double finished = kNotMeasured;   // the frame could be pulled
+    double pulled = kNotMeasured;     // the viewer had it
+    double computing() const { return finished - lookAhead; }
 };
 
 struct LiveReport {
     std::string output;  // "" when none is kept
-    double ready_seconds = 0;
-    std::vector<FirstFrame> first_frames;   // of the lines that had one
-    std::vector<double> interrupt_ms;       // from interrupts to a frame that can be pulled
-    int speech_after_interrupt = 0;         // frames of a line pulled after its end
-    double speech_begins = kNotMeasured;    // in the video, seconds
-    double jitter_p50 = 0, jitter_p99 = 0;  // from the schedule to the frame in hand, ms
+    double readySeconds = 0;
+    std::vector<FirstFrame> firstFrames;  // of the lines that had one
+    std::vector<double> interruptMs;      // from interrupts to a frame that can be pulled
+    int speechAfterInterrupt = 0;         // frames of a line pulled after its end
+    double speechBegins = kNotMeasured;   // in the video, seconds
+    double jitterP50 = 0, jitterP99 = 0;  // from the schedule to the frame in hand, ms
     int idle = 0, speech = 0, ramp = 0, late = 0;
-    int late_after_first_second = 0;  // of a line, late_at_interrupt among them
-    int late_at_interrupt = 0;        // in the tenth of a second after one
-    int64_t due_speech = 0;           // frames of the lines that were said to their end
-    int64_t shown_speech = 0;         // of the same lines
-    double render_ms = 0;             // per speech frame
-    double video_seconds = 0, cpu_seconds = 0;
+    int lateAfterFirstSecond = 0;  // of a line, lateAtInterrupt among them
+    int lateAtInterrupt = 0;       // in the tenth of a second after one
+    int64_t dueSpeech = 0;         // frames of the lines that were said to their end
+    int64_t shownSpeech = 0;       // of the same lines
+    double renderMs = 0;           // per speech frame
+    double videoSeconds = 0, cpuSeconds = 0;
     uint64_t failures = 0;
     std::string failure;
     bool synced = false;  // `sync` was measured
     LipSync sync;
 };
 
-/** look_ahead_pieces: see pieces_before_first_frame; 0 when it was not measured. */
-LiveReport make_report(double ready_seconds, const SessionLog& log, size_t look_ahead_pieces);
+/// lookAheadPieces: see piecesBeforeFirstFrame; 0 when it was not measured.
+LiveReport makeReport(double readySeconds, const SessionLog& log, size_t lookAheadPieces);
 
-/** The value of which `share` of all are below; kNotMeasured of none. */
+/// The value of which `share` of all are below; kNotMeasured of none.
 double quantile(std::vector<double> values, double share);
 
-std::string live_report_text(const LiveReport& report);
-std::string live_report_json(const LiveReport& report);
+std::string liveReportText(const LiveReport& report);
+std::string liveReportJson(const LiveReport& report);
 
 }  // namespace zorv::tools

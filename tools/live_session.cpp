@@ -21,11 +21,11 @@ constexpr std::chrono::microseconds kFinePoll{100};
 constexpr auto kPatience = std::chrono::seconds(60);  // without any progress
 constexpr int kIdleAtEnd = 25;                        // frames
 
-/** What the two threads share. */
+/// What the two threads share.
 struct Stage {
-    Stage(const LiveEngine& live, size_t lines) : engine(live), first_finished_ms(lines) {}
+    Stage(const LiveEngine& live, size_t lines) : engine(live), firstFinishedMs(lines) {}
 
-    double now_ms() const {
+    double nowMs() const {
         return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     }
     zorv_utt_stats stats() const {
@@ -34,9 +34,9 @@ struct Stage {
         return all;
     }
     uint64_t failures() const { return zorv_utt_failure(engine.utt(), nullptr, 0); }
-    /** Both threads call it all the time: one that fails ends the other. */
+    /// Both threads call it all the time: one that fails ends the other.
     void check() const {
-        throw_if_interrupted();
+        throwIfInterrupted();
         if (broken) throw Failure("the other thread stopped");
     }
 
@@ -45,22 +45,22 @@ struct Stage {
     std::atomic<int> line{-1};  // spoken last
     std::atomic<bool> said{false};
     std::atomic<bool> broken{false};
-    std::vector<double> first_finished_ms;  // the viewer's, per line; 0 for none
+    std::vector<double> firstFinishedMs;  // the viewer's, per line; 0 for none
 };
 
-/** The voice agent: pushes what a microphone or a synthesiser would hand it, when it would. */
+/// The voice agent: pushes what a microphone or a synthesiser would hand it, when it would.
 class Speaker {
   public:
     Speaker(Stage& stage, const std::vector<int16_t>& sound) : stage_(stage), sound_(sound) {}
 
     std::vector<LineLog> run(const std::vector<Line>& lines) {
         std::vector<LineLog> logs;
-        sleep_until(stage_.start + kLeadIn);
+        sleepUntil(stage_.start + kLeadIn);
         for (const Line& line : lines) {
             logs.push_back(say(line));
             const bool last = &line == &lines.back(), interrupted = logs.back().interrupted;
-            if (last || !interrupted) wait_for_rest(interrupted);
-            if (!last) sleep_until(Clock::now() + seconds(line.pause_s));
+            if (last || !interrupted) waitForRest(interrupted);
+            if (!last) sleepUntil(Clock::now() + seconds(line.pauseSeconds));
         }
         stage_.said = true;
         return logs;
@@ -71,31 +71,33 @@ class Speaker {
         return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(value));
     }
 
-    void sleep_until(Clock::time_point time) const {
-        for (stage_.check(); Clock::now() < time; stage_.check())
+    void sleepUntil(Clock::time_point time) const {
+        for (stage_.check(); Clock::now() < time; stage_.check()) {
             std::this_thread::sleep_until(std::min(time, Clock::now() + milliseconds(100)));
+        }
     }
 
     LineLog say(const Line& line) {
         started_ = stage_.stats().utterances_started;
         failures_ = stage_.failures();
         LineLog log;
-        log.pushed_ms.reserve(line.samples / kPieceSamples + 1);
+        log.pushedMs.reserve(line.samples / kPieceSamples + 1);
         ++stage_.line;
         const Clock::time_point begin = Clock::now();
-        log.begin_ms = stage_.now_ms();
-        const Clock::time_point end =
-            line.interrupt_s < 0 ? Clock::time_point::max() : begin + seconds(line.interrupt_s);
+        log.beginMs = stage_.nowMs();
+        const Clock::time_point end = line.interruptSeconds < 0
+                                          ? Clock::time_point::max()
+                                          : begin + seconds(line.interruptSeconds);
         for (size_t piece = 0; log.samples < line.samples; ++piece) {
-            const Clock::time_point due = begin + (line.at_once ? 0 : piece) * kPieceTime;
+            const Clock::time_point due = begin + (line.atOnce ? 0 : piece) * kPieceTime;
             if (due >= end) break;
-            sleep_until(due);
+            sleepUntil(due);
             push(line, log);
         }
-        if (line.interrupt_s < 0) {
+        if (line.interruptSeconds < 0) {
             zorv_utt_end_utterance(stage_.engine.utt());
         } else {
-            sleep_until(end);
+            sleepUntil(end);
             interrupt(log);
         }
         return log;
@@ -104,31 +106,32 @@ class Speaker {
     void push(const Line& line, LineLog& log) const {
         const size_t count = std::min<size_t>(kPieceSamples, line.samples - log.samples);
         const int16_t* from = sound_.data() + line.begin + log.samples;
-        if (!zorv_utt_push_audio(stage_.engine.utt(), from, static_cast<int>(count)))
+        if (!zorv_utt_push_audio(stage_.engine.utt(), from, static_cast<int>(count))) {
             fail("the engine took no more sound: {}; use a shorter clip", zorv_utt_last_error());
+        }
         log.samples += count;
-        log.pushed_ms.push_back(static_cast<float>(stage_.now_ms() - log.begin_ms));
+        log.pushedMs.push_back(static_cast<float>(stage_.nowMs() - log.beginMs));
     }
 
-    /** No frame of the line can be pulled once the call has returned: the next one there is shows
-     *  a ramp or an idle frame. It may be pulled between two looks, so pulls count too. */
+    /// No frame of the line can be pulled once the call has returned: the next one there is shows
+    ///  a ramp or an idle frame. It may be pulled between two looks, so pulls count too.
     void interrupt(LineLog& log) const {
-        const double asked = stage_.now_ms();
+        const double asked = stage_.nowMs();
         zorv_utt_interrupt(stage_.engine.utt());
         log.interrupted = true;
-        log.interrupted_ms = stage_.now_ms();
+        log.interruptedMs = stage_.nowMs();
         const uint64_t pulled = stage_.stats().frames_pulled;
         while (zorv_utt_frames_available(stage_.engine.utt()) == 0 &&
                stage_.stats().frames_pulled == pulled) {
             stage_.check();
             std::this_thread::sleep_for(kFinePoll);
         }
-        log.interrupt_to_frame_ms = stage_.now_ms() - asked;
+        log.interruptToFrameMs = stage_.nowMs() - asked;
     }
 
-    /** Until the line that was said to its end has been shown or given up, or the interrupted one
-     *  has been left. */
-    void wait_for_rest(bool interrupted) const {
+    /// Until the line that was said to its end has been shown or given up, or the interrupted one
+    ///  has been left.
+    void waitForRest(bool interrupted) const {
         Clock::time_point patience = Clock::now() + kPatience;
         zorv_utt_stats last = {};
         for (;;) {
@@ -136,12 +139,14 @@ class Speaker {
             const bool heard =
                 interrupted || now.utterances_started > started_ || stage_.failures() > failures_;
             if (heard && now.state == 0) return;
-            if (now.state != last.state || now.speech_frames_pulled != last.speech_frames_pulled)
+            if (now.state != last.state || now.speech_frames_pulled != last.speech_frames_pulled) {
                 patience = Clock::now() + kPatience;
-            if (Clock::now() > patience)
+            }
+            if (Clock::now() > patience) {
                 fail("the engine has stopped speaking (state {}); close other programs", now.state);
+            }
             last = now;
-            sleep_until(Clock::now() + milliseconds(10));
+            sleepUntil(Clock::now() + milliseconds(10));
         }
     }
 
@@ -150,11 +155,11 @@ class Speaker {
     uint64_t started_ = 0, failures_ = 0;  // before the line
 };
 
-/** Pulls on an absolute schedule, whatever happens in between. */
+/// Pulls on an absolute schedule, whatever happens in between.
 class Viewer {
   public:
     Viewer(Stage& stage, FrameTape* tape)
-        : stage_(stage), tape_(tape), frame_(stage.engine.frame_bytes()) {}
+        : stage_(stage), tape_(tape), frame_(stage.engine.frameBytes()) {}
 
     std::vector<Tick> run() {
         std::vector<Tick> ticks;
@@ -175,21 +180,22 @@ class Viewer {
   private:
     Tick pull(Clock::time_point due) {
         Tick tick;
-        tick.begin_ms = stage_.now_ms();
+        tick.beginMs = stage_.nowMs();
         // Before the pull: a frame of an old line may be in hand when the next line begins.
         tick.line = stage_.line;
         zorv_utt_frame_info info;
         const int got =
             zorv_utt_pull_frame(stage_.engine.utt(), frame_.data(), frame_.size(), &info);
-        tick.pull_ms = static_cast<float>(stage_.now_ms() - tick.begin_ms);
-        tick.delay_ms = std::chrono::duration<float, std::milli>(Clock::now() - due).count();
+        tick.pullMs = static_cast<float>(stage_.nowMs() - tick.beginMs);
+        tick.delayMs = std::chrono::duration<float, std::milli>(Clock::now() - due).count();
         if (got) {
             tick.kind = static_cast<int8_t>(info.kind);
-            tick.speech_sequence = info.speech_sequence;
+            tick.speechSequence = info.speech_sequence;
             ++frames_;
-            if (info.speech_sequence == 0 && tick.line >= 0)
-                stage_.first_finished_ms[static_cast<size_t>(tick.line)] =
+            if (info.speech_sequence == 0 && tick.line >= 0) {
+                stage_.firstFinishedMs[static_cast<size_t>(tick.line)] =
                     stage_.stats().first_frame_latency_ms;
+            }
             if (tape_) tape_->add(frame_);
         }
         tick.frame = frames_ - 1;
@@ -207,7 +213,7 @@ class Viewer {
 SessionLog play(const LiveEngine& engine, const std::vector<int16_t>& sound,
                 const std::vector<Line>& lines, FrameTape* tape) {
     SessionLog log;
-    const double cpu = cpu_seconds();
+    const double cpu = cpuSeconds();
     Stage stage(engine, lines.size());
     // The first failure is the one to tell; the other thread's only follows from it.
     const auto guard = [&stage](auto work) {
@@ -227,10 +233,12 @@ SessionLog play(const LiveEngine& engine, const std::vector<int16_t>& sound,
     speaker.wait();
     log.ticks = viewer.get();
     log.lines = speaker.get();
-    log.cpu_seconds = cpu_seconds() - cpu;
-    for (size_t i = 0; i < log.lines.size(); ++i)
-        if (stage.first_finished_ms[i] > 0)
-            log.lines[i].first_finished_ms = stage.first_finished_ms[i];
+    log.cpuSeconds = cpuSeconds() - cpu;
+    for (size_t i = 0; i < log.lines.size(); ++i) {
+        if (stage.firstFinishedMs[i] > 0) {
+            log.lines[i].firstFinishedMs = stage.firstFinishedMs[i];
+        }
+    }
     log.stats = stage.stats();
     char text[1024];
     log.failures = zorv_utt_failure(engine.utt(), text, sizeof text);

@@ -13,8 +13,8 @@
 namespace zorv::tools {
 namespace {
 
-/** What the engine makes of its option. */
-int source_eager(int option) {
+/// What the engine makes of its option.
+int sourceEager(int option) {
     constexpr int kAdaptive = -1, kHybrid = -2, kHybridSteps = 3;
     if (option >= 1) return option;
     const char* hybrid = std::getenv("ZORV_UTT_HYBRID");
@@ -24,18 +24,20 @@ int source_eager(int option) {
 
 template <class Family>
 size_t feed(typename Family::Handle* handle, const std::vector<int16_t>& sound, int eager) {
-    if (!handle)
-        fail("cannot open the motion source again: {}; run it again", Family::last_error());
+    if (!handle) {
+        fail("cannot open the motion source again: {}; run it again", Family::lastError());
+    }
     const std::unique_ptr<typename Family::Handle, decltype(Family::destroy)> owner(
         handle, Family::destroy);
-    Family::set_eager(handle, eager);
+    Family::setEager(handle, eager);
     Family::reset(handle, 0, 1, 1);
     size_t pieces = 0;
     for (size_t at = 0; at < sound.size(); at += kPieceSamples) {
         float piece[kPieceSamples];
         const size_t count = std::min<size_t>(kPieceSamples, sound.size() - at);
-        for (size_t i = 0; i < count; ++i)
+        for (size_t i = 0; i < count; ++i) {
             piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
+        }
         ++pieces;
         if (!Family::push(handle, piece, static_cast<int>(count))) break;
         if (Family::avail(handle) > 0) break;
@@ -45,15 +47,15 @@ size_t feed(typename Family::Handle* handle, const std::vector<int16_t>& sound, 
 
 }  // namespace
 
-bool is_expression_dir(const std::string& motion_dir) {
+bool isExpressionDir(const std::string& motionDir) {
     std::error_code error;
-    return std::filesystem::exists(motion_dir + "/a2x_enc_stream.onnx", error);
+    return std::filesystem::exists(motionDir + "/a2x_enc_stream.onnx", error);
 }
 
-size_t pieces_before_first_frame(const LiveSetup& setup, const std::vector<int16_t>& sound) {
-    const char* dir = setup.motion_dir.c_str();
-    const int eager = source_eager(setup.eager);
-    return is_expression_dir(setup.motion_dir)
+size_t piecesBeforeFirstFrame(const LiveSetup& setup, const std::vector<int16_t>& sound) {
+    const char* dir = setup.motionDir.c_str();
+    const int eager = sourceEager(setup.eager);
+    return isExpressionDir(setup.motionDir)
                ? feed<Expression>(zorv_a2x_create(dir, setup.threads), sound, eager)
                : feed<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound, eager);
 }

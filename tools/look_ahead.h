@@ -9,13 +9,11 @@
 
 namespace zorv::tools {
 
-/**
- * Hands the sound in pieces of 20 ms to a source of its own, opened as the engine opens it, and
- * returns how many it took until a frame was there; all, if the source needs the sound's end.
- */
-size_t pieces_before_first_frame(const LiveSetup& setup, const std::vector<int16_t>& sound);
+/// Hands the sound in pieces of 20 ms to a source of its own, opened as the engine opens it, and
+/// returns how many it took until a frame was there; all, if the source needs the sound's end.
+size_t piecesBeforeFirstFrame(const LiveSetup& setup, const std::vector<int16_t>& sound);
 
-/** Whether the directory is the expression engine's. */
-bool is_expression_dir(const std::string& motion_dir);
+/// Whether the directory is the expression engine's.
+bool isExpressionDir(const std::string& motionDir);
 
 }  // namespace zorv::tools

@@ -17,7 +17,7 @@
 namespace zorv::tools {
 namespace {
 
-/** What the library knows of the machine, out of a batch of telemetry. */
+/// What the library knows of the machine, out of a batch of telemetry.
 nlohmann::json device() {
     const int before = zorv_telemetry_enabled();
     zorv_telemetry_enable(1);
@@ -31,24 +31,26 @@ nlohmann::json device() {
     return nlohmann::json::parse(batch).at("device");
 }
 
-std::string whole_text(const char* path) {
+std::string wholeText(const char* path) {
     std::ifstream file(path);
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
 }
 
-uint64_t available_memory() {
+uint64_t availableMemory() {
     std::ifstream file("/proc/meminfo");
-    for (std::string line; std::getline(file, line);)
-        if (line.rfind("MemAvailable:", 0) == 0)
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind("MemAvailable:", 0) == 0) {
             return std::strtoull(line.c_str() + 13, nullptr, 10) * 1024;
+        }
+    }
     return 0;
 }
 
-RuntimeFacts runtime_facts() {
+RuntimeFacts runtimeFacts() {
     RuntimeFacts facts;
-    facts.built_against = ORT_API_VERSION;
+    facts.builtAgainst = ORT_API_VERSION;
     const OrtApiBase* base = OrtGetApiBase();
     if (!base) return facts;
     facts.version = base->GetVersionString();
@@ -66,46 +68,48 @@ RuntimeFacts runtime_facts() {
 }  // namespace
 
 bool RuntimeFacts::matches() const {
-    return usable && version.rfind("1." + std::to_string(built_against) + ".", 0) == 0;
+    return usable && version.rfind("1." + std::to_string(builtAgainst) + ".", 0) == 0;
 }
 
-double MachineFacts::usable_cores() const {
-    const double allowed = allowed_cores;
-    return core_quota ? std::min(allowed, *core_quota) : allowed;
+double MachineFacts::usableCores() const {
+    const double allowed = allowedCores;
+    return coreQuota ? std::min(allowed, *coreQuota) : allowed;
 }
 
-std::string MachineFacts::best_level() const {
-    for (const char* level : {"avx512", "avx2"})
-        if (std::find(instruction_sets.begin(), instruction_sets.end(), level) !=
-            instruction_sets.end())
+std::string MachineFacts::bestLevel() const {
+    for (const char* level : {"avx512", "avx2"}) {
+        if (std::find(instructionSets.begin(), instructionSets.end(), level) !=
+            instructionSets.end()) {
             return level;
+        }
+    }
     return "portable";
 }
 
-MachineFacts machine_facts() {
+MachineFacts machineFacts() {
     const nlohmann::json known = device();
-    const CgroupLimits limits =
-        read_cgroup_limits(whole_text("/proc/self/cgroup"), "/sys/fs/cgroup");
+    const CgroupLimits limits = readCgroupLimits(wholeText("/proc/self/cgroup"), "/sys/fs/cgroup");
     MachineFacts facts;
     facts.processor = known.at("processor");
-    facts.instruction_sets = known.at("instruction_sets");
+    facts.instructionSets = known.at("instruction_sets");
     for (const char* kernel : {"compositor", "grid_sampler", "int8_convolution", "speech_spectrum",
-                               "half_conversion", "pixel_packing"})
+                               "half_conversion", "pixel_packing"}) {
         facts.kernels.emplace_back(kernel, zorv_kernel_path(kernel));
-    facts.allowed_cores = known.at("cores");
-    facts.core_quota = limits.cores;
-    facts.memory_bytes = known.at("memory_bytes");
-    facts.available_bytes = available_memory();
-    if (limits.memory_bytes) {
-        facts.memory_bytes = std::min(facts.memory_bytes, *limits.memory_bytes);
-        facts.available_bytes = std::min(facts.available_bytes, *limits.memory_bytes);
     }
-    if (getloadavg(&facts.load_average, 1) != 1) facts.load_average = 0;
-    facts.library_version = known.at("library_version");
+    facts.allowedCores = known.at("cores");
+    facts.coreQuota = limits.cores;
+    facts.memoryBytes = known.at("memory_bytes");
+    facts.availableBytes = availableMemory();
+    if (limits.memoryBytes) {
+        facts.memoryBytes = std::min(facts.memoryBytes, *limits.memoryBytes);
+        facts.availableBytes = std::min(facts.availableBytes, *limits.memoryBytes);
+    }
+    if (getloadavg(&facts.loadAverage, 1) != 1) facts.loadAverage = 0;
+    facts.libraryVersion = known.at("library_version");
 #ifdef __OPTIMIZE__
     facts.optimised = true;
 #endif
-    facts.runtime = runtime_facts();
+    facts.runtime = runtimeFacts();
     return facts;
 }
 

@@ -16,22 +16,22 @@
 namespace zorv::tools {
 namespace {
 
-void add_render(CLI::App& app, RenderOptions& options) {
+void addRender(CLI::App& app, RenderOptions& options) {
     CLI::App* command = app.add_subcommand("render", "Turn speech into a talking-face video");
     command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
     command->add_option("--audio", options.audio, "Speech: any file with sound")->required();
     command->add_option("--engine", options.engine, "What turns speech into motion")
         ->capture_default_str()
-        ->check(CLI::IsMember(engine_names()));
+        ->check(CLI::IsMember(engineNames()));
     command->add_option("--encoder", options.encoder, "Speech encoder (.onnx), for fca and a2x");
-    command->add_option("--motion-dir", options.motion_dir,
+    command->add_option("--motion-dir", options.motionDir,
                         "Directory of models, for motion and a2x");
     command->add_option("-o,--output", options.output, "OUT.mp4, or a directory for PNG frames")
         ->required();
     command->add_option("--sheet", options.sheet, "Also write a contact sheet (.png)");
     command->add_option("--telemetry", options.telemetry,
                         "Also write what the library counted (.json)");
-    command->add_option("--skip-frames", options.skip_frames, "Leave out the first N frames")
+    command->add_option("--skip-frames", options.skipFrames, "Leave out the first N frames")
         ->check(CLI::Range(0, 1 << 24));
     command->add_option("--gain", options.gain, "Strength of the motion")
         ->capture_default_str()
@@ -41,20 +41,20 @@ void add_render(CLI::App& app, RenderOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
-void add_sync(CLI::App& app, SyncOptions& options) {
+void addSync(CLI::App& app, SyncOptions& options) {
     CLI::App* command = app.add_subcommand(
         "sync", "Measure how well the mouth of a rendered video follows the sound");
     command->add_option("VIDEO", options.video, "A video with one talking face")->required();
     command->add_option("--audio", options.audio, "Sound to compare with (default: the video's)");
     command
-        ->add_option("--shift-frames", options.shift_frames,
+        ->add_option("--shift-frames", options.shiftFrames,
                      "Advance the sound by N frames first: the lag reads N more")
         ->check(CLI::Range(-1000, 1000));
     command->add_option("--region", options.region, "Mouth region x,y,w,h (default: found)");
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
-void add_inspect(CLI::App& app, InspectOptions& options) {
+void addInspect(CLI::App& app, InspectOptions& options) {
     CLI::App* command =
         app.add_subcommand("inspect", "Check every file of a bundle and show what it holds");
     command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
@@ -63,16 +63,16 @@ void add_inspect(CLI::App& app, InspectOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
-void add_live(CLI::App& app, LiveOptions& options) {
+void addLive(CLI::App& app, LiveOptions& options) {
     CLI::App* command = app.add_subcommand(
         "live", "Speak a file in real time, as a voice agent would, and measure what a viewer saw");
     command->add_option("BUNDLE", options.bundle, "The subject's directory")->required();
-    command->add_option("--motion-dir", options.motion_dir, "Directory of models")->required();
+    command->add_option("--motion-dir", options.motionDir, "Directory of models")->required();
     command->add_option("--audio", options.audio, "Speech: any file with sound")->required();
     command->add_option("--encoder", options.encoder,
                         "Speech encoder (.onnx) of an expression directory (default: $W2V_ONNX)");
     command
-        ->add_option("--interrupt-at", options.interrupt_at,
+        ->add_option("--interrupt-at", options.interruptAt,
                      "Interrupt the speech after so many seconds")
         ->check(CLI::Range(0.0, 1e6));
     command->add_option("-o,--output", options.output, "Keep what was seen: OUT.mp4");
@@ -87,68 +87,69 @@ void add_live(CLI::App& app, LiveOptions& options) {
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
-void add_doctor(CLI::App& app, DoctorOptions& options) {
+void addDoctor(CLI::App& app, DoctorOptions& options) {
     CLI::App* command = app.add_subcommand(
         "doctor", "Say whether this machine runs the library well, and how many live sessions");
     command->add_option("--subject", options.subject,
                         "Folder of the demo subject (default: build/demo of the checkout)");
     command->add_option("--bundle", options.bundle, "Measure with this subject's directory");
-    command->add_option("--motion-dir", options.motion_dir, "Directory of models for it");
+    command->add_option("--motion-dir", options.motionDir, "Directory of models for it");
     command->add_option("--encoder", options.encoder, "Speech encoder (.onnx) for it");
     command->add_option("--threads", options.threads, "Model threads of each session")
         ->capture_default_str()
         ->check(CLI::Range(1, 1024));
-    command->add_option("--speech", options.speech_seconds, "Seconds that each session speaks")
+    command->add_option("--speech", options.speechSeconds, "Seconds that each session speaks")
         ->capture_default_str()
         ->check(CLI::Range(1, 60));
-    command->add_option("--most", options.most_sessions, "Run so many sessions at a time at most")
+    command->add_option("--most", options.mostSessions, "Run so many sessions at a time at most")
         ->capture_default_str()
         ->check(CLI::Range(1, 256));
     command->add_flag("--json", options.json, "Report as JSON on standard output");
 }
 
 // Reasons that come from other libraries may hold line breaks.
-void report_failure(std::string text) {
+void reportFailure(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
-    Progress::clear_line();
+    Progress::clearLine();
     fmt::print(stderr, "zorv: {}\n", text);
 }
 
-/** failure_code: what the program ends with when the subcommand throws. */
-int run(int argc, char** argv, int& failure_code) {
+/// failureCode: what the program ends with when the subcommand throws.
+int run(int argc, char** argv, int& failureCode) {
     CLI::App app("Talking-face video of a prepared subject");
     app.require_subcommand(1);
     app.set_version_flag("--version",
                          fmt::format("zorv {}.{}.{}", zorv_version() / 10000,
                                      zorv_version() / 100 % 100, zorv_version() % 100));
-    RenderOptions render_options;
-    SyncOptions sync_options;
-    InspectOptions inspect_options;
-    LiveOptions live_options;
-    DoctorOptions doctor_options;
-    add_render(app, render_options);
-    add_sync(app, sync_options);
-    add_inspect(app, inspect_options);
-    add_live(app, live_options);
-    add_doctor(app, doctor_options);
+    RenderOptions renderOptions;
+    SyncOptions syncOptions;
+    InspectOptions inspectOptions;
+    LiveOptions liveOptions;
+    DoctorOptions doctorOptions;
+    addRender(app, renderOptions);
+    addSync(app, syncOptions);
+    addInspect(app, inspectOptions);
+    addLive(app, liveOptions);
+    addDoctor(app, doctorOptions);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        report_failure(fmt::format("{}; see zorv --help", error.what()));
+        reportFailure(fmt::format("{}; see zorv --help", error.what()));
         return 2;
     }
     int code = 0;
-    if (app.got_subcommand("render"))
-        render(render_options);
-    else if (app.got_subcommand("sync"))
-        sync(sync_options);
-    else if (app.got_subcommand("live"))
-        live(live_options);
-    else if (app.got_subcommand("doctor"))
-        failure_code = 2, code = doctor(doctor_options);
-    else
-        inspect(inspect_options);
+    if (app.got_subcommand("render")) {
+        render(renderOptions);
+    } else if (app.got_subcommand("sync")) {
+        sync(syncOptions);
+    } else if (app.got_subcommand("live")) {
+        live(liveOptions);
+    } else if (app.got_subcommand("doctor")) {
+        failureCode = 2, code = doctor(doctorOptions);
+    } else {
+        inspect(inspectOptions);
+    }
     if (std::fflush(stdout) != 0) fail("cannot write to standard output; check where it goes");
     return code;
 }
@@ -158,19 +159,19 @@ int run(int argc, char** argv, int& failure_code) {
 
 int main(int argc, char** argv) {
     using namespace zorv::tools;
-    start_interrupt_handling();
+    startInterruptHandling();
     const char* verbose = std::getenv("ZORV_VERBOSE");
     av_log_set_level(verbose && *verbose == '1' ? AV_LOG_INFO : AV_LOG_QUIET);
-    int failure_code = 1;
+    int failureCode = 1;
     try {
-        return run(argc, argv, failure_code);
+        return run(argc, argv, failureCode);
     } catch (const Interrupted&) {
-        report_interruption();
+        reportInterruption();
         return kInterruptedExitCode;
     } catch (const std::bad_alloc&) {
-        report_failure("out of memory; close other programs or use a shorter clip");
+        reportFailure("out of memory; close other programs or use a shorter clip");
     } catch (const std::exception& error) {
-        report_failure(error.what());
+        reportFailure(error.what());
     }
-    return failure_code;
+    return failureCode;
 }

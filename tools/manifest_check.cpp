@@ -21,7 +21,7 @@ constexpr int64_t kMaxPadded = 1 << 14;  // crop with the border of the sharpeni
 constexpr double kMaxCache = 0x1p46;     // bytes of all frames; beyond it no address space is left
 constexpr const char* kSpace = " \t\r\n";
 
-int32_t cut_to_int32(double value) {
+int32_t cutToInt32(double value) {
     using Limits = std::numeric_limits<int32_t>;
     if (std::isnan(value)) return 0;
     if (value <= Limits::min()) return Limits::min();
@@ -34,11 +34,9 @@ int occurrences(const std::string& text, const std::string& needle) {
     return count;
 }
 
-/**
- * Reads keys as the library does (the first occurrence of the quoted key anywhere in the text and
- * what follows the next colon) and reports what is wrong with each, and where that reading differs
- * from what a JSON parser would see.
- */
+/// Reads keys as the library does (the first occurrence of the quoted key anywhere in the text and
+/// what follows the next colon) and reports what is wrong with each, and where that reading differs
+/// from what a JSON parser would see.
 class KeyReader {
   public:
     KeyReader(const std::string& text, FileReport& report) : text_(text), report_(report) {}
@@ -60,25 +58,27 @@ class KeyReader {
         if (!at) return std::nullopt;
         const double value = std::strtod(text_.c_str() + *at, nullptr);
         const size_t start = text_.find_first_not_of(kSpace, *at);
-        if (start == text_.npos || std::string("+-.0123456789").find(text_[start]) == text_.npos)
+        if (start == text_.npos || std::string("+-.0123456789").find(text_[start]) == text_.npos) {
             report_.warn(fmt::format("\"{}\" is {}, which reads as {}", key, excerpt(*at), value),
                          "a number");
+        }
         return value;
     }
 
-    /** A whole number of at least `least`; nothing, and a fault, when it is not. */
+    /// A whole number of at least `least`; nothing, and a fault, when it is not.
     std::optional<int> whole(const std::string& key, int least) {
         const auto value = number(key);
         if (!value) return std::nullopt;
-        const int32_t cut = cut_to_int32(*value);
+        const int32_t cut = cutToInt32(*value);
         if (cut < least) {
             report_.fault(fmt::format("\"{}\" reads as {}", key, cut),
                           fmt::format("a whole number of at least {}", least));
             return std::nullopt;
         }
-        if (cut != *value)
+        if (cut != *value) {
             report_.warn(fmt::format("\"{}\" is {}, which reads as {}", key, *value, cut),
                          "a whole number");
+        }
         return cut;
     }
 
@@ -92,20 +92,23 @@ class KeyReader {
         }
         const size_t end = at + needle.size(), colon = text_.find(':', end);
         if (colon == text_.npos) {
-            if (required)
+            if (required) {
                 report_.fault(fmt::format("no colon follows key {}", needle));
-            else
+            } else {
                 report_.warn(fmt::format("no colon follows key {}, which is ignored", needle));
+            }
             return std::nullopt;
         }
         const int count = occurrences(text_, needle);
-        if (count > 1)
+        if (count > 1) {
             report_.warn(fmt::format("{} is quoted {} times; the first one is read: {}", needle,
                                      count, excerpt(colon + 1)),
                          "one key of that name and no such text before it");
-        if (text_.find_first_not_of(kSpace, end) != colon)
+        }
+        if (text_.find_first_not_of(kSpace, end) != colon) {
             report_.warn(fmt::format("{} is not followed by a colon; a later one is taken: {}",
                                      needle, excerpt(colon + 1)));
+        }
         return colon + 1;
     }
 
@@ -119,78 +122,84 @@ class KeyReader {
     FileReport& report_;
 };
 
-void read_sharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
+void readSharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     facts.amount = keys.number("amount");
     facts.sigma = keys.number("sigma");
-    if (!std::isfinite(facts.amount.value_or(0)) || !std::isfinite(facts.sigma.value_or(0)))
+    if (!std::isfinite(facts.amount.value_or(0)) || !std::isfinite(facts.sigma.value_or(0))) {
         report.warn("\"amount\" or \"sigma\" is not finite", "finite numbers");
+    }
     const auto ksize = keys.number("ksize");
     if (!ksize) return;
-    const int size = cut_to_int32(*ksize);
+    const int size = cutToInt32(*ksize);
     const int64_t most = kMaxPadded - std::min(facts.crop.value_or(1), kMaxCrop) + 1;
-    if (size < 1 || size % 2 == 0)
+    if (size < 1 || size % 2 == 0) {
         report.fault(fmt::format("\"ksize\" reads as {}", size), "an odd number of at least 1");
-    else if (size > most)
+    } else if (size > most) {
         report.fault(fmt::format("\"ksize\" reads as {}", size), fmt::format("at most {}", most));
-    else
+    } else {
         facts.ksize = size;
+    }
 }
 
-void read_placement_size(KeyReader& keys, BundleFacts& facts, FileReport& report) {
+void readPlacementSize(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     const int width = facts.width.value_or(0), height = facts.height.value_or(0);
-    facts.placement_width = cut_to_int32(keys.number("M_src_w", false).value_or(width));
-    facts.placement_height = cut_to_int32(keys.number("M_src_h", false).value_or(height));
+    facts.placementWidth = cutToInt32(keys.number("M_src_w", false).value_or(width));
+    facts.placementHeight = cutToInt32(keys.number("M_src_h", false).value_or(height));
     if (!facts.width || !facts.height) return;
     const std::string size =
-        fmt::format("M_src_w x M_src_h is {} x {}", facts.placement_width, facts.placement_height);
+        fmt::format("M_src_w x M_src_h is {} x {}", facts.placementWidth, facts.placementHeight);
     const std::string frames = fmt::format("the proportions of W x H, {} x {}", width, height);
-    if (facts.placement_width < 1 || facts.placement_height < 1) {
+    if (facts.placementWidth < 1 || facts.placementHeight < 1) {
         report.warn(size + ", so placements are taken as they are", frames);
         return;
     }
-    const double across = 1.0 * width / facts.placement_width;
-    const double down = 1.0 * height / facts.placement_height;
-    if (std::abs(across / down - 1) > 0.02)  // rounding of either size is no distortion
+    const double across = 1.0 * width / facts.placementWidth;
+    const double down = 1.0 * height / facts.placementHeight;
+    if (std::abs(across / down - 1) > 0.02) {  // rounding of either size is no distortion
         report.warn(fmt::format("{}, which scales placements by {:.3f} across and {:.3f} down",
                                 size, across, down),
                     frames);
+    }
 }
 
-void check_frame_cache(const BundleFacts& facts, FileReport& report) {
-    if (!facts.target_frames || !facts.width || !facts.height) return;
-    const double bytes = 3.0 * *facts.target_frames * *facts.width * *facts.height;
-    if (bytes > kMaxCache)
+void checkFrameCache(const BundleFacts& facts, FileReport& report) {
+    if (!facts.targetFrames || !facts.width || !facts.height) return;
+    const double bytes = 3.0 * *facts.targetFrames * *facts.width * *facts.height;
+    if (bytes > kMaxCache) {
         report.fault(fmt::format("NT frames of W x H take {:.3g} bytes", bytes),
                      fmt::format("at most {:.3g}", kMaxCache));
+    }
 }
 
-BundleFacts read_facts(const std::string& text, FileReport& report) {
+BundleFacts readFacts(const std::string& text, FileReport& report) {
     BundleFacts facts;
     KeyReader keys(text, report);
     const auto format = keys.quoted("format");
-    if (format && *format != kFormat)
+    if (format && *format != kFormat) {
         report.fault(fmt::format("\"format\" is \"{}\"", *format), fmt::format("\"{}\"", kFormat));
+    }
     facts.agent = keys.quoted("agent").value_or("");
-    facts.target_frames = keys.whole("NT", 1);
+    facts.targetFrames = keys.whole("NT", 1);
     facts.height = keys.whole("H", 1);
     facts.width = keys.whole("W", 1);
     facts.crop = keys.whole("crop", 1);
-    if (facts.crop && *facts.crop > kMaxCrop)
+    if (facts.crop && *facts.crop > kMaxCrop) {
         report.fault(fmt::format("\"crop\" is {}: such crops cannot be pasted", *facts.crop),
                      fmt::format("at most {}", kMaxCrop));
-    check_frame_cache(facts, report);
-    facts.drive_frames = keys.whole("frames", 0);
-    read_sharpening(keys, facts, report);
-    read_placement_size(keys, facts, report);
+    }
+    checkFrameCache(facts, report);
+    facts.driveFrames = keys.whole("frames", 0);
+    readSharpening(keys, facts, report);
+    readPlacementSize(keys, facts, report);
     return facts;
 }
 
 }  // namespace
 
-BundleFacts check_manifest(const std::string& directory, FileReport& report) {
+BundleFacts checkManifest(const std::string& directory, FileReport& report) {
     std::string text;
     try {
-        if (!file_size_of(directory, report)) return {};
+        if (!fileSizeOf(directory, report)) return {};
         const FileView file(directory + "/" + report.name);
         text.assign(reinterpret_cast<const char*>(file.data()), file.size());
     } catch (const Failure& error) {
@@ -198,9 +207,10 @@ BundleFacts check_manifest(const std::string& directory, FileReport& report) {
         return {};
     }
     report.content = fmt::format("{} bytes", text.size());
-    if (!nlohmann::json::accept(text))
+    if (!nlohmann::json::accept(text)) {
         report.warn("is no valid JSON; the keys are found all the same", "a JSON object");
-    return read_facts(text, report);
+    }
+    return readFacts(text, report);
 }
 
 }  // namespace zorv::tools

@@ -7,7 +7,7 @@
 
 namespace zorv::tools {
 
-/** All that is wrong with directory/manifest.json goes to `report`. */
-BundleFacts check_manifest(const std::string& directory, FileReport& report);
+/// All that is wrong with directory/manifest.json goes to `report`.
+BundleFacts checkManifest(const std::string& directory, FileReport& report);
 
 }  // namespace zorv::tools

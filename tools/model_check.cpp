@@ -22,7 +22,7 @@
 namespace zorv::tools {
 namespace {
 
-/** Stands in for an operator of the library, so that models with it can be loaded and looked at. */
+/// Stands in for an operator of the library, so that models with it can be loaded and looked at.
 struct NoKernel {
     void Compute(OrtKernelContext*) {}
 };
@@ -44,21 +44,21 @@ class OperatorStub : public Ort::CustomOpBase<OperatorStub, NoKernel> {
     std::vector<ONNXTensorElementDataType> inputs_;
 };
 
-/** The runtime, and options that load models quickly and without a word. */
+/// The runtime, and options that load models quickly and without a word.
 struct Runtime {
     Ort::Env env{ORT_LOGGING_LEVEL_FATAL, "zorv"};
     OperatorStub sampler{"GridSampleFast", {OperatorStub::kFloat, OperatorStub::kFloat}};
     OperatorStub convolution{"Int8ConvVNNI",
                              {OperatorStub::kFloat, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8,
                               OperatorStub::kFloat, OperatorStub::kFloat}};
-    Ort::CustomOpDomain sampler_domain{"com.velmarin"}, int8_domain{"com.velmarin.int8"};
+    Ort::CustomOpDomain samplerDomain{"com.velmarin"}, int8Domain{"com.velmarin.int8"};
     Ort::SessionOptions options;
 
     Runtime() {
-        sampler_domain.Add(&sampler);
-        int8_domain.Add(&convolution);
-        options.Add(sampler_domain);
-        options.Add(int8_domain);
+        samplerDomain.Add(&sampler);
+        int8Domain.Add(&convolution);
+        options.Add(samplerDomain);
+        options.Add(int8Domain);
         options.SetGraphOptimizationLevel(ORT_DISABLE_ALL);
         options.SetIntraOpNumThreads(1);
     }
@@ -69,7 +69,7 @@ Ort::Session load(const std::string& path) {
     return Ort::Session(runtime.env, path.c_str(), runtime.options);
 }
 
-const char* type_name(ONNXTensorElementDataType type) {
+const char* typeName(ONNXTensorElementDataType type) {
     switch (type) {
         case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
             return "float32";
@@ -93,7 +93,7 @@ const char* type_name(ONNXTensorElementDataType type) {
 ModelTensor describe(std::string name, const Ort::TypeInfo& type) {
     if (type.GetONNXType() != ONNX_TYPE_TENSOR) return {std::move(name), "no tensor", {}};
     const auto info = type.GetTensorTypeAndShapeInfo();
-    ModelTensor tensor{std::move(name), type_name(info.GetElementType()), {}};
+    ModelTensor tensor{std::move(name), typeName(info.GetElementType()), {}};
     const std::vector<int64_t> sizes = info.GetShape();
     std::vector<const char*> symbols(sizes.size(), "");
     if (!symbols.empty()) info.GetSymbolicDimensions(symbols.data(), symbols.size());
@@ -104,19 +104,21 @@ ModelTensor describe(std::string name, const Ort::TypeInfo& type) {
 ModelReport describe(const Ort::Session& session) {
     const Ort::AllocatorWithDefaultOptions allocator;
     ModelReport model;
-    for (size_t i = 0; i < session.GetInputCount(); ++i)
+    for (size_t i = 0; i < session.GetInputCount(); ++i) {
         model.inputs.push_back(describe(session.GetInputNameAllocated(i, allocator).get(),
                                         session.GetInputTypeInfo(i)));
-    for (size_t i = 0; i < session.GetOutputCount(); ++i)
+    }
+    for (size_t i = 0; i < session.GetOutputCount(); ++i) {
         model.outputs.push_back(describe(session.GetOutputNameAllocated(i, allocator).get(),
                                          session.GetOutputTypeInfo(i)));
+    }
     return model;
 }
 
-/** Loads the model of `report`; what keeps it from loading is a fault. */
-std::optional<Ort::Session> open_model(const std::string& directory, FileReport& report) {
-    throw_if_interrupted();
-    const auto size = file_size_of(directory, report);
+/// Loads the model of `report`; what keeps it from loading is a fault.
+std::optional<Ort::Session> openModel(const std::string& directory, FileReport& report) {
+    throwIfInterrupted();
+    const auto size = fileSizeOf(directory, report);
     if (!size) return std::nullopt;
     report.content = fmt::format("{} bytes", *size);
     try {
@@ -133,13 +135,13 @@ const ModelTensor* find(const std::vector<ModelTensor>& tensors, const std::stri
     return at == tensors.end() ? nullptr : &*at;
 }
 
-/** What the library binds to one input or output; sizes below 1 are unknown. */
+/// What the library binds to one input or output; sizes below 1 are unknown.
 struct Slot {
     const char* name;
     std::vector<int64_t> shape;
 };
 
-std::string wanted_text(const Slot& slot) {
+std::string wantedText(const Slot& slot) {
     std::vector<std::string> words;
     for (const int64_t size : slot.shape) words.push_back(size < 1 ? "?" : std::to_string(size));
     return fmt::format("{} float32", fmt::join(words, " x "));
@@ -156,36 +158,41 @@ bool fits(const ModelTensor& tensor, const Slot& slot) {
 void compare(const char* kind, const Slot& slot, const std::vector<ModelTensor>& tensors,
              FileReport& report) {
     const ModelTensor* tensor = find(tensors, slot.name);
-    if (!tensor)
-        report.fault(fmt::format("{} \"{}\" is missing", kind, slot.name), wanted_text(slot));
-    else if (tensor->type != "float32" || !fits(*tensor, slot))
+    if (!tensor) {
+        report.fault(fmt::format("{} \"{}\" is missing", kind, slot.name), wantedText(slot));
+    } else if (tensor->type != "float32" || !fits(*tensor, slot)) {
         report.fault(
-            fmt::format("{} \"{}\" is {} {}", kind, slot.name, shape_text(*tensor), tensor->type),
-            wanted_text(slot));
+            fmt::format("{} \"{}\" is {} {}", kind, slot.name, shapeText(*tensor), tensor->type),
+            wantedText(slot));
+    }
 }
 
-void compare_all(const std::vector<Slot>& inputs, const std::vector<Slot>& outputs,
-                 FileReport& report) {
+void compareAll(const std::vector<Slot>& inputs, const std::vector<Slot>& outputs,
+                FileReport& report) {
     const ModelReport& model = *report.model;
     for (const Slot& slot : inputs) compare("input", slot, model.inputs, report);
-    for (const ModelTensor& tensor : model.inputs)
+    for (const ModelTensor& tensor : model.inputs) {
         if (std::none_of(inputs.begin(), inputs.end(),
-                         [&](const Slot& slot) { return slot.name == tensor.name; }))
+                         [&](const Slot& slot) { return slot.name == tensor.name; })) {
             report.fault(fmt::format("input \"{}\" is not fed by anything", tensor.name),
                          "no other inputs");
+        }
+    }
     for (const Slot& slot : outputs) compare("output", slot, model.outputs, report);
 }
 
-/** The batch that the pooled input fixes; nothing, and a fault, when the library refuses it. */
-std::optional<int64_t> batch_of(const ModelReport& model, const char* pooled, FileReport& report) {
+/// The batch that the pooled input fixes; nothing, and a fault, when the library refuses it.
+std::optional<int64_t> batchOf(const ModelReport& model, const char* pooled, FileReport& report) {
     const ModelTensor* tensor = find(model.inputs, pooled);
     if (!tensor) return std::nullopt;  // reported with the other inputs
     if (tensor->shape.size() == 4 && tensor->shape[0].size >= 1 &&
-        tensor->shape[0].size <= INT32_MAX)
+        tensor->shape[0].size <= INT32_MAX) {
         return tensor->shape[0].size;
-    if (tensor->shape.size() == 4)
-        report.fault(fmt::format("the batch of input \"{}\" is {}", pooled, shape_text(*tensor)),
+    }
+    if (tensor->shape.size() == 4) {
+        report.fault(fmt::format("the batch of input \"{}\" is {}", pooled, shapeText(*tensor)),
                      "a fixed number of at least 1 in front");
+    }
     return std::nullopt;
 }
 
@@ -194,30 +201,32 @@ struct DestroyContext {
 };
 using Context = std::unique_ptr<zorv_ctx, DestroyContext>;
 
-/** A crop of frame 0, or of the first frame of the stored sequence. */
-const float* render_one(zorv_ctx* context) {
+/// A crop of frame 0, or of the first frame of the stored sequence.
+const float* renderOne(zorv_ctx* context) {
     if (zorv_drive_frames(context) > 0) return zorv_render_drive_crop(context, 0);
     const float still[kKeypointFloats] = {};
     return zorv_render_kp_crop(context, 0, still, still);
 }
 
-void judge_crop(const float* crop, size_t count, FileReport& report) {
+void judgeCrop(const float* crop, size_t count, FileReport& report) {
     float low = HUGE_VALF, high = -HUGE_VALF;
     size_t bad = 0;
     for (const float* value = crop; value < crop + count; ++value) {
         if (!std::isfinite(*value)) ++bad;
         low = std::min(low, *value), high = std::max(high, *value);
     }
-    if (bad > 0)
+    if (bad > 0) {
         report.warn(fmt::format("{} of {} values that it rendered are not finite", bad, count),
                     "values of about 0 to 1");
-    else
+    } else {
         report.model->range = {low, high};
-    if (bad == 0 && (low > 1 || high < 0))
+    }
+    if (bad == 0 && (low > 1 || high < 0)) {
         report.warn(fmt::format("renders {:.2f} to {:.2f}", low, high), "values of about 0 to 1");
+    }
 }
 
-/** Zeros for a delta model's input. */
+/// Zeros for a delta model's input.
 struct Zeros {
     std::vector<float> values;
     Ort::Value tensor;
@@ -232,7 +241,7 @@ struct Zeros {
               values.size(), slot.shape.data(), slot.shape.size())) {}
 };
 
-void run_delta_model(Ort::Session& session, const std::vector<Slot>& slots, FileReport& report) {
+void runDeltaModel(Ort::Session& session, const std::vector<Slot>& slots, FileReport& report) {
     struct Output {
         const char* name;
         size_t least;
@@ -252,19 +261,20 @@ void run_delta_model(Ort::Session& session, const std::vector<Slot>& slots, File
     for (size_t i = 0; i < 2; ++i) {
         const auto info = results[i].GetTensorTypeAndShapeInfo();
         if (info.GetElementType() != OperatorStub::kFloat ||
-            info.GetElementCount() < kOutputs[i].least)
+            info.GetElementCount() < kOutputs[i].least) {
             report.fault(fmt::format("output \"{}\" has {} {} values", kOutputs[i].name,
-                                     info.GetElementCount(), type_name(info.GetElementType())),
+                                     info.GetElementCount(), typeName(info.GetElementType())),
                          fmt::format("at least {} float32 values", kOutputs[i].least));
+        }
     }
 }
 
-/** What the library's operators run of the model of `report`. */
-void count_operators_of(const std::string& directory, FileReport& report) {
+/// What the library's operators run of the model of `report`.
+void countOperatorsOf(const std::string& directory, FileReport& report) {
     std::string bytes;
     if (readWholeFile(directory + "/" + report.name, bytes) != ReadStatus::kOk) return;
     try {
-        report.model->operators = count_operators(bytes);
+        report.model->operators = countOperators(bytes);
     } catch (const std::runtime_error& error) {
         report.fault(fmt::format("the library cannot read it: {}", error.what()));
     }
@@ -272,67 +282,70 @@ void count_operators_of(const std::string& directory, FileReport& report) {
 
 }  // namespace
 
-std::string shape_text(const ModelTensor& tensor) {
+std::string shapeText(const ModelTensor& tensor) {
     std::vector<std::string> words;
-    for (const auto& [size, symbol] : tensor.shape)
+    for (const auto& [size, symbol] : tensor.shape) {
         words.push_back(size >= 0 ? std::to_string(size) : symbol.empty() ? "?" : symbol);
+    }
     return words.empty() ? "any shape" : fmt::format("{}", fmt::join(words, " x "));
 }
 
-void check_renderer_model(const std::string& directory, const BundleFacts& facts,
-                          FileReport& report) {
-    const auto session = open_model(directory, report);
+void checkRendererModel(const std::string& directory, const BundleFacts& facts,
+                        FileReport& report) {
+    const auto session = openModel(directory, report);
     if (!session) return;
     ModelReport& model = report.model.emplace(describe(*session));
     const bool synth = find(model.inputs, "fs_red") != nullptr;
     model.graph = synth ? "FeatSynth" : "standard";
-    model.batch = batch_of(model, synth ? "pooled" : "pooled64", report);
-    count_operators_of(directory, report);
+    model.batch = batchOf(model, synth ? "pooled" : "pooled64", report);
+    countOperatorsOf(directory, report);
 
-    const int64_t B = model.batch.value_or(0), S = facts.crop.value_or(0);
-    const std::vector<Slot> standard = {{"pooled64", {B, 64, 32, 32}},
-                                        {"P_rgb", {B, 3, S, S}},
-                                        {"kp_driving", {B, 21, 3}},
-                                        {"kp_source", {B, 21, 3}}};
-    const std::vector<Slot> feat_synth = {{"fs_red", {B, 64, 64, 64}},
-                                          {"pooled", {B, 64, 32, 32}},
-                                          {"kd", {B, 21, 3}},
-                                          {"ks", {B, 21, 3}}};
-    compare_all(synth ? feat_synth : standard, {{"rgb", {B, 3, S, S}}}, report);
+    const int64_t b = model.batch.value_or(0), s = facts.crop.value_or(0);
+    const std::vector<Slot> standard = {{"pooled64", {b, 64, 32, 32}},
+                                        {"P_rgb", {b, 3, s, s}},
+                                        {"kp_driving", {b, 21, 3}},
+                                        {"kp_source", {b, 21, 3}}};
+    const std::vector<Slot> featSynth = {{"fs_red", {b, 64, 64, 64}},
+                                         {"pooled", {b, 64, 32, 32}},
+                                         {"kd", {b, 21, 3}},
+                                         {"ks", {b, 21, 3}}};
+    compareAll(synth ? featSynth : standard, {{"rgb", {b, 3, s, s}}}, report);
 }
 
-void check_delta_model(const std::string& directory, FileReport& report) {
-    auto session = open_model(directory, report);
+void checkDeltaModel(const std::string& directory, FileReport& report) {
+    auto session = openModel(directory, report);
     if (!session) return;
     report.model.emplace(describe(*session)).graph = "delta";
     const std::vector<Slot> inputs = {{"cond", {1, 5376}}, {"prev", {1, 63}}, {"h", {1, 1, 384}}};
-    compare_all(inputs, {}, report);
-    for (const char* output : {"m", "hn"})
-        if (!find(report.model->outputs, output))
+    compareAll(inputs, {}, report);
+    for (const char* output : {"m", "hn"}) {
+        if (!find(report.model->outputs, output)) {
             report.fault(fmt::format("output \"{}\" is missing", output));
+        }
+    }
     if (report.severity() == Severity::kFault) return;
     try {
-        run_delta_model(*session, inputs, report);
+        runDeltaModel(*session, inputs, report);
     } catch (const Ort::Exception& error) {
         report.fault(fmt::format("fails when it is run: {}", error.what()));
     }
 }
 
-void try_renderer(const std::string& directory, const std::string& key, FileReport& report) {
-    throw_if_interrupted();
+void tryRenderer(const std::string& directory, const std::string& key, FileReport& report) {
+    throwIfInterrupted();
     const int threads = static_cast<int>(std::thread::hardware_concurrency());
     const Context context(zorv_create(directory.c_str(), key.c_str(), threads, nullptr));
     if (!context) {
         report.fault(fmt::format("the library cannot open it: {}", zorv_last_error()));
         return;
     }
-    const float* crop = render_one(context.get());
+    const float* crop = renderOne(context.get());
     if (!crop) {
         report.fault(fmt::format("fails when it is run: {}", zorv_last_error()));
         return;
     }
     const auto side = static_cast<size_t>(zorv_crop(context.get()));
-    judge_crop(crop, 3 * side * side, report);
+    judgeCrop(crop, 3 * side * side, report);
 }
 
 }  // namespace zorv::tools

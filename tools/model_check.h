@@ -7,18 +7,17 @@
 
 namespace zorv::tools {
 
-/** Fills report.model and reports what is wrong with the renderer model report.name. */
-void check_renderer_model(const std::string& directory, const BundleFacts& facts,
-                          FileReport& report);
+/// Fills report.model and reports what is wrong with the renderer model report.name.
+void checkRendererModel(const std::string& directory, const BundleFacts& facts, FileReport& report);
 
-/** The same for the delta model of the batch stream, with one run on zeros. */
-void check_delta_model(const std::string& directory, FileReport& report);
+/// The same for the delta model of the batch stream, with one run on zeros.
+void checkDeltaModel(const std::string& directory, FileReport& report);
 
-/** Opens the bundle with renderer `key` in the library and renders one frame. Only for a bundle
- *  whose files are all right: a failure is the model's. */
-void try_renderer(const std::string& directory, const std::string& key, FileReport& report);
+/// Opens the bundle with renderer `key` in the library and renders one frame. Only for a bundle
+///  whose files are all right: a failure is the model's.
+void tryRenderer(const std::string& directory, const std::string& key, FileReport& report);
 
-/** "4 x 64 x N x 32" */
-std::string shape_text(const ModelTensor& tensor);
+/// "4 x 64 x N x 32"
+std::string shapeText(const ModelTensor& tensor);
 
 }  // namespace zorv::tools

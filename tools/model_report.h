@@ -9,7 +9,7 @@
 
 namespace zorv::tools {
 
-/** One dimension of a model's tensor; a symbolic one has size -1. */
+/// One dimension of a model's tensor; a symbolic one has size -1.
 struct Dimension {
     int64_t size;
     std::string symbol;
@@ -20,12 +20,12 @@ struct ModelTensor {
     std::vector<Dimension> shape;  // empty when the model does not declare one
 };
 
-/** A GridSample node that the library leaves to the runtime. */
+/// A GridSample node that the library leaves to the runtime.
 struct KeptNode {
     std::string name, why;
 };
 
-/** Nodes by the names that the model gives them, or by their output when it gives none. */
+/// Nodes by the names that the model gives them, or by their output when it gives none.
 struct OperatorCensus {
     std::vector<std::string> rewritten;  // GridSample: made GridSampleFast when the model is loaded
     std::vector<KeptNode> kept;          // GridSample: stay as they are

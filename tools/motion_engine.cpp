@@ -5,20 +5,22 @@
 
 namespace zorv::tools {
 
-void check_motion_options(const RenderOptions& options) {
-    if (!options.encoder.empty())
+void checkMotionOptions(const RenderOptions& options) {
+    if (!options.encoder.empty()) {
         fail(
             "--encoder is not for --engine motion, whose models lie in --motion-dir; leave it out");
-    check_motion_dir(options);
+    }
+    checkMotionDir(options);
 }
 
-std::unique_ptr<ClipRenderer> open_motion_renderer(const RenderOptions& options) {
+std::unique_ptr<ClipRenderer> openMotionRenderer(const RenderOptions& options) {
     zorv_motion* engine =
-        zorv_motion_create(options.motion_dir.c_str(), model_threads(options.threads), nullptr);
-    if (!engine)
-        fail("cannot open the motion directory '{}': {}; prepare it again", options.motion_dir,
+        zorv_motion_create(options.motionDir.c_str(), modelThreads(options.threads), nullptr);
+    if (!engine) {
+        fail("cannot open the motion directory '{}': {}; prepare it again", options.motionDir,
              zorv_motion_last_error());
-    return open_keypoint_renderer(options, std::make_unique<FamilyEngine<Motion>>(engine));
+    }
+    return openKeypointRenderer(options, std::make_unique<FamilyEngine<Motion>>(engine));
 }
 
 }  // namespace zorv::tools

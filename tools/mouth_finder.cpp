@@ -15,7 +15,7 @@ constexpr int kMaxFrames = 60 * VideoReader::kFrameRate;
 constexpr double kQuantile = 0.80;  // of the frames; blinks lie above it
 constexpr float kEdge = 0.35f;      // of the strongest cell's movement
 
-/** Mean luma per cell, frame after frame. */
+/// Mean luma per cell, frame after frame.
 struct CellSeries {
     int columns = 0, rows = 0, frames = 0;
     std::vector<float> values;
@@ -25,23 +25,26 @@ struct CellSeries {
     }
 };
 
-CellSeries read_cells(const std::string& video) {
+CellSeries readCells(const std::string& video) {
     VideoReader reader(video);
     CellSeries series;
     series.columns = reader.width() / kCell;
     series.rows = reader.height() / kCell;
     Picture picture;
     while (series.frames < kMaxFrames && reader.read(picture)) {
-        for (int row = 0; row < series.rows; ++row)
+        for (int row = 0; row < series.rows; ++row) {
             for (int column = 0; column < series.columns; ++column) {
                 int sum = 0;
-                for (int y = 0; y < kCell; ++y)
-                    for (int x = 0; x < kCell; ++x)
+                for (int y = 0; y < kCell; ++y) {
+                    for (int x = 0; x < kCell; ++x) {
                         sum +=
                             picture
-                                .luma[(row * kCell + y) * picture.luma_stride + column * kCell + x];
+                                .luma[(row * kCell + y) * picture.lumaStride + column * kCell + x];
+                    }
+                }
                 series.values.push_back(static_cast<float>(sum) / (kCell * kCell));
             }
+        }
         ++series.frames;
     }
     return series;
@@ -52,9 +55,10 @@ std::vector<float> abruptness(const CellSeries& series) {
     std::vector<float> result(series.cells());
     std::vector<float> changes(static_cast<size_t>(series.frames - 2));
     for (size_t cell = 0; cell < result.size(); ++cell) {
-        for (int t = 1; t + 1 < series.frames; ++t)
+        for (int t = 1; t + 1 < series.frames; ++t) {
             changes[static_cast<size_t>(t - 1)] =
                 std::abs(series.at(t + 1, cell) - 2 * series.at(t, cell) + series.at(t - 1, cell));
+        }
         const auto rank = static_cast<long>(kQuantile * static_cast<double>(changes.size() - 1));
         std::nth_element(changes.begin(), changes.begin() + rank, changes.end());
         result[cell] = changes[static_cast<size_t>(rank)];
@@ -62,8 +66,8 @@ std::vector<float> abruptness(const CellSeries& series) {
     return result;
 }
 
-/** Bounding box, in cells, of the strong cells that hang together with the strongest. */
-Region strongest_patch(const std::vector<float>& strength, int columns, int rows) {
+/// Bounding box, in cells, of the strong cells that hang together with the strongest.
+Region strongestPatch(const std::vector<float>& strength, int columns, int rows) {
     const auto peak = std::max_element(strength.begin(), strength.end());
     const float bound = kEdge * *peak;
     std::vector<char> seen(strength.size());
@@ -74,32 +78,35 @@ Region strongest_patch(const std::vector<float>& strength, int columns, int rows
         const int cell = open.back(), x = cell % columns, y = cell / columns;
         open.pop_back();
         x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y), y1 = std::max(y1, y);
-        for (int ny = std::max(0, y - 1); ny <= std::min(rows - 1, y + 1); ++ny)
+        for (int ny = std::max(0, y - 1); ny <= std::min(rows - 1, y + 1); ++ny) {
             for (int nx = std::max(0, x - 1); nx <= std::min(columns - 1, x + 1); ++nx) {
                 const auto next = static_cast<size_t>(ny * columns + nx);
                 if (seen[next] || strength[next] < bound) continue;
                 seen[next] = 1;
                 open.push_back(static_cast<int>(next));
             }
+        }
     }
     return {x0, y0, x1 - x0 + 1, y1 - y0 + 1};
 }
 
 }  // namespace
 
-Region find_mouth(const std::string& video) {
-    const CellSeries series = read_cells(video);
-    if (series.frames < 10 || series.cells() == 0)
+Region findMouth(const std::string& video) {
+    const CellSeries series = readCells(video);
+    if (series.frames < 10 || series.cells() == 0) {
         fail("'{}' is too short or too small to find the mouth; give --region x,y,w,h", video);
+    }
     const std::vector<float> strength = abruptness(series);
-    if (*std::max_element(strength.begin(), strength.end()) < 0.5f)
+    if (*std::max_element(strength.begin(), strength.end()) < 0.5f) {
         fail("nothing moves in '{}' often enough to be a mouth; give --region x,y,w,h", video);
-    const Region patch = strongest_patch(strength, series.columns, series.rows);
+    }
+    const Region patch = strongestPatch(strength, series.columns, series.rows);
     // The corners and the closed lips move less than the opening: take a margin around it.
-    const int margin_x = std::max(4, patch.w / 2), margin_y = std::max(4, patch.h * 3 / 4);
-    const int x0 = std::max(0, patch.x - margin_x), y0 = std::max(0, patch.y - margin_y);
-    const int x1 = std::min(series.columns, patch.x + patch.w + margin_x);
-    const int y1 = std::min(series.rows, patch.y + patch.h + margin_y);
+    const int marginX = std::max(4, patch.w / 2), marginY = std::max(4, patch.h * 3 / 4);
+    const int x0 = std::max(0, patch.x - marginX), y0 = std::max(0, patch.y - marginY);
+    const int x1 = std::min(series.columns, patch.x + patch.w + marginX);
+    const int y1 = std::min(series.rows, patch.y + patch.h + marginY);
     return {x0 * kCell, y0 * kCell, (x1 - x0) * kCell, (y1 - y0) * kCell};
 }
 

@@ -13,7 +13,7 @@ constexpr int kHistogramFrames = 250;
 constexpr int kLevels = 768;
 constexpr double kThresholdPlace = 0.55;  // between the mean of the skin and that of the mouth
 
-/** How little a pixel looks like skin: dark and red count. */
+/// How little a pixel looks like skin: dark and red count.
 struct Likeness {
     int w, h;
     std::vector<int> values;  // 0 .. kLevels - 1
@@ -23,59 +23,64 @@ struct Likeness {
     int at(int x, int y) const { return values[static_cast<size_t>(y * w + x)]; }
 
     void take(const Picture& picture, const Region& region) {
-        for (int y = 0; y < h; ++y)
+        for (int y = 0; y < h; ++y) {
             for (int x = 0; x < w; ++x) {
-                const int luma = picture.luma[(region.y + y) * picture.luma_stride + region.x + x];
-                const int red = picture.red[(region.y + y) * picture.red_stride + region.x + x];
+                const int luma = picture.luma[(region.y + y) * picture.lumaStride + region.x + x];
+                const int red = picture.red[(region.y + y) * picture.redStride + region.x + x];
                 values[static_cast<size_t>(y * w + x)] =
                     std::clamp(255 - luma + 2 * (red - 128) + 128, 0, kLevels - 1);
             }
+        }
     }
 };
 
 // Otsu's split of the histogram, then a threshold between the means of both sides.
-double threshold_of(const std::array<double, kLevels>& histogram) {
+double thresholdOf(const std::array<double, kLevels>& histogram) {
     double total = 0, sum = 0;
-    for (int i = 0; i < kLevels; ++i)
+    for (int i = 0; i < kLevels; ++i) {
         total += histogram[static_cast<size_t>(i)], sum += i * histogram[static_cast<size_t>(i)];
-    double below = 0, below_sum = 0, best = -1, low = 0, high = 0;
+    }
+    double below = 0, belowSum = 0, best = -1, low = 0, high = 0;
     for (int i = 0; i < kLevels; ++i) {
         below += histogram[static_cast<size_t>(i)];
-        below_sum += i * histogram[static_cast<size_t>(i)];
+        belowSum += i * histogram[static_cast<size_t>(i)];
         if (below == 0 || below == total) continue;
-        const double mean0 = below_sum / below, mean1 = (sum - below_sum) / (total - below);
+        const double mean0 = belowSum / below, mean1 = (sum - belowSum) / (total - below);
         const double between = below * (total - below) * (mean1 - mean0) * (mean1 - mean0);
         if (between > best) best = between, low = mean0, high = mean1;
     }
     return low + kThresholdPlace * (high - low);
 }
 
-double find_threshold(const std::string& video, const Region& region) {
+double findThreshold(const std::string& video, const Region& region) {
     VideoReader reader(video);
     if (region.x < 0 || region.y < 0 || region.w < 8 || region.h < 8 ||
-        region.x + region.w > reader.width() || region.y + region.h > reader.height())
+        region.x + region.w > reader.width() || region.y + region.h > reader.height()) {
         fail("the region {},{},{},{} does not fit into pictures of {} x {}; change --region",
              region.x, region.y, region.w, region.h, reader.width(), reader.height());
+    }
     std::array<double, kLevels> histogram{};
     Likeness likeness(region);
     Picture picture;
     for (int frame = 0; frame < kHistogramFrames && reader.read(picture); ++frame) {
         likeness.take(picture, region);
         // Only the middle half: the rest may hold hair, jaw or background.
-        for (int y = likeness.h / 4; y < likeness.h * 3 / 4; ++y)
-            for (int x = likeness.w / 4; x < likeness.w * 3 / 4; ++x)
+        for (int y = likeness.h / 4; y < likeness.h * 3 / 4; ++y) {
+            for (int x = likeness.w / 4; x < likeness.w * 3 / 4; ++x) {
                 histogram[static_cast<size_t>(likeness.at(x, y))] += 1;
+            }
+        }
     }
-    return threshold_of(histogram);
+    return thresholdOf(histogram);
 }
 
-/** Marks the largest connected patch of pixels beyond the threshold that ends inside the region:
- *  what runs out of it is hair, jaw or neck. */
-std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
+/// Marks the largest connected patch of pixels beyond the threshold that ends inside the region:
+///  what runs out of it is hair, jaw or neck.
+std::vector<char> largestPatch(const Likeness& likeness, double threshold) {
     const int w = likeness.w, h = likeness.h;
     std::vector<int> label(likeness.values.size()), open;
     int labels = 0, largest = 0;
-    size_t largest_size = 0;
+    size_t largestSize = 0;
     for (int seed = 0; seed < w * h; ++seed) {
         const auto fresh = [&](int at) {
             return label[static_cast<size_t>(at)] == 0 &&
@@ -85,31 +90,33 @@ std::vector<char> largest_patch(const Likeness& likeness, double threshold) {
         label[static_cast<size_t>(seed)] = ++labels;
         open.assign(1, seed);
         size_t size = 0;
-        bool runs_out = false;
+        bool runsOut = false;
         while (!open.empty()) {
             const int at = open.back(), x = at % w, y = at / w;
             open.pop_back();
             ++size;
-            runs_out = runs_out || x == 0 || y == 0 || x == w - 1 || y == h - 1;
-            for (int ny = std::max(0, y - 1); ny <= std::min(h - 1, y + 1); ++ny)
+            runsOut = runsOut || x == 0 || y == 0 || x == w - 1 || y == h - 1;
+            for (int ny = std::max(0, y - 1); ny <= std::min(h - 1, y + 1); ++ny) {
                 for (int nx = std::max(0, x - 1); nx <= std::min(w - 1, x + 1); ++nx) {
                     const int next = ny * w + nx;
                     if (!fresh(next)) continue;
                     label[static_cast<size_t>(next)] = labels;
                     open.push_back(next);
                 }
+            }
         }
-        if (!runs_out && size > largest_size) largest_size = size, largest = labels;
+        if (!runsOut && size > largestSize) largestSize = size, largest = labels;
     }
     std::vector<char> marked(label.size());
-    for (size_t i = 0; i < label.size(); ++i)
+    for (size_t i = 0; i < label.size(); ++i) {
         marked[i] = largest > 0 && label[i] == largest ? 1 : 0;
+    }
     return marked;
 }
 
-/** Height of the patch in one column, its edges placed where the values cross the threshold. */
-double column_height(const Likeness& likeness, const std::vector<char>& patch, double threshold,
-                     int x) {
+/// Height of the patch in one column, its edges placed where the values cross the threshold.
+double columnHeight(const Likeness& likeness, const std::vector<char>& patch, double threshold,
+                    int x) {
     const auto inside = [&](int y) { return patch[static_cast<size_t>(y * likeness.w + x)] != 0; };
     int top = 0, bottom = likeness.h - 1;
     while (top <= bottom && !inside(top)) ++top;
@@ -124,14 +131,17 @@ double column_height(const Likeness& likeness, const std::vector<char>& patch, d
     return bottom - top + above + below;
 }
 
-/** Appends one frame; false, with the frame before repeated, when there is no mouth to be seen. */
+/// Appends one frame; false, with the frame before repeated, when there is no mouth to be seen.
 bool measure(const Likeness& likeness, double threshold, MouthSeries& series) {
-    const std::vector<char> patch = largest_patch(likeness, threshold);
+    const std::vector<char> patch = largestPatch(likeness, threshold);
     int left = likeness.w, right = -1;
-    for (int y = 0; y < likeness.h; ++y)
-        for (int x = 0; x < likeness.w; ++x)
-            if (patch[static_cast<size_t>(y * likeness.w + x)])
+    for (int y = 0; y < likeness.h; ++y) {
+        for (int x = 0; x < likeness.w; ++x) {
+            if (patch[static_cast<size_t>(y * likeness.w + x)]) {
                 left = std::min(left, x), right = std::max(right, x);
+            }
+        }
+    }
     const int span = right - left + 1, inset = span * 3 / 10;
     if (span < 4) {
         series.height.push_back(series.height.empty() ? 0.0f : series.height.back());
@@ -139,8 +149,9 @@ bool measure(const Likeness& likeness, double threshold, MouthSeries& series) {
         return false;
     }
     double sum = 0;
-    for (int x = left + inset; x <= right - inset; ++x)
-        sum += column_height(likeness, patch, threshold, x);
+    for (int x = left + inset; x <= right - inset; ++x) {
+        sum += columnHeight(likeness, patch, threshold, x);
+    }
     series.height.push_back(static_cast<float>(sum / (span - 2 * inset)));
     series.width.push_back(static_cast<float>(span));
     return true;
@@ -148,8 +159,8 @@ bool measure(const Likeness& likeness, double threshold, MouthSeries& series) {
 
 }  // namespace
 
-MouthSeries measure_mouth(const std::string& video, const Region& region) {
-    const double threshold = find_threshold(video, region);
+MouthSeries measureMouth(const std::string& video, const Region& region) {
+    const double threshold = findThreshold(video, region);
     VideoReader reader(video);
     MouthSeries series;
     Likeness likeness(region);
@@ -159,10 +170,11 @@ MouthSeries measure_mouth(const std::string& video, const Region& region) {
         likeness.take(picture, region);
         if (!measure(likeness, threshold, series)) ++missed;
     }
-    if (missed * 20 > series.height.size())
+    if (missed * 20 > series.height.size()) {
         fail("no mouth to be seen in {} of {} frames of region {},{},{},{}; give another --region",
              missed, series.height.size(), region.x, region.y, region.w, region.h);
-    series.start_seconds = reader.start_seconds();
+    }
+    series.startSeconds = reader.startSeconds();
     return series;
 }
 

@@ -8,7 +8,7 @@
 
 namespace zorv::tools {
 
-/** Reads a serialised model. Throws std::runtime_error for malformed bytes. */
-OperatorCensus count_operators(std::string_view model);
+/// Reads a serialised model. Throws std::runtime_error for malformed bytes.
+OperatorCensus countOperators(std::string_view model);
 
 }  // namespace zorv::tools

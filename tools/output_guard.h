@@ -5,29 +5,27 @@
 
 namespace zorv::tools {
 
-/**
- * A temporary file or directory beside the final one, on the same file system. commit() renames
- * it; the destructor, or remove_unfinished_output() from another thread, removes it otherwise.
- */
+/// A temporary file or directory beside the final one, on the same file system. commit() renames
+/// it; the destructor, or removeUnfinishedOutput() from another thread, removes it otherwise.
 class OutputGuard {
   public:
     enum class Kind { kFile, kDirectory };
 
-    /** Fails when the final name cannot be written: no such folder, no permission, a device, a
-     *  directory that is not empty. */
-    OutputGuard(const std::string& final_path, Kind kind);
+    /// Fails when the final name cannot be written: no such folder, no permission, a device, a
+    ///  directory that is not empty.
+    OutputGuard(const std::string& finalPath, Kind kind);
     ~OutputGuard();
     OutputGuard(const OutputGuard&) = delete;
     OutputGuard& operator=(const OutputGuard&) = delete;
 
     const std::string& path() const { return temporary_; }
-    const std::string& final_path() const { return final_; }
+    const std::string& finalPath() const { return final_; }
 
-    /** Makes the output appear under its final name. */
+    /// Makes the output appear under its final name.
     void commit();
 
   private:
-    void check_target() const;
+    void checkTarget() const;
     void create();
 
     std::string final_, temporary_;
@@ -35,7 +33,7 @@ class OutputGuard {
     bool pending_ = false;
 };
 
-/** Removes every output that has not been committed, and stops later commits. Any thread. */
-void remove_unfinished_output();
+/// Removes every output that has not been committed, and stops later commits. Any thread.
+void removeUnfinishedOutput();
 
 }  // namespace zorv::tools

@@ -9,15 +9,15 @@ namespace zorv::tools {
 class Progress {
   public:
     explicit Progress(int total);
-    ~Progress() { clear_line(); }
+    ~Progress() { clearLine(); }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /** `done` of the total frames are finished. */
+    /// `done` of the total frames are finished.
     void update(int done);
 
-    /** Erases the bar, if one stands on the terminal's current line. Any thread. */
-    static void clear_line();
+    /// Erases the bar, if one stands on the terminal's current line. Any thread.
+    static void clearLine();
 
   private:
     using Clock = std::chrono::steady_clock;

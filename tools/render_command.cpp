@@ -26,50 +26,55 @@ namespace {
 
 constexpr int kSamplesPerFrame = 640;
 
-bool writes_video(const std::string& output) {
-    if (ends_with(output, ".mp4")) return true;
-    for (const char* other : {".mov", ".mkv", ".avi", ".webm", ".m4v", ".gif", ".png", ".jpg"})
-        if (ends_with(output, other))
+bool writesVideo(const std::string& output) {
+    if (endsWith(output, ".mp4")) return true;
+    for (const char* other : {".mov", ".mkv", ".avi", ".webm", ".m4v", ".gif", ".png", ".jpg"}) {
+        if (endsWith(output, other)) {
             fail(
                 "cannot write '{}': -o takes a name that ends in .mp4, or a directory for PNG "
                 "frames",
                 output);
+        }
+    }
     return false;
 }
 
-void check_inputs(const RenderOptions& options) {
-    check_is_bundle(options.bundle);
-    find_engine(options.engine).check(options);
-    for (const std::string& output : {options.output, options.sheet})
-        check_is_not_sound(output, options.audio);
+void checkInputs(const RenderOptions& options) {
+    checkIsBundle(options.bundle);
+    findEngine(options.engine).check(options);
+    for (const std::string& output : {options.output, options.sheet}) {
+        checkIsNotSound(output, options.audio);
+    }
 }
 
-int frames_of(const std::vector<float>& samples, const RenderOptions& options) {
+int framesOf(const std::vector<float>& samples, const RenderOptions& options) {
     const int all = static_cast<int>((samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame);
-    if (options.skip_frames >= all)
+    if (options.skipFrames >= all) {
         fail("the sound lasts {} frames and --skip-frames {} leaves none; skip fewer", all,
-             options.skip_frames);
-    return all - options.skip_frames;
+             options.skipFrames);
+    }
+    return all - options.skipFrames;
 }
 
-void render_clip(ClipRenderer& renderer, const std::vector<float>& samples, int frames,
-                 FrameSink& sink, ContactSheet* sheet) {
+void renderClip(ClipRenderer& renderer, const std::vector<float>& samples, int frames,
+                FrameSink& sink, ContactSheet* sheet) {
     Progress progress(frames);
     int done = 0;
     const int made = renderer.run(samples, [&](const uint8_t* rgb) {
-        throw_if_interrupted();
+        throwIfInterrupted();
         sink.write(rgb);
         if (sheet) sheet->add(done, rgb);
         progress.update(++done);
     });
-    throw_if_interrupted();
-    if (made != frames)
+    throwIfInterrupted();
+    if (made != frames) {
         fail("rendering stopped after frame {} of {}: {}; check the subject's files", done, frames,
              renderer.error());
+    }
     sink.finish();
 }
 
-double seconds_since(std::chrono::steady_clock::time_point start) {
+double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
@@ -97,41 +102,42 @@ void report(const RenderOptions& options, const Speech& speech, int frames, doub
 }  // namespace
 
 void render(const RenderOptions& options) {
-    const bool video = writes_video(options.output);
-    check_inputs(options);
-    const Speech speech = read_speech(options.audio, "--audio");
-    const int frames = frames_of(speech.samples, options);
+    const bool video = writesVideo(options.output);
+    checkInputs(options);
+    const Speech speech = readSpeech(options.audio, "--audio");
+    const int frames = framesOf(speech.samples, options);
     OutputGuard output(options.output,
                        video ? OutputGuard::Kind::kFile : OutputGuard::Kind::kDirectory);
-    std::optional<OutputGuard> sheet_output;
-    if (!options.sheet.empty()) sheet_output.emplace(options.sheet, OutputGuard::Kind::kFile);
+    std::optional<OutputGuard> sheetOutput;
+    if (!options.sheet.empty()) sheetOutput.emplace(options.sheet, OutputGuard::Kind::kFile);
 
     TelemetryFile telemetry(options.telemetry);
 
-    const auto load_start = std::chrono::steady_clock::now();
-    const std::unique_ptr<ClipRenderer> renderer = find_engine(options.engine).open(options);
-    throw_if_interrupted();
-    const double load = seconds_since(load_start);
+    const auto loadStart = std::chrono::steady_clock::now();
+    const std::unique_ptr<ClipRenderer> renderer = findEngine(options.engine).open(options);
+    throwIfInterrupted();
+    const double load = secondsSince(loadStart);
 
     const int width = renderer->width(), height = renderer->height();
     std::unique_ptr<FrameSink> sink;
-    if (video)
+    if (video) {
         sink = std::make_unique<VideoWriter>(
             output.path(), width, height,
             std::make_unique<AudioReader>(options.audio, VideoWriter::kAudioRate, 2, "--audio"),
-            options.skip_frames);
-    else
+            options.skipFrames);
+    } else {
         sink = std::make_unique<PngSequenceWriter>(output.path(), width, height);
+    }
     std::optional<ContactSheet> sheet;
-    if (sheet_output) sheet.emplace(width, height, frames);
+    if (sheetOutput) sheet.emplace(width, height, frames);
 
-    const auto run_start = std::chrono::steady_clock::now();
-    render_clip(*renderer, speech.samples, frames, *sink, sheet ? &*sheet : nullptr);
-    const double run = seconds_since(run_start);
-    if (sheet) sheet->save(sheet_output->path());
-    throw_if_interrupted();
+    const auto runStart = std::chrono::steady_clock::now();
+    renderClip(*renderer, speech.samples, frames, *sink, sheet ? &*sheet : nullptr);
+    const double run = secondsSince(runStart);
+    if (sheet) sheet->save(sheetOutput->path());
+    throwIfInterrupted();
     output.commit();
-    if (sheet) sheet_output->commit();
+    if (sheet) sheetOutput->commit();
     telemetry.save();
     report(options, speech, frames, load, run);
 }

@@ -7,10 +7,10 @@
 
 namespace zorv::tools {
 
-std::string report_text(const BundleReport& report);
-std::string report_json(const BundleReport& report);
+std::string reportText(const BundleReport& report);
+std::string reportJson(const BundleReport& report);
 
-/** "2 faults, 1 warning" */
-std::string counts_text(const BundleReport& report);
+/// "2 faults, 1 warning"
+std::string countsText(const BundleReport& report);
 
 }  // namespace zorv::tools

@@ -29,62 +29,65 @@ constexpr double kLeastBatchTime = 1.5;  // seconds of rendering that make a fig
 constexpr int kMostWarmFrames = 300;
 constexpr auto kMostWarmTime = std::chrono::seconds(8);
 
-/** Memory of the process that no other one shares; mapped files are not in it. */
-double own_memory() {
+/// Memory of the process that no other one shares; mapped files are not in it.
+double ownMemory() {
     std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("RssAnon:", 0) == 0)
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("RssAnon:", 0) == 0) {
             return static_cast<double>(std::strtoull(line.c_str() + 8, nullptr, 10)) * 1024;
+        }
+    }
     return 0;
 }
 
-LiveSetup setup_of(const BenchmarkSubject& subject) {
-    return {subject.bundle, subject.motion_dir, subject.threads, 0, ""};
+LiveSetup setupOf(const BenchmarkSubject& subject) {
+    return {subject.bundle, subject.motionDir, subject.threads, 0, ""};
 }
 
-/** Pulls as fast as frames come until each target frame was decoded, and returns how many were
- *  pulled: what a session does in its first round is no measure of the later ones. */
-int warm_up(const LiveEngine& engine) {
-    const int wanted = std::min(engine.target_frames(), kMostWarmFrames);
+/// Pulls as fast as frames come until each target frame was decoded, and returns how many were
+///  pulled: what a session does in its first round is no measure of the later ones.
+int warmUp(const LiveEngine& engine) {
+    const int wanted = std::min(engine.targetFrames(), kMostWarmFrames);
     const Clock::time_point end = Clock::now() + kMostWarmTime;
-    std::vector<uint8_t> frame(engine.frame_bytes());
+    std::vector<uint8_t> frame(engine.frameBytes());
     int pulled = 0;
     while (pulled < wanted && Clock::now() < end) {
-        throw_if_interrupted();
-        if (zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr))
+        throwIfInterrupted();
+        if (zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr)) {
             ++pulled;
-        else
+        } else {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
     return pulled;
 }
 
-/** Bytes of the target frames that have not been decoded yet, after `shown` frames. */
-double frames_to_come(const LiveEngine& engine, size_t shown) {
-    const double left = engine.target_frames() - static_cast<double>(shown);
-    return std::max(0.0, left) * static_cast<double>(engine.frame_bytes()) * 3 / 4;
+/// Bytes of the target frames that have not been decoded yet, after `shown` frames.
+double framesToCome(const LiveEngine& engine, size_t shown) {
+    const double left = engine.targetFrames() - static_cast<double>(shown);
+    return std::max(0.0, left) * static_cast<double>(engine.frameBytes()) * 3 / 4;
 }
 
-int late_for_no_reason(const LiveReport& report) {
-    return report.late_after_first_second - report.late_at_interrupt;
+int lateForNoReason(const LiveReport& report) {
+    return report.lateAfterFirstSecond - report.lateAtInterrupt;
 }
 
-Line line_of(int seconds) {
+Line lineOf(int seconds) {
     Line line;
     line.samples = static_cast<size_t>(seconds) * kSoundRate;
     return line;
 }
 
-/** A line that ends on time even where frames come late. */
-Line interrupted_line(int seconds, double interrupt_s) {
-    Line line = line_of(seconds);
-    line.interrupt_s = interrupt_s;
+/// A line that ends on time even where frames come late.
+Line interruptedLine(int seconds, double interruptSeconds) {
+    Line line = lineOf(seconds);
+    line.interruptSeconds = interruptSeconds;
     return line;
 }
 
-/** work(0), work(1), ... each on a thread of its own. */
+/// work(0), work(1), ... each on a thread of its own.
 template <class Work>
-auto at_a_time(int count, const Work& work) {
+auto atATime(int count, const Work& work) {
     using Result = decltype(work(0));
     std::vector<std::future<Result>> running;
     running.reserve(static_cast<size_t>(count));
@@ -97,55 +100,54 @@ auto at_a_time(int count, const Work& work) {
 
 }  // namespace
 
-LiveMeasure measure_live(const BenchmarkSubject& subject, int speech_seconds) {
-    const LiveSetup setup = setup_of(subject);
-    const std::vector<int16_t> sound = spoken_sound(std::max(speech_seconds, 1));
-    Line spoken = line_of(speech_seconds);
-    spoken.pause_s = kPause;
-    const Line cut = interrupted_line(1, kInterruptAfter);
+LiveMeasure measureLive(const BenchmarkSubject& subject, int speechSeconds) {
+    const LiveSetup setup = setupOf(subject);
+    const std::vector<int16_t> sound = spokenSound(std::max(speechSeconds, 1));
+    Line spoken = lineOf(speechSeconds);
+    spoken.pauseSeconds = kPause;
+    const Line cut = interruptedLine(1, kInterruptAfter);
 
-    const double memory = own_memory();
+    const double memory = ownMemory();
     const LiveEngine engine(setup);
-    const auto warmed = static_cast<size_t>(warm_up(engine));
+    const auto warmed = static_cast<size_t>(warmUp(engine));
     const SessionLog log = play(engine, sound, {spoken, cut}, nullptr);
     LiveMeasure measure;
-    measure.cost.memory_bytes =
-        own_memory() - memory + frames_to_come(engine, warmed + log.ticks.size());
-    measure.report =
-        make_report(engine.ready_seconds(), log, pieces_before_first_frame(setup, sound));
+    measure.cost.memoryBytes =
+        ownMemory() - memory + framesToCome(engine, warmed + log.ticks.size());
+    measure.report = makeReport(engine.readySeconds(), log, piecesBeforeFirstFrame(setup, sound));
     // Idle frames are charged to the spoken ones: they cost a few per cent of them.
     const int worked = measure.report.speech + measure.report.ramp;
-    if (worked > 0) measure.cpu_ms_per_speech_frame = 1000 * log.cpu_seconds / worked;
-    measure.cost.cores = measure.cpu_ms_per_speech_frame / 1000 * kFrameRate;
+    if (worked > 0) measure.cpuMsPerSpeechFrame = 1000 * log.cpuSeconds / worked;
+    measure.cost.cores = measure.cpuMsPerSpeechFrame / 1000 * kFrameRate;
     measure.run = {1,
                    static_cast<int>(log.ticks.size()),
-                   late_for_no_reason(measure.report),
+                   lateForNoReason(measure.report),
                    measure.cost.cores,
                    log.failures,
                    log.failure};
     return measure;
 }
 
-SessionsRun measure_sessions(const BenchmarkSubject& subject, int sessions, int speech_seconds) {
-    const std::vector<int16_t> sound = spoken_sound(speech_seconds + 1);
-    const Line line = interrupted_line(speech_seconds + 1, speech_seconds);
-    const auto engines = at_a_time(sessions, [&subject](int) {
-        auto engine = std::make_unique<LiveEngine>(setup_of(subject));
-        warm_up(*engine);
+SessionsRun measureSessions(const BenchmarkSubject& subject, int sessions, int speechSeconds) {
+    const std::vector<int16_t> sound = spokenSound(speechSeconds + 1);
+    const Line line = interruptedLine(speechSeconds + 1, speechSeconds);
+    const auto engines = atATime(sessions, [&subject](int) {
+        auto engine = std::make_unique<LiveEngine>(setupOf(subject));
+        warmUp(*engine);
         return engine;
     });
-    const double cpu = cpu_seconds();
-    const auto logs = at_a_time(sessions, [&](int i) {
+    const double cpu = cpuSeconds();
+    const auto logs = atATime(sessions, [&](int i) {
         return play(*engines[static_cast<size_t>(i)], sound, {line}, nullptr);
     });
-    const double used = cpu_seconds() - cpu;
+    const double used = cpuSeconds() - cpu;
     SessionsRun run;
     run.sessions = sessions;
     double longest = 0;
     for (const SessionLog& log : logs) {
-        const LiveReport report = make_report(0, log, 0);
+        const LiveReport report = makeReport(0, log, 0);
         run.due += static_cast<int>(log.ticks.size());
-        run.late += late_for_no_reason(report);
+        run.late += lateForNoReason(report);
         run.failures += log.failures;
         if (log.failures > 0) run.failure = log.failure;
         longest = std::max(longest, static_cast<double>(log.ticks.size()) / kFrameRate);
@@ -154,35 +156,37 @@ SessionsRun measure_sessions(const BenchmarkSubject& subject, int sessions, int 
     return run;
 }
 
-BatchMeasure measure_batch(const BenchmarkSubject& subject) {
+BatchMeasure measureBatch(const BenchmarkSubject& subject) {
     RenderOptions options;
     options.bundle = subject.bundle;
     options.encoder = subject.encoder;
     std::vector<float> samples;
-    for (const int16_t sample : spoken_sound(kBatchSeconds))
+    for (const int16_t sample : spokenSound(kBatchSeconds)) {
         samples.push_back(static_cast<float>(sample) * (1.0f / 32768));
-    const auto seconds_since = [](Clock::time_point start) {
+    }
+    const auto secondsSince = [](Clock::time_point start) {
         return std::chrono::duration<double>(Clock::now() - start).count();
     };
     const Clock::time_point start = Clock::now();
-    const std::unique_ptr<ClipRenderer> renderer = open_stream_renderer(options);
+    const std::unique_ptr<ClipRenderer> renderer = openStreamRenderer(options);
     BatchMeasure measure;
-    measure.load_seconds = seconds_since(start);
+    measure.loadSeconds = secondsSince(start);
     const auto clip = [&] {
-        const int made = renderer->run(samples, [](const uint8_t*) { throw_if_interrupted(); });
-        if (made != kBatchSeconds * kFrameRate)
+        const int made = renderer->run(samples, [](const uint8_t*) { throwIfInterrupted(); });
+        if (made != kBatchSeconds * kFrameRate) {
             fail("the batch path failed: {}; check the subject with zorv inspect",
                  renderer->error());
+        }
         return made;
     };
     clip();
-    const double cpu = cpu_seconds();
+    const double cpu = cpuSeconds();
     const Clock::time_point begin = Clock::now();
     do {
         measure.frames += clip();
-        measure.seconds = seconds_since(begin);
+        measure.seconds = secondsSince(begin);
     } while (measure.seconds < kLeastBatchTime);
-    measure.cpu_seconds = cpu_seconds() - cpu;
+    measure.cpuSeconds = cpuSeconds() - cpu;
     return measure;
 }
 

@@ -16,7 +16,7 @@ double fitting(double has, double spare, double need) {
                     : kManySessions;
 }
 
-std::string sessions_text(int count) {
+std::string sessionsText(int count) {
     return fmt::format("{} live session{}", count, count == 1 ? "" : "s");
 }
 
@@ -25,14 +25,15 @@ std::string needs(const SessionCost& cost, const Capacity& capacity) {
         "one takes {:.2f} cores and {:.0f} MiB while it speaks; {:.0f} % of {:.3g} usable cores "
         "and "
         "{:.0f} % of {:.1f} GiB are given out",
-        cost.cores, cost.memory_bytes / kMiB, 100 * (1 - kSpareCores), capacity.cores,
-        100 * (1 - kSpareMemory), capacity.memory_bytes / kMiB / 1024);
+        cost.cores, cost.memoryBytes / kMiB, 100 * (1 - kSpareCores), capacity.cores,
+        100 * (1 - kSpareMemory), capacity.memoryBytes / kMiB / 1024);
 }
 
 std::string unfit(const SessionsRun& single) {
-    if (single.failures > 0)
+    if (single.failures > 0) {
         return fmt::format("a session failed: {}; check the subject with zorv inspect",
                            single.failure);
+    }
     return fmt::format(
         "of {} frames that a single session owed {} were late; close other programs, give the "
         "models more "
@@ -48,33 +49,33 @@ std::string tried(const SessionsRun& run) {
 
 }  // namespace
 
-bool SessionsRun::kept_up() const {
+bool SessionsRun::keptUp() const {
     return failures == 0 && due > 0 && late <= kLateShare * due;
 }
 
-int estimated_sessions(const SessionCost& cost, const Capacity& capacity) {
+int estimatedSessions(const SessionCost& cost, const Capacity& capacity) {
     if (!(cost.cores > 0)) return 0;
     return static_cast<int>(
         std::min(fitting(capacity.cores, kSpareCores, cost.cores),
-                 fitting(capacity.memory_bytes, kSpareMemory, cost.memory_bytes)));
+                 fitting(capacity.memoryBytes, kSpareMemory, cost.memoryBytes)));
 }
 
-int next_run(int estimate, int most, const std::vector<SessionsRun>& runs) {
+int nextRun(int estimate, int most, const std::vector<SessionsRun>& runs) {
     const SessionsRun& last = runs.back();
-    if (!runs.front().kept_up()) return 0;
+    if (!runs.front().keptUp()) return 0;
     const int wanted = std::min(estimate, most);
     if (runs.size() == 1) return wanted > 1 ? wanted : 0;
     // A second try at half the number; a third would take more time than it tells.
     const int half = last.sessions / 2;
-    return runs.size() == 2 && !last.kept_up() && half > 1 ? half : 0;
+    return runs.size() == 2 && !last.keptUp() && half > 1 ? half : 0;
 }
 
 Verdict judge(const SessionCost& cost, const Capacity& capacity,
               const std::vector<SessionsRun>& runs) {
     Verdict verdict;
-    verdict.estimate = estimated_sessions(cost, capacity);
+    verdict.estimate = estimatedSessions(cost, capacity);
     const SessionsRun& single = runs.front();
-    if (!single.kept_up()) {
+    if (!single.keptUp()) {
         verdict.text = "This machine carries no live session of this subject: " + unfit(single);
         return verdict;
     }
@@ -82,19 +83,20 @@ Verdict judge(const SessionCost& cost, const Capacity& capacity,
     int shown = 1;
     std::string trials;
     for (size_t i = 1; i < runs.size(); ++i) {
-        if (runs[i].kept_up()) shown = std::max(shown, runs[i].sessions);
+        if (runs[i].keptUp()) shown = std::max(shown, runs[i].sessions);
         trials += (i == 1 ? "; " : ", ") + tried(runs[i]);
     }
-    const bool all_kept_up =
-        std::all_of(runs.begin(), runs.end(), [](const SessionsRun& run) { return run.kept_up(); });
-    verdict.sessions = all_kept_up ? std::max(shown, verdict.estimate) : shown;
+    const bool allKeptUp =
+        std::all_of(runs.begin(), runs.end(), [](const SessionsRun& run) { return run.keptUp(); });
+    verdict.sessions = allKeptUp ? std::max(shown, verdict.estimate) : shown;
     verdict.confirmed = verdict.sessions == shown;
     verdict.text =
         fmt::format("This machine carries {} of this subject at a time{}: {}{}.",
-                    sessions_text(verdict.sessions), verdict.confirmed ? "" : " by estimate",
+                    sessionsText(verdict.sessions), verdict.confirmed ? "" : " by estimate",
                     needs(cost, capacity), trials);
-    if (verdict.estimate < 1)
+    if (verdict.estimate < 1) {
         verdict.text += " There is nothing to spare: expect late frames when anything else runs.";
+    }
     return verdict;
 }
 

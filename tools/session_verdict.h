@@ -7,31 +7,31 @@
 
 namespace zorv::tools {
 
-/** Kept free: of the cores for bursts and other programs, of the memory for the same. */
+/// Kept free: of the cores for bursts and other programs, of the memory for the same.
 constexpr double kSpareCores = 0.3, kSpareMemory = 0.2;
-/** A run keeps up when no more of its frames than this are late. */
+/// A run keeps up when no more of its frames than this are late.
 constexpr double kLateShare = 0.01;
 
-/** What one session takes while it speaks. */
+/// What one session takes while it speaks.
 struct SessionCost {
     double cores = 0;  // processor time per second of video
-    double memory_bytes = 0;
+    double memoryBytes = 0;
 };
 
-/** What the machine has to give. */
+/// What the machine has to give.
 struct Capacity {
     double cores = 0;
-    double memory_bytes = 0;
+    double memoryBytes = 0;
 };
 
-/** Sessions at a time that were run, in real time. */
+/// Sessions at a time that were run, in real time.
 struct SessionsRun {
     int sessions = 0;
     int due = 0, late = 0;  // frames of all; late without a reason such as an interrupt
     double cores = 0;       // processor time per second of all together
     uint64_t failures = 0;
     std::string failure;  // one of them
-    bool kept_up() const;
+    bool keptUp() const;
 };
 
 struct Verdict {
@@ -41,15 +41,15 @@ struct Verdict {
     std::string text;
 };
 
-/** Sessions that fit with the spare; none when the cost is not known. */
-int estimated_sessions(const SessionCost& cost, const Capacity& capacity);
+/// Sessions that fit with the spare; none when the cost is not known.
+int estimatedSessions(const SessionCost& cost, const Capacity& capacity);
 
-/** runs: at least the one of a single session, then the others in the order in which they were
- *  tried. */
+/// runs: at least the one of a single session, then the others in the order in which they were
+///  tried.
 Verdict judge(const SessionCost& cost, const Capacity& capacity,
               const std::vector<SessionsRun>& runs);
 
-/** How many to run next, at most `most`, or 0 when enough is known. */
-int next_run(int estimate, int most, const std::vector<SessionsRun>& runs);
+/// How many to run next, at most `most`, or 0 when enough is known.
+int nextRun(int estimate, int most, const std::vector<SessionsRun>& runs);
 
 }  // namespace zorv::tools

@@ -5,7 +5,7 @@
 
 namespace zorv::tools {
 
-std::vector<int16_t> spoken_sound(int seconds) {
+std::vector<int16_t> spokenSound(int seconds) {
     std::vector<int16_t> sound;
     for (int i = 0; i < seconds * 16000; ++i) {
         const double t = i / 16000.0;

@@ -15,9 +15,9 @@ struct Destroy {
 };
 using Stream = std::unique_ptr<zorv_stream, Destroy>;
 
-/** Where the frames go while the stream runs, and why it was stopped. */
+/// Where the frames go while the stream runs, and why it was stopped.
 struct Delivery {
-    const ClipRenderer::OnFrame& on_frame;
+    const ClipRenderer::OnFrame& onFrame;
     std::exception_ptr stopped;
 };
 
@@ -25,7 +25,7 @@ struct Delivery {
 int deliver(void* user, int index, const uint8_t* rgb, int, int) {
     auto& delivery = *static_cast<Delivery*>(user);
     try {
-        delivery.on_frame(rgb);
+        delivery.onFrame(rgb);
     } catch (...) {
         delivery.stopped = std::current_exception();
         throw;
@@ -37,21 +37,22 @@ class StreamRenderer : public ClipRenderer {
   public:
     explicit StreamRenderer(const RenderOptions& options)
         : stream_(zorv_stream_create(options.bundle.c_str(), options.encoder.c_str(),
-                                     model_threads(options.threads), options.skip_frames,
+                                     modelThreads(options.threads), options.skipFrames,
                                      options.gain)) {
-        if (!stream_)
+        if (!stream_) {
             fail(
                 "cannot open '{}' with encoder '{}': {}; prepare the subject again or check the "
                 "encoder",
                 options.bundle, options.encoder, zorv_stream_last_error());
+        }
     }
 
     int width() const override { return zorv_stream_width(stream_.get()); }
     int height() const override { return zorv_stream_height(stream_.get()); }
     std::string error() const override { return zorv_stream_last_error(); }
 
-    int run(const std::vector<float>& samples, const OnFrame& on_frame) override {
-        Delivery delivery{on_frame, nullptr};
+    int run(const std::vector<float>& samples, const OnFrame& onFrame) override {
+        Delivery delivery{onFrame, nullptr};
         int made = -1;
         try {
             made = zorv_stream_run(stream_.get(), samples.data(), static_cast<int>(samples.size()),
@@ -69,21 +70,24 @@ class StreamRenderer : public ClipRenderer {
 
 }  // namespace
 
-void check_encoder(const RenderOptions& options) {
-    if (options.encoder.empty())
+void checkEncoder(const RenderOptions& options) {
+    if (options.encoder.empty()) {
         fail("--engine {} needs a speech encoder; name it with --encoder", options.engine);
+    }
     std::error_code error;
-    if (!std::filesystem::is_regular_file(options.encoder, error))
+    if (!std::filesystem::is_regular_file(options.encoder, error)) {
         fail("no speech encoder '{}'; check the path given to --encoder", options.encoder);
+    }
 }
 
-void check_stream_options(const RenderOptions& options) {
-    if (!options.motion_dir.empty())
+void checkStreamOptions(const RenderOptions& options) {
+    if (!options.motionDir.empty()) {
         fail("--motion-dir is not for --engine fca; name the engine it belongs to");
-    check_encoder(options);
+    }
+    checkEncoder(options);
 }
 
-std::unique_ptr<ClipRenderer> open_stream_renderer(const RenderOptions& options) {
+std::unique_ptr<ClipRenderer> openStreamRenderer(const RenderOptions& options) {
     return std::make_unique<StreamRenderer>(options);
 }
 

@@ -10,11 +10,11 @@ namespace zorv::tools {
 
 class TelemetryFile {
   public:
-    /** Switches telemetry on, and starts anew, unless `path` is empty. Fails when the file cannot
-     *  be written. */
+    /// Switches telemetry on, and starts anew, unless `path` is empty. Fails when the file cannot
+    ///  be written.
     explicit TelemetryFile(const std::string& path);
 
-    /** Writes the batch of the run; without a path it does nothing. */
+    /// Writes the batch of the run; without a path it does nothing.
     void save();
 
   private:

@@ -9,8 +9,9 @@ namespace zorv::tools {
 
 VideoReader::VideoReader(const std::string& path) : file_(path, AVMEDIA_TYPE_VIDEO, "VIDEO") {
     const double rate = av_q2d(file_.stream()->avg_frame_rate);
-    if (std::abs(rate - kFrameRate) > 0.01)
+    if (std::abs(rate - kFrameRate) > 0.01) {
         fail("'{}' runs at {:.2f} frames per second; give a video of {}", path, rate, kFrameRate);
+    }
     planes_->format = AV_PIX_FMT_YUV444P;
     planes_->width = width();
     planes_->height = height();
@@ -19,12 +20,13 @@ VideoReader::VideoReader(const std::string& path) : file_(path, AVMEDIA_TYPE_VID
 }
 
 bool VideoReader::read(Picture& picture) {
-    throw_if_interrupted();
+    throwIfInterrupted();
     if (!file_.next(decoded_.get())) return false;
     if (!started_) start_ = file_.seconds(decoded_.get());
     started_ = true;
-    if (decoded_->width != planes_->width || decoded_->height != planes_->height)
+    if (decoded_->width != planes_->width || decoded_->height != planes_->height) {
         fail("'{}' changes its size midway; give a video of one size", file_.path());
+    }
     converter_.reset(sws_getCachedContext(converter_.release(), decoded_->width, decoded_->height,
                                           static_cast<AVPixelFormat>(decoded_->format),
                                           planes_->width, planes_->height, AV_PIX_FMT_YUV444P,

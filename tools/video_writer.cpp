@@ -8,19 +8,22 @@ namespace zorv::tools {
 namespace {
 
 // The best H.264 encoder first; the rest in FFmpeg's order, hardware included.
-std::vector<const AVCodec*> h264_encoders() {
+std::vector<const AVCodec*> h264Encoders() {
     std::vector<const AVCodec*> found;
-    for (const char* name : {"libx264", "libopenh264"})
+    for (const char* name : {"libx264", "libopenh264"}) {
         if (const AVCodec* codec = avcodec_find_encoder_by_name(name)) found.push_back(codec);
+    }
     void* place = nullptr;
-    while (const AVCodec* codec = av_codec_iterate(&place))
+    while (const AVCodec* codec = av_codec_iterate(&place)) {
         if (codec->id == AV_CODEC_ID_H264 && av_codec_is_encoder(codec) &&
-            std::find(found.begin(), found.end(), codec) == found.end())
+            std::find(found.begin(), found.end(), codec) == found.end()) {
             found.push_back(codec);
+        }
+    }
     return found;
 }
 
-av::Owner<AVCodecContext> open_h264(const AVCodec* encoder, int width, int height) {
+av::Owner<AVCodecContext> openH264(const AVCodec* encoder, int width, int height) {
     av::Owner<AVCodecContext> codec(avcodec_alloc_context3(encoder));
     if (!codec) throw std::bad_alloc();
     codec->width = width;
@@ -48,18 +51,18 @@ av::Owner<AVCodecContext> open_h264(const AVCodec* encoder, int width, int heigh
 }  // namespace
 
 VideoWriter::VideoWriter(const std::string& path, int width, int height,
-                         std::unique_ptr<SoundSource> sound, int skip_frames)
+                         std::unique_ptr<SoundSource> sound, int skipFrames)
     : width_(width & ~1),
       height_(height & ~1),
-      source_stride_(3 * width),
+      sourceStride_(3 * width),
       source_(std::move(sound)),
-      samples_per_frame_(source_->rate() / kFrameRate),
-      sound_to_drop_(int64_t{skip_frames} * samples_per_frame_) {
+      samplesPerFrame_(source_->rate() / kFrameRate),
+      soundToDrop_(int64_t{skipFrames} * samplesPerFrame_) {
     if (width_ < 2 || height_ < 2) fail("frames of {} x {} are too small for video", width, height);
-    open_picture();
-    open_sound();
+    openPicture();
+    openSound();
     try {
-        open_file(path);
+        openFile(path);
     } catch (...) {
         if (format_) {
             avio_closep(&format_->pb);
@@ -74,27 +77,29 @@ VideoWriter::~VideoWriter() {
     avformat_free_context(format_);
 }
 
-void VideoWriter::open_picture() {
-    for (const AVCodec* encoder : h264_encoders())
-        if ((picture_.codec = open_h264(encoder, width_, height_))) break;
-    if (!picture_.codec)
+void VideoWriter::openPicture() {
+    for (const AVCodec* encoder : h264Encoders()) {
+        if ((picture_.codec = openH264(encoder, width_, height_))) break;
+    }
+    if (!picture_.codec) {
         fail(
             "this FFmpeg has no working H.264 encoder; install one with libx264, or give -o a "
             "directory for PNG frames");
+    }
     AVFrame* frame = picture_.frame.get();
     frame->format = AV_PIX_FMT_YUV420P;
     frame->width = width_;
     frame->height = height_;
     frame->color_range = AVCOL_RANGE_MPEG;
     frame->colorspace = AVCOL_SPC_BT709;
-    to_yuv_.reset(sws_getContext(width_, height_, AV_PIX_FMT_RGB24, width_, height_,
-                                 AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
-    if (av_frame_get_buffer(frame, 0) < 0 || !to_yuv_) throw std::bad_alloc();
+    toYuv_.reset(sws_getContext(width_, height_, AV_PIX_FMT_RGB24, width_, height_,
+                                AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
+    if (av_frame_get_buffer(frame, 0) < 0 || !toYuv_) throw std::bad_alloc();
     const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(to_yuv_.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+    sws_setColorspaceDetails(toYuv_.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
 }
 
-void VideoWriter::open_sound() {
+void VideoWriter::openSound() {
     const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_AAC);
     if (encoder) audio_.codec.reset(avcodec_alloc_context3(encoder));
     AVCodecContext* codec = audio_.codec.get();
@@ -106,10 +111,11 @@ void VideoWriter::open_sound() {
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         av_channel_layout_default(&codec->ch_layout, source_->channels());
     }
-    if (!codec || avcodec_open2(codec, encoder, nullptr) < 0)
+    if (!codec || avcodec_open2(codec, encoder, nullptr) < 0) {
         fail(
             "this FFmpeg has no working AAC encoder; install one that has, or give -o a directory "
             "for PNG frames");
+    }
     AVFrame* frame = audio_.frame.get();
     frame->format = codec->sample_fmt;
     frame->sample_rate = source_->rate();
@@ -120,7 +126,7 @@ void VideoWriter::open_sound() {
 
 // The encoder's priming samples come out with negative times; the muxer turns them into an edit
 // list, so players start both streams at zero together.
-void VideoWriter::open_file(const std::string& path) {
+void VideoWriter::openFile(const std::string& path) {
     const std::string url = "file:" + path;
     check(avformat_alloc_output_context2(&format_, nullptr, "mp4", url.c_str()));
     for (EncodedStream* target : {&picture_, &audio_}) {
@@ -142,7 +148,7 @@ void VideoWriter::check(int code) const {
     if (code >= 0 && format_ && format_->pb && format_->pb->error < 0) code = format_->pb->error;
     if (code >= 0) return;
     fail("writing the video failed: {}; free some space or name another output",
-         av::error_text(code));
+         av::errorText(code));
 }
 
 void VideoWriter::encode(EncodedStream& target, AVFrame* frame) {
@@ -160,30 +166,30 @@ void VideoWriter::encode(EncodedStream& target, AVFrame* frame) {
 void VideoWriter::write(const uint8_t* rgb) {
     AVFrame* frame = picture_.frame.get();
     if (av_frame_make_writable(frame) < 0) throw std::bad_alloc();
-    av::scale(to_yuv_.get(), rgb, source_stride_, height_, frame->data, frame->linesize, copy_);
-    frame->pts = picture_.next_time++;
+    av::scale(toYuv_.get(), rgb, sourceStride_, height_, frame->data, frame->linesize, copy_);
+    frame->pts = picture_.nextTime++;
     encode(picture_, frame);
-    encode_sound_until(picture_.next_time * samples_per_frame_);
+    encodeSoundUntil(picture_.nextTime * samplesPerFrame_);
 }
 
-void VideoWriter::encode_sound_until(int64_t sample) {
+void VideoWriter::encodeSoundUntil(int64_t sample) {
     const auto channels = static_cast<size_t>(source_->channels());
     const auto block = static_cast<size_t>(audio_.codec->frame_size);
-    while (audio_.next_time < sample) {
-        while (!sound_ended_ && sound_.size() < block * channels) {
-            sound_ended_ = !source_->read(sound_);
+    while (audio_.nextTime < sample) {
+        while (!soundEnded_ && sound_.size() < block * channels) {
+            soundEnded_ = !source_->read(sound_);
             const size_t dropped =
-                std::min(sound_.size() / channels, static_cast<size_t>(sound_to_drop_));
+                std::min(sound_.size() / channels, static_cast<size_t>(soundToDrop_));
             sound_.erase(sound_.begin(), sound_.begin() + static_cast<long>(dropped * channels));
-            sound_to_drop_ -= static_cast<int64_t>(dropped);
+            soundToDrop_ -= static_cast<int64_t>(dropped);
         }
         const size_t count = std::min(sound_.size() / channels, block);
         if (count == 0) return;
-        encode_sound_block(count);
+        encodeSoundBlock(count);
     }
 }
 
-void VideoWriter::encode_sound_block(size_t count) {
+void VideoWriter::encodeSoundBlock(size_t count) {
     const auto channels = static_cast<size_t>(source_->channels());
     AVFrame* frame = audio_.frame.get();
     if (av_frame_make_writable(frame) < 0) throw std::bad_alloc();
@@ -193,13 +199,13 @@ void VideoWriter::encode_sound_block(size_t count) {
     }
     sound_.erase(sound_.begin(), sound_.begin() + static_cast<long>(count * channels));
     frame->nb_samples = static_cast<int>(count);
-    frame->pts = audio_.next_time;
-    audio_.next_time += static_cast<int64_t>(count);
+    frame->pts = audio_.nextTime;
+    audio_.nextTime += static_cast<int64_t>(count);
     encode(audio_, frame);
 }
 
 void VideoWriter::finish() {
-    encode_sound_until(picture_.next_time * samples_per_frame_);
+    encodeSoundUntil(picture_.nextTime * samplesPerFrame_);
     encode(picture_, nullptr);
     encode(audio_, nullptr);
     check(av_write_trailer(format_));

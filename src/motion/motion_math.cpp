@@ -9,8 +9,9 @@ namespace {
 constexpr std::array<float, kSetFloats> makeLipMask() {
     std::array<float, kSetFloats> mask{};
     for (const int keypoint : kLipKeypoints) {
-        for (int axis = 0; axis < 3; ++axis)
+        for (int axis = 0; axis < 3; ++axis) {
             mask[static_cast<std::size_t>(3 * keypoint + axis)] = 1;
+        }
     }
     return mask;
 }
@@ -69,8 +70,9 @@ void placeKeypoints(const KeypointInfo& info, const Rotation& rotation, const fl
 
 void smoothPose(const float* before, const float* frame, const float* after, float* out) {
     if (before && after) {
-        for (std::size_t d = 0; d < kPoseFloats; ++d)
+        for (std::size_t d = 0; d < kPoseFloats; ++d) {
             out[d] = (before[d] + frame[d] + after[d]) / 3;
+        }
     } else if (const float* other = before ? before : after) {
         for (std::size_t d = 0; d < kPoseFloats; ++d) out[d] = (frame[d] + other[d]) / 2;
     } else {
@@ -80,8 +82,9 @@ void smoothPose(const float* before, const float* frame, const float* after, flo
 
 void crossFade(int k, const float* predicted, float* frame) {
     const float w = static_cast<float>(k) / static_cast<float>(kFadeFrames);
-    for (std::size_t d = 0; d < kMotionFloats; ++d)
+    for (std::size_t d = 0; d < kMotionFloats; ++d) {
         frame[d] = (1 - w) * frame[d] + w * predicted[d];
+    }
 }
 
 void clampMotion(const float* low, const float* high, float* motion) {
