@@ -42,7 +42,7 @@ class DoctorCommand : public test::ProgramTest {
                 unsetenv("ZORV_SIMD");
             }
         });
-        expect_advice(outcome, 2, "make the demo subject with scripts/demo.sh");
+        expectAdvice(outcome, 2, "make the demo subject with scripts/demo.sh");
         return json::parse(outcome.out, nullptr, false);
     }
 };
@@ -103,12 +103,12 @@ TEST_F(DoctorCommand, MistakesEndInOneLineOfAdvice) {
                     "--speech", "1", "--most", "1"});
     };
     const std::string encoder = test::modelFile("encoder");
-    expect_advice(with(work_.path(), motion.dir(), encoder), 2, "holds no manifest.json");
-    expect_advice(with(bundle.dir(), path("nothing"), encoder), 2, "with --motion-dir");
-    expect_advice(with(bundle.dir(), motion.dir(), path("nothing")), 2, "with --encoder");
+    expectAdvice(with(work_.path(), motion.dir(), encoder), 2, "holds no manifest.json");
+    expectAdvice(with(bundle.dir(), path("nothing"), encoder), 2, "with --motion-dir");
+    expectAdvice(with(bundle.dir(), motion.dir(), path("nothing")), 2, "with --encoder");
     bundle.truncate("P.f16");
-    expect_advice(with(bundle.dir(), motion.dir(), encoder), 2, "P.f16");
-    expect_advice(run({"doctor", "--speech", "0"}), 2, "--speech");
+    expectAdvice(with(bundle.dir(), motion.dir(), encoder), 2, "P.f16");
+    expectAdvice(run({"doctor", "--speech", "0"}), 2, "--speech");
 }
 
 TEST_F(DoctorCommand, ARuntimeThatIsTooOldIsNamed) {

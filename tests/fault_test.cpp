@@ -311,7 +311,7 @@ TEST_F(A2xFaults, ShortWindowsAndSilence) {
 }
 
 TEST(TelemetryFaults, ABatchIsCompleteOrStays) {
-    const std::string long_text(200, 'x');
+    const std::string longText(200, 'x');
     zorv_telemetry_enable(1);
     drive("zorv_telemetry_take", kMemory, [&] {
         inLibrary([] { zorv_telemetry_clear(); });
@@ -320,7 +320,7 @@ TEST(TelemetryFaults, ABatchIsCompleteOrStays) {
                 zorv_telemetry_count("faults.count", "1", 2);
                 zorv_telemetry_gauge("faults.gauge", "1", 0.5);
                 zorv_telemetry_duration("faults.duration", 0.25);
-                zorv_telemetry_event("faults.event", long_text.c_str());
+                zorv_telemetry_event("faults.event", longText.c_str());
             });
         }
         std::string batch(1 << 20, '\0');

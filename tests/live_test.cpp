@@ -116,7 +116,7 @@ TEST_F(LiveCommand, AnInterruptEndsTheSpeech) {
                               " 0 speech frames pulled after it", "late, ", "processor time"}) {
         EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
     }
-    expect_nothing_written();
+    expectNothingWritten();
 }
 
 TEST_F(LiveCommand, SpeaksThroughTheExpressionEngine) {
@@ -124,9 +124,9 @@ TEST_F(LiveCommand, SpeaksThroughTheExpressionEngine) {
     auto words = command(speech(0.5), {"--json"});
     words[3] = expression.path();
     unsetenv("W2V_ONNX");
-    expect_advice(run(words), 1, "needs a speech encoder; name it with --encoder");
+    expectAdvice(run(words), 1, "needs a speech encoder; name it with --encoder");
     words.insert(words.end(), {"--encoder", path("nothing.onnx")});
-    expect_advice(run(words), 1, "check the path given to --encoder");
+    expectAdvice(run(words), 1, "check the path given to --encoder");
     words.back() = test::modelFile("a2x_w2v");
     const nlohmann::json seen = report(words);
     EXPECT_EQ(seen["shown_speech_frames"], 13);
@@ -140,8 +140,8 @@ TEST_F(LiveCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     const auto mistake = [&](const std::vector<std::string>& words, const std::string& advice,
                              int code = 1) {
         SCOPED_TRACE(advice);
-        expect_advice(run(words), code, advice);
-        expect_nothing_written();
+        expectAdvice(run(words), code, advice);
+        expectNothingWritten();
     };
     const auto with = [&](size_t place, const std::string& value) {
         auto words = command(good, {"-o", out});
@@ -165,12 +165,12 @@ TEST_F(LiveCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
 TEST_F(LiveCommand, AFailureOfTheEngineIsReportedAndEndsTheProgram) {
     motion_.useModel("lmdm", "lmdm_short");
     const Outcome outcome = run(command(speech(0.4), {"-o", target("x.mp4"), "--json"}));
-    expect_advice(outcome, 1, "speaking failed: zorv_motion_");
+    expectAdvice(outcome, 1, "speaking failed: zorv_motion_");
     const auto seen = nlohmann::json::parse(outcome.out, nullptr, false);
     EXPECT_GE(seen["failures"], 1);
     EXPECT_EQ(seen["speech_frames"], 0);
     EXPECT_TRUE(seen["first_frame_finished_ms"].is_null());
-    expect_nothing_written();
+    expectNothingWritten();
 }
 
 TEST_F(LiveCommand, AFullDiskAndCtrlCLeaveNothing) {
@@ -179,16 +179,16 @@ TEST_F(LiveCommand, AFullDiskAndCtrlCLeaveNothing) {
         setrlimit(RLIMIT_FSIZE, &size);
     };
     const std::string audio = speech(60, 16000);
-    expect_advice(run(command(audio, {"-o", target("x.mp4")}), limit), 1, "free some space");
-    expect_nothing_written();
+    expectAdvice(run(command(audio, {"-o", target("x.mp4")}), limit), 1, "free some space");
+    expectNothingWritten();
     const pid_t child = start(command(audio, {"-o", target("x.mp4")}));
     for (int i = 0; i < 1000 && fs::is_empty(path("out")); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(child, SIGINT);
-    expect_advice(finish(child), 130, "interrupted, nothing was written");
-    expect_nothing_written();
+    expectAdvice(finish(child), 130, "interrupted, nothing was written");
+    expectNothingWritten();
 }
 
 TEST(FrameTapeTest, GivesBackWhatItTook) {

@@ -30,7 +30,7 @@ namespace zorv {
 namespace {
 
 using test::Outcome;
-using test::wav_of;
+using test::wavOf;
 using tools::AudioReader;
 using tools::Picture;
 using tools::VideoReader;
@@ -63,8 +63,8 @@ class RenderCommand : public test::ProgramTest {
     void expectMistake(const std::vector<std::string>& arguments, const std::string& advice,
                        int code = 1) {
         SCOPED_TRACE(advice);
-        expect_advice(run(arguments), code, advice);
-        expect_nothing_written();
+        expectAdvice(run(arguments), code, advice);
+        expectNothingWritten();
     }
 
     test::TestBundle bundle_;
@@ -73,7 +73,7 @@ class RenderCommand : public test::ProgramTest {
 TEST_F(RenderCommand, MistakesEndInOneLineOfAdviceAndWriteNothing) {
     const std::string good = speech(0.5), out = target("x.mp4");
     test::writeFile(path("empty.wav"), "");
-    test::writeFile(path("zero.wav"), wav_of({}, 16000));
+    test::writeFile(path("zero.wav"), wavOf({}, 16000));
     test::writeFile(path("text.txt"), "not a recording");
     test::writeFile(path("taken"), "a file");
     fs::create_directory(path("full"));
@@ -128,9 +128,9 @@ TEST_F(RenderCommand, AFullDiskLeavesNothingAndSaysSo) {
         const rlimit size = {2000, 2000};
         setrlimit(RLIMIT_FSIZE, &size);
     };
-    expect_advice(run(command(audio, target("x.mp4")), limit), 1, "free some space");
-    expect_advice(run(command(audio, target("frames")), limit), 1, "free some space");
-    expect_nothing_written();
+    expectAdvice(run(command(audio, target("x.mp4")), limit), 1, "free some space");
+    expectAdvice(run(command(audio, target("frames")), limit), 1, "free some space");
+    expectNothingWritten();
 }
 
 TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
@@ -148,10 +148,10 @@ TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
             }
             EXPECT_EQ(entries(), 2) << "the output did not begin";
             for (int i = 0; i < signals; ++i) kill(child, i == 0 ? SIGINT : SIGTERM);
-            expect_advice(finish(child), 130, "interrupted, nothing was written");
+            expectAdvice(finish(child), 130, "interrupted, nothing was written");
             EXPECT_EQ(test::readFile(out), "an older video");
             fs::remove(out);
-            expect_nothing_written();
+            expectNothingWritten();
         }
     }
 }
@@ -181,7 +181,7 @@ TEST_F(RenderCommand, SoundAndPictureStartTogether) {
     constexpr int kRate = 44100;
     std::vector<std::int16_t> samples(3 * kRate - 1000);
     for (const double at : {0.7, 1.3, 2.2}) samples[static_cast<size_t>(at * kRate)] = 32000;
-    test::writeFile(path("clicks.wav"), wav_of(samples, kRate));
+    test::writeFile(path("clicks.wav"), wavOf(samples, kRate));
     test::TestBundle odd({.width = 49, .height = 41});
     prepare(odd);
     for (const int skip : {0, 10}) {

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "errorText.h"
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "errorText.h"
+#include "error_text.h"
 #include "failure.h"
 
 namespace fs = std::filesystem;

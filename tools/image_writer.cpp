@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "errorText.h"
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {

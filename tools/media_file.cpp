@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "errorText.h"
+#include "error_text.h"
 #include "failure.h"
 
 namespace zorv::tools {
@@ -15,9 +15,9 @@ void requireReadable(const std::string& path, const std::string& option) {
     if (!std::filesystem::exists(status)) {
         fail("cannot read '{}': {}; check the path given to {}", path,
              error ? error.message() : errorText(ENOENT), option);
-        if (std::filesystem::is_directory(status)) {
-            fail("'{}' is a directory; give {} a media file", path, option);
-        }
+    }
+    if (std::filesystem::is_directory(status)) {
+        fail("'{}' is a directory; give {} a media file", path, option);
     }
     if (std::filesystem::is_regular_file(status) && std::filesystem::file_size(path, error) == 0) {
         fail("'{}' is empty; give {} a media file", path, option);

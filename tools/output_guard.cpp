@@ -12,7 +12,7 @@
 #include <mutex>
 #include <vector>
 
-#include "errorText.h"
+#include "error_text.h"
 #include "failure.h"
 
 namespace fs = std::filesystem;

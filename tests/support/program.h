@@ -20,7 +20,7 @@
 
 namespace zorv::test {
 
-inline std::string wav_of(const std::vector<std::int16_t>& samples, int rate) {
+inline std::string wavOf(const std::vector<std::int16_t>& samples, int rate) {
     const auto bytes = static_cast<std::uint32_t>(samples.size() * 2);
     std::string text;
     const auto number = [&](std::uint32_t value, int size) {
@@ -50,10 +50,10 @@ class ProgramTest : public testing::Test {
         std::vector<std::int16_t> samples(static_cast<size_t>(seconds * rate));
         for (size_t i = 0; i < samples.size(); ++i)
             samples[i] = static_cast<std::int16_t>(8000 * std::sin(static_cast<double>(i) * 0.05));
-        writeFile(path("speech.wav"), wav_of(samples, rate));
+        writeFile(path("speech.wav"), wavOf(samples, rate));
         return path("speech.wav");
     }
-    pid_t start(std::vector<std::string> arguments, const std::function<void()>& in_child = {}) {
+    pid_t start(std::vector<std::string> arguments, const std::function<void()>& inChild = {}) {
         arguments.insert(arguments.begin(), ZORV_PROGRAM);
         std::vector<char*> words;
         for (std::string& word : arguments) words.push_back(word.data());
@@ -66,7 +66,7 @@ class ProgramTest : public testing::Test {
         const int flags = O_WRONLY | O_CREAT | O_TRUNC;
         dup2(open(out.c_str(), flags, 0600), STDOUT_FILENO);
         dup2(open(err.c_str(), flags, 0600), STDERR_FILENO);
-        if (in_child) in_child();
+        if (inChild) inChild();
         execv(words[0], words.data());
         _exit(127);
     }
@@ -79,12 +79,12 @@ class ProgramTest : public testing::Test {
     }
 
     Outcome run(const std::vector<std::string>& arguments,
-                const std::function<void()>& in_child = {}) {
-        return finish(start(arguments, in_child));
+                const std::function<void()>& inChild = {}) {
+        return finish(start(arguments, inChild));
     }
 
     /// One line that names the program and holds `advice`; progress lines before it are no fault.
-    void expect_advice(const Outcome& outcome, int code, const std::string& advice) {
+    void expectAdvice(const Outcome& outcome, int code, const std::string& advice) {
         EXPECT_EQ(outcome.code, code) << outcome.err;
         std::string err = outcome.err;
         while (!err.empty() && err.find(" left\n") < err.find('\n'))
@@ -93,7 +93,7 @@ class ProgramTest : public testing::Test {
         EXPECT_EQ(err.find('\n'), err.size() - 1) << outcome.err;
         EXPECT_NE(err.find(advice), std::string::npos) << outcome.err;
     }
-    void expect_nothing_written() {
+    void expectNothingWritten() {
         std::filesystem::create_directory(path("out"));
         for (const auto& entry : std::filesystem::directory_iterator(path("out")))
             ADD_FAILURE() << "left behind: " << entry.path();
