@@ -98,6 +98,26 @@ TEST(SpeechInputTest, CutsAudioIntoUtterancesAtMarks) {
     EXPECT_TRUE(input.empty());
 }
 
+// An engine that was destroyed while it rendered left its context unable to render.
+TEST(EngineStateTest, AStoppedRendererRunsForTheNextOne) {
+    const test::TestBundle bundle;
+    zorv_ctx context(bundle.dir(), "render", 1, "");
+    SteadyClock clock;
+    EngineState state(clock);
+    ASSERT_TRUE(state.beginRender(*context.renderer, 0));
+    {
+        const MutexLock lock(state.mutex);
+        state.stopRender();
+    }
+    const Drive& drive = context.drive;
+    const auto render = [&] {
+        context.renderer->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
+    };
+    EXPECT_ANY_THROW(render());
+    state.endRender();
+    EXPECT_NO_THROW(render());
+}
+
 TEST(UttOptionsTest, DefaultsComeFromContextEnvironmentAndFiles) {
     zorv_utt_opts opts = {};
     EXPECT_EQ(test::failure([&] { resolveOptions(opts, 3); }), "opts.motion_dir required");

@@ -65,12 +65,13 @@ struct EngineState {
     bool beginRender(Renderer& renderer, std::uint64_t expected) ZORV_EXCLUDES(mutex) {
         const MutexLock lock(mutex);
         if (stopping || generation != expected) return false;
-        renderer.rearm();
         running = &renderer;
         return true;
     }
+    /// A renderer that was stopped is the host's or the next engine's again: it must run for them.
     void endRender() ZORV_EXCLUDES(mutex) {
         const MutexLock lock(mutex);
+        running->rearm();
         running = nullptr;
     }
     void stopRender() ZORV_REQUIRES(mutex) {
