@@ -19,9 +19,9 @@
 #include "common/ort.h"
 #include "gridsample_rival.h"
 #include "one_node_model.h"
-#include "render/gridsample_fast.h"
-#include "render/gridsample_op.h"
-#include "render/gridsample_rewrite.h"
+#include "render/gridsample/gridsample_fast.h"
+#include "render/gridsample/op.h"
+#include "render/gridsample/rewrite.h"
 #include "stopwatch.h"
 
 namespace {

@@ -17,7 +17,7 @@
 #include "common/ort.h"
 #include "demo_subject.h"
 #include "render/custom_operators.h"
-#include "render/int8conv_vnni.h"
+#include "render/int8conv/int8conv_vnni.h"
 #include "render/zorv_renderer.h"
 #include "stopwatch.h"
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "render/gridsample_rewrite.h"
+#include "render/gridsample/rewrite.h"
 
 namespace {
 

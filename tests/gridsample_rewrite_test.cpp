@@ -1,6 +1,6 @@
 // The load-time rewrite of GridSample nodes: which nodes, which bytes, and what a renderer makes
 // of it.
-#include "render/gridsample_rewrite.h"
+#include "render/gridsample/rewrite.h"
 
 #include <gtest/gtest.h>
 

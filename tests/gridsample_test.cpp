@@ -11,8 +11,8 @@
 
 #include "common/ort.h"
 #include "render/custom_operators.h"
-#include "render/gridsample_fast.h"
-#include "render/gridsample_op.h"
+#include "render/gridsample/gridsample_fast.h"
+#include "render/gridsample/op.h"
 #include "support/failure.h"
 #include "support/runtime_leaks.h"
 #include "support/test_bundle.h"

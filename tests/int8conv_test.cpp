@@ -14,7 +14,7 @@
 
 #include "common/ort.h"
 #include "render/custom_operators.h"
-#include "render/int8conv_vnni.h"
+#include "render/int8conv/int8conv_vnni.h"
 #include "support/failure.h"
 #include "support/runtime_leaks.h"
 #include "support/test_bundle.h"

@@ -1,6 +1,6 @@
 #include "operator_census.h"
 
-#include "render/gridsample_rewrite.h"
+#include "render/gridsample/rewrite.h"
 #include "render/onnx_wire.h"
 
 namespace zorv::tools {

@@ -7,8 +7,8 @@
 #include "common/half.h"
 #include "motion/motion_spectrum.h"
 #include "paste/paste_kernels.h"
-#include "render/gridsample_fast.h"
-#include "render/int8conv_vnni_kernels.h"
+#include "render/gridsample/gridsample_fast.h"
+#include "render/int8conv/kernels.h"
 #include "zorv_core.h"
 
 namespace zorv {

@@ -15,9 +15,9 @@
 #include "render/conv_backend.h"
 #include "render/custom_operators.h"
 #include "render/execution_provider.h"
-#include "render/gridsample_op.h"
-#include "render/gridsample_rewrite.h"
-#include "render/int8conv_vnni.h"
+#include "render/gridsample/op.h"
+#include "render/gridsample/rewrite.h"
+#include "render/int8conv/int8conv_vnni.h"
 #include "telemetry/telemetry.h"
 
 namespace zorv {

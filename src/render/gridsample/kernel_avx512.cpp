@@ -1,6 +1,6 @@
 // Sixteen points at a time.
-#include "render/gridsample_eight.h"
-#include "render/gridsample_interleaved.h"
+#include "render/gridsample/eight.h"
+#include "render/gridsample/interleaved.h"
 
 #if !defined(__AVX512F__) || !defined(__AVX512DQ__)
 #error "compile this file with the flags of its instruction set"

@@ -1,7 +1,7 @@
 // The 256-bit dot product, compiled once for each encoding of the instruction.
 #pragma once
 
-#include "render/int8conv_vnni_lanes256.h"
+#include "render/int8conv/lanes256.h"
 
 namespace zorv {
 namespace {

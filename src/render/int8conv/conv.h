@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <mutex>
 
-#include "render/int8conv_vnni_geometry.h"
-#include "render/int8conv_vnni_kernels.h"
+#include "render/int8conv/geometry.h"
+#include "render/int8conv/kernels.h"
 
 namespace zorv {
 

@@ -1,4 +1,4 @@
-#include "render/gridsample_rewrite.h"
+#include "render/gridsample/rewrite.h"
 
 #include <optional>
 

@@ -5,7 +5,7 @@
 // so that each copy stays in the file that is compiled for it.
 #pragma once
 
-#include "render/int8conv_vnni_kernels.h"
+#include "render/int8conv/kernels.h"
 
 namespace zorv {
 namespace {

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_kernels.h"
+#include "render/int8conv/kernels.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_rows.h"
+#include "render/int8conv/rows.h"
 
 #include <algorithm>
 #include <cstring>

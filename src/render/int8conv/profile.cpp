@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_profile.h"
+#include "render/int8conv/profile.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 #if !defined(__AVX512VNNI__) || !defined(__AVX512VL__) || defined(__AVXVNNI__)
 #error "this file needs -mavx512vnni -mavx512vl without -mavxvnni"
 #endif
-#include "render/int8conv_vnni_vnni256.h"
+#include "render/int8conv/vnni256.h"
 
 namespace zorv {
 

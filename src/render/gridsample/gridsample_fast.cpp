@@ -1,4 +1,4 @@
-#include "render/gridsample_fast.h"
+#include "render/gridsample/gridsample_fast.h"
 
 #include <algorithm>
 #include <cmath>

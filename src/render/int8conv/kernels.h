@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/cpu.h"
-#include "render/int8conv_vnni_geometry.h"
+#include "render/int8conv/geometry.h"
 
 namespace zorv {
 

@@ -1,4 +1,4 @@
-#include "render/gridsample_interleaved.h"
+#include "render/gridsample/interleaved.h"
 
 namespace zorv {
 

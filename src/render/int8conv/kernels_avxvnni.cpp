@@ -1,7 +1,7 @@
 #ifndef __AVXVNNI__
 #error "this file needs -mavxvnni"
 #endif
-#include "render/int8conv_vnni_vnni256.h"
+#include "render/int8conv/vnni256.h"
 
 namespace zorv {
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "render/gridsample_tiles.h"
+#include "render/gridsample/tiles.h"
 
 #if !defined(__AVX2__) || !defined(__FMA__)
 #error "compile this file with the flags of its instruction set"

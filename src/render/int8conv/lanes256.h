@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "render/int8conv_vnni_lanes.h"
+#include "render/int8conv/lanes.h"
 
 namespace zorv {
 namespace {

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_conv.h"
+#include "render/int8conv/conv.h"
 
 #include <algorithm>
 #include <atomic>
@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "common/parallel.h"
-#include "render/int8conv_vnni_profile.h"
-#include "render/int8conv_vnni_rows.h"
+#include "render/int8conv/profile.h"
+#include "render/int8conv/rows.h"
 
 namespace zorv {
 namespace {

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "render/gridsample_fast.h"
+#include "render/gridsample/gridsample_fast.h"
 
 namespace zorv {
 namespace {

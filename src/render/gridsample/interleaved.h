@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "render/gridsample_eight.h"
+#include "render/gridsample/eight.h"
 
 namespace zorv {
 namespace {

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni.h"
+#include "render/int8conv/int8conv_vnni.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_lanes256.h"
+#include "render/int8conv/lanes256.h"
 
 namespace zorv {
 namespace {

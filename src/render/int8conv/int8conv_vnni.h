@@ -3,7 +3,7 @@
 
 #include <onnxruntime_cxx_api.h>
 
-#include "render/int8conv_vnni_conv.h"
+#include "render/int8conv/conv.h"
 
 namespace zorv {
 

@@ -1,4 +1,4 @@
-#include "render/int8conv_vnni_geometry.h"
+#include "render/int8conv/geometry.h"
 
 #include <algorithm>
 #include <new>

@@ -1,6 +1,6 @@
 #include <iterator>
 
-#include "render/gridsample_fast.h"
+#include "render/gridsample/gridsample_fast.h"
 
 namespace zorv {
 

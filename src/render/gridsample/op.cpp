@@ -1,9 +1,9 @@
-#include "render/gridsample_op.h"
+#include "render/gridsample/op.h"
 
 #include <stdexcept>
 
 #include "render/custom_operators.h"
-#include "render/gridsample_fast.h"
+#include "render/gridsample/gridsample_fast.h"
 
 namespace zorv {
 namespace {
