@@ -17,6 +17,7 @@
 #include "support/scoped_env.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
+#include "support/threads.h"
 #include "utt_program.h"
 
 namespace zorv::fuzz {
@@ -27,20 +28,14 @@ constexpr int kSpeech = 1;
 constexpr std::uint64_t kFrameSamples = 640;
 constexpr std::size_t kFrameBytes = std::size_t{4} * 48 * 40;
 constexpr std::size_t kBytesAboveCrop = std::size_t{4} * 48 * 6;
-constexpr auto kPatience = std::chrono::seconds(60);
 
 void pause(int steps) {
     std::this_thread::sleep_for(std::chrono::microseconds(50 * steps));
 }
 
-/// Fails when `condition` does not come true in time.
 template <class Condition>
 void await(Condition&& condition, const char* what) {
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-        require(std::chrono::steady_clock::now() < limit, what);
-        pause(2);
-    }
+    require(test::waitFor(condition), what);
 }
 
 /// A bundle, a context on it, and what its frames look like.
@@ -362,7 +357,8 @@ class Performance {
 
     void destroy() {
         auto done = std::async(std::launch::async, [this] { zorv_utt_destroy(utt_); });
-        require(done.wait_for(kPatience) == std::future_status::ready, "an engine ends in time");
+        require(done.wait_for(test::kPatience) == std::future_status::ready,
+                "an engine ends in time");
     }
 
     Stage& stage_;

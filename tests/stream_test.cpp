@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <zorv_core.h>
 
-#include <chrono>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -15,6 +15,7 @@
 #include "stream/target_walk.h"
 #include "support/audio.h"
 #include "support/test_bundle.h"
+#include "support/threads.h"
 
 namespace zorv {
 namespace {
@@ -22,6 +23,7 @@ namespace {
 using test::modelFile;
 using test::speechLike;
 using test::TestBundle;
+using test::waitUntilOthersSleep;
 
 using CtxPtr = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
 using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
@@ -112,9 +114,7 @@ TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
         CropRing ring(64);
         std::thread producer([&] {
             for (int i = 0; i < 200; ++i) {
-                if (slow == 1 && i % 16 == 0) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                }
+                if (slow == 1 && i % 16 == 0) waitUntilOthersSleep();
                 float* slot = ring.acquire();
                 std::fill_n(slot, 64, static_cast<float>(i));
                 ring.publish();
@@ -123,9 +123,7 @@ TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
         });
         int next = 0;
         while (const float* slot = ring.front()) {
-            if (slow == 2 && next % 16 == 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
+            if (slow == 2 && next % 16 == 0) waitUntilOthersSleep();
             EXPECT_EQ(std::vector<float>(slot, slot + 64),
                       std::vector<float>(64, static_cast<float>(next)));
             ++next;
@@ -138,7 +136,7 @@ TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
 
 TEST(StreamCropRing, CancelEndsTheWaitForAFreeSlot) {
     CropRing ring(1);
-    int filled = 0;
+    std::atomic<int> filled{0};
     std::thread producer([&] {
         while (ring.acquire()) {
             ring.publish();
@@ -146,7 +144,8 @@ TEST(StreamCropRing, CancelEndsTheWaitForAFreeSlot) {
         }
         ring.finish();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the ring is full by now
+    EXPECT_TRUE(test::waitFor([&] { return filled == 4; }));
+    waitUntilOthersSleep();
     ring.cancel();
     producer.join();
     EXPECT_EQ(filled, 4);
@@ -215,10 +214,10 @@ TEST(Stream, FailureInTheMiddleDeliversWhatCameBefore) {
     breakBaseRow(bundle, 5);
     const StreamPtr stream = openStream(bundle);
     ASSERT_TRUE(stream) << zorv_stream_last_error();
-    for (const int slowCallback_ms : {0, 5}) {  // slow: the failure comes while crops wait
+    for (const bool slow : {false, true}) {  // slow: the failure comes while crops wait
         Collector collector;
         collector.during = [&](int) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(slowCallback_ms));
+            if (slow) waitUntilOthersSleep();
         };
         EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
         EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
@@ -234,7 +233,7 @@ TEST(Stream, PasteFailureEndsTheRunWhileTheRingIsFull) {
     const StreamPtr stream = openStream(bundle);
     ASSERT_TRUE(stream) << zorv_stream_last_error();
     Collector collector;
-    collector.during = [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+    collector.during = [](int) { waitUntilOthersSleep(); };
     EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
     EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
     EXPECT_EQ(collector.frames.size(), 2u);

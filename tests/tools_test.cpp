@@ -143,10 +143,7 @@ TEST_F(RenderCommand, InterruptionLeavesWhatWasThereBefore) {
             const auto entries = [&] {
                 return std::distance(fs::directory_iterator(path("out")), {});
             };
-            for (int i = 0; i < 1000 && entries() < 2; ++i) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            EXPECT_EQ(entries(), 2) << "the output did not begin";
+            EXPECT_TRUE(waitWhileRuns(child, [&] { return entries() >= 2; }));
             for (int i = 0; i < signals; ++i) kill(child, i == 0 ? SIGINT : SIGTERM);
             expectAdvice(finish(child), 130, "interrupted, nothing was written");
             EXPECT_EQ(test::readFile(out), "an older video");

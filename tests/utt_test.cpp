@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/failure.h"
+#include "support/threads.h"
 #include "support/utt_player.h"
 
 namespace zorv {
@@ -192,8 +193,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, UttTest,
 TEST_P(UttTest, IdlesThroughTheBundleAndStopsAtEightWaitingFrames) {
     UttPlayer player(options());
     player.waitForFrames(8);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    player.waitForFrames(8);
+    player.settle();
+    EXPECT_EQ(zorv_utt_frames_available(player.utt()), 8);
     const auto frames = player.pull(23);
     expectContinuous(frames, 5);
     EXPECT_EQ(runs(frames), "I23");
@@ -322,7 +323,7 @@ TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
     EXPECT_EQ(runs(others), "S4");
     frames.insert(frames.end(), others.begin(), others.end());
     player.clock.advance(590);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    player.settle();
     EXPECT_EQ(zorv_utt_frames_available(player.utt()), 0) << "nothing is inserted in speech";
 
     // After 600 ms without a frame the mouth closes, and the body idles on, frame by frame.
@@ -330,7 +331,7 @@ TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
     const auto pause = player.pull(9);
     EXPECT_EQ(runs(pause), "R6 I3");
     player.waitForFrames(1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    player.settle();
     EXPECT_EQ(zorv_utt_frames_available(player.utt()), 1);
     EXPECT_EQ(stats(player.utt()).state, 1);
 
@@ -345,7 +346,7 @@ TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
     expectContinuous(frames, 5);
 
     player.clock.advance(1001);
-    EXPECT_TRUE(player.waitFor([&] { return stats(player.utt()).state != 2; }));
+    EXPECT_TRUE(test::waitFor([&] { return stats(player.utt()).state != 2; }));
     EXPECT_EQ(runs(player.pull(10)), "R6 I4");
     EXPECT_EQ(player.script.resets, 1);
     player.waitForFrames(8);
@@ -398,7 +399,7 @@ TEST_P(UttTest, ATargetFrameThatCannotBeDecodedEndsTheUtterance) {
     const std::string picture = test::readFile(file);
     test::writeFile(file, "");
     damaged.say(8, 0.5f);
-    EXPECT_TRUE(damaged.waitFor([&] {
+    EXPECT_TRUE(test::waitFor([&] {
         damaged.pull(1);
         return zorv_utt_failure(damaged.utt(), nullptr, 0) > 0;
     }));
@@ -436,7 +437,7 @@ TEST_P(UttTest, StressedByInterruptsNoOldFrameIsEverPulled) {
         for (int i = 0; i < 500; ++i) {
             // At any moment within the next frames.
             const int until = pulled + static_cast<int>(random() % 20);
-            player.waitFor([&] { return pulled >= until; });
+            test::waitFor([&] { return pulled >= until; });
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
             const std::lock_guard lock(order);
             zorv_utt_interrupt(player.utt());
@@ -485,7 +486,7 @@ TEST_P(UttTest, StressedByInterruptsNoOldFrameIsEverPulled) {
 TEST_P(UttTest, EndsInTimeFromEveryState) {
     const auto destroyed = [](UttPlayer& player) {
         auto done = std::async(std::launch::async, [&] { player.destroy(); });
-        const bool inTime = done.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        const bool inTime = done.wait_for(test::kPatience) == std::future_status::ready;
         if (!inTime) std::abort();  // a deadlock: nothing can be cleaned up
         return inTime;
     };
@@ -507,7 +508,7 @@ TEST(UttFailureTest, WarmUpFailuresAreTold) {
     options.sourceNt = 4;
     options.waitUntilReady = false;
     UttPlayer other(options);
-    EXPECT_TRUE(other.waitFor([&] { return zorv_utt_ready(other.utt()) == -1; }));
+    EXPECT_TRUE(test::waitFor([&] { return zorv_utt_ready(other.utt()) == -1; }));
     EXPECT_STREQ(zorv_utt_last_error(), "motion source has 4 frames, the bundle 5");
     other.say(5, 0.5f);
     EXPECT_EQ(runs(other.pull(30)), "I30") << "audio is discarded, idle frames go on";
@@ -515,7 +516,7 @@ TEST(UttFailureTest, WarmUpFailuresAreTold) {
     options.sourceNt = 0;
     options.steady = nullptr;  // b24_fp32, which the bundle lacks
     UttPlayer lacking(options);
-    EXPECT_TRUE(lacking.waitFor([&] { return zorv_utt_ready(lacking.utt()) == -1; }));
+    EXPECT_TRUE(test::waitFor([&] { return zorv_utt_ready(lacking.utt()) == -1; }));
     EXPECT_NE(std::string(zorv_utt_last_error()).find("model_b24_fp32.onnx"), std::string::npos);
 }
 
@@ -542,7 +543,7 @@ TEST(UttFailureTest, AFailedBatchEndsTheUtteranceAFailedFrameIsLeftOut) {
     batched.script.gain = 400;
     batched.push(8, 0.5f);
     frames = batched.pull(8);
-    EXPECT_TRUE(batched.waitFor([&] { return zorv_utt_failure(batched.utt(), nullptr, 0) == 1; }));
+    EXPECT_TRUE(test::waitFor([&] { return zorv_utt_failure(batched.utt(), nullptr, 0) == 1; }));
     batched.push(4, 0.1f);
     zorv_utt_end_utterance(batched.utt());
     batched.say(5, 0.1f);
@@ -566,7 +567,7 @@ TEST(UttFailureTest, NothingToIdleWithIsFatal) {
     for (const bool pipelined : {false, true}) {
         options.pipelined = pipelined;
         UttPlayer player(options);
-        EXPECT_TRUE(player.waitFor([&] { return zorv_utt_ready(player.utt()) == -1; }));
+        EXPECT_TRUE(test::waitFor([&] { return zorv_utt_ready(player.utt()) == -1; }));
         EXPECT_NE(std::string(zorv_utt_last_error()).find("decode failed"), std::string::npos);
         EXPECT_EQ(zorv_utt_frames_available(player.utt()), 0);
     }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/test_bundle.h"
+#include "support/threads.h"
 
 namespace zorv::test {
 
@@ -69,6 +70,17 @@ class ProgramTest : public testing::Test {
         if (inChild) inChild();
         execv(words[0], words.data());
         _exit(127);
+    }
+
+    /// Until `condition` holds; false when the program ended before.
+    static bool waitWhileRuns(pid_t child, const std::function<bool()>& condition) {
+        siginfo_t ended{};
+        const auto over = [&] {
+            waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+            return ended.si_pid != 0;
+        };
+        waitFor([&] { return condition() || over(); });
+        return condition();
     }
 
     Outcome finish(pid_t child) {

@@ -8,11 +8,12 @@
 #include <cstdlib>
 #include <thread>
 
+#include "support/threads.h"
+
 namespace zorv::test {
 namespace {
 
 constexpr int kFrameSamples = 640;
-constexpr auto kPatience = std::chrono::seconds(30);
 
 TestBundleOptions bundleOptions(int nt) {
     TestBundleOptions options;
@@ -86,7 +87,14 @@ class FakeSource final : public MotionSource {
 }  // namespace
 
 void TestClock::wait(CondVar& wake, Mutex& mutex, double) {
+    ++waits_;
     wake.waitUntil(mutex, std::chrono::steady_clock::now() + std::chrono::milliseconds(1));
+}
+
+// A wait may have been decided on before the call; the next one was not.
+void TestClock::settle() {
+    const std::uint64_t before = waits_;
+    EXPECT_TRUE(waitFor([&] { return waits_ >= before + 2; }));
 }
 
 std::unique_ptr<MotionSource> makeFakeSource(const TestBundle& bundle, SourceScript& script) {
@@ -134,15 +142,6 @@ void UttPlayer::push(int frames, float level) {
 void UttPlayer::say(int frames, float level) {
     push(frames, level);
     zorv_utt_end_utterance(utt());
-}
-
-bool UttPlayer::waitFor(const std::function<bool()>& condition) {
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
 }
 
 void UttPlayer::waitForFrames(int n) {

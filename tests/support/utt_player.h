@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,8 +25,11 @@ class TestClock final : public Clock {
     double nowMs() override { return now_; }
     void wait(CondVar& wake, Mutex& mutex, double dueMs) override ZORV_REQUIRES(mutex);
     void advance(double ms) { now_ = now_ + ms; }
+    /// Until the engine has looked at the time and at all that was done before, and waits again.
+    void settle();
 
   private:
+    std::atomic<std::uint64_t> waits_{0};
     std::atomic<double> now_{1000};
 };
 
@@ -83,9 +85,9 @@ class UttPlayer {
     std::vector<PulledFrame> pull(int n);
     /// Pulls until a frame of `kind` came, at most `limit` frames.
     std::vector<PulledFrame> pullUntil(int kind, int limit);
-    bool waitFor(const std::function<bool()>& condition);
     /// Until `n` frames wait; fails the test when they do not come.
     void waitForFrames(int n);
+    void settle() { clock.settle(); }
 
     /// What a frame shows when the keypoints are the row of `frame` plus `offset`.
     std::vector<std::uint8_t> picture(int frame, float offset);
