@@ -21,7 +21,7 @@ ORT_DIR="$CACHE/onnxruntime-$ORT_VERSION"
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libgtest-dev libgmock-dev libbenchmark-dev libstb-dev
-                libcli11-dev nlohmann-json3-dev libfmt-dev
+                libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
 DEV_PACKAGES=(clang clang-format clang-tidy cppcheck valgrind qemu-user llvm git doxygen dpkg-dev)
@@ -58,12 +58,12 @@ install_packages() {
     say "installing ${missing[*]}"
     as_root env DEBIAN_FRONTEND=noninteractive apt-get update -qq
     as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+        apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
-  CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, CLI11, nlohmann-json, fmt,
+  CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
   FFmpeg's development libraries, python3 with onnx, numpy and Pillow, and espeak-ng; unpack an
   official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
