@@ -104,12 +104,12 @@ void againstNode(benchmark::State& state) {
     zorv::BoundSession op = openSession(env, t, 1, true);
     std::vector<Contender> contenders;
     contenders.push_back({"node_us", 1, [&] { node.run(); }});
-    for (const zorv::GridSampleKernel& kernel : zorv::gridSampleKernels()) {
-        if (kernel.level > zorv::detectedSimdLevel()) continue;
+    for (const auto& kernel : zorv::kGridSampleKernels) {
+        if (!kernel.usable(zorv::detectedSimdLevel())) continue;
         const int runs = kernel.level == zorv::SimdLevel::kPortable ? 1 : 5;
-        contenders.push_back({kernel.name + std::string("_x"), runs, [&] {
-                                  kernel.run(t.x.data(), t.grid.data(), t.y.data(), t.C, t.H, t.W);
-                              }});
+        contenders.push_back(
+            {kernel.name + std::string("_x"), runs,
+             [&] { kernel.entry(t.x.data(), t.grid.data(), t.y.data(), t.C, t.H, t.W); }});
     }
     contenders.push_back({"operator_x", 5, [&] { op.run(); }});
     if (zorv::detectedSimdLevel() >= zorv::SimdLevel::kAvx2) {

@@ -76,9 +76,9 @@ class Model {
 /// The convolution with one entry of the kernel table, and its matrix part alone.
 class Direct {
   public:
-    Direct(const zorv::Int8ConvKernels& kernels, const zorv::ConvGeometry& geometry,
-           const std::vector<float>& x, int workers)
-        : kernels_(kernels),
+    Direct(const zorv::Kernel<const zorv::Int8ConvKernels*>& kernel,
+           const zorv::ConvGeometry& geometry, const std::vector<float>& x, int workers)
+        : kernel_(kernel),
           geometry_(geometry),
           x_(x),
           weights_(static_cast<std::size_t>(geometry.m * geometry.c * 9)),
@@ -86,11 +86,12 @@ class Direct {
           starts_(static_cast<std::size_t>(geometry.m) + zorv::kMaxBlock, 7),
           quantised_(geometry.windowBytes(geometry.oh)),
           y_(static_cast<std::size_t>(geometry.m * geometry.oh * geometry.ow)),
-          conv_(geometry.attributes, kernels, {workers}) {
+          conv_(geometry.attributes, *kernel.entry, {workers}) {
         std::mt19937 random(2);
         for (auto& v : weights_) v = static_cast<std::int8_t>(random());
         for (auto& v : quantised_) v = static_cast<std::uint8_t>(random());
-        packed_ = zorv::PackedWeights(geometry, weights_.data(), kernels.block, kernels.widened);
+        packed_ = zorv::PackedWeights(geometry, weights_.data(), kernel.entry->block,
+                                      kernel.entry->widened);
     }
     void run() {
         conv_.run(geometry_,
@@ -100,12 +101,12 @@ class Direct {
         const zorv::ConvRun run = {
             geometry_,          packed_,  quantised_.data(), starts_.data(), perChannel_.data(),
             perChannel_.data(), y_.data()};
-        kernels_.convolveRows(run, 0, geometry_.oh);
+        kernel_.entry->convolveRows(run, 0, geometry_.oh);
     }
-    std::string name() const { return kernels_.name; }
+    std::string name() const { return kernel_.name; }
 
   private:
-    const zorv::Int8ConvKernels& kernels_;
+    const zorv::Kernel<const zorv::Int8ConvKernels*>& kernel_;
     const zorv::ConvGeometry& geometry_;
     const std::vector<float>& x_;
     std::vector<std::int8_t> weights_;
@@ -168,9 +169,10 @@ void besideTheChain(benchmark::State& state) {
     Model floats("conv" + shape, x, c, side, m, threads);
     Model node("int8" + shape, x, c, side, m, threads);
     std::vector<std::unique_ptr<Direct>> direct;
-    for (const zorv::Int8ConvKernels* kernels : zorv::int8ConvKernels()) {
-        if (kernels->path == zorv::Int8ConvPath::kPortable) continue;  // seconds per run
-        direct.push_back(std::make_unique<Direct>(*kernels, geometry, x, threads));
+    for (const auto& kernel : zorv::kInt8ConvKernels) {
+        if (!kernel.usable(zorv::simdLevel())) continue;
+        if (kernel.level == zorv::SimdLevel::kPortable) continue;  // seconds per run
+        direct.push_back(std::make_unique<Direct>(kernel, geometry, x, threads));
     }
 
     const clockid_t clock = threads == 1 ? CLOCK_PROCESS_CPUTIME_ID : CLOCK_MONOTONIC;

@@ -110,7 +110,8 @@ void spectrum(benchmark::State& state, zorv::SimdLevel level, bool dense) {
     const auto tables =
         std::make_unique<zorv::motion::SpectrumTables>(window.data(), weights.data());
     const auto scratch = std::make_unique<zorv::motion::SpectrumScratch>();
-    const zorv::motion::SpectrumKernels& kernels = zorv::motion::spectrumKernels(level);
+    const zorv::motion::SpectrumKernels& kernels =
+        *zorv::chooseKernel(zorv::motion::kSpectrumKernels, level).entry;
     std::vector<float> features(zorv::motion::kFeatureFloats);
     zorv::motion::bandFeatures(*tables, kernels, samples.data(), *scratch, features.data());
 

@@ -13,7 +13,7 @@ void run(benchmark::State& state, zorv::SimdLevel level, int workers, bool movin
         return;
     }
     PasteScene scene(static_cast<double>(state.range(0)) / 100);
-    const zorv::PasteKernels& kernels = zorv::pasteKernels(level);
+    const zorv::PasteKernels& kernels = *zorv::chooseKernel(zorv::kPasteKernels, level).entry;
     zorv::Paste paste(scene.mask, PasteScene::kSide, {}, kernels, workers);
     for (auto _ : state) {
         if (moving) scene.M[2] += scene.M[2] < 970 ? 0.25f : -20.0f;

@@ -14,6 +14,7 @@
 #include "common/half.h"
 #include "common/key_finder.h"
 #include "common/parallel.h"
+#include "support/kernels.h"
 
 namespace zorv {
 namespace {
@@ -42,13 +43,10 @@ TEST(Half, EveryValueIsExactOnEveryPath) {
             ASSERT_EQ(std::signbit(portable[i]), std::signbit(expected)) << i;
         }
     }
-    if (detectedSimdLevel() < SimdLevel::kAvx2) GTEST_SKIP() << "processor without F16C";
-    std::vector<float> vector(all.size());
-    kernels::halfToFloatAvx2(all.data(), vector.data(), all.size());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        ASSERT_EQ(std::bit_cast<std::uint32_t>(vector[i]),
-                  std::bit_cast<std::uint32_t>(portable[i]))
-            << "half bits " << all[i];
+    for (const auto& kernel : test::usableKernels(kHalfKernels)) {
+        std::vector<float> wide(all.size());
+        kernel.entry.widen(all.data(), wide.data(), all.size());
+        EXPECT_TRUE(test::same(wide, portable)) << kernel.name;
     }
 }
 
@@ -111,27 +109,24 @@ TEST(Half, RoundingIsToTheNearestValueTiesToEvenOnEveryPath) {
     portable.resize(singles.size());
     kernels::roundToHalfPortable(singles.data(), portable.data(), singles.size());
     EXPECT_TRUE(std::isnan(portable.back()) && std::isnan(roundToHalf(double{NAN})));
-    if (detectedSimdLevel() < SimdLevel::kAvx2) GTEST_SKIP() << "processor without F16C";
-    std::vector<float> vector = singles;  // in place
-    kernels::roundToHalfAvx2(vector.data(), vector.data(), vector.size());
-    for (std::size_t i = 0; i < singles.size(); ++i) {
-        ASSERT_EQ(std::bit_cast<std::uint32_t>(vector[i]),
-                  std::bit_cast<std::uint32_t>(portable[i]))
-            << singles[i];
+    for (const auto& kernel : test::usableKernels(kHalfKernels)) {
+        std::vector<float> rounded = singles;  // in place
+        kernel.entry.round(rounded.data(), rounded.data(), rounded.size());
+        EXPECT_TRUE(test::same(rounded, portable)) << kernel.name;
     }
 }
 
 TEST(Rgba, EveryPathAndEveryTail) {
     for (std::size_t pixels = 0; pixels <= 40; ++pixels) {
-        std::vector<std::uint8_t> rgb(3 * pixels), portable(4 * pixels), vector(4 * pixels);
-        for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<std::uint8_t>(i * 37);
-        kernels::rgbToRgbaPortable(rgb.data(), portable.data(), pixels);
-        for (std::size_t i = 0; i < portable.size(); ++i) {
-            ASSERT_EQ(portable[i], i % 4 == 3 ? 255 : rgb[i / 4 * 3 + i % 4]) << pixels;
+        std::vector<std::uint8_t> rgb(3 * pixels), expected(4 * pixels, 255);
+        for (std::size_t i = 0; i < rgb.size(); ++i) {
+            expected[i / 3 * 4 + i % 3] = rgb[i] = static_cast<std::uint8_t>(i * 37);
         }
-        if (detectedSimdLevel() < SimdLevel::kAvx2) continue;
-        kernels::rgbToRgbaAvx2(rgb.data(), vector.data(), pixels);
-        ASSERT_EQ(vector, portable) << pixels;
+        for (const auto& kernel : test::usableKernels(kRgbaKernels)) {
+            std::vector<std::uint8_t> rgba(4 * pixels);
+            kernel.entry(rgb.data(), rgba.data(), pixels);
+            ASSERT_TRUE(test::same(rgba, expected)) << kernel.name << ' ' << pixels;
+        }
     }
 }
 

@@ -14,18 +14,17 @@
 #include "render/gridsample/gridsample_fast.h"
 #include "render/gridsample/op.h"
 #include "support/failure.h"
+#include "support/kernels.h"
 #include "support/runtime_leaks.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
-
-static void PrintTo(const GridSampleKernel& kernel, std::ostream* out) {
-    *out << kernel.name;
-}
-
 namespace {
 
 using test::failure;
+using test::same;
+
+using SampleKernel = Kernel<GridSampleFunction*>;
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -110,11 +109,11 @@ std::vector<float> reference(const Shape& s, const std::vector<float>& x,
 }
 
 /// Exact heap blocks, so that a read or write outside shows, between guard values.
-std::vector<float> run(const GridSampleKernel& kernel, const Shape& s, const std::vector<float>& x,
+std::vector<float> run(const SampleKernel& kernel, const Shape& s, const std::vector<float>& x,
                        const std::vector<float>& grid) {
     constexpr std::size_t kGuard = 16;
     std::vector<float> y(s.count() + 2 * kGuard, 12345.0f);
-    kernel.run(x.data(), grid.data(), y.data() + kGuard, s.C, s.H, s.W);
+    kernel.entry(x.data(), grid.data(), y.data() + kGuard, s.C, s.H, s.W);
     for (std::size_t i = 0; i < kGuard; ++i) {
         EXPECT_EQ(y[i], 12345.0f);
         EXPECT_EQ(y[y.size() - 1 - i], 12345.0f);
@@ -122,11 +121,8 @@ std::vector<float> run(const GridSampleKernel& kernel, const Shape& s, const std
     return {y.begin() + kGuard, y.end() - kGuard};
 }
 
-class GridSample : public testing::TestWithParam<GridSampleKernel> {
+class GridSample : public testing::TestWithParam<SampleKernel> {
   protected:
-    void SetUp() override {
-        if (GetParam().level > detectedSimdLevel()) GTEST_SKIP() << "processor without it";
-    }
     bool fused() const { return GetParam().level != SimdLevel::kPortable; }
 
     /// Bit for bit: planes too small for vectors are the portable path's on all levels.
@@ -135,21 +131,15 @@ class GridSample : public testing::TestWithParam<GridSampleKernel> {
         const auto grid = gridOf(warp, s, seed);
         const auto y = run(GetParam(), s, x, grid);
         const bool vectors = fused() && s.W >= 2 && s.H * s.W >= 8;
-        const auto expected = reference(s, x, grid, vectors);
-        for (std::size_t i = 0; i < y.size(); ++i) {
-            ASSERT_EQ(y[i], expected[i])
-                << s.C << " x " << s.H << " x " << s.W << " warp " << static_cast<int>(warp)
-                << " at " << i << " of seed " << seed;
-        }
+        ASSERT_TRUE(same(y, reference(s, x, grid, vectors)))
+            << s.C << " x " << s.H << " x " << s.W << " warp " << static_cast<int>(warp) << " seed "
+            << seed;
     }
 };
 
-std::string kernelName(const testing::TestParamInfo<GridSampleKernel>& info) {
-    return info.param.name;
-}
 INSTANTIATE_TEST_SUITE_P(Levels, GridSample,
-                         testing::ValuesIn(gridSampleKernels().begin(), gridSampleKernels().end()),
-                         kernelName);
+                         testing::ValuesIn(test::usableKernels(kGridSampleKernels)),
+                         test::kernelName<GridSampleFunction*>);
 
 TEST_P(GridSample, GivesTheFormulasBitsForEveryWidthAndWarp) {
     unsigned seed = 1;
@@ -239,10 +229,8 @@ TEST_P(GridSample, BorderPixelsIgnoreTheirNeighbours) {
 }
 
 TEST(GridSampleTable, FollowsProcessorAndSetting) {
-    const auto kernels = gridSampleKernels();
-    ASSERT_EQ(kernels.size(), 3u);
     for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
-        EXPECT_EQ(gridSampleKernel(level).level, level);
+        EXPECT_EQ(chooseKernel(kGridSampleKernels, level).level, level);
     }
 }
 
@@ -287,8 +275,8 @@ TEST(GridSampleOperator, RunsTheKernelOfTheSetting) {
     const SimdLevel level = chooseSimdLevel(setting, detectedSimdLevel());
     const auto y =
         SamplerSession("sampler_fast").run(x, {1, s.C, s.H, s.W}, grid, {1, s.H, s.W, 2});
-    EXPECT_EQ(y, level == SimdLevel::kPortable ? plain : fused);
-    EXPECT_EQ(gridSampleKernel(simdLevel()).level, level);
+    EXPECT_TRUE(same(y, level == SimdLevel::kPortable ? plain : fused));
+    EXPECT_EQ(chooseKernel(kGridSampleKernels).level, level);
 }
 
 TEST(GridSampleOperator, AgreesWithTheStandardNode) {

@@ -16,6 +16,7 @@
 #include "render/custom_operators.h"
 #include "render/int8conv/int8conv_vnni.h"
 #include "support/failure.h"
+#include "support/kernels.h"
 #include "support/runtime_leaks.h"
 #include "support/test_bundle.h"
 
@@ -23,6 +24,8 @@ namespace zorv {
 namespace {
 
 using test::failure;
+using test::same;
+using test::usableKernels;
 
 struct Case {
     std::int64_t n, c, h, w, m, kh, kw;
@@ -138,11 +141,11 @@ TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
     for (const Case& t : cases()) {
         const Operands operands(t);
         const std::vector<float> expected = reference(t, operands);
-        for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
-            EXPECT_EQ(run(*kernels, t, operands), expected) << kernels->name << ' ' << t;
+        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+            EXPECT_TRUE(same(run(*kernel.entry, t, operands), expected)) << kernel.name << ' ' << t;
             const ConvSplit split = {3, 1, 1, 1};
-            EXPECT_EQ(run(*kernels, t, operands, split), expected)
-                << kernels->name << " on three threads, row by row " << t;
+            EXPECT_TRUE(same(run(*kernel.entry, t, operands, split), expected))
+                << kernel.name << " on three threads, row by row " << t;
         }
     }
 }
@@ -154,15 +157,14 @@ TEST(Int8Conv, LargestSumsDoNotSaturate) {
         std::fill(operands.weights.begin(), operands.weights.end(),
                   static_cast<std::int8_t>(weight));
         const std::vector<float> expected = reference(t, operands);
-        for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
-            EXPECT_EQ(run(*kernels, t, operands), expected) << kernels->name;
+        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+            EXPECT_TRUE(same(run(*kernel.entry, t, operands), expected)) << kernel.name;
         }
     }
 }
 
 TEST(Int8Conv, QuantisesLikeTheDivision) {
     std::mt19937 random(5);
-    const auto kernels = int8ConvKernels(detectedSimdLevel());
     for (const float scale : {1.0f, 0.0078125f, 0.011764706f, 1.7e-39f, 3.1e-33f, 2.3e33f, 0.3f}) {
         const Quantisation q = {scale, 37};
         std::vector<float> values[4];
@@ -193,14 +195,17 @@ TEST(Int8Conv, QuantisesLikeTheDivision) {
                 expected[i] |= byte << (8 * c);
             }
         }
-        for (const Int8ConvKernels* k : kernels) {
+        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
             for (const std::int64_t width :
                  {std::int64_t{3}, std::int64_t{21}, std::int64_t{4099}}) {
                 const auto part = static_cast<std::ptrdiff_t>(width);
                 std::fill(actual.begin(), actual.end(), 0u);
-                k->quantiseRow(rows, width, q, actual.data());
-                EXPECT_TRUE(std::equal(actual.begin(), actual.begin() + part, expected.begin()))
-                    << k->name << " scale " << scale << " width " << width;
+                kernel.entry->quantiseRow(rows, width, q, actual.data());
+                const auto at =
+                    std::mismatch(actual.begin(), actual.begin() + part, expected.begin());
+                EXPECT_EQ(at.first, actual.begin() + part)
+                    << kernel.name << " scale " << scale << " column " << at.first - actual.begin()
+                    << " of " << width << ": " << *at.first << " instead of " << *at.second;
                 EXPECT_EQ(std::count(actual.begin() + part, actual.end(), 0u), 4099 - part);
             }
         }
@@ -209,7 +214,7 @@ TEST(Int8Conv, QuantisesLikeTheDivision) {
 
 TEST(Int8Conv, RangeIncludesZeroAndPassesOverNaN) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
+    for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
         for (const std::size_t count : {0u, 1u, 15u, 64u, 200u, 1003u}) {
             for (const float sign : {1.0f, -1.0f}) {
                 std::vector<float> data(count, sign);
@@ -218,9 +223,9 @@ TEST(Int8Conv, RangeIncludesZeroAndPassesOverNaN) {
                 if (count > 2) data[count > 100 ? 0 : count - 1] = 7 * sign;
                 const float peak = count > 2 ? 7.0f : static_cast<float>(count);
                 float min = 5, max = 5;
-                kernels->minMax(data.data(), count, &min, &max);
-                EXPECT_EQ(min, sign < 0 ? -peak : 0) << kernels->name << ' ' << count;
-                EXPECT_EQ(max, sign > 0 ? peak : 0) << kernels->name << ' ' << count;
+                kernel.entry->minMax(data.data(), count, &min, &max);
+                EXPECT_EQ(min, sign < 0 ? -peak : 0) << kernel.name << ' ' << count;
+                EXPECT_EQ(max, sign > 0 ? peak : 0) << kernel.name << ' ' << count;
             }
         }
     }
@@ -237,29 +242,26 @@ TEST(Int8Conv, RangeIncludesZeroAndPassesOverNaN) {
 TEST(Int8Conv, SilentInputGivesTheBias) {
     const Case t = {1, 4, 5, 20, 6, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1}, 0, 0};
     const Operands operands(t);
-    for (const Int8ConvKernels* kernels : int8ConvKernels(detectedSimdLevel())) {
-        const std::vector<float> y = run(*kernels, t, operands);
+    for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+        const std::vector<float> y = run(*kernel.entry, t, operands);
         for (std::size_t i = 0; i < y.size(); ++i) ASSERT_EQ(y[i], operands.bias[i / 100]);
     }
 }
 
 TEST(Int8Conv, TheTableFollowsProcessorAndSetting) {
-    const auto portable = int8ConvKernels(SimdLevel::kPortable);
-    ASSERT_EQ(portable.size(), 1u);
-    EXPECT_EQ(portable.front()->path, Int8ConvPath::kPortable);
-    EXPECT_FALSE(Int8Conv({}, *portable.front()).useVnni());
-
-    const auto best = int8ConvKernels(detectedSimdLevel());
-    EXPECT_EQ(Int8Conv({}, *best.front()).useVnni(), hasAvx512Vnni() || hasAvxVnni());
-    if (hasAvx512Vnni()) {
-        EXPECT_EQ(best.front()->path, Int8ConvPath::kAvx512);
+    const auto chosen = [](SimdLevel level) -> std::string {
+        return chooseKernel(kInt8ConvKernels, std::min(level, detectedSimdLevel())).name;
+    };
+    const SimdLevel avx2 = std::min(SimdLevel::kAvx2, detectedSimdLevel());
+    EXPECT_EQ(chosen(SimdLevel::kPortable), "portable");
+    EXPECT_EQ(chosen(SimdLevel::kAvx2), hasAvxVnni() ? "avxvnni" : simdLevelName(avx2));
+    EXPECT_EQ(chosen(SimdLevel::kAvx512), hasAvx512Vnni() ? "avx512" : chosen(SimdLevel::kAvx2));
+    EXPECT_FALSE(Int8Conv({}, kInt8ConvPortable).useVnni());
+    EXPECT_EQ(Int8Conv({}, *usableKernels(kInt8ConvKernels).front().entry).useVnni(),
+              hasAvx512Vnni() || hasAvxVnni());
+    for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+        std::printf("[ tested   ] %s\n", kernel.name);
     }
-    const auto avx2 = int8ConvKernels(std::min(SimdLevel::kAvx2, detectedSimdLevel()));
-    for (const Int8ConvKernels* kernels : avx2) {
-        EXPECT_TRUE(kernels->path <= Int8ConvPath::kAvxVnni) << kernels->name;
-    }
-    RecordProperty("best", best.front()->name);
-    for (const Int8ConvKernels* kernels : best) std::printf("[ tested   ] %s\n", kernels->name);
 }
 
 TEST(Int8Conv, BadShapesAreRefused) {
@@ -291,7 +293,7 @@ TEST(Int8Conv, BadShapesAreRefused) {
     bad = good, bad.attributes.pads[0] = bad.attributes.pads[1] = std::int64_t{1} << 40;
     EXPECT_EQ(refusal(bad), "std::bad_alloc");
 
-    Int8Conv conv({}, *int8ConvKernels().front());
+    Int8Conv conv({}, *chooseKernel(kInt8ConvKernels).entry);
     const Operands operands(good);
     run(conv, good, operands);
     const Case other = {1, 4, 5, 6, 8, 1, 3, {}};
@@ -320,7 +322,7 @@ TEST(Int8ConvDeathTest, EnvironmentOfTheProcess) {
         const int before = convThreads();
         ::setenv("ZORV_INT8_THREADS", "2", 1);
         const Case& t = cases()[2];
-        run(*int8ConvKernels().front(), t, Operands(t));
+        run(*chooseKernel(kInt8ConvKernels).entry, t, Operands(t));
         std::exit(before == 1 && convThreads() == 1 ? 0 : 1);
     };
     EXPECT_EXIT(useOnce(), testing::ExitedWithCode(0),
@@ -335,7 +337,7 @@ TEST(Int8ConvDeathTest, EnvironmentOfTheProcess) {
     ::setenv("ZORV_SIMD", "portable", 1);
     EXPECT_EXIT(isPortable(), testing::ExitedWithCode(0), "");
     ::unsetenv("ZORV_SIMD");
-    const bool best = int8ConvKernels(detectedSimdLevel()).front()->useVnni;
+    const bool best = chooseKernel(kInt8ConvKernels, detectedSimdLevel()).entry->useVnni;
     EXPECT_EXIT(isPortable(), testing::ExitedWithCode(best ? 1 : 0), "");
 }
 

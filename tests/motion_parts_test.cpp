@@ -11,6 +11,7 @@
 #include "motion/motion_spectrum.h"
 #include "motion_reference.h"
 #include "support/audio.h"
+#include "support/kernels.h"
 
 namespace zorv::motion {
 namespace {
@@ -57,19 +58,16 @@ TEST(MotionSpectrum, EveryKernelEqualsTheDirectSums) {
     }
     const Floats analysis = noise(kTransformSamples, 0, 1, 4);
     int tested = 0;
-    for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
-        if (level > detectedSimdLevel()) continue;
-        const SpectrumKernels& kernels = spectrumKernels(level);
-        ASSERT_EQ(kernels.level, level) << "another level's kernels would run unnoticed";
+    for (const auto& kernel : test::usableKernels(kSpectrumKernels)) {
         for (const Floats* matrix : {&dense, &std::as_const(sparse)}) {
             const auto tables = std::make_unique<SpectrumTables>(analysis.data(), matrix->data());
             for (const auto& [name, samples] : windows) {
                 SCOPED_TRACE(std::string(name) + (matrix == &dense ? ", dense" : ", sparse") +
-                             ", level " + std::to_string(static_cast<int>(level)));
+                             ", kernel " + kernel.name);
                 auto scratch = std::make_unique<SpectrumScratch>();
                 std::fill_n(reinterpret_cast<float*>(scratch.get()), sizeof *scratch / 4, NAN);
                 Floats features(kFeatureFloats + 1, 77.f);
-                bandFeatures(*tables, kernels, samples.data(), *scratch, features.data());
+                bandFeatures(*tables, *kernel.entry, samples.data(), *scratch, features.data());
                 EXPECT_EQ(features.back(), 77.f);
                 const Floats expected = test::referenceFeatures(samples, analysis, *matrix);
                 // Rounding of a transform is relative to its largest values.

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "paste_reference.h"
+#include "support/kernels.h"
 
 namespace zorv {
 namespace {
@@ -28,18 +29,7 @@ class ScopedEnv {
     const char* name_;
 };
 
-std::vector<SimdLevel> levels() {
-    std::vector<SimdLevel> all;
-    for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
-        if (level <= detectedSimdLevel()) all.push_back(level);
-    }
-    return all;
-}
-
-std::string levelName(const testing::TestParamInfo<SimdLevel>& info) {
-    const char* names[] = {"portable", "avx2", "avx512"};
-    return names[static_cast<int>(info.param)];
-}
+using PasteKernel = Kernel<const PasteKernels*>;
 
 enum class MaskKind { kZero, kFull, kRandom, kEllipse };
 
@@ -80,33 +70,30 @@ std::array<float, 6> turned(float degrees, float scale, float cx, float cy, int 
 }
 
 /// Pastes with the library and with the reference and expects the same bytes.
-void expectSame(const Scene& scene, const float* M, Unsharp unsharp, int fast, SimdLevel level,
-                int workers = 1, int referenceKsize = 0) {
+void expectSame(const Scene& scene, const float* M, Unsharp unsharp, int fast,
+                const PasteKernel& kernel, int workers = 1, int referenceKsize = 0) {
     const ScopedEnv env("ZORV_PASTE_FAST", std::to_string(fast));
     const ReferencePaste reference{
         scene.mask,     scene.S,       referenceKsize ? referenceKsize : unsharp.ksize,
         unsharp.amount, unsharp.sigma, fast >= 0 && fast <= 2 ? fast : 0};
     std::vector<std::uint8_t> expected = scene.frame;
     reference.composite(scene.crop.data(), scene.scale, M, expected.data(), scene.W, scene.H);
-    Paste paste(scene.mask, scene.S, unsharp, pasteKernels(level), workers);
+    Paste paste(scene.mask, scene.S, unsharp, *kernel.entry, workers);
     // The second round runs on what the first one kept.
     for (int round = 0; round < 2; ++round) {
         std::vector<std::uint8_t> actual = scene.frame;
         paste.composite(scene.crop.data(), scene.scale, M, actual.data(), scene.W, scene.H);
-        std::size_t differing = 0;
-        for (std::size_t i = 0; i < actual.size(); ++i) differing += actual[i] != expected[i];
-        EXPECT_EQ(differing, 0u) << "round " << round << " side " << scene.S << " fast " << fast
-                                 << " ksize " << unsharp.ksize << " level "
-                                 << static_cast<int>(level) << " M " << M[0] << ' ' << M[1] << ' '
-                                 << M[2] << ' ' << M[3] << ' ' << M[4] << ' ' << M[5];
+        EXPECT_TRUE(test::same(actual, expected))
+            << "round " << round << " side " << scene.S << " fast " << fast << " ksize "
+            << unsharp.ksize << " kernel " << kernel.name << " M " << M[0] << ' ' << M[1] << ' '
+            << M[2] << ' ' << M[3] << ' ' << M[4] << ' ' << M[5];
     }
 }
 
-class PasteLevels : public testing::TestWithParam<SimdLevel> {
-  protected:
-    void SetUp() override { ASSERT_EQ(pasteKernels(GetParam()).level, GetParam()); }
-};
-INSTANTIATE_TEST_SUITE_P(Available, PasteLevels, testing::ValuesIn(levels()), levelName);
+class PasteLevels : public testing::TestWithParam<PasteKernel> {};
+INSTANTIATE_TEST_SUITE_P(Available, PasteLevels,
+                         testing::ValuesIn(test::usableKernels(kPasteKernels)),
+                         test::kernelName<const PasteKernels*>);
 
 TEST_P(PasteLevels, RandomPlacementsMatchTheReference) {
     std::mt19937 rng(7);
@@ -147,7 +134,7 @@ TEST_P(PasteLevels, IdentityTruncatesTheSharpenedCrop) {
     const float identity[6] = {1, 0, 0, 0, 1, 0};
     Scene scene(rng, 40, 44, 41, MaskKind::kFull);
     const std::vector<std::uint8_t> before = scene.frame;
-    Paste paste(scene.mask, 40, {0, 2, 13}, pasteKernels(GetParam()), 1);
+    Paste paste(scene.mask, 40, {0, 2, 13}, *GetParam().entry, 1);
     paste.composite(scene.crop.data(), scene.scale, identity, scene.frame.data(), 44, 41);
     for (int i = 0; i < 40 * 40; ++i) {
         const std::size_t pixel = (i / 40 * 44 + i % 40) * 3;
@@ -158,7 +145,7 @@ TEST_P(PasteLevels, IdentityTruncatesTheSharpenedCrop) {
     EXPECT_EQ(scene.frame.back(), before.back());
 
     scene.frame = before;
-    Paste none(Scene(rng, 40, 1, 1, MaskKind::kZero).mask, 40, {}, pasteKernels(GetParam()), 1);
+    Paste none(Scene(rng, 40, 1, 1, MaskKind::kZero).mask, 40, {}, *GetParam().entry, 1);
     none.composite(scene.crop.data(), scene.scale, identity, scene.frame.data(), 44, 41);
     EXPECT_EQ(scene.frame, before);
 }
@@ -170,7 +157,7 @@ TEST_P(PasteLevels, NotANumberBecomesZeroAndUncoveredPixelsStay) {
     for (int i = 0; i < 24 * 24; i += 2) scene.mask[i] = 0;
     const std::vector<std::uint8_t> before = scene.frame;
     const float identity[6] = {1, 0, 0, 0, 1, 0};
-    Paste paste(scene.mask, 24, {}, pasteKernels(GetParam()), 1);
+    Paste paste(scene.mask, 24, {}, *GetParam().entry, 1);
     paste.composite(scene.crop.data(), 255, identity, scene.frame.data(), 24, 24);
     for (std::size_t i = 0; i < before.size(); ++i) {
         ASSERT_EQ(scene.frame[i], (i / 3) % 2 ? 0 : before[i]);
@@ -183,11 +170,11 @@ TEST_P(PasteLevels, WorkersDoNotChangeTheResult) {
     const auto M = turned(-4, 1.1f, 200, 190, 300);
     std::vector<std::uint8_t> first;
     for (const int workers : {1, 2, 3, 4}) {
-        Paste paste(scene.mask, 300, {}, pasteKernels(GetParam()), workers);
+        Paste paste(scene.mask, 300, {}, *GetParam().entry, workers);
         std::vector<std::uint8_t> frame = scene.frame;
         paste.composite(scene.crop.data(), scene.scale, M.data(), frame.data(), 420, 390);
         if (first.empty()) first = frame;
-        EXPECT_TRUE(frame == first) << workers << " workers";
+        EXPECT_TRUE(test::same(frame, first)) << workers << " workers";
     }
     EXPECT_FALSE(first == scene.frame);
 }
@@ -197,12 +184,13 @@ TEST(Paste, EnvironmentSettings) {
     const Scene scene(rng, 21, 30, 30, MaskKind::kRandom);
     const auto M = turned(20, 1.2f, 15, 15, 21);
     const Unsharp unsharp{1, 2, 13};
-    for (const int fast : {7, -1}) expectSame(scene, M.data(), unsharp, fast, simdLevel());
+    for (const int fast : {7, -1})
+        expectSame(scene, M.data(), unsharp, fast, chooseKernel(kPasteKernels));
     const std::pair<const char*, int> shrinks[] = {{"5", 5},  {"13", 13}, {"15", 13}, {"6", 13},
                                                    {"1", 13}, {"-5", 13}, {"x", 13}};
     for (const auto& [text, used] : shrinks) {
         const ScopedEnv env("ZORV_PASTE_KSIZE", text);
-        expectSame(scene, M.data(), unsharp, 0, simdLevel(), 1, used);
+        expectSame(scene, M.data(), unsharp, 0, chooseKernel(kPasteKernels), 1, used);
     }
     for (const auto& [text, warns] : {std::pair{"1", true}, {"0", false}, {"", false}}) {
         const ScopedEnv env("ZORV_PASTE_METAL", text);

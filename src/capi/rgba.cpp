@@ -1,6 +1,5 @@
 #include "capi/rgba.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace zorv {
@@ -14,16 +13,8 @@ void kernels::rgbToRgbaPortable(const std::uint8_t* rgb, std::uint8_t* rgba, std
     }
 }
 
-SimdLevel rgbaKernelLevel() {
-    return std::min(simdLevel(), SimdLevel::kAvx2);
-}
-
 void rgbToRgba(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels) {
-    if (rgbaKernelLevel() == SimdLevel::kAvx2) {
-        kernels::rgbToRgbaAvx2(rgb, rgba, pixels);
-    } else {
-        kernels::rgbToRgbaPortable(rgb, rgba, pixels);
-    }
+    chooseKernel(kRgbaKernels).entry(rgb, rgba, pixels);
 }
 
 }  // namespace zorv

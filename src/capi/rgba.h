@@ -8,9 +8,6 @@
 
 namespace zorv {
 
-/// What the packing uses: AVX2 at most, since it waits for memory.
-SimdLevel rgbaKernelLevel();
-
 /// Reads 3 x pixels bytes, writes 4 x pixels bytes; the ranges must not overlap.
 void rgbToRgba(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
 
@@ -18,5 +15,11 @@ namespace kernels {
 void rgbToRgbaPortable(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
 void rgbToRgbaAvx2(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
 }  // namespace kernels
+
+/// Nothing wider: the packing waits for memory.
+inline constexpr Kernel<decltype(&rgbToRgba)> kRgbaKernels[] = {
+    {SimdLevel::kAvx2, "avx2", nullptr, kernels::rgbToRgbaAvx2},
+    {SimdLevel::kPortable, "portable", nullptr, kernels::rgbToRgbaPortable},
+};
 
 }  // namespace zorv

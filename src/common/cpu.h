@@ -1,5 +1,7 @@
-// Which instruction sets the vector kernels may use.
+// Which instruction sets the vector kernels may use, and how the kernel that does is chosen.
 #pragma once
+
+#include <cstddef>
 
 namespace zorv {
 
@@ -27,5 +29,27 @@ const char* simdLevelName(SimdLevel level);
 
 /// What `simdLevel()` makes of a setting (null = unset) on a processor of level `detected`.
 SimdLevel chooseSimdLevel(const char* setting, SimdLevel detected);
+
+/// One way to do a piece of work. All ways together are a constant array, the best one first and
+/// the one for every processor last.
+template <class Entry>
+struct Kernel {
+    SimdLevel level;   ///< the lowest one that has its instructions
+    const char* name;  ///< what `zorv_kernel_path` calls it
+    bool (*needs)();   ///< tells whether the processor has what is in no level; null = nothing
+    Entry entry;       ///< a function, or functions that belong together
+
+    bool usable(SimdLevel allowed) const { return level <= allowed && (!needs || needs()); }
+};
+
+/// The best kernel of `table` that this processor can run and `allowed`, which the processor must
+/// have, permits. Allocates nothing.
+template <class Entry, std::size_t kCount>
+const Kernel<Entry>& chooseKernel(const Kernel<Entry> (&table)[kCount],
+                                  SimdLevel allowed = simdLevel()) {
+    const Kernel<Entry>* kernel = table;
+    while (kernel != table + kCount - 1 && !kernel->usable(allowed)) ++kernel;
+    return *kernel;
+}
 
 }  // namespace zorv

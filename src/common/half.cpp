@@ -1,6 +1,5 @@
 #include "common/half.h"
 
-#include <algorithm>
 #include <bit>
 
 namespace zorv {
@@ -47,16 +46,8 @@ void roundToHalfPortable(const float* source, float* destination, std::size_t n)
 
 }  // namespace kernels
 
-SimdLevel halfKernelLevel() {
-    return std::min(simdLevel(), SimdLevel::kAvx2);
-}
-
 void roundToHalf(const float* source, float* destination, std::size_t n) {
-    if (halfKernelLevel() == SimdLevel::kAvx2) {
-        kernels::roundToHalfAvx2(source, destination, n);
-    } else {
-        kernels::roundToHalfPortable(source, destination, n);
-    }
+    chooseKernel(kHalfKernels).entry.round(source, destination, n);
 }
 
 float roundToHalf(double value) {
@@ -79,11 +70,7 @@ float roundToHalf(double value) {
 }
 
 void halfToFloat(const std::uint16_t* source, float* destination, std::size_t n) {
-    if (halfKernelLevel() == SimdLevel::kAvx2) {
-        kernels::halfToFloatAvx2(source, destination, n);
-    } else {
-        kernels::halfToFloatPortable(source, destination, n);
-    }
+    chooseKernel(kHalfKernels).entry.widen(source, destination, n);
 }
 
 }  // namespace zorv

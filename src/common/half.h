@@ -8,9 +8,6 @@
 
 namespace zorv {
 
-/// What the conversions of arrays use: AVX2 at most, since they wait for memory.
-SimdLevel halfKernelLevel();
-
 /// Widens `n` half-precision bit patterns exactly; subnormals, infinities and NaNs are kept
 /// (a signalling NaN becomes the quiet one of the same payload, as the processor does it).
 void halfToFloat(const std::uint16_t* source, float* destination, std::size_t n);
@@ -30,5 +27,20 @@ void halfToFloatAvx2(const std::uint16_t* source, float* destination, std::size_
 void roundToHalfPortable(const float* source, float* destination, std::size_t n);
 void roundToHalfAvx2(const float* source, float* destination, std::size_t n);
 }  // namespace kernels
+
+/// The conversions of arrays.
+struct HalfKernels {
+    void (*widen)(const std::uint16_t* source, float* destination, std::size_t n);
+    void (*round)(const float* source, float* destination, std::size_t n);
+};
+
+/// Nothing wider: they wait for memory.
+inline constexpr Kernel<HalfKernels> kHalfKernels[] = {
+    {SimdLevel::kAvx2, "avx2", nullptr, {kernels::halfToFloatAvx2, kernels::roundToHalfAvx2}},
+    {SimdLevel::kPortable,
+     "portable",
+     nullptr,
+     {kernels::halfToFloatPortable, kernels::roundToHalfPortable}},
+};
 
 }  // namespace zorv

@@ -1,5 +1,4 @@
-// What the dispatch tables of all families have chosen.
-#include <new>
+// What the kernel tables of all families have chosen.
 #include <string_view>
 
 #include "capi/rgba.h"
@@ -14,18 +13,23 @@
 namespace zorv {
 namespace {
 
+template <const auto& kTable>
+const char* chosen() {
+    return chooseKernel(kTable).name;
+}
+
 struct Choice {
     std::string_view kernel;
     const char* (*path)();
 };
 
 constexpr Choice kChoices[] = {
-    {"compositor", [] { return simdLevelName(pasteKernels(simdLevel()).level); }},
-    {"grid_sampler", [] { return gridSampleKernel(simdLevel()).name; }},
-    {"int8_convolution", [] { return int8ConvKernels().front()->name; }},
-    {"speech_spectrum", [] { return simdLevelName(motion::spectrumKernels(simdLevel()).level); }},
-    {"half_conversion", [] { return simdLevelName(halfKernelLevel()); }},
-    {"pixel_packing", [] { return simdLevelName(rgbaKernelLevel()); }},
+    {"compositor", chosen<kPasteKernels>},
+    {"grid_sampler", chosen<kGridSampleKernels>},
+    {"int8_convolution", chosen<kInt8ConvKernels>},
+    {"speech_spectrum", chosen<motion::kSpectrumKernels>},
+    {"half_conversion", chosen<kHalfKernels>},
+    {"pixel_packing", chosen<kRgbaKernels>},
 };
 
 }  // namespace
@@ -33,11 +37,8 @@ constexpr Choice kChoices[] = {
 
 const char* zorv_kernel_path(const char* kernel) {
     if (!kernel) return nullptr;
-    try {
-        for (const zorv::Choice& choice : zorv::kChoices) {
-            if (choice.kernel == kernel) return choice.path();
-        }
-    } catch (const std::bad_alloc&) {  // the list of the int8 convolution
+    for (const zorv::Choice& choice : zorv::kChoices) {
+        if (choice.kernel == kernel) return choice.path();
     }
     return nullptr;
 }

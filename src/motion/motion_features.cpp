@@ -27,7 +27,7 @@ FrontEnd::FrontEnd(const MotionTables& tables, Net& student, const Dump& dump)
       student_(student),
       dump_(dump),
       spectrum_(tables.window.data(), tables.binmat.data()),
-      kernels_(spectrumKernels(simdLevel())),
+      kernels_(*chooseKernel(kSpectrumKernels).entry),
       features_(kFeatureFloats),
       speech_(kSpeechRows * kSpeechFloats),
       audio_(1, 16384, 4),

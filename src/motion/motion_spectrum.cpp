@@ -60,18 +60,7 @@ SpectrumTables::SpectrumTables(const float* window, const float* weights) {
     }
 }
 
-const SpectrumKernels kSpectrumKernelsPortable = {SimdLevel::kPortable, transform, project};
-
-const SpectrumKernels& spectrumKernels(SimdLevel level) {
-    switch (level) {
-        case SimdLevel::kAvx512:
-            return kSpectrumKernelsAvx512;
-        case SimdLevel::kAvx2:
-            return kSpectrumKernelsAvx2;
-        default:
-            return kSpectrumKernelsPortable;
-    }
-}
+const SpectrumKernels kSpectrumKernelsPortable = {transform, project};
 
 /// Four by four. The last column ends before the others; what is behind it
 /// belongs to no transform.

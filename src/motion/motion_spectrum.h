@@ -53,7 +53,6 @@ struct SpectrumScratch {
 
 /// The loops of one instruction set; all give the same values within float rounding.
 struct SpectrumKernels {
-    SimdLevel level;
     /// columns -> magnitudes.
     void (*transform)(const SpectrumTables& tables, SpectrumScratch& scratch);
     /// magnitudes -> bands: sums over the bins of magnitude x weight.
@@ -64,8 +63,11 @@ extern const SpectrumKernels kSpectrumKernelsPortable;
 extern const SpectrumKernels kSpectrumKernelsAvx2;
 extern const SpectrumKernels kSpectrumKernelsAvx512;
 
-/// The kernels for a processor of this level.
-const SpectrumKernels& spectrumKernels(SimdLevel level);
+inline constexpr Kernel<const SpectrumKernels*> kSpectrumKernels[] = {
+    {SimdLevel::kAvx512, "avx512", nullptr, &kSpectrumKernelsAvx512},
+    {SimdLevel::kAvx2, "avx2", nullptr, &kSpectrumKernelsAvx2},
+    {SimdLevel::kPortable, "portable", nullptr, &kSpectrumKernelsPortable},
+};
 
 /// scratch.padded -> scratch.columns.
 void fillColumns(SpectrumScratch& scratch);

@@ -32,6 +32,6 @@ void project(const SpectrumTables& tables, SpectrumScratch& scratch) {
 
 }  // namespace
 
-const SpectrumKernels kSpectrumKernelsAvx2 = {SimdLevel::kAvx2, transform, project};
+const SpectrumKernels kSpectrumKernelsAvx2 = {transform, project};
 
 }  // namespace zorv::motion

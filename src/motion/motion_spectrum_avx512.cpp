@@ -42,6 +42,6 @@ void project(const SpectrumTables& tables, SpectrumScratch& scratch) {
 
 }  // namespace
 
-const SpectrumKernels kSpectrumKernelsAvx512 = {SimdLevel::kAvx512, transform, project};
+const SpectrumKernels kSpectrumKernelsAvx512 = {transform, project};
 
 }  // namespace zorv::motion

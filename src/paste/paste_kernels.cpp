@@ -102,18 +102,6 @@ void blendRow(const RowPositions& row, const PhaseTable& table, const float* con
 
 }  // namespace
 
-const PasteKernels kPasteKernelsPortable = {SimdLevel::kPortable, scaleRow, blurRow,
-                                            sharpenRow,           coverRow, blendRow};
-
-const PasteKernels& pasteKernels(SimdLevel level) {
-    switch (level) {
-        case SimdLevel::kAvx512:
-            return kPasteKernelsAvx512;
-        case SimdLevel::kAvx2:
-            return kPasteKernelsAvx2;
-        default:
-            return kPasteKernelsPortable;
-    }
-}
+const PasteKernels kPasteKernelsPortable = {scaleRow, blurRow, sharpenRow, coverRow, blendRow};
 
 }  // namespace zorv

@@ -1,4 +1,4 @@
-// The compositor's inner loops, one table per instruction set. Every version does the same
+// The compositor's inner loops, one set per instruction set. Every version does the same
 // single-precision operations in the same order for each element (a lane is an element, and a
 // product and its sum round separately), so all levels give the same bytes; inside, no more than
 // the sign of a zero may differ.
@@ -30,8 +30,6 @@ struct RowPositions {
 };
 
 struct PasteKernels {
-    SimdLevel level;
-
     /// out[i] = scale * in[i].
     void (*scaleRow)(const float* in, float scale, float* out, int count);
 
@@ -54,11 +52,14 @@ struct PasteKernels {
                      std::ptrdiff_t stride, const std::uint8_t* levels, std::uint8_t* pixels);
 };
 
-/// The table of `level`, which the processor must support.
-const PasteKernels& pasteKernels(SimdLevel level);
-
 extern const PasteKernels kPasteKernelsPortable;
 extern const PasteKernels kPasteKernelsAvx2;
 extern const PasteKernels kPasteKernelsAvx512;
+
+inline constexpr Kernel<const PasteKernels*> kPasteKernels[] = {
+    {SimdLevel::kAvx512, "avx512", nullptr, &kPasteKernelsAvx512},
+    {SimdLevel::kAvx2, "avx2", nullptr, &kPasteKernelsAvx2},
+    {SimdLevel::kPortable, "portable", nullptr, &kPasteKernelsPortable},
+};
 
 }  // namespace zorv

@@ -145,8 +145,8 @@ struct Avx2 {
 
 }  // namespace
 
-const PasteKernels kPasteKernelsAvx2 = {SimdLevel::kAvx2,    scaleRowLanes<Avx2>,
-                                        blurRowLanes<Avx2>,  sharpenRowLanes<Avx2>,
-                                        coverRowLanes<Avx2>, blendRowLanes<Avx2>};
+const PasteKernels kPasteKernelsAvx2 = {scaleRowLanes<Avx2>, blurRowLanes<Avx2>,
+                                        sharpenRowLanes<Avx2>, coverRowLanes<Avx2>,
+                                        blendRowLanes<Avx2>};
 
 }  // namespace zorv

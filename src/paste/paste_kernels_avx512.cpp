@@ -120,8 +120,8 @@ struct Avx512 {
 
 }  // namespace
 
-const PasteKernels kPasteKernelsAvx512 = {SimdLevel::kAvx512,    scaleRowLanes<Avx512>,
-                                          blurRowLanes<Avx512>,  sharpenRowLanes<Avx512>,
-                                          coverRowLanes<Avx512>, blendRowLanes<Avx512>};
+const PasteKernels kPasteKernelsAvx512 = {scaleRowLanes<Avx512>, blurRowLanes<Avx512>,
+                                          sharpenRowLanes<Avx512>, coverRowLanes<Avx512>,
+                                          blendRowLanes<Avx512>};
 
 }  // namespace zorv

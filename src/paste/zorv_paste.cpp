@@ -86,7 +86,7 @@ void Paste::Span::include(Span other) {
 }
 
 Paste::Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp)
-    : Paste(mask, side, unsharp, pasteKernels(simdLevel()), workerCount()) {}
+    : Paste(mask, side, unsharp, *chooseKernel(kPasteKernels).entry, workerCount()) {}
 
 Paste::Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp,
              const PasteKernels& kernels, int workers)

@@ -45,4 +45,9 @@ void gs_portable(const float* x, const float* grid, float* y, std::int64_t C, st
     }
 }
 
+void gridsample_fast(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
+                     std::int64_t W) {
+    chooseKernel(kGridSampleKernels).entry(x, grid, y, C, H, W);
+}
+
 }  // namespace zorv

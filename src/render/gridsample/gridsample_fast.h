@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "common/cpu.h"
 
@@ -20,24 +19,18 @@ using GridSampleFunction = void(const float* x, const float* grid, float* y, std
 /// The formulas, one pixel after the other.
 GridSampleFunction gs_portable;
 
-/// Eight and sixteen pixels at a time; see gridsample_tiles.h.
+/// Eight and sixteen pixels at a time; see tiles.h.
 GridSampleFunction gs_avx2;
 GridSampleFunction gs_avx512;
 
-struct GridSampleKernel {
-    SimdLevel level;
-    const char* name;
-    GridSampleFunction* run;
+/// They differ in the last bits at most: the wider ones fuse multiplications and additions.
+inline constexpr Kernel<GridSampleFunction*> kGridSampleKernels[] = {
+    {SimdLevel::kAvx512, "avx512", nullptr, gs_avx512},
+    {SimdLevel::kAvx2, "avx2", nullptr, gs_avx2},
+    {SimdLevel::kPortable, "portable", nullptr, gs_portable},
 };
 
-/// All kernels, each level once, the portable one first. They differ in the last bits at most:
-/// the wider ones fuse multiplications and additions.
-std::span<const GridSampleKernel> gridSampleKernels();
-
-/// The highest kernel that `level` allows.
-const GridSampleKernel& gridSampleKernel(SimdLevel level);
-
-/// Runs the kernel of `simdLevel()`.
+/// Runs the kernel of this process.
 GridSampleFunction gridsample_fast;
 
 }  // namespace zorv

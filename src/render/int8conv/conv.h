@@ -40,7 +40,7 @@ class QuantisedRows;
 class Int8Conv {
   public:
     explicit Int8Conv(const ConvAttributes& attributes,
-                      const Int8ConvKernels& kernels = *int8ConvKernels().front(),
+                      const Int8ConvKernels& kernels = *chooseKernel(kInt8ConvKernels).entry,
                       const ConvSplit& split = {})
         : attributes_(attributes), kernels_(kernels), split_(split) {}
 

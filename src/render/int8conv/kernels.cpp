@@ -84,19 +84,6 @@ void convolveRowsPortable(const ConvRun& run, std::int64_t firstRow, std::int64_
 }  // namespace
 
 const Int8ConvKernels kInt8ConvPortable = {
-    Int8ConvPath::kPortable, "portable",          kPortableBlock,      false, false, 1e6,
-    minMaxPortable,          quantiseRowPortable, convolveRowsPortable};
-
-std::vector<const Int8ConvKernels*> int8ConvKernels(SimdLevel level) {
-    std::vector<const Int8ConvKernels*> usable;
-    if (level >= SimdLevel::kAvx512 && hasAvx512Vnni()) {
-        usable.push_back(&kInt8ConvAvx512);
-        usable.push_back(&kInt8ConvAvx512Vl);
-    }
-    if (level >= SimdLevel::kAvx2 && hasAvxVnni()) usable.push_back(&kInt8ConvAvxVnni);
-    if (level >= SimdLevel::kAvx2) usable.push_back(&kInt8ConvAvx2);
-    usable.push_back(&kInt8ConvPortable);
-    return usable;
-}
+    kPortableBlock, false, false, 1e6, minMaxPortable, quantiseRowPortable, convolveRowsPortable};
 
 }  // namespace zorv

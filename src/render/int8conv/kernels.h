@@ -1,24 +1,15 @@
-// The int8 convolution's inner loops, one table entry per instruction set. Integers are exact and
-// every float is one lane's sequence of the same single operations, so all entries give the same
+// The int8 convolution's inner loops, one set per instruction set. Integers are exact and
+// every float is one lane's sequence of the same single operations, so all sets give the same
 // bits.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "common/cpu.h"
 #include "render/int8conv/geometry.h"
 
 namespace zorv {
-
-enum class Int8ConvPath {
-    kPortable,
-    kAvx2,      ///< 16-bit multiply-add
-    kAvxVnni,   ///< 256-bit VPDPBUSD, VEX encoding
-    kAvx512Vl,  ///< the same loops in the EVEX encoding
-    kAvx512,    ///< 512-bit VPDPBUSD
-};
 
 /// q = clamp(round(x / scale) + zeroPoint, 0, 255), rounding to nearest even.
 struct Quantisation {
@@ -38,12 +29,10 @@ struct ConvRun {
     float* y;  ///< [m, oh, ow]
 };
 
-/// No entry has tiles of more output channels.
+/// No set has tiles of more output channels.
 constexpr int kMaxBlock = 16;
 
 struct Int8ConvKernels {
-    Int8ConvPath path;
-    const char* name;
     int block;             ///< output channels of a tile, for PackedWeights
     bool widened;          ///< the form of the packed weights
     bool useVnni;          ///< whether VPDPBUSD does the work
@@ -63,12 +52,17 @@ struct Int8ConvKernels {
 };
 
 extern const Int8ConvKernels kInt8ConvPortable;
-extern const Int8ConvKernels kInt8ConvAvx2;
-extern const Int8ConvKernels kInt8ConvAvxVnni;
-extern const Int8ConvKernels kInt8ConvAvx512Vl;
-extern const Int8ConvKernels kInt8ConvAvx512;
+extern const Int8ConvKernels kInt8ConvAvx2;      ///< 16-bit multiply-add
+extern const Int8ConvKernels kInt8ConvAvxVnni;   ///< 256-bit VPDPBUSD, VEX encoding
+extern const Int8ConvKernels kInt8ConvAvx512Vl;  ///< the same loops in the EVEX encoding
+extern const Int8ConvKernels kInt8ConvAvx512;    ///< 512-bit VPDPBUSD
 
-/// Every entry that this processor can run and `level` allows, the best one first.
-std::vector<const Int8ConvKernels*> int8ConvKernels(SimdLevel level = simdLevel());
+inline constexpr Kernel<const Int8ConvKernels*> kInt8ConvKernels[] = {
+    {SimdLevel::kAvx512, "avx512", hasAvx512Vnni, &kInt8ConvAvx512},
+    {SimdLevel::kAvx512, "avx512vl", hasAvx512Vnni, &kInt8ConvAvx512Vl},
+    {SimdLevel::kAvx2, "avxvnni", hasAvxVnni, &kInt8ConvAvxVnni},
+    {SimdLevel::kAvx2, "avx2", nullptr, &kInt8ConvAvx2},
+    {SimdLevel::kPortable, "portable", nullptr, &kInt8ConvPortable},
+};
 
 }  // namespace zorv

@@ -37,14 +37,7 @@ void minmax_avx2(const float* data, std::size_t count, float* min, float* max) {
 
 }  // namespace
 
-const Int8ConvKernels kInt8ConvAvx2 = {Int8ConvPath::kAvx2,
-                                       "avx2",
-                                       Avx2::kBlock,
-                                       true,
-                                       false,
-                                       32e6,
-                                       minmax_avx2,
-                                       quantiseRowLanes<Avx2>,
-                                       convolveRowsLanes<Avx2>};
+const Int8ConvKernels kInt8ConvAvx2 = {
+    Avx2::kBlock, true, false, 32e6, minmax_avx2, quantiseRowLanes<Avx2>, convolveRowsLanes<Avx2>};
 
 }  // namespace zorv

@@ -84,14 +84,8 @@ struct Vnni512 {
 
 }  // namespace
 
-const Int8ConvKernels kInt8ConvAvx512 = {Int8ConvPath::kAvx512,
-                                         "avx512",
-                                         Vnni512::kBlock,
-                                         false,
-                                         true,
-                                         128e6,
-                                         minMaxLanes<Vnni512>,
-                                         quantiseRowLanes<Vnni512>,
-                                         convolveRowsLanes<Vnni512>};
+const Int8ConvKernels kInt8ConvAvx512 = {
+    Vnni512::kBlock,           false, true, 128e6, minMaxLanes<Vnni512>, quantiseRowLanes<Vnni512>,
+    convolveRowsLanes<Vnni512>};
 
 }  // namespace zorv

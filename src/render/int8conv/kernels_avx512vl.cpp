@@ -5,9 +5,7 @@
 
 namespace zorv {
 
-const Int8ConvKernels kInt8ConvAvx512Vl = {Int8ConvPath::kAvx512Vl,
-                                           "avx512vl",
-                                           Vnni256::kBlock,
+const Int8ConvKernels kInt8ConvAvx512Vl = {Vnni256::kBlock,
                                            false,
                                            true,
                                            128e6,

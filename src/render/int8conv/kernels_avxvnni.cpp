@@ -5,9 +5,7 @@
 
 namespace zorv {
 
-const Int8ConvKernels kInt8ConvAvxVnni = {Int8ConvPath::kAvxVnni,
-                                          "avxvnni",
-                                          Vnni256::kBlock,
+const Int8ConvKernels kInt8ConvAvxVnni = {Vnni256::kBlock,
                                           false,
                                           true,
                                           128e6,
