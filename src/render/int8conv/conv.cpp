@@ -63,7 +63,7 @@ void Int8Conv::findRange(const ConvGeometry& g, const float* x, float* min, floa
 /// Output rows of a band: so few that its input rows stay in the second cache, and whole tiles.
 std::int64_t Int8Conv::bandRows(const ConvGeometry& g) const {
     const double bytes =
-        4.0 * static_cast<double>(g.c * g.w) * static_cast<double>(g.attributes.strides[0]);
+        static_cast<double>(g.rowBytes) * static_cast<double>(g.attributes.strides[0]);
     const auto rows = static_cast<std::int64_t>(
         std::max(1.0, static_cast<double>(split_.bandBytes) / std::max(1.0, bytes)));
     return std::min(g.oh, rows < 4 ? rows : rows / 4 * 4);

@@ -31,7 +31,7 @@ struct ConvSplit {
     int workers = convThreads();
     double macsPerThread = 0;  ///< 0: the kernels' own figure
     double floatsPerThread = 2e6;
-    std::int64_t bandBytes = 128 << 10;  ///< of input that is quantised and then convolved
+    std::int64_t bandBytes = 256 << 10;  ///< of quantised input that is then convolved
 };
 
 class QuantisedRows;

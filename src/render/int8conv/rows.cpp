@@ -28,23 +28,30 @@ void QuantisedRows::moveTo(std::int64_t first, std::int64_t count) {
         end_ = begin;
     }
     begin_ = begin;
-    for (; end_ < end; ++end_) quantiseRow(end_, rows_.get() + (end_ - begin_) * g_.rowBytes);
+    quantiseRows(end_, end);
+    end_ = end;
 }
 
-void QuantisedRows::quantiseRow(std::int64_t paddedRow, std::uint8_t* line) {
-    const std::int64_t row = paddedRow - g_.attributes.pads[0], plane = g_.h * g_.w;
-    if (row < 0 || row >= g_.h) {
-        std::fill_n(line, g_.rowBytes, std::uint8_t{0});
-        return;
-    }
-    for (std::int64_t channel = 0; channel < g_.c;) {
+/// Padded rows [from, to). Quads of channels come outermost: their rows follow each other in
+/// memory.
+void QuantisedRows::quantiseRows(std::int64_t from, std::int64_t to) {
+    const std::int64_t top = g_.attributes.pads[0], plane = g_.h * g_.w;
+    const auto lineOf = [&](std::int64_t row) {
+        return rows_.get() + (row - begin_) * g_.rowBytes;
+    };
+    const std::int64_t first = std::clamp(top, from, to), last = std::clamp(top + g_.h, first, to);
+    std::fill(lineOf(from), lineOf(first), std::uint8_t{0});
+    std::fill(lineOf(last), lineOf(to), std::uint8_t{0});
+    std::int64_t offset = 0;  // of the quad in a row
+    for (std::int64_t channel = 0; channel < g_.c; offset += g_.quadBytes) {
         const std::int64_t inQuad = std::min<std::int64_t>(4, g_.groupIn - channel % g_.groupIn);
-        const float* channels[4] = {};
-        for (std::int64_t i = 0; i < inQuad; ++i) {
-            channels[i] = x_ + (channel + i) * plane + row * g_.w;
+        for (std::int64_t row = first; row < last; ++row) {
+            const float* channels[4] = {};
+            for (std::int64_t i = 0; i < inQuad; ++i) {
+                channels[i] = x_ + (channel + i) * plane + (row - top) * g_.w;
+            }
+            quantiseColumns(channels, reinterpret_cast<std::uint32_t*>(lineOf(row) + offset));
         }
-        quantiseColumns(channels, reinterpret_cast<std::uint32_t*>(line));
-        line += g_.quadBytes;
         channel += inQuad;
     }
 }
@@ -61,10 +68,19 @@ void QuantisedRows::quantiseColumns(const float* const* channels, std::uint32_t*
     }
     kernels_.quantiseRow(channels, g_.w, q_, quads_.get());
     for (const std::int64_t residue : g_.phaseResidues) {
-        std::int64_t column = residue - left;
-        for (std::int64_t i = 0; i < g_.phaseColumns; ++i, column += stride) {
-            *out++ = column >= 0 && column < g_.w ? quads_[static_cast<std::size_t>(column)] : 0;
+        const std::int64_t shift = residue - left;  // column i of the phase is stride i + shift
+        const std::int64_t before =
+            std::clamp<std::int64_t>((stride - 1 - shift) / stride, 0, g_.phaseColumns);
+        const std::int64_t inside = std::clamp<std::int64_t>(
+            (g_.w - shift + stride - 1) / stride - before, 0, g_.phaseColumns - before);
+        out = std::fill_n(out, before, 0u);
+        const std::uint32_t* in = quads_.get() + shift + before * stride;
+        if (stride == 2) {  // a loop that becomes shuffles of vectors
+            for (std::int64_t i = 0; i < inside; ++i) out[i] = in[2 * i];
+        } else {
+            for (std::int64_t i = 0; i < inside; ++i) out[i] = in[stride * i];
         }
+        out = std::fill_n(out + inside, g_.phaseColumns - before - inside, 0u);
     }
 }
 

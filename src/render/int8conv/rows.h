@@ -28,7 +28,7 @@ class QuantisedRows {
     const std::uint8_t* data() const { return rows_.get(); }
 
   private:
-    void quantiseRow(std::int64_t paddedRow, std::uint8_t* line);
+    void quantiseRows(std::int64_t from, std::int64_t to);
     void quantiseColumns(const float* const* channels, std::uint32_t* out);
 
     const ConvGeometry& g_;
