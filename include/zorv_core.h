@@ -176,6 +176,31 @@ ZORV_API int zorv_render_drive_rgba(zorv_ctx* ctx, int k, uint8_t* out, size_t o
 ZORV_API const uint8_t* zorv_target_frame(zorv_ctx* ctx, int frame);
 
 /* ------------------------------------------------------------------------------------------
+ * Sound: a recording at another rate becomes what the models hear
+ *
+ *     int samples = (int)(((int64_t)n * 16000 + rate - 1) / rate);
+ *     float* speech = malloc((size_t)samples * sizeof(float));
+ *     if (zorv_resample(audio, n, rate, speech, samples) != samples)
+ *         puts(zorv_resample_last_error());
+ * ------------------------------------------------------------------------------------------ */
+
+/**
+ * Resamples a whole recording to 16,000 Hz, without delay: sample k of `out` lies at k / 16000 s.
+ *
+ * audio        n float samples, mono, in [-1, 1]; those that are not finite count as 0.
+ * rate         their rate: 8000 to 48000 Hz, a multiple of 25. 16,000 Hz is copied.
+ * out          receives ceil(n x 16000 / rate) samples.
+ * max_samples  samples that fit at `out`.
+ *
+ * Returns the samples written; 0 when n is 0; -1 on failure, with nothing written.
+ * Thread-safety: any thread.
+ */
+ZORV_API int zorv_resample(const float* audio, int n, int rate, float* out, int max_samples);
+
+/** This family's last error on the calling thread, "" if none. Any thread. */
+ZORV_API const char* zorv_resample_last_error(void);
+
+/* ------------------------------------------------------------------------------------------
  * Delta model: a whole clip of speech becomes keypoint offsets
  *
  *     zorv_fca* fca = zorv_fca_create("encoder.onnx", "subject/fca_stream.onnx", 2);

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <zorv_core.h>
 
 #include <cmath>
 #include <numbers>
@@ -103,6 +104,32 @@ TEST(SpeechResampler, EveryLengthGivesItsCountAndContinuesWhatIsThere) {
     }
     EXPECT_FALSE(SpeechResampler::fits(7975) || SpeechResampler::fits(48025) ||
                  SpeechResampler::fits(44110) || SpeechResampler::fits(-16000));
+}
+
+TEST(Resample, IsOneUtteranceAndRefusesWhatItCannotDo) {
+    const Pcm pcm = noise(4000);
+    std::vector<float> audio(pcm.begin(), pcm.end());
+    for (float& x : audio) x *= kSampleScale;
+    SpeechResampler resampler(44100);
+    std::vector<float> expected = resample(resampler, pcm, 0), out(expected.size());
+    const int room = static_cast<int>(out.size());
+    EXPECT_EQ(zorv_resample(audio.data(), 4000, 44100, out.data(), room), room);
+    EXPECT_EQ(out, expected);
+    audio[7] = NAN;
+    EXPECT_EQ(zorv_resample(audio.data(), 10, 16000, out.data(), 10), 10);
+    EXPECT_TRUE(out[7] == 0 && out[8] == audio[8]);
+    EXPECT_EQ(zorv_resample(audio.data(), 0, 8000, out.data(), 0), 0);
+    EXPECT_STREQ(zorv_resample_last_error(), "");
+    const auto text = [&](const float* in, int n, int rate, float* to, int max) {
+        return zorv_resample(in, n, rate, to, max) == -1 ? zorv_resample_last_error() : "";
+    };
+    EXPECT_STREQ(text(audio.data(), 4000, 44100, out.data(), room - 1),
+                 "zorv_resample: out is too small");
+    EXPECT_STREQ(
+        text(audio.data(), 9, 96000, out.data(), room),
+        "zorv_resample: a rate of 96000 Hz; it must be 8000 to 48000 and a multiple of 25");
+    EXPECT_STREQ(text(nullptr, 9, 8000, out.data(), room), "zorv_resample: bad args");
+    EXPECT_STREQ(text(audio.data(), -1, 8000, out.data(), room), "zorv_resample: bad args");
 }
 
 thread_local bool refusing = false;

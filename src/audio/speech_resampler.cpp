@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <cmath>
 #include <new>
 
 namespace zorv {
@@ -14,6 +15,14 @@ namespace {
 /// down 1 dB there, one more costs another quarter of the look-ahead.
 constexpr int kQuality = 7;
 constexpr std::size_t kPiece = 1024;  ///< samples that are converted at a time
+
+float scaled(std::int16_t sample) {
+    return static_cast<float>(sample) * kSampleScale;
+}
+
+float scaled(float sample) {
+    return std::isfinite(sample) ? sample : 0;
+}
 
 SpeexResamplerState_* open(int rate) {
     if (rate == kSpeechRate) return nullptr;
@@ -53,7 +62,8 @@ std::size_t SpeechResampler::feed(const float* samples, std::size_t n, float* ou
     return written;
 }
 
-void SpeechResampler::push(const std::int16_t* pcm, std::size_t n, std::vector<float>& out) {
+template <class Sample>
+void SpeechResampler::append(const Sample* samples, std::size_t n, std::vector<float>& out) {
     const std::size_t before = out.size();
     // What may be determined by now, rounded up; resizing is all that can fail.
     const std::uint64_t bound = state_ ? speechSamples(pushed_ + n) - appended_ : n;
@@ -61,23 +71,29 @@ void SpeechResampler::push(const std::int16_t* pcm, std::size_t n, std::vector<f
     pushed_ += n;
     float* to = out.data() + before;
     if (!state_) {
-        std::transform(pcm, pcm + n, to,
-                       [](std::int16_t x) { return static_cast<float>(x) * kSampleScale; });
+        std::transform(samples, samples + n, to, [](Sample x) { return scaled(x); });
         return;
     }
     std::array<float, kPiece> piece;
     while (n > 0) {
         const std::size_t size = std::min(n, kPiece);
-        std::transform(pcm, pcm + size, piece.data(),
-                       [](std::int16_t x) { return static_cast<float>(x) * kSampleScale; });
+        std::transform(samples, samples + size, piece.data(), [](Sample x) { return scaled(x); });
         const auto room = static_cast<std::size_t>(out.data() + out.size() - to);
         to += feed(piece.data(), size, to, room);
-        pcm += size;
+        samples += size;
         n -= size;
     }
     const auto size = static_cast<std::size_t>(to - out.data());
     appended_ += size - before;
     out.resize(size);
+}
+
+void SpeechResampler::push(const std::int16_t* pcm, std::size_t n, std::vector<float>& out) {
+    append(pcm, n, out);
+}
+
+void SpeechResampler::push(const float* samples, std::size_t n, std::vector<float>& out) {
+    append(samples, n, out);
 }
 
 void SpeechResampler::finish(std::vector<float>& out) {

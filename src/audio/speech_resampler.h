@@ -44,6 +44,8 @@ class SpeechResampler {
 
     /// Appends to `out` what is determined by the sound so far.
     void push(const std::int16_t* pcm, std::size_t n, std::vector<float>& out);
+    /// The same for samples in [-1, 1]; those that are not finite count as 0.
+    void push(const float* samples, std::size_t n, std::vector<float>& out);
 
     /// Appends the rest of the utterance, as if silence followed, and starts anew.
     void finish(std::vector<float>& out);
@@ -52,6 +54,9 @@ class SpeechResampler {
     struct Destroy {
         void operator()(SpeexResamplerState_* state) const;
     };
+
+    template <class Sample>
+    void append(const Sample* samples, std::size_t n, std::vector<float>& out);
 
     /// Feeds one piece and writes what it determines; returns the samples written.
     std::size_t feed(const float* samples, std::size_t n, float* out, std::size_t room);
