@@ -71,15 +71,14 @@ void records(benchmark::State& state) {
     zorv_telemetry_enable(0);
 }
 
-BENCHMARK(records<recordCount>)->Name("count")->ArgName("on")->Arg(0)->Arg(1);
-BENCHMARK(records<recordDuration>)->Name("duration")->ArgName("on")->Arg(0)->Arg(1);
-BENCHMARK(records<recordFrame>)
-    ->Name("frame")
+BENCHMARK(records<recordCount>)->Name("count")->ArgName("on")->Arg(0)->Arg(1)->ThreadRange(1, 4);
+BENCHMARK(records<recordDuration>)
+    ->Name("duration")
     ->ArgName("on")
     ->Arg(0)
     ->Arg(1)
-    ->Threads(1)
-    ->Threads(2);
+    ->ThreadRange(1, 4);
+BENCHMARK(records<recordFrame>)->Name("frame")->ArgName("on")->Arg(0)->Arg(1)->ThreadRange(1, 4);
 
 void takeBatch(benchmark::State& state) {
     zorv_telemetry_enable(1);

@@ -2,6 +2,7 @@
 #include <zorv_core.h>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -127,7 +128,7 @@ TEST_F(TelemetryTest, AnyInputGivesValidJson) {
     const std::string huge(10 << 20, 'a');
     for (const std::string& text :
          {control, std::string("\xff\xfe\xc0\xaf"), std::string("\xed\xa0\x80"),
-          std::string("\xf4\x90\x80\x80"), std::string("\xe2\x82"),
+          std::string("\xf4\x90\x80\x80"), std::string("\xe2\x82"), std::string("\xf0\x9f\x98\x80"),
           std::string("gr\xc3\xbc\xc3\x9f"), huge, std::string(95, 'b') + "\xe2\x82\xac"}) {
         EXPECT_EQ(zorv_telemetry_event(text.c_str(), text.c_str()), 1);
         EXPECT_EQ(zorv_telemetry_count(text.c_str(), text.c_str(), 1), 1);
@@ -139,11 +140,12 @@ TEST_F(TelemetryTest, AnyInputGivesValidJson) {
     zorv_telemetry_duration("host.step", -1);
     zorv_telemetry_duration("host.step", std::numeric_limits<double>::infinity());
     const json batch = taken();
-    EXPECT_EQ(batch["counters"].size(), 8u) << "cut names are the same name again";
+    EXPECT_EQ(batch["counters"].size(), 9u) << "cut names are the same name again";
     EXPECT_EQ(entry(batch, "counters", control)["value"], 2);
     EXPECT_EQ(batch["events"][0]["text"], control);
-    EXPECT_EQ(batch["events"][5]["text"], "gr\xc3\xbc\xc3\x9f");
-    const std::string cut = batch["events"][6]["text"];
+    EXPECT_EQ(batch["events"][5]["text"], "\xf0\x9f\x98\x80");
+    EXPECT_EQ(batch["events"][6]["text"], "gr\xc3\xbc\xc3\x9f");
+    const std::string cut = batch["events"][7]["text"];
     EXPECT_EQ(cut, std::string(251, 'a') + "[cut]");
     EXPECT_TRUE(entry(batch, "gauges", "host.nan")["value"].is_null());
     EXPECT_TRUE(entry(batch, "gauges", "host.infinite")["value"].is_null());
@@ -202,9 +204,11 @@ TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {
     zorv_ctx* ctx = zorv_create(bundle.dir().c_str(), "render", 1, nullptr);
     ASSERT_NE(ctx, nullptr);
     std::vector<std::uint8_t> rgba(48 * 40 * 4);
+    const auto begin = std::chrono::steady_clock::now();
     for (int k = 0; k < 3; ++k) {
         EXPECT_EQ(zorv_render_drive_rgba(ctx, k, rgba.data(), rgba.size()), 1);
     }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     EXPECT_EQ(zorv_create("/home/nobody/subject", "render", 1, nullptr), nullptr);
     EXPECT_EQ(zorv_target_frame(ctx, -1), nullptr);
     zorv_destroy(ctx);
@@ -215,14 +219,17 @@ TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {
     EXPECT_EQ(entry(batch, "counters", "zorv.handle.closed", "context")["value"], 1);
     EXPECT_EQ(entry(batch, "counters", "zorv.frames.rendered")["value"], 3);
     EXPECT_EQ(entry(batch, "counters", "zorv.frames.composited")["value"], 3);
-    EXPECT_EQ(entry(batch, "histograms", "zorv.render.duration")["count"], 3);
+    const json render = entry(batch, "histograms", "zorv.render.duration");
+    EXPECT_EQ(render["count"], 3);
+    EXPECT_GT(render["sum"], 0);
+    EXPECT_LE(render["sum"], took.count());
     EXPECT_EQ(entry(batch, "histograms", "zorv.composite.duration")["count"], 3);
     EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_target_frame: bad args")["value"], 1);
+    EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_create: cannot open")["value"], 1);
     EXPECT_EQ(batch.dump().find("nobody"), std::string::npos) << batch["counters"].dump();
 }
 
-// Last: what it makes stays in the process's table.
-TEST_F(TelemetryTest, ZWhatDoesNotFitIsCountedAsDropped) {
+TEST_F(TelemetryTest, WhatDoesNotFitIsCountedAsDropped) {
     for (int i = 0; i < 1000; ++i) {
         zorv_telemetry_count(("host.many." + std::to_string(i)).c_str(), nullptr, 1);
         zorv_telemetry_event("host.event", std::to_string(i).c_str());
@@ -233,6 +240,10 @@ TEST_F(TelemetryTest, ZWhatDoesNotFitIsCountedAsDropped) {
     EXPECT_EQ(batch["dropped"]["metrics"], 1000 - kept);
     EXPECT_EQ(batch["events"].size(), 256u);
     EXPECT_EQ(batch["dropped"]["events"], 1000 - 256);
+    zorv_telemetry_count("host.other", nullptr, 1);
+    const json next = taken();
+    EXPECT_EQ(next["counters"].size(), 1u) << "a batch has all the room";
+    EXPECT_EQ(next["dropped"]["metrics"], 0);
 }
 
 }  // namespace

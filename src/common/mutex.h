@@ -15,6 +15,8 @@
 
 /// A member that is read and written with the mutex held only.
 #define ZORV_GUARDED_BY(mutex) ZORV_THREAD_ANNOTATION(guarded_by(mutex))
+/// A pointer whose target is read and written with the mutex held only.
+#define ZORV_TARGET_GUARDED_BY(mutex) ZORV_THREAD_ANNOTATION(pt_guarded_by(mutex))
 /// A function that is called with the mutex held, or without it.
 #define ZORV_REQUIRES(...) ZORV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define ZORV_EXCLUDES(...) ZORV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))

@@ -1,21 +1,20 @@
 // Everything recorded since the last batch, and the batch that waits for the host.
 #pragma once
 
-#include <atomic>
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 
-#include "telemetry/event_queue.h"
-#include "telemetry/instruments.h"
+#include "common/mutex.h"
+#include "telemetry/store.h"
 
 namespace zorv::telemetry {
 
-/// Recording is lock-free but for new names; the functions for the host take turns among
-/// themselves and hold up no recording. A batch is read, written out and only then settled, that
-/// is taken off the records: when there is no memory for it, nothing is lost.
+/// Records into one of two stores under a lock that is held for that alone. Closing a batch swaps
+/// the stores; its text is written from the other one, holding up no recording. When there is no
+/// memory for the text, that store is kept for the next attempt: nothing is lost.
 class Recorder {
   public:
     Recorder();
@@ -38,23 +37,16 @@ class Recorder {
     void clear();
 
   private:
-    struct Reading;
+    void close() ZORV_REQUIRES(reading_);
 
-    void close();
-    Reading read();
-    std::string textOf(const Reading& reading);
-    void settle(const Reading& reading);
+    std::array<Store, 2> stores_;  // reached through the pointers below
 
-    InstrumentTable instruments_;
-    EventQueue events_;
-    std::atomic<bool> any_{false};
-    std::atomic<std::uint64_t> droppedMetrics_{0};
-    std::atomic<std::uint64_t> droppedEvents_{0};
-    std::atomic<std::uint64_t> droppedValues_{0};
+    Mutex reading_ ZORV_ACQUIRED_BEFORE(recording_);
+    std::string batch_ ZORV_GUARDED_BY(reading_);
+    Store* closed_ ZORV_GUARDED_BY(reading_) ZORV_TARGET_GUARDED_BY(reading_) = &stores_[1];
 
-    std::mutex reading_;
-    std::string batch_;         // guarded by reading_
-    std::int64_t startUnixMs_;  // guarded by reading_
+    Mutex recording_;
+    Store* open_ ZORV_GUARDED_BY(recording_) ZORV_TARGET_GUARDED_BY(recording_) = stores_.data();
 };
 
 /// The process's own.

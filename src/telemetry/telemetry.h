@@ -1,7 +1,8 @@
 // What the library records about itself: the one header that recording code includes.
 //
-// Recording never waits for a reader, never allocates, and is one predictable branch while
-// telemetry is off. Every name is listed in docs/telemetry.md.
+// Recording never allocates, holds a lock for no longer than it takes to add a number or copy a
+// short text, and is one predictable branch while telemetry is off. Every name is listed in
+// docs/telemetry.md.
 #pragma once
 
 #include <atomic>
