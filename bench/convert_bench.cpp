@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "capi/rgba.h"
 #include "common/cpu.h"
 #include "common/half.h"
 #include "convert_rival.h"
+#include "paste/rgba.h"
 
 namespace {
 

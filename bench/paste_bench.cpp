@@ -7,6 +7,15 @@
 
 namespace {
 
+void composite(zorv::Paste& paste, PasteScene& scene) {
+    using zorv::PixelForm;
+    constexpr int W = PasteScene::kWidth, H = PasteScene::kHeight;
+    const zorv::FrameView view = zorv::packedView(PixelForm::kRgb, scene.frame.data(), W, H);
+    paste.composite(scene.crop.data(), 255, scene.M, scene.frame.data(),
+                    {PixelForm::kRgb, zorv::YuvMatrix::kBt709, view, W, H});
+    benchmark::ClobberMemory();
+}
+
 void run(benchmark::State& state, zorv::SimdLevel level, int workers, bool moving) {
     if (level > zorv::detectedSimdLevel()) {
         state.SkipWithError("the processor lacks this instruction set");
@@ -17,9 +26,7 @@ void run(benchmark::State& state, zorv::SimdLevel level, int workers, bool movin
     zorv::Paste paste(scene.mask, PasteScene::kSide, {}, kernels, workers);
     for (auto _ : state) {
         if (moving) scene.M[2] += scene.M[2] < 970 ? 0.25f : -20.0f;
-        paste.composite(scene.crop.data(), 255, scene.M, scene.frame.data(), PasteScene::kWidth,
-                        PasteScene::kHeight);
-        benchmark::ClobberMemory();
+        composite(paste, scene);
     }
 }
 
@@ -56,9 +63,7 @@ void byDefault(benchmark::State& state) {
     PasteScene scene(static_cast<double>(state.range(0)) / 100);
     zorv::Paste paste(scene.mask, PasteScene::kSide, {});
     for (auto _ : state) {
-        paste.composite(scene.crop.data(), 255, scene.M, scene.frame.data(), PasteScene::kWidth,
-                        PasteScene::kHeight);
-        benchmark::ClobberMemory();
+        composite(paste, scene);
     }
 }
 BENCHMARK(byDefault)->Arg(100)->Arg(60)->UseRealTime();

@@ -8,12 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "capi/rgba.h"
 #include "common/cpu.h"
 #include "common/error.h"
 #include "common/half.h"
 #include "common/key_finder.h"
 #include "common/parallel.h"
+#include "paste/rgba.h"
 #include "support/kernels.h"
 
 namespace zorv {

@@ -69,6 +69,14 @@ std::array<float, 6> turned(float degrees, float scale, float cx, float cy, int 
     return {f * a, -b, cx - f * a * half + b * half, f * b, a, cy - f * b * half - a * half};
 }
 
+/// Into an RGB frame.
+void composite(Paste& paste, const float* crop, float scale, const float* M,
+               std::vector<std::uint8_t>& frame, int W, int H) {
+    const FrameView view = packedView(PixelForm::kRgb, frame.data(), W, H);
+    paste.composite(crop, scale, M, frame.data(),
+                    FrameWriter(PixelForm::kRgb, YuvMatrix::kBt601, view, W, H));
+}
+
 /// Pastes with the library and with the reference and expects the same bytes.
 void expectSame(const Scene& scene, const float* M, Unsharp unsharp, int fast,
                 const PasteKernel& kernel, int workers = 1, int referenceKsize = 0) {
@@ -82,7 +90,7 @@ void expectSame(const Scene& scene, const float* M, Unsharp unsharp, int fast,
     // The second round runs on what the first one kept.
     for (int round = 0; round < 2; ++round) {
         std::vector<std::uint8_t> actual = scene.frame;
-        paste.composite(scene.crop.data(), scene.scale, M, actual.data(), scene.W, scene.H);
+        composite(paste, scene.crop.data(), scene.scale, M, actual, scene.W, scene.H);
         EXPECT_TRUE(test::same(actual, expected))
             << "round " << round << " side " << scene.S << " fast " << fast << " ksize "
             << unsharp.ksize << " kernel " << kernel.name << " M " << M[0] << ' ' << M[1] << ' '
@@ -135,7 +143,7 @@ TEST_P(PasteLevels, IdentityTruncatesTheSharpenedCrop) {
     Scene scene(rng, 40, 44, 41, MaskKind::kFull);
     const std::vector<std::uint8_t> before = scene.frame;
     Paste paste(scene.mask, 40, {0, 2, 13}, *GetParam().entry, 1);
-    paste.composite(scene.crop.data(), scene.scale, identity, scene.frame.data(), 44, 41);
+    composite(paste, scene.crop.data(), scene.scale, identity, scene.frame, 44, 41);
     for (int i = 0; i < 40 * 40; ++i) {
         const std::size_t pixel = (i / 40 * 44 + i % 40) * 3;
         for (int c = 0; c < 3; ++c) {
@@ -146,7 +154,7 @@ TEST_P(PasteLevels, IdentityTruncatesTheSharpenedCrop) {
 
     scene.frame = before;
     Paste none(Scene(rng, 40, 1, 1, MaskKind::kZero).mask, 40, {}, *GetParam().entry, 1);
-    none.composite(scene.crop.data(), scene.scale, identity, scene.frame.data(), 44, 41);
+    composite(none, scene.crop.data(), scene.scale, identity, scene.frame, 44, 41);
     EXPECT_EQ(scene.frame, before);
 }
 
@@ -158,7 +166,7 @@ TEST_P(PasteLevels, NotANumberBecomesZeroAndUncoveredPixelsStay) {
     const std::vector<std::uint8_t> before = scene.frame;
     const float identity[6] = {1, 0, 0, 0, 1, 0};
     Paste paste(scene.mask, 24, {}, *GetParam().entry, 1);
-    paste.composite(scene.crop.data(), 255, identity, scene.frame.data(), 24, 24);
+    composite(paste, scene.crop.data(), 255, identity, scene.frame, 24, 24);
     for (std::size_t i = 0; i < before.size(); ++i) {
         ASSERT_EQ(scene.frame[i], (i / 3) % 2 ? 0 : before[i]);
     }
@@ -172,7 +180,7 @@ TEST_P(PasteLevels, WorkersDoNotChangeTheResult) {
     for (const int workers : {1, 2, 3, 4}) {
         Paste paste(scene.mask, 300, {}, *GetParam().entry, workers);
         std::vector<std::uint8_t> frame = scene.frame;
-        paste.composite(scene.crop.data(), scene.scale, M.data(), frame.data(), 420, 390);
+        composite(paste, scene.crop.data(), scene.scale, M.data(), frame, 420, 390);
         if (first.empty()) first = frame;
         EXPECT_TRUE(test::same(frame, first)) << workers << " workers";
     }
@@ -241,12 +249,12 @@ TEST(Paste, CropsTooLargeFailOnlyWhenTheyWouldBeDrawn) {
     const std::vector<std::uint8_t> before = frame;
     const float singular[6] = {};
     const float outside[6] = {1, 0, -4000, 0, 1, 0};
-    paste.composite(crop.data(), 255, singular, frame.data(), 8, 8);
-    paste.composite(crop.data(), 255, outside, frame.data(), 8, 8);
+    composite(paste, crop.data(), 255, singular, frame, 8, 8);
+    composite(paste, crop.data(), 255, outside, frame, 8, 8);
     const float identity[6] = {1, 0, 0, 0, 1, 0};
     for (int round = 0; round < 2; ++round) {
         try {
-            paste.composite(crop.data(), 255, identity, frame.data(), 8, 8);
+            composite(paste, crop.data(), 255, identity, frame, 8, 8);
             ADD_FAILURE() << "drawn";
         } catch (const std::runtime_error& error) {
             EXPECT_STREQ(error.what(), "paste: side > 1024");
@@ -269,12 +277,12 @@ TEST(Paste, DegeneratePlacementsDrawNothing) {
     Paste paste(scene.mask, 16, {});
     std::vector<std::uint8_t> frame = scene.frame;
     for (const auto& M : placements) {
-        paste.composite(scene.crop.data(), 255, M, frame.data(), 20, 20);
+        composite(paste, scene.crop.data(), 255, M, frame, 20, 20);
         EXPECT_EQ(frame, scene.frame) << M[0] << ' ' << M[1] << ' ' << M[4];
     }
     // Between two unusable placements a usable one still works.
     const float identity[6] = {1, 0, 0, 0, 1, 0};
-    paste.composite(scene.crop.data(), 255, identity, frame.data(), 20, 20);
+    composite(paste, scene.crop.data(), 255, identity, frame, 20, 20);
     EXPECT_NE(frame, scene.frame);
 }
 

@@ -9,6 +9,7 @@
 
 #include "bundle/zorv_bundle.h"
 #include "common/memory.h"
+#include "paste/frame_view.h"
 #include "paste/zorv_paste.h"
 #include "render/zorv_renderer.h"
 
@@ -23,8 +24,15 @@ struct zorv_ctx {
     /// Throws "decode failed: " + path or "target size mismatch " + path.
     const std::uint8_t* target(int i);
 
-    /// Bytes of one RGB frame.
-    std::size_t frameBytes() const;
+    /// Writes target frame i to `out`, with `crop` (3 x crop x crop floats, planes R, G, B in
+    /// [0, 1]) pasted in unless it is null. i is not checked, and calls must not overlap. Throws
+    /// what target() throws, and std::bad_alloc; `out` may be written in part then.
+    void compose(int i, const float* crop, zorv::PixelForm form, zorv::YuvMatrix matrix,
+                 const zorv::FrameView& out);
+
+    /// Bytes of a frame without gaps, and such a frame at `buffer`.
+    std::size_t frameBytes(zorv::PixelForm form) const;
+    zorv::FrameView packed(zorv::PixelForm form, std::uint8_t* buffer) const;
 
     zorv::Manifest manifest;
     zorv::Identity identity;

@@ -1,11 +1,11 @@
 // What the kernel tables of all families have chosen.
 #include <string_view>
 
-#include "capi/rgba.h"
 #include "common/cpu.h"
 #include "common/half.h"
 #include "motion/motion_spectrum.h"
 #include "paste/paste_kernels.h"
+#include "paste/rgba.h"
 #include "render/gridsample/gridsample_fast.h"
 #include "render/int8conv/kernels.h"
 #include "zorv_core.h"

@@ -184,20 +184,31 @@ void Paste::split(std::ptrdiff_t n, const Fn& fn) {
     parallelRange(n, workers_, fn);
 }
 
-void Paste::composite(const float* crop, float scale, const float* M, std::uint8_t* frame, int W,
-                      int H) {
+void Paste::composite(const float* crop, float scale, const float* M, const std::uint8_t* target,
+                      const FrameWriter& out) {
     const telemetry::Stopwatch watch;
-    if (!placement_.locate(M, side_, W, H)) return;
+    const bool drawn = prepare(crop, scale, M, out.width(), out.height());
+    writeRows(target, drawn, out);
+    if (!drawn) return;
+    watch.record({"zorv.composite.duration", "s"});
+    telemetry::count({"zorv.frames.composited", "{frame}"});
+}
+
+/// Everything that blending needs. False: nothing can be drawn.
+bool Paste::prepare(const float* crop, float scale, const float* M, int W, int H) {
+    if (!placement_.locate(M, side_, W, H)) return false;
     if (side_ > kMaxSide) throw std::runtime_error("paste: side > 1024");
-    if (side_ < 1) return;
+    if (side_ < 1) return false;
     if (!placement_.covered()) {
         placement_.cover(kernels_, linear_, mask_.data() + origin(0), stride_, side_,
                          [this](std::ptrdiff_t n, const auto& fn) { split(n, fn); });
     }
+    const std::size_t pairBytes = checkedProduct(static_cast<std::size_t>(W), 6);
+    for (Scratch& scratch : scratch_) {
+        if (scratch.rows.size() < pairBytes) scratch.rows.resize(pairBytes);
+    }
     fillPlanes(crop, scale);
-    compositeTail(frame, W);
-    watch.record({"zorv.composite.duration", "s"});
-    telemetry::count({"zorv.frames.composited", "{frame}"});
+    return true;
 }
 
 // One split for all three planes: starting threads costs as much as sharpening a third of them.
@@ -254,19 +265,41 @@ void Paste::blurRow(const float* source, float scale, int row, Scratch& scratch)
                      span.end - span.begin);
 }
 
-void Paste::compositeTail(std::uint8_t* frame, int W) {
-    const float* planes[3];
-    for (int c = 0; c < 3; ++c) planes[c] = plane(c) + origin(0);
-    const std::vector<PlacedRow>& rows = placement_.rows();
-    split(static_cast<std::ptrdiff_t>(rows.size()), [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-        for (std::ptrdiff_t i = begin; i < end; ++i) {
-            const PlacedRow& row = rows[static_cast<std::size_t>(i)];
-            if (row.count == 0) continue;
-            const std::ptrdiff_t pixel = (placement_.y0() + i) * W + placement_.x0() + row.first;
-            kernels_.blendRow(placement_.positions(row), resampling_, planes, stride_,
-                              placement_.levels(row), frame + 3 * pixel);
+void Paste::writeRows(const std::uint8_t* target, bool drawn, const FrameWriter& out) {
+    const std::ptrdiff_t rowBytes = std::ptrdiff_t{3} * out.width();
+    std::atomic<std::size_t> next{0};
+    split((out.height() + 1) / 2, [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
+        Scratch& scratch = scratch_[next++];
+        for (int y = static_cast<int>(2 * begin); y < 2 * end; y += 2) {
+            const std::uint8_t* rows[2];
+            for (int i = 0; i < 2; ++i) {
+                rows[i] = target + (y + i) * rowBytes;
+                if (!drawn || !blends(y + i)) continue;
+                std::uint8_t* blended = scratch.rows.data() + i * rowBytes;
+                std::memcpy(blended, rows[i], static_cast<std::size_t>(rowBytes));
+                blend(y + i, blended);
+                rows[i] = blended;
+            }
+            out.rows(0, y, out.width(), rows[0], rows[1]);
         }
     });
+}
+
+bool Paste::blends(int row) const {
+    const std::int64_t i = std::int64_t{row} - placement_.y0();
+    const std::vector<PlacedRow>& rows = placement_.rows();
+    return i >= 0 && i < static_cast<std::int64_t>(rows.size()) &&
+           rows[static_cast<std::size_t>(i)].count > 0;
+}
+
+/// REQUIRES: blends(row). `pixels` are that frame row's.
+void Paste::blend(int row, std::uint8_t* pixels) const {
+    const float* planes[3];
+    for (int c = 0; c < 3; ++c) planes[c] = plane(c) + origin(0);
+    const PlacedRow& placed = placement_.rows()[static_cast<std::size_t>(row - placement_.y0())];
+    kernels_.blendRow(placement_.positions(placed), resampling_, planes, stride_,
+                      placement_.levels(placed),
+                      pixels + std::ptrdiff_t{3} * (placement_.x0() + placed.first));
 }
 
 }  // namespace zorv

@@ -7,6 +7,7 @@
 
 #include "bundle/zorv_bundle.h"
 #include "common/memory.h"
+#include "paste/frame_writer.h"
 #include "paste/paste_kernels.h"
 #include "paste/paste_placement.h"
 
@@ -32,12 +33,14 @@ class Paste {
     Paste(const Paste&) = delete;
     Paste& operator=(const Paste&) = delete;
 
-    /// Pastes `crop` (3 planes of side x side; plane c goes to byte c of a pixel; times `scale`
-    /// it is 0..255) into the W x H RGB `frame`. M is (a, b, tx, c, d, ty): crop pixel (x, y)
-    /// lands on (a x + b y + tx, c x + d y + ty). Nothing is drawn for a singular, not finite or
-    /// far too large M. Throws std::runtime_error "paste: side > 1024", frame untouched.
-    void composite(const float* crop, float scale, const float* M, std::uint8_t* frame, int W,
-                   int H);
+    /// Writes `target`, the W x H RGB frame without gaps, to `out` with `crop` pasted in. The crop
+    /// has 3 planes of side x side; plane c goes to byte c of an RGB pixel; times `scale` it is
+    /// 0..255. M is (a, b, tx, c, d, ty): crop pixel (x, y) lands on (a x + b y + tx,
+    /// c x + d y + ty). Nothing is drawn for a singular, not finite or far too large M. `out` may
+    /// be RGB and the target itself. Throws std::runtime_error "paste: side > 1024", nothing
+    /// written.
+    void composite(const float* crop, float scale, const float* M, const std::uint8_t* target,
+                   const FrameWriter& out);
 
   private:
     struct Span {  ///< columns [begin, end)
@@ -46,11 +49,12 @@ class Paste {
         bool empty() const { return begin >= end; }
         void include(Span other);
     };
-    /// What one worker of the sharpening pass needs for itself.
+    /// What one worker needs for itself.
     struct Scratch {
         AlignedVector<float> pad;        ///< one scaled crop row with its reflected border
         AlignedVector<float> blurred;    ///< the last horizontally blurred rows, a ring
         std::vector<const float*> taps;  ///< the blurred rows under the vertical kernel
+        std::vector<std::uint8_t> rows;  ///< two frame rows under work, RGB
     };
 
     void chooseKernels(const Unsharp& unsharp);
@@ -60,12 +64,16 @@ class Paste {
     std::ptrdiff_t origin(int row) const { return (row + kApron) * stride_ + kMargin; }
 
     float* plane(int c) { return planes_.data() + c * planeSize_; }
+    const float* plane(int c) const { return planes_.data() + c * planeSize_; }
 
     void fillPlanes(const float* crop, float scale);
     void unsharpPlane(const float* source, float scale, float* plane, Scratch& scratch, int begin,
                       int end);
     void blurRow(const float* source, float scale, int row, Scratch& scratch);
-    void compositeTail(std::uint8_t* frame, int W);
+    bool prepare(const float* crop, float scale, const float* M, int W, int H);
+    void writeRows(const std::uint8_t* target, bool drawn, const FrameWriter& out);
+    bool blends(int row) const;
+    void blend(int row, std::uint8_t* pixels) const;
 
     template <class Fn>
     void split(std::ptrdiff_t n, const Fn& fn);

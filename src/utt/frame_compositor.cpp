@@ -5,13 +5,10 @@
 #include <new>
 #include <utility>
 
-#include "capi/rgba.h"
 #include "telemetry/telemetry.h"
 
 namespace zorv {
 namespace {
-
-constexpr float kCropScale = 255.0f;  // crops are nominally in [0, 1]
 
 /// After an idle frame that found no memory, before the next one.
 constexpr double kRetryMs = 10;
@@ -22,7 +19,6 @@ FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelin
     : ctx_(ctx),
       state_(state),
       pipelined_(pipelined),
-      pixels_(ctx.frameBytes() / 3),
       cropFloats_(std::size_t{3} * static_cast<unsigned>(ctx.manifest.crop) *
                   static_cast<unsigned>(ctx.manifest.crop)) {
     spareCrops_.reserve(FrameRing::kSlots);  // giving a crop back cannot fail
@@ -122,21 +118,10 @@ void FrameCompositor::process(const float* crop, const FrameJob& job) noexcept {
     state_.changed();
 }
 
-const std::uint8_t* FrameCompositor::target(int index) {
-    const MutexLock lock(targetMutex_);
-    return ctx_.target(index);
-}
-
 void FrameCompositor::compose(const float* crop, int index) {
-    const std::uint8_t* frame = target(index);
-    if (crop) {
-        rgb_.assign(frame, frame + pixels_ * 3);
-        ctx_.paste->composite(crop, kCropScale, ctx_.identity.M(index), rgb_.data(),
-                              ctx_.manifest.W, ctx_.manifest.H);
-        frame = rgb_.data();
-    }
-    rgba_.resize(pixels_ * 4);
-    rgbToRgba(frame, rgba_.data(), pixels_);
+    constexpr PixelForm kForm = PixelForm::kRgba;
+    rgba_.resize(ctx_.frameBytes(kForm));
+    ctx_.compose(index, crop, kForm, matrixFor(ctx_.manifest.H), ctx_.packed(kForm, rgba_.data()));
 }
 
 void FrameCompositor::publish(const FrameJob& job, bool composed) {

@@ -51,7 +51,6 @@ class FrameCompositor {
     void enqueuePipe(const float* crop, const FrameJob& job);
     void process(const float* crop, const FrameJob& job) noexcept;
     bool current(const FrameJob& job) const { return state_.generation == job.generation; }
-    const std::uint8_t* target(int index);
     void compose(const float* crop, int index);
     void publish(const FrameJob& job, bool composed) ZORV_REQUIRES(state_.mutex);
     void noteFailure(const FrameJob& job, const char* text, bool memoryOut)
@@ -60,19 +59,15 @@ class FrameCompositor {
     zorv_ctx& ctx_;
     EngineState& state_;
     const bool pipelined_;
-    const std::size_t pixels_;      ///< of a full frame
     const std::size_t cropFloats_;  ///< 3 x crop x crop
 
-    Mutex targetMutex_;  ///< held while a target frame is looked up or decoded
-
     // Of the thread that composites.
-    std::vector<std::uint8_t> rgb_;  ///< the full frame under work
-    Pixels rgba_;                    ///< the finished frame, swapped into the ring
+    Pixels rgba_;  ///< the finished frame, swapped into the ring
 
     int undecodable_ ZORV_GUARDED_BY(state_.mutex) = 0;  ///< idle frames that failed in a row
 
     /// Taken after the engine's, never before it.
-    Mutex queueMutex_ ZORV_ACQUIRED_BEFORE(targetMutex_);
+    Mutex queueMutex_;
     CondVar queueWake_;
     bool stopping_ ZORV_GUARDED_BY(queueMutex_) = false;
     std::deque<QueuedJob> queue_ ZORV_GUARDED_BY(queueMutex_);

@@ -1,4 +1,4 @@
-#include "capi/rgba.h"
+#include "paste/rgba.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "capi/rgba.h"
+#include "paste/rgba.h"
 
 #ifndef __AVX2__
 #error "this file needs -mavx2"
