@@ -62,6 +62,19 @@ ZORV_API int zorv_version(void);
  */
 ZORV_API const char* zorv_kernel_path(const char* kernel);
 
+/** Forms of a finished frame. Hosts that hand frames to a video encoder ask for one of the YUV forms:
+ *  limited range, chroma the mean of its 2 x 2 block with edges repeated. Chroma planes have
+ *  (W + 1) / 2 columns and (H + 1) / 2 rows. */
+#define ZORV_PIXELS_RGBA 0 /**< One plane, 4 bytes per pixel: R G B 255. */
+#define ZORV_PIXELS_RGB 1  /**< One plane, 3 bytes per pixel. */
+#define ZORV_PIXELS_I420 2 /**< Three planes: Y, U, V. */
+#define ZORV_PIXELS_NV12 3 /**< Two planes: Y, and U and V by turns. */
+
+/** Matrices of the YUV forms; the RGB forms have none. */
+#define ZORV_MATRIX_AUTO 0  /**< BT.709 from 720 lines on, BT.601 below. */
+#define ZORV_MATRIX_BT601 1 /**< ITU-R BT.601. */
+#define ZORV_MATRIX_BT709 2 /**< ITU-R BT.709. */
+
 /* ------------------------------------------------------------------------------------------
  * Rendering context: keypoints become a face crop, the crop becomes part of a full frame
  *
@@ -148,6 +161,20 @@ ZORV_API const float* zorv_render_drive_crop(zorv_ctx* ctx, int k);
  */
 ZORV_API int zorv_paste_crop(zorv_ctx* ctx, int frame, const float* crop, uint8_t* out,
                              size_t out_size);
+
+/**
+ * Writes target frame `frame` in any form into planes of the host's, with the crop pasted in.
+ *
+ * crop    3 x crop x crop floats as for zorv_paste_crop; NULL leaves the plain target frame.
+ * pixels  a ZORV_PIXELS_ value; matrix  a ZORV_MATRIX_ value.
+ * plane   where each plane of the form begins; stride  bytes from one row of it to the next, at
+ *         least a row's own bytes. As many entries as the form has planes.
+ *
+ * Returns 1, or 0 on failure with planes that may be written in part.
+ * Thread-safety: as for zorv_paste_crop.
+ */
+ZORV_API int zorv_paste_planes(zorv_ctx* ctx, int frame, const float* crop, int pixels, int matrix,
+                               uint8_t* const* plane, const int32_t* stride);
 
 /**
  * Pastes the crop of the last successful render into target frame `frame`.

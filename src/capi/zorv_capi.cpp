@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "capi/frame_arguments.h"
 #include "capi/zorv_ctx.h"
 #include "common/error.h"
 #include "telemetry/telemetry.h"
@@ -104,6 +105,27 @@ int zorv_paste_crop(zorv_ctx* ctx, int frame, const float* crop, uint8_t* out, s
     }
     return zorv::guarded<Errors>("zorv_paste_crop", 0, [&] {
         composePacked(ctx, frame, crop, zorv::PixelForm::kRgb, out);
+        return 1;
+    });
+}
+
+int zorv_paste_planes(zorv_ctx* ctx, int frame, const float* crop, int pixels, int matrix,
+                      uint8_t* const* plane, const int32_t* stride) {
+    Errors::clear();
+    if (!ctx || !hasFrame(ctx, frame) || !zorv::isPixelForm(pixels) || !zorv::isMatrix(matrix) ||
+        !plane || !stride) {
+        Errors::set("zorv_paste_planes: bad args");
+        return 0;
+    }
+    const auto form = static_cast<zorv::PixelForm>(pixels);
+    const int H = ctx->manifest.H;
+    zorv::FrameView view;
+    if (!zorv::readPlanes(form, ctx->manifest.W, H, plane, stride, view)) {
+        Errors::set("zorv_paste_planes: missing plane / stride too small");
+        return 0;
+    }
+    return zorv::guarded<Errors>("zorv_paste_planes", 0, [&] {
+        ctx->compose(frame, crop, form, zorv::resolvedMatrix(matrix, H), view);
         return 1;
     });
 }
