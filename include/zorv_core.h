@@ -344,6 +344,10 @@ ZORV_API int zorv_a2x_push(zorv_a2x* a2x, const float* pcm, int n);
  *  Thread-safety: one thread at a time per engine. */
 ZORV_API void zorv_a2x_finish(zorv_a2x* a2x);
 
+/** How much sound a frame waits for: samples (16,000 Hz) from its own first one until it can be
+ *  pulled. 0 for NULL. One thread at a time per engine. */
+ZORV_API int zorv_a2x_look_ahead(const zorv_a2x* a2x);
+
 /** After zorv_a2x_finish ceil(samples / 640), else -1; 0 for NULL. A stream yields no more frames
  *  than a2x_pos.f32 has rows, which this number does not regard. One thread at a time per engine.
  */
@@ -525,6 +529,10 @@ ZORV_API int zorv_motion_total(const zorv_motion* motion);
  * Survives zorv_motion_reset. NULL is ignored.
  */
 ZORV_API void zorv_motion_set_eager(zorv_motion* motion, int value);
+
+/** How much sound a frame waits for: samples (16,000 Hz) from its own first one until it can be
+ *  pulled, at most; with adaptive passes by what they have cost so far. 0 for NULL. */
+ZORV_API int zorv_motion_look_ahead(const zorv_motion* motion);
 
 /** Number of frames that zorv_motion_pull would hand out now; 0 for NULL and on failure. */
 ZORV_API int zorv_motion_avail(zorv_motion* motion);

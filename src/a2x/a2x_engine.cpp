@@ -107,6 +107,10 @@ AudioView zorv_a2x::audioView() const {
     return {audio_.row(0), samples_, std::min(samples_, audio_.rows()), finished_};
 }
 
+std::int64_t zorv_a2x::lookAheadSamples() const {
+    return std::max(enc_right_, w2v_right_) * kSamplesPerFrame + 1;
+}
+
 std::int64_t zorv_a2x::ready() const {
     return readyFrames(total(), finished_, std::max(enc_right_, w2v_right_));
 }

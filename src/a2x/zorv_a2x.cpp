@@ -71,6 +71,10 @@ void zorv_a2x_finish(zorv_a2x* a2x) {
     if (a2x) a2x->finish();
 }
 
+int zorv_a2x_look_ahead(const zorv_a2x* a2x) {
+    return a2x ? toCount(a2x->lookAheadSamples()) : 0;
+}
+
 int zorv_a2x_total(zorv_a2x* a2x) {
     if (!a2x) return 0;
     return a2x->finished() ? toCount(a2x->total()) : -1;

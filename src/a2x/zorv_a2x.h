@@ -34,6 +34,8 @@ struct zorv_a2x {
     void reset(std::int32_t start, std::int32_t dir, bool loop);
     std::int64_t total() const { return zorv::a2x::frameCount(samples_); }
     bool finished() const { return finished_; }
+    /// Samples from a frame's first one until it can be had.
+    std::int64_t lookAheadSamples() const;
 
     /// Decodes up to one block; returns the frames ready to pull.
     std::int64_t avail();

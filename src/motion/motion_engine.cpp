@@ -24,6 +24,16 @@ MotionEngine::MotionEngine(const std::string& dir, int threads, const std::strin
       generator_(tables_, lmdm_, dump_),
       emitter_(tables_, stitch_, dump_) {}
 
+int MotionEngine::lookAheadSamples() const {
+    if (eager_ != 0) {
+        const int step = eager_ > 0 ? eager_ : adaptiveStep(latencyMs_);
+        return step * kSamplesPerFrame + 1;
+    }
+    // The frame before a chunk is held back by the chunk before and waits for the last window.
+    return static_cast<int>(kChunkFrames - kWindowFrames + 1) * kSamplesPerFrame +
+           kWindowFollowSamples;
+}
+
 void MotionEngine::finish() {
     if (finished()) return;
     total_ = coveredFrames(front_.samples());

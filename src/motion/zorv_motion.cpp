@@ -71,6 +71,11 @@ void zorv_motion_set_eager(zorv_motion* motion, int value) {
     if (motion) motion->setEager(value);
 }
 
+int zorv_motion_look_ahead(const zorv_motion* motion) {
+    MotionError::clear();
+    return motion ? motion->lookAheadSamples() : 0;
+}
+
 int zorv_motion_total(const zorv_motion* motion) {
     MotionError::clear();
     return motion ? static_cast<int>(motion->total()) : -1;
