@@ -8,24 +8,24 @@
 #include <zorv_core.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "demo_subject.h"
-#include "failure.h"
-#include "keypoint_engine.h"
-#include "keypoint_families.h"
-#include "spoken_sound.h"
+#include "sources.h"
 #include "stopwatch.h"
+#include "workload.h"
 
 namespace {
 
-using namespace zorv::tools;
+using namespace zorv::driver;
 using nlohmann::json;
 
 constexpr int kSeconds = 20, kThreads = 1;  // of speech; of the models
@@ -61,7 +61,7 @@ struct Family {
 };
 
 Handle opened(void* handle, void (*destroy)(void*), const char* error) {
-    if (!handle) fail("{}", error);
+    if (!handle) throw std::runtime_error(error);
     return {handle, destroy};
 }
 
@@ -84,7 +84,7 @@ void useContext(void* handle) {
                               static_cast<size_t>(zorv_height(ctx)) * 4);
     for (int k = 0; k < zorv_drive_frames(ctx); ++k) {
         if (!zorv_render_drive_rgba(ctx, k, rgba.data(), rgba.size())) {
-            fail("{}", zorv_last_error());
+            throw std::runtime_error(zorv_last_error());
         }
     }
 }
@@ -100,7 +100,7 @@ void useStream(void* handle) {
     const std::vector<float> samples = speech();
     if (zorv_stream_run(static_cast<zorv_stream*>(handle), samples.data(),
                         static_cast<int>(samples.size()), nullptr, nullptr) != 25 * kSeconds) {
-        fail("{}", zorv_stream_last_error());
+        throw std::runtime_error(zorv_stream_last_error());
     }
 }
 
@@ -141,7 +141,9 @@ struct Session {
         while (utt && zorv_utt_ready(utt) == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        if (zorv_utt_ready(utt) < 0) fail("{}{}", zorv_last_error(), zorv_utt_last_error());
+        if (zorv_utt_ready(utt) < 0) {
+            throw std::runtime_error(std::string(zorv_last_error()) + zorv_utt_last_error());
+        }
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -211,11 +213,11 @@ int main() {
         const pid_t child = fork();
         if (child == 0) {
             try {
-                fmt::print("{}\n", measure(family).dump());
+                std::puts(measure(family).dump().c_str());
                 std::fflush(stdout);
                 _exit(0);
             } catch (const std::exception& error) {
-                fmt::print(stderr, "memory_bench: {}: {}\n", family.name, error.what());
+                std::fprintf(stderr, "memory_bench: %s: %s\n", family.name, error.what());
                 _exit(1);
             }
         }

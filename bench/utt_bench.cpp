@@ -10,35 +10,35 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "audio_reader.h"
-#include "cpu_time.h"
 #include "demo_subject.h"
-#include "failure.h"
-#include "keypoint_engine.h"
-#include "keypoint_families.h"
-#include "live_report.h"
-#include "live_session.h"
-#include "look_ahead.h"
-#include "spoken_sound.h"
+#include "live_engine.h"
+#include "session.h"
+#include "session_report.h"
+#include "sources.h"
+#include "workload.h"
 
 namespace {
 
-using namespace zorv::tools;
+using namespace zorv::driver;
 using nlohmann::json;
 
 struct Settings {
-    std::string source = "motion", steady, audio;
+    std::string source = "motion", steady, pcm;
     int engines = 1, threads = 1, eager = 0;
     double minutes = 1;
     unsigned seed = 1;
@@ -60,11 +60,12 @@ LiveSetup setupOf(const Settings& settings) {
 
 /// A formula or a file.
 std::vector<int16_t> soundOf(const Settings& settings, int seconds) {
-    if (settings.audio.empty()) return spokenSound(seconds);
-    std::vector<int16_t> sound;
-    for (const float sample : readSpeech(settings.audio, "--audio").samples) {
-        sound.push_back(static_cast<int16_t>(sample * 32767));
-    }
+    if (settings.pcm.empty()) return spokenSound(seconds);
+    std::ifstream file(settings.pcm, std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (bytes.size() < 2) throw std::runtime_error("no sound in " + settings.pcm);
+    std::vector<int16_t> sound(bytes.size() / 2);
+    std::memcpy(sound.data(), bytes.data(), 2 * sound.size());
     return sound;
 }
 
@@ -119,7 +120,7 @@ json talk(const Settings& settings) {
         sessions.push_back(std::async(std::launch::async, [&, i] {
             const unsigned seed = settings.seed + static_cast<unsigned>(i);
             return play(*engines[static_cast<size_t>(i)], sound,
-                        script(settings, sound.size(), seed), nullptr);
+                        script(settings, sound.size(), seed));
         }));
     }
     std::vector<double> computing, finished, pulled, interrupts, ready, render, jitter;
@@ -132,8 +133,8 @@ json talk(const Settings& settings) {
     const double used = cpuSeconds() - cpu;
     const size_t pieces = piecesBeforeFirstFrame(setup, sound);
     for (int i = 0; i < settings.engines; ++i) {
-        const LiveReport report = makeReport(engines[static_cast<size_t>(i)]->readySeconds(),
-                                             logs[static_cast<size_t>(i)], pieces);
+        const SessionReport report = makeReport(engines[static_cast<size_t>(i)]->readySeconds(),
+                                                logs[static_cast<size_t>(i)], pieces);
         for (const FirstFrame& first : report.firstFrames) {
             computing.push_back(first.computing());
             finished.push_back(first.finished);
@@ -211,7 +212,9 @@ json idle(const Settings& settings) {
 /// Processor seconds that the source needs for the sound in pieces of 20 ms.
 template <class Family>
 double sourceCpu(typename Family::Handle* handle, const std::vector<int16_t>& sound) {
-    FamilyEngine<Family> engine(handle);
+    const std::unique_ptr<typename Family::Handle, decltype(Family::destroy)> owner(
+        handle, Family::destroy);
+    Family::reset(handle, 0, 1, 0);
     Family::setEager(handle, -1);
     KeypointFrames frames;
     const double cpu = cpuSeconds();
@@ -220,8 +223,10 @@ double sourceCpu(typename Family::Handle* handle, const std::vector<int16_t>& so
         for (size_t i = 0; i < kPieceSamples; ++i) {
             piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
         }
-        engine.push(piece, kPieceSamples);
-        while (engine.pull(frames) > 0) {
+        Family::push(handle, piece, kPieceSamples);
+        while (Family::avail(handle) > 0) {
+            Family::pull(handle, frames.target.data(), frames.source.data(), frames.driving.data(),
+                         KeypointFrames::kCapacity);
         }
     }
     return cpuSeconds() - cpu;
@@ -255,7 +260,7 @@ json cost(const Settings& settings) {
     const LiveEngine engine(setup);
     Line line;
     line.samples = sound.size();
-    const SessionLog log = play(engine, sound, {line}, nullptr);
+    const SessionLog log = play(engine, sound, {line});
     const double all = log.cpuSeconds / (static_cast<double>(log.ticks.size()) / 25);
     return {{"cpu_per_second", all},
             {"motion_models_cpu_per_second", source},
@@ -280,7 +285,8 @@ int main(int argc, char** argv) {
         command->add_option("--source", settings.source)
             ->check(CLI::IsMember({"motion", "expression"}));
         command->add_option("--steady", settings.steady, "Model key of the steady renderer");
-        command->add_option("--audio", settings.audio, "What is said (default: a formula)");
+        command->add_option("--pcm", settings.pcm,
+                            "What is said: mono, 16 bits, 16,000 Hz (default: a formula)");
         command->add_flag("--burst", settings.burst, "Push each line at once");
         command->add_option("--seed", settings.seed)->capture_default_str();
     }
@@ -288,9 +294,9 @@ int main(int argc, char** argv) {
     try {
         json result = work(settings);
         result["load_average"] = loadAverage();
-        fmt::print("{}\n", result.dump(2));
+        std::puts(result.dump(2).c_str());
     } catch (const std::exception& error) {
-        fmt::print(stderr, "utt_bench: {}\n", error.what());
+        std::fprintf(stderr, "utt_bench: %s\n", error.what());
         return 1;
     }
     return 0;

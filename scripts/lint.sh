@@ -4,7 +4,7 @@
 #   scripts/lint.sh                  all of the following
 #   scripts/lint.sh format           formatting (clang-format)
 #   scripts/lint.sh cppcheck         cppcheck
-#   scripts/lint.sh tidy [FILE...]   clang-tidy: src/ and tools/, or the given sources
+#   scripts/lint.sh tidy [FILE...]   clang-tidy: src/, driver/ and tools/, or the given sources
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,13 +15,13 @@ check_format() {
 check_cppcheck() {
     cppcheck --quiet -j "$(nproc)" --std=c++20 --language=c++ -D__x86_64__ \
         --enable=warning,performance,portability --inline-suppr --suppressions-list=.cppcheck-suppressions \
-        --error-exitcode=1 -Iinclude -Isrc -Itools src tools
+        --error-exitcode=1 -Iinclude -Isrc -Idriver $(printf -- '-I%s ' tools/*/) src driver tools
 }
 
 # One compilation per job, the longest first. The compile commands are GCC's; clang need not know
 # every warning in them.
 check_tidy() {
-    [ "$#" -gt 0 ] || mapfile -t -d '' set < <(git ls-files -z 'src/*.cpp' 'tools/*.cpp')
+    [ "$#" -gt 0 ] || mapfile -t -d '' set < <(git ls-files -z 'src/*.cpp' 'driver/*.cpp' 'tools/*.cpp')
     local files=("${@:-${set[@]}}")
     cmake --preset release -B build/lint -DZORV_BUILD_TESTS=OFF -DZORV_BUILD_BENCH=OFF >/dev/null
     ls -S "${files[@]}" | xargs -n 1 -P "$(nproc)" clang-tidy -p build/lint --quiet \

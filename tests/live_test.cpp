@@ -15,8 +15,7 @@
 
 #include "audio_reader.h"
 #include "frame_tape.h"
-#include "live_report.h"
-#include "look_ahead.h"
+#include "session_report.h"
 #include "support/expression_dir.h"
 #include "support/failure.h"
 #include "support/program.h"
@@ -229,19 +228,19 @@ TEST(FrameTapeTest, GivesBackWhatItTook) {
     EXPECT_TRUE(fs::is_empty(dir.path())) << "the tape has no name";
 }
 
-TEST(LiveReportTest, TellsLateFramesApart) {
-    tools::SessionLog log;
+TEST(SessionReportTest, TellsLateFramesApart) {
+    driver::SessionLog log;
     log.lines.resize(2);
     log.lines[0].beginMs = 1000;
     log.lines[0].samples = 1280;
-    tools::LineLog& cut = log.lines[1];
+    driver::LineLog& cut = log.lines[1];
     cut.beginMs = 5000;
     cut.samples = 64000;
     cut.interrupted = true;
     cut.interruptedMs = 7000;
     cut.interruptToFrameMs = 9;
     const auto tick = [&](double at, int line, int kind, int sequence = -1) {
-        tools::Tick next;
+        driver::Tick next;
         next.beginMs = at;
         next.line = line;
         next.kind = static_cast<int8_t>(kind);
@@ -252,7 +251,7 @@ TEST(LiveReportTest, TellsLateFramesApart) {
     for (const double at : {500.0, 1900.0, 2100.0}) tick(at, at < 1000 ? -1 : 0, -1);
     tick(2140, 0, 1, 0), tick(2180, 0, 1, 1), tick(6999, 1, 1, 0), tick(7001, 1, -1);
     tick(7040, 1, 2), tick(7100, 1, -1), tick(7140, 1, 1, 1), tick(7180, 1, 0);
-    const tools::LiveReport report = tools::makeReport(0.5, log, 0);
+    const driver::SessionReport report = driver::makeReport(0.5, log, 0);
     EXPECT_EQ(report.late, 5);
     EXPECT_EQ(report.lateAfterFirstSecond, 4);
     EXPECT_EQ(report.lateAtInterrupt, 1);

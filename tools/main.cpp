@@ -8,10 +8,13 @@
 
 #include "av.h"
 #include "clip_renderer.h"
-#include "commands.h"
+#include "doctor_command.h"
 #include "failure.h"
+#include "inspect_command.h"
 #include "interrupt.h"
+#include "live_command.h"
 #include "progress.h"
+#include "sync_command.h"
 
 namespace zorv::tools {
 namespace {
