@@ -414,7 +414,7 @@ typedef struct zorv_stream zorv_stream;
 /**
  * Receives one finished frame: W x H x 3 RGB bytes, valid during the call only. Called on the
  * thread that called zorv_stream_run, in order 0, 1, 2, ...; the result is ignored. It may call
- * any function of the library except those on this stream. An exception thrown from it ends the
+ * any function of the library except those on this stream, zorv_stream_cancel apart. An exception thrown from it ends the
  * run; its worker is stopped first.
  */
 typedef int (*zorv_frame_callback)(void* user, int frame_index, const uint8_t* rgb, int W, int H);
@@ -446,6 +446,13 @@ ZORV_API zorv_stream* zorv_stream_create(const char* bundle_dir, const char* enc
  */
 ZORV_API int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
                              zorv_frame_callback callback, void* user);
+
+/**
+ * Ends the run in progress: it returns -1 with "zorv_stream_run: cancelled" after at most one model
+ * run, the speech encoder's included. Without a run in progress the next one returns so at once.
+ * NULL is ignored. Any thread, also from the callback.
+ */
+ZORV_API void zorv_stream_cancel(zorv_stream* stream);
 
 /** Frame width in pixels. The stream must not be NULL. Any thread. */
 ZORV_API int zorv_stream_width(zorv_stream* stream);

@@ -285,6 +285,39 @@ TEST(Stream, ExceptionsOfTheCallbackTravelOnAfterTheWorkerHasEnded) {
     EXPECT_STREQ(zorv_stream_last_error(), "");
 }
 
+TEST(Stream, ACancelledRunEndsWithATextAndTheNextIsWhole) {
+    const TestBundle bundle;
+    const StreamPtr stream = openStream(bundle);
+    ASSERT_TRUE(stream) << zorv_stream_last_error();
+    const std::vector<float> audio = speechLike(640 * 400);
+    Collector collector;
+    const auto isCancelled = [&] {
+        return collector.run(stream.get(), audio) == -1 &&
+               std::string(zorv_stream_last_error()) == "zorv_stream_run: cancelled";
+    };
+    for (const int at : {0, 3, 399}) {  // from the callback: no further frame
+        collector.during = [&](int k) {
+            if (k == at) zorv_stream_cancel(stream.get());
+        };
+        EXPECT_TRUE(isCancelled());
+        EXPECT_EQ(static_cast<int>(collector.frames.size()), at + 1);
+    }
+    collector.during = [](int) {};
+    zorv_stream_cancel(stream.get());  // before the run, and as it goes, its encoder included
+    EXPECT_TRUE(isCancelled() && collector.frames.empty());
+    EXPECT_EQ(collector.run(stream.get(), audio), 400);
+    for (bool ended = false; !ended;) {
+        std::thread other([&] {
+            std::this_thread::yield();
+            zorv_stream_cancel(stream.get());
+        });
+        ended = isCancelled() && collector.frames.size() < 400;
+        other.join();
+        if (!ended) collector.run(stream.get(), {});  // too late for that one
+    }
+    zorv_stream_cancel(nullptr);
+}
+
 TEST(Stream, TwoStreamsInTwoThreadsGiveTheBytesThatOneGives) {
     TestBundle bundle;
     const std::vector<float> audio = speechLike(640 * 20);

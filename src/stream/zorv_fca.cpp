@@ -3,6 +3,7 @@
 #include <zorv_core.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "common/error.h"
 #include "telemetry/telemetry.h"
@@ -35,7 +36,12 @@ DeltaModel::DeltaModel(const std::string& encoderPath, const std::string& stream
     streaming_ = Ort::Session(env_, streamingPath.c_str(), options_);
 }
 
+void DeltaModel::checkStop() const {
+    if (stop_ && *stop_) throw std::runtime_error("cancelled");
+}
+
 Ort::Value DeltaModel::encode(float* window) {
+    checkStop();
     const char* input = "input_values";
     const char* output = "audio_emb";
     const Ort::Value samples =
@@ -46,6 +52,7 @@ Ort::Value DeltaModel::encode(float* window) {
 }
 
 void DeltaModel::step(Recurrence& state, float* out) {
+    checkStop();
     const char* inputs[] = {"cond", "prev", "h"};
     const char* outputs[] = {"m", "hn"};
     const auto results =
@@ -84,10 +91,6 @@ void DeltaModel::deltas(const float* audio, int n, float* out) {
 }
 
 }  // namespace zorv
-
-struct zorv_fca : zorv::DeltaModel {
-    using DeltaModel::DeltaModel;
-};
 
 namespace {
 

@@ -1,6 +1,7 @@
 // The streaming delta model: a whole clip of speech becomes keypoint offsets.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -18,12 +19,17 @@ class DeltaModel {
   public:
     DeltaModel(const std::string& encoderPath, const std::string& streamingPath, int threads);
 
+    /// While `stop` is true, deltas throws std::runtime_error before its next model run. The flag
+    /// outlives the model.
+    void stopWhen(const std::atomic<bool>& stop) { stop_ = &stop; }
+
     /// Writes frameCount(n) x 63 offsets. n >= 1.
     void deltas(const float* audio, int n, float* out);
 
   private:
     struct Recurrence;
 
+    void checkStop() const;
     /// Encodes one window; returns a checked tensor of at least 10 x 200 x 768 floats.
     Ort::Value encode(float* window);
     /// One frame: context, previous offsets and state become the frame's offsets and next state.
@@ -34,6 +40,12 @@ class DeltaModel {
     Ort::SessionOptions options_;
     Ort::Session encoder_{nullptr};
     Ort::Session streaming_{nullptr};
+
+    const std::atomic<bool>* stop_ = nullptr;
 };
 
 }  // namespace zorv
+
+struct zorv_fca : zorv::DeltaModel {
+    using DeltaModel::DeltaModel;
+};

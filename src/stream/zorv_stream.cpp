@@ -61,7 +61,7 @@ void StreamRun::preload() const {
     const std::int64_t distinct =
         std::min<std::int64_t>(frames_ - stream_.skipFrames, std::int64_t{2} * stream_.NT);
     TargetWalk walk = walkFrom(stream_);
-    for (std::int64_t i = 0; i < distinct; ++i, walk.advance()) {
+    for (std::int64_t i = 0; i < distinct && !stream_.cancelled; ++i, walk.advance()) {
         zorv_target_frame(stream_.ctx.get(), walk.current());
     }
 }
@@ -81,7 +81,7 @@ void StreamRun::renderFrames() {
     const auto cropFloats =
         std::size_t{3} * static_cast<unsigned>(stream_.crop) * static_cast<unsigned>(stream_.crop);
     TargetWalk walk = walkFrom(stream_);
-    for (int k = stream_.skipFrames; k < frames_; ++k, walk.advance()) {
+    for (int k = stream_.skipFrames; k < frames_ && !stream_.cancelled; ++k, walk.advance()) {
         const int frame = walk.current();
         // Index 1 of a bundle of one frame has no base row; the context rejects it.
         const float* base =
@@ -109,6 +109,7 @@ void StreamRun::pasteFrames(zorv_frame_callback callback, void* user) {
     TargetWalk walk = walkFrom(stream_);
     int index = 0;
     while (const float* crop = ring_.front()) {
+        if (stream_.cancelled) return;
         if (!zorv_paste_crop(stream_.ctx.get(), walk.current(), crop, frame.data(), frame.size())) {
             failed_ = true;
             return;
@@ -125,6 +126,18 @@ void StreamRun::pasteFrames(zorv_frame_callback callback, void* user) {
 namespace {
 
 using StreamError = zorv::LastError<zorv_stream>;
+
+/// A cancellation ends one run, however that ends.
+class TakeBack {
+  public:
+    explicit TakeBack(std::atomic<bool>& cancelled) : cancelled_(cancelled) {}
+    ~TakeBack() { cancelled_ = false; }
+    TakeBack(const TakeBack&) = delete;
+    TakeBack& operator=(const TakeBack&) = delete;
+
+  private:
+    std::atomic<bool>& cancelled_;
+};
 
 zorv_stream* noStream(const std::string& message) {
     StreamError::set(message);
@@ -144,6 +157,7 @@ zorv_stream* openStream(const char* bundleDir, const char* encoderPath, int thre
     const std::string streamingPath = dir + "/fca_stream.onnx";
     stream->fca.reset(zorv_fca_create(encoderPath, streamingPath.c_str(), threads));
     if (!stream->fca) return noStream(std::string("zorv_fca_create: ") + zorv_fca_last_error());
+    stream->fca->stopWhen(stream->cancelled);
 
     stream->xsTarget.resize(zorv::delta::kSetFloats * static_cast<unsigned>(stream->NT));
     const zorv::ReadStatus status = zorv::readExactly(
@@ -193,9 +207,18 @@ zorv_stream* zorv_stream_create(const char* bundle_dir, const char* encoder_path
 int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
                     zorv_frame_callback callback, void* user) {
     StreamError::clear();
+    const TakeBack takeBack(stream->cancelled);
     return zorv::guarded<StreamError>("zorv_stream_run", -1, [&] {
-        return runStream(*stream, audio, n_samples, callback, user);
+        const int delivered =
+            stream->cancelled ? -1 : runStream(*stream, audio, n_samples, callback, user);
+        if (!stream->cancelled) return delivered;
+        StreamError::set("zorv_stream_run: cancelled");
+        return -1;
     });
+}
+
+void zorv_stream_cancel(zorv_stream* stream) {
+    if (stream) stream->cancelled = true;
 }
 
 int zorv_stream_width(zorv_stream* stream) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "stream/crop_ring.h"
+#include "stream/zorv_fca.h"
 
 namespace zorv {
 
@@ -23,6 +24,8 @@ struct FcaDeleter {
 
 /// One opened stream. A run keeps nothing here apart from the context's decoded target frames.
 struct zorv_stream {
+    std::atomic<bool> cancelled{false};  ///< set from any thread, taken back by the run it ends
+
     // The delta model is released before the context.
     std::unique_ptr<zorv_ctx, zorv::CtxDeleter> ctx;
     std::unique_ptr<zorv_fca, zorv::FcaDeleter> fca;
