@@ -82,7 +82,7 @@ std::string openAndMeasure(const TestBundle& bundle, const char* model) {
 
 /// Every rendering function once, on a context that has decoded no frame yet.
 std::string renderAll(zorv_ctx* context, const TestBundle& bundle) {
-    std::fill(context->targetLoaded.begin(), context->targetLoaded.end(), std::uint8_t{0});
+    context->targets = std::make_shared<TargetFrames>(context->manifest);
     const std::vector<float> source = bundle.baseKeypoints(0);
     const std::vector<float> driving = bundle.baseKeypoints(1);
     std::string result;
@@ -183,7 +183,7 @@ TEST_F(StreamFaults, Running) {
     const std::vector<float> audio = speech(8);
     drive("zorv_stream_run", allFaults(), [&] {
         zorv_ctx* context = stream->ctx.get();
-        std::fill(context->targetLoaded.begin(), context->targetLoaded.end(), std::uint8_t{0});
+        context->targets = std::make_shared<TargetFrames>(context->manifest);
         std::string frames;
         attempt(test::kStream, "zorv", [&] {
             {

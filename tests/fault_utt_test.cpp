@@ -161,7 +161,7 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
 
   protected:
     std::string run(const UttSurroundings& surroundings) {
-        context->targetLoaded[0] = 0;
+        context->targets = std::make_shared<TargetFrames>(context->manifest);
         for (int engine = 0; engine < 2; ++engine) {
             failures_ = 0;
             const std::unique_ptr<zorv_utt> utt = open(surroundings);

@@ -2,12 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "capi/zorv_ctx.h"
 #include "paste/frame_writer.h"
+#include "support/kernels.h"
+#include "support/test_bundle.h"
+#include "zorv_core.h"
 
 namespace zorv {
 namespace {
@@ -121,7 +127,7 @@ TEST(FrameForm, EveryFormIsAConversionOfTheRgbFrame) {
                 const int H = sizes[rng() % std::size(sizes)];
                 const Bytes rgb = picture(rng, W, H);
                 const Frame frame(form, W, H, static_cast<int>(rng() % 40));
-                FrameWriter(form, matrix, frame.view, W, H).frame(rgb.data());
+                FrameWriter(form, matrix, frame.view, W, H).frame(rgbBackdrop(rgb.data(), W, H));
                 ASSERT_EQ(difference(frame, rgb, matrix, 0.6), "");
                 ASSERT_TRUE(frame.gapsUntouched());
 
@@ -138,12 +144,99 @@ TEST(FrameForm, EveryFormIsAConversionOfTheRgbFrame) {
     }
 }
 
+/// Frames of a context: a whole bundle, of odd and of even size.
+class ContextForms : public testing::TestWithParam<int> {
+  protected:
+    ContextForms() {
+        std::mt19937 rng(2);
+        for (float& v : crop) v = static_cast<float>(rng() % 1024) / 1023;
+    }
+
+    Bytes rgb(int frame, const float* face) {
+        Bytes packed(ctx->frameBytes(PixelForm::kRgb));
+        ctx->compose(frame, face, PixelForm::kRgb, YuvMatrix::kBt601,
+                     ctx->packed(PixelForm::kRgb, packed.data()));
+        return packed;
+    }
+    /// The frame in YUV equals a conversion of `wanted`.
+    void expectYuv(int frame, const float* face, PixelForm form, YuvMatrix matrix,
+                   const Bytes& wanted) {
+        const Frame yuv(form, options.width, options.height, frame);
+        ctx->compose(frame, face, form, matrix, yuv.view);
+        EXPECT_EQ(difference(yuv, wanted, matrix, 0.6), "");
+        EXPECT_TRUE(yuv.gapsUntouched());
+    }
+
+    const test::TestBundleOptions options{.width = 48 - GetParam(), .height = 40 - GetParam()};
+    test::TestBundle bundle{options};
+    std::vector<float> crop = std::vector<float>(3 * test::kTestCrop * test::kTestCrop);
+    const std::unique_ptr<zorv_ctx> ctx =
+        (bundle.useModel("render", "render"),
+         std::make_unique<zorv_ctx>(bundle.dir(), "render", 1, ""));
+};
+
+INSTANTIATE_TEST_SUITE_P(, ContextForms, testing::Values(0, 1));
+
+TEST_P(ContextForms, FacesAndIdleFramesAreConversionsOfTheRgbFrame) {
+    for (const bool spoken : {false, true}) {
+        const float* face = spoken ? crop.data() : nullptr;
+        for (int frame = 0; frame < options.nt; ++frame) {
+            for (const YuvMatrix matrix : {YuvMatrix::kBt601, YuvMatrix::kBt709}) {
+                for (const PixelForm form : {PixelForm::kI420, PixelForm::kNv12}) {
+                    expectYuv(frame, face, form, matrix, rgb(frame, face));
+                }
+            }
+            const Frame rgba(PixelForm::kRgba, options.width, options.height, 5);
+            ctx->compose(frame, face, PixelForm::kRgba, YuvMatrix::kBt601, rgba.view);
+            EXPECT_EQ(difference(rgba, rgb(frame, face), YuvMatrix::kBt601, 0), "");
+        }
+        EXPECT_EQ(rgb(0, face) == rgb(0, nullptr), !spoken);
+    }
+}
+
+TEST_P(ContextForms, YuvFramesKeepNoRgbFrameAndUseOneThatIsThere) {
+    const Bytes first = rgb(0, crop.data());
+    zorv_ctx other(bundle.dir(), "render", 1, "");
+    for (int frame = 0; frame < options.nt; ++frame) {
+        const Frame yuv(PixelForm::kI420, options.width, options.height, 0);
+        other.compose(frame, nullptr, PixelForm::kI420, YuvMatrix::kBt709, yuv.view);
+        bundle.remove("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
+        other.compose(frame, crop.data(), PixelForm::kNv12, YuvMatrix::kBt709,
+                      Frame(PixelForm::kNv12, options.width, options.height, 0).view);
+    }
+    EXPECT_EQ(zorv_target_frame(&other, 1), nullptr) << "decoded and kept, but nobody asked";
+    expectYuv(0, crop.data(), PixelForm::kI420, YuvMatrix::kBt601, first);
+}
+
+TEST(FrameForm, KernelsGiveThePortableBytes) {
+    std::mt19937 rng(3);
+    for (int count = 1; count <= 140; ++count) {
+        const Bytes top = picture(rng, count, 1), bottom = picture(rng, count, 1);
+        for (const YuvMatrix matrix : {YuvMatrix::kBt601, YuvMatrix::kBt709}) {
+            const auto rows = [&](const YuvKernels& kernels) {
+                Bytes yuv(static_cast<std::size_t>(3 * count + 1), kUntouched);
+                std::uint8_t* u = yuv.data() + count;
+                kernels.lumaRow(top.data(), yuvWeights(matrix), yuv.data(), count);
+                kernels.chromaRow(top.data(), bottom.data(), yuvWeights(matrix), u,
+                                  u + (count + 1) / 2, count);
+                return yuv;
+            };
+            const Bytes wanted = rows(kYuvKernelsPortable);
+            for (const auto& kernel : test::usableKernels(kYuvKernels)) {
+                ASSERT_TRUE(test::same(rows(*kernel.entry), wanted))
+                    << kernel.name << ", " << count << " pixels";
+            }
+        }
+    }
+}
+
 TEST(FrameForm, GreyHasNoColourAndTheRangeIsLimited) {
     for (const YuvMatrix matrix : {YuvMatrix::kBt601, YuvMatrix::kBt709}) {
         for (const int level : {0, 1, 128, 254, 255}) {
             const Bytes rgb(3 * 2 * 2, static_cast<std::uint8_t>(level));
             const Frame frame(PixelForm::kNv12, 2, 2, 0);
-            FrameWriter(PixelForm::kNv12, matrix, frame.view, 2, 2).frame(rgb.data());
+            FrameWriter(PixelForm::kNv12, matrix, frame.view, 2, 2)
+                .frame(rgbBackdrop(rgb.data(), 2, 2));
             EXPECT_EQ(frame.at(0, 1, 1), std::lround(16 + level * 219 / 255.0));
             EXPECT_EQ(frame.at(1, 0, 0), 128);
             EXPECT_EQ(frame.at(1, 1, 0), 128);

@@ -73,7 +73,7 @@ std::array<float, 6> turned(float degrees, float scale, float cx, float cy, int 
 void composite(Paste& paste, const float* crop, float scale, const float* M,
                std::vector<std::uint8_t>& frame, int W, int H) {
     const FrameView view = packedView(PixelForm::kRgb, frame.data(), W, H);
-    paste.composite(crop, scale, M, frame.data(),
+    paste.composite(crop, scale, paste.place(M, W, H), rgbBackdrop(frame.data(), W, H),
                     FrameWriter(PixelForm::kRgb, YuvMatrix::kBt601, view, W, H));
 }
 

@@ -1,6 +1,5 @@
 #include "capi/zorv_ctx.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
@@ -22,6 +21,25 @@ std::vector<std::uint8_t> readMask(const zorv::Manifest& manifest) {
     return {content.begin(), content.begin() + static_cast<std::ptrdiff_t>(bytes)};
 }
 
+/// W x H x 3 bytes RGB.
+std::vector<std::uint8_t> decodeTarget(const zorv::Manifest& manifest, int i) {
+    char path[1024];
+    // A longer path is cut, and then fails to decode.
+    if (std::snprintf(path, sizeof path, "%s/target_frames/frame_%06d.jpg", manifest.dir.c_str(),
+                      i) < 0) {
+        throw std::runtime_error("decode failed: " + manifest.dir);
+    }
+    const auto mostPixels = zorv::checkedProduct(static_cast<std::size_t>(manifest.W),
+                                                 static_cast<std::size_t>(manifest.H));
+    int width = 0;
+    int height = 0;
+    std::vector<std::uint8_t> pixels = zorv::loadImageRGB(path, width, height, mostPixels);
+    if (width != manifest.W || height != manifest.H) {
+        throw std::runtime_error(std::string("target size mismatch ") + path);
+    }
+    return pixels;
+}
+
 }  // namespace
 
 zorv_ctx::zorv_ctx(const std::string& bundleDir, const std::string& modelKey, int threadCount,
@@ -32,15 +50,9 @@ zorv_ctx::zorv_ctx(const std::string& bundleDir, const std::string& modelKey, in
       threads(threadCount),
       ep(provider),
       renderer(std::make_unique<zorv::Renderer>(manifest, identity, modelKey, threads, ep)),
-      paste(std::make_unique<zorv::Paste>(readMask(manifest), manifest.crop, manifest.unsharp)) {
-    const std::size_t frames = static_cast<std::size_t>(manifest.NT);
-    const std::size_t pixels = zorv::checkedProduct(static_cast<std::size_t>(manifest.W),
-                                                    static_cast<std::size_t>(manifest.H));
-    const std::size_t bytes = zorv::checkedProduct(pixels, 3);
-    targetCache = zorv::ZeroedArray<std::uint8_t>(zorv::checkedProduct(frames, bytes));
-    targetLoaded.resize(frames);
-    frameBuf = zorv::ZeroedArray<std::uint8_t>(bytes);
-}
+      paste(std::make_unique<zorv::Paste>(readMask(manifest), manifest.crop, manifest.unsharp)),
+      targets(std::make_shared<zorv::TargetFrames>(manifest)),
+      frameBuf(frameBytes(zorv::PixelForm::kRgb)) {}
 
 std::size_t zorv_ctx::frameBytes(zorv::PixelForm form) const {
     return zorv::packedSize(form, manifest.W, manifest.H);
@@ -51,34 +63,33 @@ zorv::FrameView zorv_ctx::packed(zorv::PixelForm form, std::uint8_t* buffer) con
 }
 
 const std::uint8_t* zorv_ctx::target(int i) {
-    const std::size_t index = static_cast<std::size_t>(i);
-    const std::size_t bytes = frameBuf.size();
-    std::uint8_t* slot = targetCache.data() + index * bytes;
-    if (targetLoaded[index]) return slot;
-    char path[1024];
-    // A longer path is cut, and then fails to decode.
-    if (std::snprintf(path, sizeof path, "%s/target_frames/frame_%06d.jpg", manifest.dir.c_str(),
-                      i) < 0) {
-        throw std::runtime_error("decode failed: " + manifest.dir);
+    return targets->rgb(i, [this](int frame) { return decodeTarget(manifest, frame); });
+}
+
+const zorv::Placement& zorv_ctx::placement(int i) {
+    const auto place = [this](int frame) {
+        return paste->place(identity.M(frame), manifest.W, manifest.H);
+    };
+    if (const zorv::Placement* kept = targets->placement(i, place)) return *kept;
+    if (ownPlacementOf_ != i) {
+        ownPlacementOf_ = -1;
+        ownPlacement_ = place(i);
+        ownPlacementOf_ = i;
     }
-    int width = 0;
-    int height = 0;
-    const std::vector<std::uint8_t> pixels = zorv::loadImageRGB(path, width, height, bytes / 3);
-    if (width != manifest.W || height != manifest.H) {
-        throw std::runtime_error(std::string("target size mismatch ") + path);
-    }
-    std::copy(pixels.begin(), pixels.end(), slot);
-    targetLoaded[index] = 1;
-    return slot;
+    return ownPlacement_;
 }
 
 void zorv_ctx::compose(int i, const float* crop, zorv::PixelForm form, zorv::YuvMatrix matrix,
                        const zorv::FrameView& out) {
-    const std::uint8_t* frame = target(i);
     const zorv::FrameWriter writer(form, matrix, out, manifest.W, manifest.H);
+    const auto decode = [this](int frame) { return decodeTarget(manifest, frame); };
+    const auto area = [this](int frame) { return placement(frame).area(); };
+    const zorv::Backdrop from = zorv::isYuv(form)
+                                    ? targets->yuv(i, matrix, area, decode)
+                                    : zorv::rgbBackdrop(target(i), manifest.W, manifest.H);
     if (crop) {
-        paste->composite(crop, kCropScale, identity.M(i), frame, writer);
+        paste->composite(crop, kCropScale, placement(i), from, writer);
     } else {
-        writer.frame(frame);
+        writer.frame(from);
     }
 }

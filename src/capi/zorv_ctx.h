@@ -5,17 +5,17 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "bundle/zorv_bundle.h"
+#include "capi/target_frames.h"
 #include "common/memory.h"
 #include "paste/frame_view.h"
 #include "paste/zorv_paste.h"
 #include "render/zorv_renderer.h"
 
-/// One opened bundle with its renderer, its compositor and a cache of decoded target frames.
-/// No lock is taken: one context is rendered from one thread at a time. A paste may run beside a
-/// render when its target frame is in the cache already.
+/// One opened bundle with its renderer, its compositor and its target frames. One thread at a time
+/// renders; one thread at a time composes, which may be another one; any thread may ask for a
+/// target frame.
 struct zorv_ctx {
     zorv_ctx(const std::string& bundleDir, const std::string& modelKey, int threadCount,
              const std::string& provider);
@@ -25,8 +25,9 @@ struct zorv_ctx {
     const std::uint8_t* target(int i);
 
     /// Writes target frame i to `out`, with `crop` (3 x crop x crop floats, planes R, G, B in
-    /// [0, 1]) pasted in unless it is null. i is not checked, and calls must not overlap. Throws
-    /// what target() throws, and std::bad_alloc; `out` may be written in part then.
+    /// [0, 1]) pasted in unless it is null. i is not checked. Nothing of the frame is kept as RGB
+    /// when `form` is YUV but what is blended. `matrix` is not used for RGBA and RGB. Throws what
+    /// target() throws, std::bad_alloc, and "paste: side > 1024"; nothing is written then.
     void compose(int i, const float* crop, zorv::PixelForm form, zorv::YuvMatrix matrix,
                  const zorv::FrameView& out);
 
@@ -41,8 +42,13 @@ struct zorv_ctx {
     std::string ep;
     std::unique_ptr<zorv::Renderer> renderer;
     std::unique_ptr<zorv::Paste> paste;
-    zorv::ZeroedArray<std::uint8_t> targetCache;  ///< NT x W x H x 3
-    std::vector<std::uint8_t> targetLoaded;       ///< NT flags
-    zorv::ZeroedArray<std::uint8_t> frameBuf;     ///< W x H x 3, output of zorv_paste_last
-    const float* lastCrop = nullptr;              ///< of the last successful render
+    std::shared_ptr<zorv::TargetFrames> targets;
+    zorv::ZeroedArray<std::uint8_t> frameBuf;  ///< W x H x 3, output of zorv_paste_last
+    const float* lastCrop = nullptr;           ///< of the last successful render
+
+  private:
+    const zorv::Placement& placement(int i);
+
+    zorv::Placement ownPlacement_;  ///< of the last frame whose placement is not kept
+    int ownPlacementOf_ = -1;
 };

@@ -4,9 +4,26 @@
 #include <cstdint>
 
 #include "paste/frame_view.h"
+#include "paste/paste_placement.h"
 #include "paste/yuv.h"
 
 namespace zorv {
+
+/// A target frame as others are made from it. Owns nothing.
+struct Backdrop {
+    const std::uint8_t* rgb = nullptr;  ///< the pixels of `area`, row by row without gaps
+    FrameArea area;                     ///< at least what is blended; all of it without `i420`
+    FrameView i420;                     ///< the whole frame once more; null planes for none
+
+    const std::uint8_t* pixel(int x, int y) const {
+        return rgb + 3 * (std::ptrdiff_t{y - area.top} * (area.right - area.left) + x - area.left);
+    }
+};
+
+/// All of a W x H frame in RGB.
+inline Backdrop rgbBackdrop(const std::uint8_t* rgb, int W, int H) {
+    return {rgb, {0, 0, W, H}, {}};
+}
 
 /// Writes a W x H frame, two rows at a time. Rows may be written by several threads at once.
 class FrameWriter {
@@ -23,10 +40,13 @@ class FrameWriter {
     /// REQUIRES: y and x even; x + count even or the width.
     void rows(int x, int y, int count, const std::uint8_t* top, const std::uint8_t* bottom) const;
 
-    /// The whole frame from W x H x 3 bytes RGB.
-    void frame(const std::uint8_t* rgb) const;
+    /// Rows y and y + 1 of the target frame. REQUIRES: y even.
+    void rows(int y, const Backdrop& from) const;
+    /// All of it.
+    void frame(const Backdrop& from) const;
 
   private:
+    void copyRows(int y, const FrameView& i420) const;
     void row(int x, int y, int count, const std::uint8_t* rgb) const;
     void interleavedChroma(const std::uint8_t* top, const std::uint8_t* bottom, std::uint8_t* uv,
                            int count) const;

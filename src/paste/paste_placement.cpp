@@ -36,24 +36,20 @@ void narrow(const std::vector<int>& table, std::int64_t rowTerm, int side, std::
 }  // namespace
 
 bool Placement::locate(const float* M, int side, int W, int H) {
-    if (known_ && W == W_ && H == H_ && std::equal(M_.begin(), M_.end(), M)) return true;
-    known_ = false;
-    covered_ = false;
-    std::copy_n(M, 6, M_.begin());
     W_ = W;
     H_ = H;
-    known_ = boundingBox(side) && tables();
-    return known_;
+    area_ = {};
+    return located_ = boundingBox(M, side, W, H) && tables(M);
 }
 
 // The crop plus a margin for the widest kernel, clipped to the frame.
-bool Placement::boundingBox(int side) {
+bool Placement::boundingBox(const float* M, int side, int W, int H) {
     float minX = 0, maxX = 0, minY = 0, maxY = 0;
     for (int corner = 0; corner < 4; ++corner) {
         const float x = corner & 1 ? static_cast<float>(side + 3) : -4.0f;
         const float y = corner & 2 ? static_cast<float>(side + 3) : -4.0f;
-        const float px = M_[0] * x + M_[1] * y + M_[2];
-        const float py = M_[3] * x + M_[4] * y + M_[5];
+        const float px = M[0] * x + M[1] * y + M[2];
+        const float py = M[3] * x + M[4] * y + M[5];
         if (!std::isfinite(px) || !std::isfinite(py)) return false;
         minX = corner ? std::min(minX, px) : px;
         maxX = corner ? std::max(maxX, px) : px;
@@ -64,15 +60,15 @@ bool Placement::boundingBox(int side) {
     const double top = std::floor(minY), bottom = std::ceil(maxY);
     if (!fitsInt(left) || !fitsInt(right) || !fitsInt(top) || !fitsInt(bottom)) return false;
     x0_ = std::max(static_cast<int>(left), 0);
-    x1_ = std::min(static_cast<int>(right), W_ - 1);
+    x1_ = std::min(static_cast<int>(right), W - 1);
     y0_ = std::max(static_cast<int>(top), 0);
-    y1_ = std::min(static_cast<int>(bottom), H_ - 1);
+    y1_ = std::min(static_cast<int>(bottom), H - 1);
     return x1_ >= x0_ && y1_ >= y0_;
 }
 
 // Column and row terms of the inverse map, in 1/1024 crop pixel.
-bool Placement::tables() {
-    const double a = M_[0], b = M_[1], tx = M_[2], c = M_[3], d = M_[4], ty = M_[5];
+bool Placement::tables(const float* M) {
+    const double a = M[0], b = M[1], tx = M[2], c = M[3], d = M[4], ty = M[5];
     const double det = a * d - b * c;
     if (det == 0) return false;
     const double uX = d / det, vX = -c / det, uY = -b / det, vY = a / det;
@@ -135,6 +131,29 @@ void Placement::coverRows(const PasteKernels& kernels, const PhaseTable& linear,
         row.levels += static_cast<std::size_t>(first);
         row.count = last - first;
     }
+}
+
+void Placement::findArea() {
+    FrameArea found{W_, H_, 0, 0};
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+        const PlacedRow& row = rows_[i];
+        if (row.count == 0) continue;
+        const int y = y0_ + static_cast<int>(i);
+        found.left = std::min(found.left, x0_ + row.first);
+        found.right = std::max(found.right, x0_ + row.first + row.count);
+        found.top = std::min(found.top, y);
+        found.bottom = y + 1;
+    }
+    if (found.bottom == 0) return;
+    area_.left = found.left / 2 * 2;
+    area_.top = found.top / 2 * 2;
+    area_.right = std::min(found.right + found.right % 2, W_);
+    area_.bottom = std::min(found.bottom + found.bottom % 2, H_);
+}
+
+std::size_t Placement::bytes() const {
+    return (colU_.capacity() + colV_.capacity()) * sizeof(int) +
+           rows_.capacity() * sizeof(PlacedRow) + levels_.capacity();
 }
 
 }  // namespace zorv

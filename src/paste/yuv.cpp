@@ -55,19 +55,12 @@ void chromaRow(const std::uint8_t* top, const std::uint8_t* bottom, const YuvWei
     }
 }
 
-void interleaveRow(const std::uint8_t* u, const std::uint8_t* v, std::uint8_t* uv, int count) {
-    for (int i = 0; i < count; ++i) {
-        uv[2 * i] = u[i];
-        uv[2 * i + 1] = v[i];
-    }
-}
-
 }  // namespace
 
 const YuvWeights& yuvWeights(YuvMatrix matrix) {
     return matrix == YuvMatrix::kBt601 ? kBt601 : kBt709;
 }
 
-const YuvKernels kYuvKernelsPortable = {lumaRow, chromaRow, interleaveRow};
+const YuvKernels kYuvKernelsPortable = {lumaRow, chromaRow};
 
 }  // namespace zorv

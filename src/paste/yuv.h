@@ -26,15 +26,14 @@ struct YuvKernels {
     /// odd count the last column counts twice: (count + 1) / 2 values.
     void (*chromaRow)(const std::uint8_t* top, const std::uint8_t* bottom,
                       const YuvWeights& weights, std::uint8_t* u, std::uint8_t* v, int count);
-
-    /// uv = u[0] v[0] u[1] v[1] ..., 2 x count bytes.
-    void (*interleaveRow)(const std::uint8_t* u, const std::uint8_t* v, std::uint8_t* uv,
-                          int count);
 };
 
 extern const YuvKernels kYuvKernelsPortable;
+extern const YuvKernels kYuvKernelsAvx2;
 
+/// Nothing wider: a frame's conversion takes some ten microseconds.
 inline constexpr Kernel<const YuvKernels*> kYuvKernels[] = {
+    {SimdLevel::kAvx2, "avx2", nullptr, &kYuvKernelsAvx2},
     {SimdLevel::kPortable, "portable", nullptr, &kYuvKernelsPortable},
 };
 

@@ -180,35 +180,33 @@ Paste::Span Paste::window(int row) const {
 }
 
 template <class Fn>
-void Paste::split(std::ptrdiff_t n, const Fn& fn) {
+void Paste::split(std::ptrdiff_t n, const Fn& fn) const {
     parallelRange(n, workers_, fn);
 }
 
-void Paste::composite(const float* crop, float scale, const float* M, const std::uint8_t* target,
-                      const FrameWriter& out) {
-    const telemetry::Stopwatch watch;
-    const bool drawn = prepare(crop, scale, M, out.width(), out.height());
-    writeRows(target, drawn, out);
-    if (!drawn) return;
-    watch.record({"zorv.composite.duration", "s"});
-    telemetry::count({"zorv.frames.composited", "{frame}"});
+Placement Paste::place(const float* M, int W, int H) const {
+    Placement where;
+    // Crops too large for a composite are refused there.
+    if (!where.locate(M, side_, W, H) || side_ > kMaxSide || side_ < 1) return where;
+    where.cover(kernels_, linear_, mask_.data() + origin(0), stride_, side_,
+                [this](std::ptrdiff_t n, const auto& fn) { split(n, fn); });
+    return where;
 }
 
-/// Everything that blending needs. False: nothing can be drawn.
-bool Paste::prepare(const float* crop, float scale, const float* M, int W, int H) {
-    if (!placement_.locate(M, side_, W, H)) return false;
+void Paste::composite(const float* crop, float scale, const Placement& where, const Backdrop& from,
+                      const FrameWriter& out) {
+    const telemetry::Stopwatch watch;
+    if (!where.located() || side_ < 1) {
+        out.frame(from);
+        return;
+    }
     if (side_ > kMaxSide) throw std::runtime_error("paste: side > 1024");
-    if (side_ < 1) return false;
-    if (!placement_.covered()) {
-        placement_.cover(kernels_, linear_, mask_.data() + origin(0), stride_, side_,
-                         [this](std::ptrdiff_t n, const auto& fn) { split(n, fn); });
-    }
-    const std::size_t pairBytes = checkedProduct(static_cast<std::size_t>(W), 6);
-    for (Scratch& scratch : scratch_) {
-        if (scratch.rows.size() < pairBytes) scratch.rows.resize(pairBytes);
-    }
+    const int width = where.area().right - where.area().left;
+    for (Scratch& scratch : scratch_) scratch.rows.resize(std::size_t{6} * toCount(width));
     fillPlanes(crop, scale);
-    return true;
+    writeRows(where, from, out);
+    watch.record({"zorv.composite.duration", "s"});
+    telemetry::count({"zorv.frames.composited", "{frame}"});
 }
 
 // One split for all three planes: starting threads costs as much as sharpening a third of them.
@@ -265,41 +263,37 @@ void Paste::blurRow(const float* source, float scale, int row, Scratch& scratch)
                      span.end - span.begin);
 }
 
-void Paste::writeRows(const std::uint8_t* target, bool drawn, const FrameWriter& out) {
-    const std::ptrdiff_t rowBytes = std::ptrdiff_t{3} * out.width();
+void Paste::writeRows(const Placement& where, const Backdrop& from, const FrameWriter& out) {
+    const FrameArea& area = where.area();
+    const int width = area.right - area.left;
     std::atomic<std::size_t> next{0};
     split((out.height() + 1) / 2, [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
         Scratch& scratch = scratch_[next++];
+        std::uint8_t* top = scratch.rows.data();
+        std::uint8_t* bottom = top + std::ptrdiff_t{3} * width;
         for (int y = static_cast<int>(2 * begin); y < 2 * end; y += 2) {
-            const std::uint8_t* rows[2];
-            for (int i = 0; i < 2; ++i) {
-                rows[i] = target + (y + i) * rowBytes;
-                if (!drawn || !blends(y + i)) continue;
-                std::uint8_t* blended = scratch.rows.data() + i * rowBytes;
-                std::memcpy(blended, rows[i], static_cast<std::size_t>(rowBytes));
-                blend(y + i, blended);
-                rows[i] = blended;
-            }
-            out.rows(0, y, out.width(), rows[0], rows[1]);
+            out.rows(y, from);
+            if (!where.row(y) && !where.row(y + 1)) continue;
+            blendedRow(where, from, y, top);
+            if (y + 1 < out.height()) blendedRow(where, from, y + 1, bottom);
+            out.rows(area.left, y, width, top, bottom);
         }
     });
 }
 
-bool Paste::blends(int row) const {
-    const std::int64_t i = std::int64_t{row} - placement_.y0();
-    const std::vector<PlacedRow>& rows = placement_.rows();
-    return i >= 0 && i < static_cast<std::int64_t>(rows.size()) &&
-           rows[static_cast<std::size_t>(i)].count > 0;
-}
-
-/// REQUIRES: blends(row). `pixels` are that frame row's.
-void Paste::blend(int row, std::uint8_t* pixels) const {
+/// The blended area's part of frame row y.
+void Paste::blendedRow(const Placement& where, const Backdrop& from, int y,
+                       std::uint8_t* pixels) const {
+    const FrameArea& area = where.area();
+    std::memcpy(pixels, from.pixel(area.left, y),
+                std::size_t{3} * static_cast<unsigned>(area.right - area.left));
+    const PlacedRow* row = where.row(y);
+    if (!row) return;
     const float* planes[3];
     for (int c = 0; c < 3; ++c) planes[c] = plane(c) + origin(0);
-    const PlacedRow& placed = placement_.rows()[static_cast<std::size_t>(row - placement_.y0())];
-    kernels_.blendRow(placement_.positions(placed), resampling_, planes, stride_,
-                      placement_.levels(placed),
-                      pixels + std::ptrdiff_t{3} * (placement_.x0() + placed.first));
+    const std::ptrdiff_t first = where.x0() + row->first - area.left;
+    kernels_.blendRow(where.positions(*row), resampling_, planes, stride_, where.levels(*row),
+                      pixels + 3 * first);
 }
 
 }  // namespace zorv

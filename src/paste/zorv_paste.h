@@ -16,9 +16,8 @@ namespace zorv {
 /// Sharpens a crop (unsharp mask, reflect-101 border) and blends it into a frame through the
 /// inverse of the frame's affine placement, under a mask that is resampled with it.
 ///
-/// An instance keeps buffers and the last placement's tables: calls on one instance must not
-/// overlap; different instances are independent. Results do not depend on the number of workers
-/// or on the instruction set.
+/// An instance keeps buffers: composites on one instance must not overlap; different instances
+/// are independent. Results do not depend on the number of workers or on the instruction set.
 ///
 /// `ZORV_PASTE_FAST` (0 Lanczos-4, 1 bicubic, 2 bilinear) and `ZORV_PASTE_KSIZE` (a smaller odd
 /// blur kernel, at least 3) are read by the constructor; `ZORV_PASTE_THREADS` once per process.
@@ -33,13 +32,17 @@ class Paste {
     Paste(const Paste&) = delete;
     Paste& operator=(const Paste&) = delete;
 
-    /// Writes `target`, the W x H RGB frame without gaps, to `out` with `crop` pasted in. The crop
-    /// has 3 planes of side x side; plane c goes to byte c of an RGB pixel; times `scale` it is
-    /// 0..255. M is (a, b, tx, c, d, ty): crop pixel (x, y) lands on (a x + b y + tx,
-    /// c x + d y + ty). Nothing is drawn for a singular, not finite or far too large M. `out` may
-    /// be RGB and the target itself. Throws std::runtime_error "paste: side > 1024", nothing
-    /// written.
-    void composite(const float* crop, float scale, const float* M, const std::uint8_t* target,
+    /// Where M = (a, b, tx, c, d, ty) puts the crop in a W x H frame, and how much of it the mask
+    /// lets through: crop pixel (x, y) lands on (a x + b y + tx, c x + d y + ty). Nothing is drawn
+    /// for a singular, not finite or far too large M. May run beside composite() and itself.
+    Placement place(const float* M, int W, int H) const;
+
+    /// Writes the target frame `from` to `out` with `crop` pasted in. The crop has 3 planes of
+    /// side x side; plane c goes to byte c of an RGB pixel; times `scale` it is 0..255. `where` is
+    /// from this instance, or from one of the same mask and side, and for frames of this size.
+    /// `out` may be RGB and the target itself. Throws std::runtime_error "paste: side > 1024" and
+    /// std::bad_alloc, nothing written.
+    void composite(const float* crop, float scale, const Placement& where, const Backdrop& from,
                    const FrameWriter& out);
 
   private:
@@ -54,7 +57,7 @@ class Paste {
         AlignedVector<float> pad;        ///< one scaled crop row with its reflected border
         AlignedVector<float> blurred;    ///< the last horizontally blurred rows, a ring
         std::vector<const float*> taps;  ///< the blurred rows under the vertical kernel
-        std::vector<std::uint8_t> rows;  ///< two frame rows under work, RGB
+        std::vector<std::uint8_t> rows;  ///< two rows of the blended area, RGB
     };
 
     void chooseKernels(const Unsharp& unsharp);
@@ -70,13 +73,12 @@ class Paste {
     void unsharpPlane(const float* source, float scale, float* plane, Scratch& scratch, int begin,
                       int end);
     void blurRow(const float* source, float scale, int row, Scratch& scratch);
-    bool prepare(const float* crop, float scale, const float* M, int W, int H);
-    void writeRows(const std::uint8_t* target, bool drawn, const FrameWriter& out);
-    bool blends(int row) const;
-    void blend(int row, std::uint8_t* pixels) const;
+    void writeRows(const Placement& where, const Backdrop& from, const FrameWriter& out);
+    void blendedRow(const Placement& where, const Backdrop& from, int y,
+                    std::uint8_t* pixels) const;
 
     template <class Fn>
-    void split(std::ptrdiff_t n, const Fn& fn);
+    void split(std::ptrdiff_t n, const Fn& fn) const;
 
     int side_;
     int ksize_;
@@ -96,7 +98,6 @@ class Paste {
     std::vector<Span> sharpened_;       ///< per crop row: the columns that can be resampled
     std::vector<Span> blurred_;         ///< per crop row: the columns that those blur over
     std::vector<Scratch> scratch_;      ///< one per worker
-    Placement placement_;
 };
 
 }  // namespace zorv
