@@ -13,8 +13,7 @@
 #include "descriptors.h"
 #include "fuzz_input.h"
 #include "support/audio.h"
-#include "support/expression_dir.h"
-#include "support/test_motion.h"
+#include "support/engine.h"
 
 namespace {
 
@@ -25,65 +24,33 @@ constexpr std::size_t kRowBytes = 63 * sizeof(float);
 constexpr int kSamples = 1500;  ///< two frames and a started one
 constexpr int kFrames = 3;
 
-/// Both families have the same functions.
-struct MotionFamily {
-    static constexpr std::string_view kCreate = "zorv_motion_create: ";
-    static auto create(const char* dir) { return zorv_motion_create(dir, 1, nullptr); }
-    static constexpr auto* destroy = zorv_motion_destroy;
-    static constexpr auto* text = zorv_motion_last_error;
-    static constexpr auto* nt = zorv_motion_nt;
-    static constexpr auto* reset = zorv_motion_reset;
-    static constexpr auto* push = zorv_motion_push;
-    static constexpr auto* finish = zorv_motion_finish;
-    static constexpr auto* total = zorv_motion_total;
-    static constexpr auto* avail = zorv_motion_avail;
-    static constexpr auto* pull = zorv_motion_pull;
-};
-
-struct ExpressionFamily {
-    static constexpr std::string_view kCreate = "zorv_a2x_create: ";
-    static auto create(const char* dir) { return zorv_a2x_create(dir, 1); }
-    static constexpr auto* destroy = zorv_a2x_destroy;
-    static constexpr auto* text = zorv_a2x_last_error;
-    static constexpr auto* nt = zorv_a2x_nt;
-    static constexpr auto* reset = zorv_a2x_reset;
-    static constexpr auto* push = zorv_a2x_push;
-    static constexpr auto* finish = zorv_a2x_finish;
-    static constexpr auto* total = zorv_a2x_total;
-    static constexpr auto* avail = zorv_a2x_avail;
-    static constexpr auto* pull = zorv_a2x_pull;
-};
-
 /// One short stream: frames on target frames that exist, or none and a text.
-template <class Family, class Engine>
-void speak(Engine* engine, bool mayBeShort) {
-    static const std::vector<float> audio = zorv::test::speechLike(kSamples);
-    Family::reset(engine, 1, -1, 0);
-    require(Family::push(engine, audio.data(), kSamples) == 1);
-    Family::finish(engine);
-    require(Family::total(engine) == kFrames);
-    const int ready = Family::avail(engine);
+void speak(zorv::test::Engine& engine, bool mayBeShort) {
+    engine.reset(1, -1, 0);
+    require(engine.push(zorv::test::speechLike(kSamples)) == 1);
+    engine.finish();
+    require(engine.total() == kFrames);
+    const int ready = engine.avail();
     require(ready >= 0 && ready <= kFrames);
-    int index[kFrames];
-    float source[kFrames * 63], driving[kFrames * 63];
-    const int pulled = Family::pull(engine, index, source, driving, kFrames);
-    require(pulled == kFrames || mayBeShort || *Family::text() != '\0');
-    for (int i = 0; i < pulled; ++i) require(index[i] >= 0 && index[i] < Family::nt(engine));
+    zorv::test::Frames frames;
+    const int pulled = engine.pull(frames, kFrames);
+    require(pulled == kFrames || mayBeShort || !engine.error().empty());
+    for (const int index : frames.index) require(index >= 0 && index < engine.nt());
 }
 
-/// Opens the directory; `rowsOf` tells how many target frames its files speak of.
+/// Opens the directory and, when it is `heard`, speaks.
 template <class Family>
-void open(const std::string& path, const DamagedDir& dir, bool heard, bool mayBeShort) {
-    auto* engine = Family::create(path.c_str());
-    if (!engine) {
-        const std::string_view text = Family::text();
-        require(text.starts_with(Family::kCreate) && text.size() > Family::kCreate.size());
+void open(typename Family::Handle* handle, std::string_view create, const DamagedDir& dir,
+          bool heard, bool mayBeShort) {
+    if (!handle) {
+        const std::string_view text = Family::error();
+        require(text.starts_with(create) && text.size() > create.size());
         return;
     }
+    zorv::test::FamilyEngine<Family> engine(handle);
     const std::size_t rows = dir.size("xs_target.bin") / kRowBytes;
-    require(static_cast<std::size_t>(Family::nt(engine)) == rows && rows >= 1);
-    if (heard) speak<Family>(engine, mayBeShort);
-    Family::destroy(engine);
+    require(static_cast<std::size_t>(engine.nt()) == rows && rows >= 1);
+    if (heard) speak(engine, mayBeShort);
 }
 
 void openMotion(zorv::fuzz::FuzzInput& input, bool heard) {
@@ -98,7 +65,8 @@ void openMotion(zorv::fuzz::FuzzInput& input, bool heard) {
     }();
     static DamagedDir dir(motion.dir(), files);
     dir.damage(input);
-    open<MotionFamily>(motion.dir(), dir, heard, false);
+    open<zorv::test::MotionFamily>(zorv_motion_create(motion.dir().c_str(), 1, nullptr),
+                                   "zorv_motion_create: ", dir, heard, false);
     dir.mend();
 }
 
@@ -108,7 +76,8 @@ void openExpression(zorv::fuzz::FuzzInput& input, bool heard) {
                                               "xs_target.bin", "a2x_meta.json", "a2x_dec.onnx"});
     dir.damage(input);
     // A positional table of fewer rows than frames ends the stream early.
-    open<ExpressionFamily>(expression.path(), dir, heard, true);
+    open<zorv::test::ExpressionFamily>(zorv_a2x_create(expression.path().c_str(), 1),
+                                       "zorv_a2x_create: ", dir, heard, true);
     dir.mend();
 }
 

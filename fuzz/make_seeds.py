@@ -97,8 +97,7 @@ SEEDS = {"bundle_open_fuzz": damage_seeds.bundle_open,
          "gridsample_rewrite_fuzz": gridsample_rewrite,
          "image_fuzz": image,
          "metadata_fuzz": metadata,
-         "motion_push_fuzz": stream_seeds.motion_push,
-         "a2x_push_fuzz": stream_seeds.a2x_push,
+         "stream_fuzz": stream_seeds.stream,
          "utt_calls_fuzz": utt_seeds.utt_calls}
 
 

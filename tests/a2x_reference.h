@@ -13,18 +13,12 @@
 #include <vector>
 
 #include "common/ort.h"
-#include "support/expression_dir.h"
+#include "support/engine.h"
 
 namespace zorv::test {
 
 class A2xReference {
   public:
-    struct Frame {
-        int index;
-        std::vector<float> src, drv;
-        bool operator==(const Frame&) const = default;
-    };
-
     /// right: look-ahead of the features; shortWindow: trunk and head instead of the encoder.
     A2xReference(const ExpressionDir& dir, int right = 12, bool shortWindow = false,
                  const std::string& encoder = "a2x_w2v")
@@ -55,12 +49,11 @@ class A2xReference {
         return std::max(0, decDone_ - pulled_);
     }
 
-    std::vector<Frame> pull(int max) {
+    Frames pull(int max) {
         if (pulled_ >= decDone_) extend(std::min(ready(), pulled_ + max));
-        std::vector<Frame> out;
+        Frames out;
         const int limit = std::min(decDone_, ready());
-        while (pulled_ < limit && static_cast<int>(out.size()) < max)
-            out.push_back(frame(pulled_++));
+        while (pulled_ < limit && static_cast<int>(out.size()) < max) add(out, pulled_++);
         return out;
     }
 
@@ -91,21 +84,6 @@ class A2xReference {
         clip.decode(F);
         std::vector<float> out;
         for (const auto& row : clip.frames_) out.insert(out.end(), row.begin(), row.end());
-        return out;
-    }
-
-    /// The frames of everything pushed, with one mask over the whole sequence and no chunks.
-    std::vector<float> wholeSequence() {
-        A2xReference whole = *this;
-        const int F = std::min(whole.total(), o_.rows);
-        whole.prev_ = std::vector<float>(63);
-        whole.hid_ = std::vector<float>(H);
-        whole.encDone_ = whole.decDone_ = 0;
-        whole.encode(F, F, F);
-        whole.decode(F);
-        std::vector<float> out;
-        for (int f = 0; f < F; ++f)
-            out.insert(out.end(), whole.frames_[f].begin(), whole.frames_[f].end());
         return out;
     }
 
@@ -319,14 +297,13 @@ class A2xReference {
         return finished_ ? total() : std::max(0, total() - hold);
     }
 
-    Frame frame(int p) const {
+    void add(Frames& frames, int p) const {
         const int k = walk(step_ * p + start_);
-        Frame f{k, {}, {}};
+        frames.index.push_back(k);
         for (int i = 0; i < 63; ++i) {
-            f.src.push_back(xs_[k * 63 + i]);
-            f.drv.push_back(xs_[k * 63 + i] + frames_[p][i]);
+            frames.source.push_back(xs_[k * 63 + i]);
+            frames.driving.push_back(xs_[k * 63 + i] + frames_[p][i]);
         }
-        return f;
     }
     /// |q| steps from bundle frame 0, one after the other; back and forth is the same both ways.
     int walk(int q) const {

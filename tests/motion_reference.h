@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "common/ort.h"
-#include "support/test_motion.h"
+#include "support/engine.h"
 
 namespace zorv::test {
 
@@ -51,11 +51,6 @@ inline Floats referenceFeatures(const Floats& samples, const Floats& window, con
 
 class ReferenceMotion {
   public:
-    struct Frame {
-        int idx;
-        Floats xs, xd;
-    };
-
     explicit ReferenceMotion(const TestMotion& files, int nt)
         : files_(files),
           nt_(nt),
@@ -104,10 +99,8 @@ class ReferenceMotion {
                         std::min(static_cast<int>(results_.size()) - 1, eagerHighest_) - emitted_);
     }
 
-    std::vector<Frame> pull(int max) {
-        std::vector<Frame> frames;
-        for (int n = std::min(avail(), max); n > 0; --n) frames.push_back(emit());
-        return frames;
+    void pull(Frames& frames, int max) {
+        for (int n = std::min(avail(), max); n > 0; --n) emit(frames);
     }
 
     std::vector<Floats> handedOut;  ///< motion vectors as emitted
@@ -278,11 +271,11 @@ class ReferenceMotion {
         realChunk_ = false;
     }
 
-    Frame emit() {
+    void emit(Frames& frames) {
         const Floats motion =
             finalBuilt_ ? final_[emitted_] : clamped(smoothed(results_, emitted_));
         handedOut.push_back(motion);
-        Frame frame{cursor_, {}, {}};
+        frames.index.push_back(cursor_);
         int next = cursor_ + direction_;
         if (loop_) {
             next = (next + nt_) % nt_;
@@ -292,10 +285,9 @@ class ReferenceMotion {
             direction_ = -direction_;
             next = cursor_ + direction_;
         }
+        emitFrame(motion, frames);
         cursor_ = next;
-        emitFrame(motion, frame);
         ++emitted_;
-        return frame;
     }
 
     static double angle(const float* logits) {
@@ -334,10 +326,10 @@ class ReferenceMotion {
         return out;
     }
 
-    void emitFrame(const Floats& motion, Frame& frame) {
+    void emitFrame(const Floats& motion, Frames& frames) {
         if (!referenceSet_) reference_.assign(motion.begin() + 202, motion.end());
         referenceSet_ = true;
-        const float* info = tables_["src_xs_info.bin"].data() + 328 * frame.idx;
+        const float* info = tables_["src_xs_info.bin"].data() + 328 * cursor_;
         const float gain = tables_["ch_xs_info.bin"][258] / tables_["src_xs_info.bin"][258];
         const Floats plain(info, info + 63);
         Floats moved = plain;
@@ -354,10 +346,10 @@ class ReferenceMotion {
         Floats xs = place(info, pitch, plain);
         Floats xd = place(info, pitch + setting("delta_pitch") * M_PI / 180, moved);
         const Floats stitched = run(stitch_, {&xs, &xd}, {{1, 63}, {1, 63}});
-        const float* target = tables_["xs_target.bin"].data() + 63 * frame.idx;
+        const float* target = tables_["xs_target.bin"].data() + 63 * cursor_;
         for (int j = 0; j < 63; ++j) {
-            frame.xs.push_back(target[j]);
-            frame.xd.push_back((stitched[j] - xs[j]) * setting("s_bridge") + target[j]);
+            frames.source.push_back(target[j]);
+            frames.driving.push_back((stitched[j] - xs[j]) * setting("s_bridge") + target[j]);
         }
     }
 

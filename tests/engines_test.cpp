@@ -1,0 +1,115 @@
+// What holds for every engine that turns pushed speech into keypoint frames: how the audio is cut
+// does not matter, a reset starts afresh, and engines in several threads do not disturb each other.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+
+#include "support/audio.h"
+#include "support/engine.h"
+
+namespace zorv {
+namespace {
+
+using test::Engine;
+using test::EnginePtr;
+using test::Frames;
+using test::speechLike;
+
+enum class Which { kMotion, kExpression, kShortWindows };
+
+class EnginesTest : public testing::TestWithParam<Which> {
+  protected:
+    EnginePtr open() const {
+        if (GetParam() == Which::kMotion) return test::openMotion(motion_);
+        return test::openExpression(expression_, 12, GetParam() == Which::kShortWindows);
+    }
+
+    /// Random pieces of at most `most` samples, polled whenever `everySamples` have come.
+    static Frames stream(Engine& engine, const std::vector<float>& audio, std::size_t most,
+                         std::size_t everySamples, int max) {
+        std::mt19937 random(7);
+        engine.reset(1, 1, 1);
+        Frames frames;
+        for (std::size_t at = 0; at < audio.size();) {
+            const std::size_t stop = std::min((at / everySamples + 1) * everySamples, audio.size());
+            const std::size_t n = std::min(stop - at, 1 + random() % most);
+            EXPECT_EQ(engine.push(audio.data() + at, static_cast<int>(n)), 1) << engine.error();
+            at += n;
+            if (at % everySamples == 0 && at < audio.size()) engine.drain(frames, max);
+        }
+        EXPECT_TRUE(everySamples >= audio.size() || frames.size() > 60) << "nothing came meanwhile";
+        EXPECT_EQ(engine.total(), -1);
+        engine.finish();
+        EXPECT_EQ(engine.total(), static_cast<int>((audio.size() + 639) / 640));
+        engine.drain(frames, max);
+        EXPECT_EQ(frames.size(), (audio.size() + 639) / 640);
+        return frames;
+    }
+
+    test::TestMotion motion_;
+    test::ExpressionDir expression_;
+};
+
+TEST_P(EnginesTest, FramesDependOnTheSamplesAtEachPollAndNotOnTheCuts) {
+    const EnginePtr engine = open();
+    const std::vector<float> audio = speechLike(640 * 163 + 100);
+    const Frames whole = engine->wholeClip(audio, 1, 1, 1);
+    const Frames polled = stream(*engine, audio, 1 << 20, 12000, 100);
+    EXPECT_TRUE(stream(*engine, audio, 300, 12000, 1) == polled);
+    // Without a poll before the end the audio may as well have come at once.
+    EXPECT_TRUE(stream(*engine, audio, 3000, audio.size(), 7) == whole);
+    if (GetParam() == Which::kMotion) {
+        EXPECT_TRUE(polled == whole) << "polls change nothing";
+        EXPECT_TRUE(stream(*engine, audio, 320, 320, 100) == whole) << "20 ms at a time";
+    }
+}
+
+TEST_P(EnginesTest, AResetFromEveryStateStartsAfresh) {
+    const EnginePtr engine = open();
+    const std::vector<float> audio = speechLike(120 * 640), other = speechLike(200 * 640);
+    const Frames expected = engine->wholeClip(audio);
+    ASSERT_EQ(expected.size(), 120u);
+    for (int state = 0; state < 5; ++state) {
+        SCOPED_TRACE(state);
+        engine->reset(1, 1, 1);
+        engine->setEager(state == 1 ? 2 : 0);
+        engine->push(other.data() + 9000, (state == 0 ? 10 : 100) * 640);
+        Frames dropped;
+        if (state > 0) engine->pull(dropped, 20);
+        if (state > 2) engine->finish();
+        if (state > 3) engine->drain(dropped);
+        engine->setEager(0);
+        EXPECT_TRUE(engine->wholeClip(audio) == expected);
+    }
+}
+
+TEST_P(EnginesTest, ThreadsGiveTheResultOfOne) {
+    const std::vector<float> audio = speechLike(640 * 130);
+    const Frames expected = open()->wholeClip(audio);
+    std::vector<EnginePtr> engines;  // made here: creation reads the environment
+    for (int i = 0; i < 3; ++i) engines.push_back(open());
+    std::vector<std::thread> threads;
+    for (const EnginePtr& engine : engines) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 2; ++i) EXPECT_TRUE(engine->wholeClip(audio) == expected);
+            float keypoints[63];
+            EXPECT_EQ(engine->pull(nullptr, nullptr, keypoints, 1), 0);
+            EXPECT_NE(engine->error(), "");
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(engines[0]->error(), "") << "each thread has its own text";
+}
+
+std::string nameOf(const testing::TestParamInfo<Which>& which) {
+    constexpr const char* kNames[] = {"Motion", "Expression", "ShortWindows"};
+    return kNames[static_cast<int>(which.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, EnginesTest,
+                         testing::Values(Which::kMotion, Which::kExpression, Which::kShortWindows),
+                         nameOf);
+
+}  // namespace
+}  // namespace zorv
