@@ -598,7 +598,8 @@ ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direct
  * utterance ends with a ramp, what was pushed of it is dropped up to its end, idle frames go on
  * and the next utterance is spoken. zorv_utt_failure tells the reason.
  *
- * While an engine lives, its context must not be rendered by the host or by a second engine.
+ * While an engine lives, its context is the engine's: the host may ask for sizes, but must not
+ * render, paste or ask for target frames on it, and no second engine may use it.
  * ------------------------------------------------------------------------------------------ */
 
 /** An utterance engine and its threads. */
@@ -667,11 +668,12 @@ typedef struct zorv_utt_stats {
  */
 ZORV_API zorv_utt* zorv_utt_create(zorv_ctx* ctx, const zorv_utt_opts* opts);
 
-/** zorv_utt_create with all defaults. */
+/** zorv_utt_create with all defaults. Any thread. */
 ZORV_API zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir);
 
-/** Stops the threads, dropping what is in progress, and frees the engine. NULL is allowed. No
- *  other call on the engine may be running. */
+/** Stops the threads, dropping what is in progress, and frees the engine. It waits for a model that
+ *  is loading and for a step of the motion source that is under way. NULL is allowed. Any thread;
+ *  no other call on the engine may be running. */
 ZORV_API void zorv_utt_destroy(zorv_utt* utt);
 
 /** 1 when speech can be shown, 0 while models load, -1 for NULL and when the engine cannot speak
@@ -692,7 +694,9 @@ ZORV_API void zorv_utt_end_utterance(zorv_utt* utt);
 /**
  * Stops speaking at once: drops all audio and every frame that was not pulled. Once it has
  * returned, no frame of an utterance pushed before is handed out. The mouth closes from the last
- * frame that was pulled; the next utterance may be pushed at once. NULL is ignored. Any thread.
+ * frame that was pulled; the next utterance may be pushed at once. The frames that follow are made
+ * after the call, so a host that pulls at once may find none for one tick. NULL is ignored. Any
+ * thread.
  */
 ZORV_API void zorv_utt_interrupt(zorv_utt* utt);
 

@@ -47,7 +47,6 @@ class Lent final : public MotionSource {
     int pull(int* index, float* source, float* driving, int max) override {
         return source_.pull(index, source, driving, max);
     }
-    int total() override { return source_.total(); }
     const char* error() override { return source_.error(); }
     void clearError() override { source_.clearError(); }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cstdlib>
 #include <future>
 #include <random>
@@ -7,7 +9,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/expression_dir.h"
 #include "support/failure.h"
+#include "support/scoped_env.h"
+#include "support/test_motion.h"
 #include "support/threads.h"
 #include "support/utt_player.h"
 
@@ -70,33 +75,111 @@ zorv_utt_stats stats(zorv_utt* utt) {
     return all;
 }
 
-TEST(SpeechInputTest, CutsAudioIntoUtterancesAtMarks) {
-    SpeechInput input;
-    const std::vector<float> audio(100, 0.5f);
-    std::vector<float> taken;
-    input.end();
-    input.push(audio.data(), 0, 5);
-    EXPECT_TRUE(input.empty()) << "an end or a push without audio starts nothing";
-
-    input.push(audio.data(), 100, 10);
-    input.push(audio.data(), 50, 20);
-    input.end();
-    input.end();
-    input.push(audio.data(), 30, 40);
-    EXPECT_EQ(input.startMs(), 10);
-    EXPECT_EQ(input.lastPushMs(), 40);
-    for (const std::size_t expected : {60u, 60u, 30u, 0u}) {
-        input.take(60, taken);
-        EXPECT_EQ(taken.size(), expected);
+// Sound that was pushed in any pieces is read back anywhere, and leaves when it is not needed.
+TEST(SoundTest, KeepsWhatWasPushedUntilItIsReleased) {
+    std::mt19937 random(3);
+    std::vector<std::int16_t> all(3 * Sound::kPieceSamples + 77);
+    for (auto& sample : all) sample = static_cast<std::int16_t>(random());
+    Sound sound;
+    const int size = static_cast<int>(all.size());
+    for (int done = 0; done < size;) {
+        const unsigned limit = random() % 4 == 0 ? 40000 : 300;
+        const int n = std::min(size - done, 1 + static_cast<int>(random() % limit));
+        Sound::Pieces pieces = Sound::cut(all.data() + done, n);
+        if (sound.fits(n)) {
+            sound.append(all.data() + done, n);
+        } else {
+            sound.append(pieces);
+        }
+        done += n;
     }
-    EXPECT_TRUE(input.ended() && input.exhausted());
-    input.drop();
-    EXPECT_FALSE(input.ended() || input.exhausted());
-    EXPECT_EQ(input.startMs(), 40);
-    input.discard();
-    EXPECT_TRUE(input.exhausted() && !input.empty());
-    input.clear();
-    EXPECT_TRUE(input.empty());
+    EXPECT_EQ(sound.size(), size);
+    all.resize(all.size() + 500);  // zeros behind the end
+    std::vector<std::int16_t> read(2000);
+    Sound::Pieces freed;
+    const std::size_t most = sound.bytes();
+    for (int at = 0; at + 2000 <= size + 500; at += 1 + static_cast<int>(random() % 900)) {
+        sound.releaseBefore(at, freed);
+        sound.read(at, read.size(), read.data());
+        ASSERT_TRUE(std::equal(read.begin(), read.end(), all.begin() + at)) << at;
+    }
+    EXPECT_LE(sound.bytes(), 3 * 2 * Sound::kPieceSamples);
+    sound.releaseFrom(0, freed);
+    EXPECT_EQ(sound.bytes(), 0u);
+    std::size_t released = 0;
+    for (const Sound::Piece& piece : freed) released += 2 * piece.samples.capacity();
+    EXPECT_EQ(released, most);
+}
+
+TEST(KeypointWalkTest, ShiftsSpeechAndFadesToRest) {
+    std::vector<float> rows;
+    for (int i = 0; i < 3 * kKeypointFloats; ++i) rows.push_back(static_cast<float>(i * i % 97));
+    const KeypointWalk walk(rows, 3);
+    EXPECT_EQ(walk.after(2), 0);
+    Keypoints source, driving;
+    for (int i = 0; i < kKeypointFloats; ++i) {
+        source[i] = walk.row(2)[i];
+        driving[i] = source[i] + static_cast<float>(i);
+    }
+    std::int32_t index = 2;
+    walk.shift(2, index, source.data(), driving.data());
+    EXPECT_EQ(index, 1);
+    const Keypoints offset = walk.offset(index, driving.data());
+    const Keypoints half = walk.displaced(0, 0.5f, offset);
+    for (int i = 0; i < kKeypointFloats; ++i) {
+        EXPECT_EQ(source[i], walk.row(1)[i]);
+        EXPECT_EQ(offset[i], static_cast<float>(i));
+        EXPECT_EQ(half[i], walk.row(0)[i] + 0.5f * static_cast<float>(i));
+    }
+    const Keypoints before = driving;
+    KeypointWalk({}, 3).shift(2, index, source.data(), driving.data());
+    EXPECT_EQ(index, 1);
+    EXPECT_EQ(driving, before) << "without rows a frame stays";
+}
+
+// A time that the clock's own unit cannot hold ended every wait at once.
+TEST(SteadyClockTest, ATimeBeyondItNeverComes) {
+    SteadyClock clock;
+    for (const double due : {1e13, 1e16, 1e300, Clock::kNever}) {
+        Mutex mutex;
+        CondVar wake;
+        bool told = false;
+        std::thread teller;
+        {
+            const MutexLock lock(mutex);
+            teller = std::thread([&] {
+                const MutexLock turn(mutex);
+                told = true;
+                wake.notifyAll();
+            });
+            clock.wait(wake, mutex, due);
+            EXPECT_TRUE(told) << due;
+        }
+        teller.join();
+    }
+}
+
+// Trying the same frame again and again says nothing about the others.
+TEST(FrameCompositorTest, IsBlindWhenEveryFrameHasFailed) {
+    test::TestBundle bundle;
+    zorv_ctx context(bundle.dir(), "render", 1, "");
+    for (int frame = 0; frame < 3; ++frame) {
+        bundle.empty("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
+    }
+    SteadyClock clock;
+    EngineState state(clock);
+    FrameCompositor compositor(context, state, false);
+    for (const int frame : {1, 1, 1, 0, 1, 2}) {
+        {
+            const MutexLock lock(state.mutex);
+            EXPECT_FALSE(state.blind);
+        }
+        FrameJob job;
+        job.info.index = frame;
+        compositor.enqueue(nullptr, std::move(job));
+    }
+    const MutexLock lock(state.mutex);
+    EXPECT_TRUE(state.blind);
 }
 
 // An engine that was destroyed while it rendered left its context unable to render.
@@ -300,6 +383,21 @@ TEST_P(UttTest, AnInterruptDropsAllAndClosesTheMouthFromTheLastPulledFrame) {
     expectContinuous(next, 5);
 }
 
+// An interrupt inside a ramp goes on from the ramp frame that was shown.
+TEST_P(UttTest, AnInterruptInsideARampClosesTheMouthFromThere) {
+    UttPlayer player(options());
+    player.say(5, 0.6f);
+    const auto before = player.pullUntil(kRamp, 5000);
+    player.pull(1);  // two of six: the mouth is open by 4 / 6
+    zorv_utt_interrupt(player.utt());
+    const auto after = player.pull(6);
+    EXPECT_EQ(runs(after), "R4 I2");
+    for (int k = 0; k < 4; ++k) {
+        const float offset = 0.6f * 4 / 6 * static_cast<float>(3 - k) / 4;
+        EXPECT_LE(difference(after[k].rgba, player.picture(after[k].info.frame, offset)), 1) << k;
+    }
+}
+
 TEST_P(UttTest, AnInterruptWhileIdleTakesBackWhatWasNotPulled) {
     UttPlayer player(options());
     player.waitForFrames(8);
@@ -501,6 +599,88 @@ TEST_P(UttTest, EndsInTimeFromEveryState) {
     warming.waitUntilReady = false;
     UttPlayer player(warming);
     EXPECT_TRUE(destroyed(player));
+}
+
+/// A source of 12 frames' look-ahead and one of a single frame's, with their own engines.
+class UttSourceTest : public testing::TestWithParam<bool> {
+  protected:
+    UttPlayerOptions options() const {
+        UttPlayerOptions result;
+        result.engineDir = GetParam() ? expression.path() : motion.dir();
+        return result;
+    }
+
+    const test::ScopedEnv encoder{"W2V_ONNX", test::modelFile("a2x_w2v")};
+    const test::TestMotion motion{{.nt = 5}};
+    const test::ExpressionDir expression{{.window = 0, .nt = 5}};
+};
+
+INSTANTIATE_TEST_SUITE_P(Sources, UttSourceTest, testing::Bool(),
+                         [](const auto& source) { return source.param ? "Expression" : "Motion"; });
+
+// Sound in pieces of 20 ms that just stops: the limit that ends it and the one for pauses met.
+TEST_P(UttSourceTest, ALineThatEndsBySilenceClosesTheMouthOnce) {
+    UttPlayerOptions wanted = options();
+    wanted.silenceS = 0;
+    UttPlayer player(wanted);
+    std::vector<std::uint8_t> rgba(player.frameBytes());
+    zorv_utt_frame_info info;
+    for (int samples = 8000; samples <= 8000 + 640; samples += 160) {
+        std::vector<std::int16_t> pcm(static_cast<std::size_t>(samples), 6000);
+        std::string shown;
+        const std::string speech(static_cast<std::size_t>((samples + 639) / 640), 'S');
+        int pushed = 0;
+        for (int tick = 0; tick < 150; ++tick) {
+            const int n = std::min(320, samples - pushed);
+            if (n > 0) zorv_utt_push_audio(player.utt(), pcm.data() + pushed, n);
+            pushed += n;
+            player.advance(20);
+            if (tick % 2 == 0 &&
+                zorv_utt_pull_frame(player.utt(), rgba.data(), rgba.size(), &info)) {
+                shown += "ISR"[info.kind];
+            }
+        }
+        const std::string line = shown.substr(shown.find_first_not_of('I'));
+        EXPECT_EQ(line.substr(0, line.find_last_not_of('I') + 1), speech + "RRRRRR") << samples;
+    }
+}
+
+/// What telemetry has counted as failures since it was last asked.
+std::uint64_t countedFailures() {
+    std::string batch(zorv_telemetry_pending() + 1, ' ');
+    zorv_telemetry_take(batch.data(), batch.size());
+    std::uint64_t count = 0;
+    const auto content = nlohmann::json::parse(batch.c_str(), nullptr, false);
+    for (const auto& counter : content.value("counters", nlohmann::json::array())) {
+        if (counter["name"] == "zorv.failures") count += counter["value"].get<std::uint64_t>();
+    }
+    return count;
+}
+
+TEST(UttFailureTest, AFailureCountsOnce) {
+    const test::ScopedEnv encoder("W2V_ONNX", test::modelFile("a2x_w2v"));
+    const test::ExpressionDir failing({.window = 0, .nt = 5, .decoder = "a2x_dec_fails"});
+    const test::TempDir nothing;
+    UttPlayerOptions options;
+    options.engineDir = failing.path();
+    zorv_telemetry_clear();
+    zorv_telemetry_enable(1);
+    UttPlayer player(options);
+    player.say(60, 0.1f);
+    EXPECT_TRUE(test::waitFor([&] {
+        player.pull(1);
+        return zorv_utt_failure(player.utt(), nullptr, 0) == 1;
+    }));
+    EXPECT_EQ(countedFailures(), 1u) << "the source's";
+
+    options.engineDir = nothing.path();
+    options.waitUntilReady = false;
+    UttPlayer other(options);
+    EXPECT_TRUE(test::waitFor([&] { return zorv_utt_ready(other.utt()) == -1; }));
+    for (int poll = 0; poll < 100; ++poll) EXPECT_EQ(zorv_utt_ready(other.utt()), -1);
+    EXPECT_EQ(countedFailures(), 1u) << "the warm-up's";
+    zorv_telemetry_enable(0);
+    zorv_telemetry_clear();
 }
 
 TEST(UttFailureTest, WarmUpFailuresAreTold) {

@@ -55,6 +55,8 @@ class LastError {
     static const char* get() { return text().get(); }
     static void clear() { text().clear(); }
     static void set(std::string_view message) noexcept { set({message}); }
+    /// The text of a failure that was observed when it happened: it counts once.
+    static void repeat(std::string_view message) noexcept { text().set({message}); }
     static void set(const char* function, const std::exception& error) noexcept {
         set({function, ": ", error.what()});
     }

@@ -17,7 +17,8 @@ class Clock {
     /// Milliseconds on a scale that never goes back.
     virtual double nowMs() = 0;
 
-    /// Waits until `wake` is notified or `dueMs` has come; may end early.
+    /// Waits until `wake` is notified or `dueMs` has come; may end early. A time beyond what the
+    /// clock can tell never comes.
     virtual void wait(CondVar& wake, Mutex& mutex, double dueMs) ZORV_REQUIRES(mutex) = 0;
 };
 
@@ -28,7 +29,7 @@ class SteadyClock final : public Clock {
     }
 
     void wait(CondVar& wake, Mutex& mutex, double dueMs) override ZORV_REQUIRES(mutex) {
-        if (dueMs == kNever) {
+        if (dueMs >= kBeyondMs) {
             wake.wait(mutex);
             return;
         }
@@ -39,6 +40,9 @@ class SteadyClock final : public Clock {
 
   private:
     using Steady = std::chrono::steady_clock;
+    /// Later times cannot be told in the clock's own unit, and do not come.
+    static constexpr double kBeyondMs =
+        std::chrono::duration<double, std::milli>(Steady::duration::max()).count() / 2;
 };
 
 }  // namespace zorv

@@ -35,6 +35,7 @@ struct EngineState {
     /// Wakes all who wait for the state to change.
     void changed() ZORV_REQUIRES(mutex) {
         ++changes;
+        restsUntilMs = -Clock::kNever;
         wake.notifyAll();
     }
 
@@ -47,17 +48,19 @@ struct EngineState {
     /// compositing thread's hands.
     int waiting() const ZORV_REQUIRES(mutex) { return ring.size() + composing; }
 
-    /// Something went wrong that the host should be able to read.
-    void noteFailure(const char* text) ZORV_REQUIRES(mutex) {
+    /// Something went wrong that the host should be able to read. Who has counted it already says
+    /// so: a failure counts once.
+    void noteFailure(const char* text, bool counted = false) ZORV_REQUIRES(mutex) {
         failureText.set(text);
         ++failures;
-        telemetry::failure(text);
+        if (!counted) telemetry::failure(text);
     }
 
     /// For good: ready() tells the host.
-    void noteFatal(const char* text) ZORV_REQUIRES(mutex) {
+    void noteFatal(const char* text, bool counted) ZORV_REQUIRES(mutex) {
         warmth = Warmth::kFailed;
         fatalText.set(text);
+        if (!counted) telemetry::failure(text);
     }
 
     /// Installs the renderer that is about to run, so that an interrupt can end the run. False,
@@ -83,6 +86,8 @@ struct EngineState {
     Mutex mutex;
     CondVar wake;
     std::uint64_t changes ZORV_GUARDED_BY(mutex) = 0;
+    /// Nothing is under way, and nothing will be before this time unless something changes.
+    double restsUntilMs ZORV_GUARDED_BY(mutex) = -Clock::kNever;
 
     bool stopping ZORV_GUARDED_BY(mutex) = false;
     std::atomic<std::uint64_t> generation{0};  ///< counts interrupts

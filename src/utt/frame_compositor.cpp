@@ -20,13 +20,14 @@ FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelin
       state_(state),
       pipelined_(pipelined),
       cropFloats_(std::size_t{3} * static_cast<unsigned>(ctx.manifest.crop) *
-                  static_cast<unsigned>(ctx.manifest.crop)) {
+                  static_cast<unsigned>(ctx.manifest.crop)),
+      undecodable_(static_cast<std::size_t>(ctx.manifest.NT)) {
     spareCrops_.reserve(FrameRing::kSlots);  // giving a crop back cannot fail
 }
 
-void FrameCompositor::enqueue(const float* crop, const FrameJob& job) {
+void FrameCompositor::enqueue(const float* crop, FrameJob&& job) {
     if (pipelined_) {
-        enqueuePipe(crop, job);
+        enqueuePipe(crop, std::move(job));
         return;
     }
     {
@@ -36,9 +37,8 @@ void FrameCompositor::enqueue(const float* crop, const FrameJob& job) {
     process(crop, job);
 }
 
-void FrameCompositor::enqueuePipe(const float* crop, const FrameJob& job) {
+void FrameCompositor::enqueuePipe(const float* crop, FrameJob&& job) {
     QueuedJob queued;
-    queued.job = job;
     queued.hasCrop = crop != nullptr;
     if (crop) {
         {
@@ -52,6 +52,7 @@ void FrameCompositor::enqueuePipe(const float* crop, const FrameJob& job) {
     }
     const MutexLock engine(state_.mutex);
     if (state_.stopping || !current(job)) return;
+    queued.job = std::move(job);
     const MutexLock lock(queueMutex_);
     queue_.push_back(std::move(queued));
     ++state_.composing;
@@ -96,7 +97,7 @@ void FrameCompositor::dropQueued(EngineState& state) {
 }
 
 /// Composites one frame and publishes or drops it. The engine's lock is held for publishing only.
-void FrameCompositor::process(const float* crop, const FrameJob& job) noexcept {
+void FrameCompositor::process(const float* crop, FrameJob& job) noexcept {
     bool composed = false;
     bool memoryOut = false;
     FailureText failure;
@@ -124,9 +125,9 @@ void FrameCompositor::compose(const float* crop, int index) {
     ctx_.compose(index, crop, kForm, matrixFor(ctx_.manifest.H), ctx_.packed(kForm, rgba_.data()));
 }
 
-void FrameCompositor::publish(const FrameJob& job, bool composed) {
+void FrameCompositor::publish(FrameJob& job, bool composed) {
     if (!composed || state_.stopping || !current(job)) return;
-    if (job.info.kind == FrameKind::kIdle) undecodable_ = 0;
+    if (job.info.kind == FrameKind::kIdle) undecodable_.assign(undecodable_.size(), false);
     if (job.info.kind == FrameKind::kSpeech && job.info.speechSequence == 0) {
         const double latencyMs = state_.clock.nowMs() - job.utteranceStartMs;
         ++state_.stats.utterances_started;
@@ -134,7 +135,7 @@ void FrameCompositor::publish(const FrameJob& job, bool composed) {
         telemetry::count({"zorv.utterance.started", "{utterance}"});
         telemetry::duration({"zorv.utterance.first_frame.duration", "s"}, latencyMs / 1000);
     }
-    state_.ring.put(rgba_, job.info);
+    state_.ring.put(rgba_, std::move(job.info));
 }
 
 void FrameCompositor::noteFailure(const FrameJob& job, const char* text, bool memoryOut) {
@@ -144,10 +145,13 @@ void FrameCompositor::noteFailure(const FrameJob& job, const char* text, bool me
     if (job.info.kind != FrameKind::kIdle) return;
     if (memoryOut) {  // it says nothing about the frame
         state_.idleAgainMs = state_.clock.nowMs() + kRetryMs;
-    } else if (++undecodable_ >= ctx_.manifest.NT) {
+        return;
+    }
+    undecodable_[static_cast<std::size_t>(job.info.index)] = true;
+    if (std::find(undecodable_.begin(), undecodable_.end(), false) == undecodable_.end()) {
         // Not one frame of the bundle can be shown.
         state_.blind = true;
-        state_.noteFatal(text);
+        state_.noteFatal(text, true);
     }
 }
 

@@ -1,7 +1,6 @@
 // Crops and idle frames become finished frames in the ring.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -28,11 +27,9 @@ class FrameCompositor {
   public:
     FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelined);
 
-    bool pipelined() const { return pipelined_; }
-
     /// For the run loop. crop: 3 x crop x crop floats, or null for an idle frame; used during the
     /// call only. REQUIRES: fewer frames wait than the ring has slots.
-    void enqueue(const float* crop, const FrameJob& job);
+    void enqueue(const float* crop, FrameJob&& job);
 
     /// The compositing thread's body: serves the queue until stop().
     void run();
@@ -48,11 +45,11 @@ class FrameCompositor {
         std::vector<float> crop;
     };
 
-    void enqueuePipe(const float* crop, const FrameJob& job);
-    void process(const float* crop, const FrameJob& job) noexcept;
+    void enqueuePipe(const float* crop, FrameJob&& job);
+    void process(const float* crop, FrameJob& job) noexcept;
     bool current(const FrameJob& job) const { return state_.generation == job.generation; }
     void compose(const float* crop, int index);
-    void publish(const FrameJob& job, bool composed) ZORV_REQUIRES(state_.mutex);
+    void publish(FrameJob& job, bool composed) ZORV_REQUIRES(state_.mutex);
     void noteFailure(const FrameJob& job, const char* text, bool memoryOut)
         ZORV_REQUIRES(state_.mutex);
 
@@ -64,7 +61,8 @@ class FrameCompositor {
     // Of the thread that composites.
     Pixels rgba_;  ///< the finished frame, swapped into the ring
 
-    int undecodable_ ZORV_GUARDED_BY(state_.mutex) = 0;  ///< idle frames that failed in a row
+    /// Of each bundle frame: shown as an idle frame it has failed, since one was last shown.
+    std::vector<bool> undecodable_ ZORV_GUARDED_BY(state_.mutex);
 
     /// Taken after the engine's, never before it.
     Mutex queueMutex_;

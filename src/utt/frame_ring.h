@@ -2,11 +2,9 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
-
-#include "bundle/zorv_bundle.h"
 
 namespace zorv {
 
@@ -19,9 +17,9 @@ enum class FrameKind : std::int32_t {
 /// What is known of a frame besides its pixels.
 struct FrameInfo {
     FrameKind kind = FrameKind::kIdle;
-    int index = 0;                                 ///< bundle frame
-    int speechSequence = -1;                       ///< number within its utterance, for speech
-    std::array<float, kKeypointFloats> driving{};  ///< zero for idle frames
+    int index = 0;               ///< bundle frame
+    int speechSequence = -1;     ///< number within its utterance, for speech
+    std::vector<float> driving;  ///< 63 floats; empty for idle frames
 };
 
 using Pixels = std::vector<std::uint8_t>;
@@ -42,10 +40,10 @@ class FrameRing {
     int size() const { return static_cast<int>(written_ - read_); }
 
     /// REQUIRES: size() < kSlots. `pixels` becomes a free buffer, possibly empty.
-    void put(Pixels& pixels, const FrameInfo& info) {
+    void put(Pixels& pixels, FrameInfo&& info) {
         Slot& slot = slots_[written_ % kSlots];
         slot.pixels.swap(pixels);
-        slot.info = info;
+        slot.info = std::move(info);
         ++written_;
     }
 
@@ -56,7 +54,7 @@ class FrameRing {
 
     /// The host has the oldest frame.
     void pop() {
-        last_ = front().info;
+        last_ = std::move(front().info);
         anyPopped_ = true;
         ++read_;
     }

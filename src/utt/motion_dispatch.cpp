@@ -9,8 +9,12 @@
 namespace zorv {
 namespace {
 
-/// Runs the steps in order; false as soon as one has left an error text.
-bool exchangeSteps(const MotionRequest& request, MotionResult& result) {
+constexpr float kSampleScale = 3.0517578e-5f;  // 1 / 32768
+
+}  // namespace
+
+/// Takes the steps in order; false as soon as one has left an error text.
+bool MotionExchange::steps(const MotionRequest& request, MotionResult& result) {
     MotionSource& source = *request.source;
     const auto good = [&] {
         result.error.set(source.error());
@@ -21,9 +25,12 @@ bool exchangeSteps(const MotionRequest& request, MotionResult& result) {
         source.reset(request.startFrame, 1, 1);  // forward, round and round
         if (!good()) return false;
     }
-    if (request.eager != 0) source.setEager(request.eager);
     if (!request.samples.empty()) {
-        source.push(request.samples.data(), static_cast<int>(request.samples.size()));
+        heard_.resize(request.samples.size());
+        std::transform(
+            request.samples.begin(), request.samples.end(), heard_.begin(),
+            [](std::int16_t sample) { return static_cast<float>(sample) * kSampleScale; });
+        source.push(heard_.data(), static_cast<int>(heard_.size()));
         if (!good()) return false;
     }
     if (request.finish) {
@@ -40,13 +47,10 @@ bool exchangeSteps(const MotionRequest& request, MotionResult& result) {
         if (!good()) return false;
     }
     result.left = result.available - result.frames.count;
-    result.total = source.total();
     return true;
 }
 
-}  // namespace
-
-void exchange(const MotionRequest& request, MotionResult& result) {
+void MotionExchange::perform(const MotionRequest& request, MotionResult& result) {
     const telemetry::Stopwatch watch;
     result.generation = request.generation;
     result.utterance = request.utterance;
@@ -54,10 +58,11 @@ void exchange(const MotionRequest& request, MotionResult& result) {
     result.frames.count = 0;
     result.available = 0;
     result.left = 0;
-    result.total = -1;
+    result.counted = false;
     result.error.clear();
     try {
-        result.failed = !exchangeSteps(request, result);
+        result.failed = !steps(request, result);
+        result.counted = result.failed;
     } catch (const std::exception& error) {
         result.failed = true;
         result.error.set(error.what());
@@ -97,7 +102,7 @@ void MotionDispatch::run() {
             posted_ = false;
         }
         // Without the lock: request_ and result_ are this thread's until done_ is set.
-        exchange(request_, result_);
+        exchange_.perform(request_, result_);
         {
             const MutexLock lock(mutex_);
             done_ = true;

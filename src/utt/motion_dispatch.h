@@ -18,8 +18,7 @@ struct MotionRequest {
     std::uint64_t utterance = 0;   ///< the utterance: a result that is out of date is thrown away
     bool reset = false;
     int startFrame = 0;
-    int eager = 0;  ///< 0 leaves the source's value
-    std::vector<float> samples;
+    std::vector<std::int16_t> samples;
     bool finish = false;
     bool drains = false;  ///< sent after the request that carried `finish`
     int maxFrames = 0;    ///< at most MotionFrames::kMax
@@ -32,13 +31,22 @@ struct MotionResult {
     MotionFrames frames;
     int available = 0;  ///< frames that the source had ready
     int left = 0;       ///< of those, not taken
-    int total = -1;
     bool failed = false;
+    bool counted = false;  ///< the failure is one of the source's, which counted it
     FailureText error;
 };
 
-/// Does request: one exchange. The source's errors are told by its text, not by its results.
-void exchange(const MotionRequest& request, MotionResult& result);
+/// Performs exchanges with a source, one after the other.
+class MotionExchange {
+  public:
+    /// A failure shows in result.failed and result.error.
+    void perform(const MotionRequest& request, MotionResult& result);
+
+  private:
+    bool steps(const MotionRequest& request, MotionResult& result);
+
+    std::vector<float> heard_;  ///< the request's samples as the source takes them
+};
 
 /// Hands one request at a time to a thread of its own, so that models which need longer than a
 /// frame never hold up rendering.
@@ -67,6 +75,7 @@ class MotionDispatch {
     bool busy_ = false;  // the run loop's own
 
     const std::function<void()> onDone_;
+    MotionExchange exchange_;  // the dispatch thread's own
     Mutex mutex_;
     CondVar wake_;
     bool stopping_ ZORV_GUARDED_BY(mutex_) = false;

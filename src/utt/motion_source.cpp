@@ -1,6 +1,5 @@
 #include "utt/motion_source.h"
 
-#include <stdexcept>
 #include <utility>
 
 #include "common/error.h"
@@ -20,7 +19,6 @@ struct MotionApi {
     static constexpr auto finish = zorv_motion_finish;
     static constexpr auto avail = zorv_motion_avail;
     static constexpr auto pull = zorv_motion_pull;
-    static constexpr auto total = zorv_motion_total;
     static constexpr auto lastError = zorv_motion_last_error;
 };
 
@@ -35,7 +33,6 @@ struct ExpressionApi {
     static constexpr auto finish = zorv_a2x_finish;
     static constexpr auto avail = zorv_a2x_avail;
     static constexpr auto pull = zorv_a2x_pull;
-    static constexpr auto total = zorv_a2x_total;
     static constexpr auto lastError = zorv_a2x_last_error;
 };
 
@@ -60,7 +57,6 @@ class EngineSource final : public MotionSource {
     int pull(int* index, float* source, float* driving, int max) override {
         return Api::pull(engine_.get(), index, source, driving, max);
     }
-    int total() override { return Api::total(engine_.get()); }
     const char* error() override { return Api::lastError(); }
     // One of the two families keeps its text over calls that succeed.
     void clearError() override { LastError<typename Api::Engine>::clear(); }
@@ -74,7 +70,7 @@ template <class Api>
 std::unique_ptr<MotionSource> sourceOf(typename Api::Engine* engine) {
     // Owned before anything else is allocated.
     typename EngineSource<Api>::Owner owner(engine);
-    if (!owner) throw std::runtime_error(Api::lastError());
+    if (!owner) throw SourceFailure(Api::lastError());
     return std::make_unique<EngineSource<Api>>(std::move(owner));
 }
 

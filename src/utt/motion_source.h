@@ -3,6 +3,7 @@
 
 #include <array>
 #include <memory>
+#include <stdexcept>
 
 #include "bundle/zorv_bundle.h"
 #include "utt/utt_options.h"
@@ -32,14 +33,18 @@ class MotionSource {
     virtual void finish() = 0;
     virtual int avail() = 0;
     virtual int pull(int* index, float* source, float* driving, int max) = 0;
-    virtual int total() = 0;
 
     /// Of the calling thread's calls since clearError(); "" when none failed.
     virtual const char* error() = 0;
     virtual void clearError() = 0;
 };
 
-/// Opens the engine that options.motionDir is made for. Throws with its text.
+/// A failure that the source's own family has told, and counted, already.
+struct SourceFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Opens the engine that options.motionDir is made for. Throws SourceFailure with its text.
 std::unique_ptr<MotionSource> openMotionSource(const UttOptions& options);
 
 }  // namespace zorv

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <utility>
 
 namespace zorv {
 namespace {
@@ -12,6 +13,10 @@ constexpr std::size_t kSamplesPerRequest = 16000;
 
 /// Without a speech frame for so long, an utterance in progress shows rest meanwhile.
 constexpr double kStallMs = 600;
+
+/// A silence limit that is due so soon after a pause would begin is waited for: a line that ends by
+/// silence closes the mouth once.
+constexpr double kSilenceSoonMs = 100;
 
 /// After a turn that failed (memory ran out), before the next one.
 constexpr double kRetryMs = 10;
@@ -28,10 +33,9 @@ RunLoop::RunLoop(EngineState& state, zorv_ctx& ctx, const UttOptions& options,
     : state_(state),
       ctx_(ctx),
       options_(options),
-      rows_(rows),
+      walk_(rows, ctx.manifest.NT),
       dispatch_(dispatch),
-      compositor_(compositor),
-      nt_(ctx.manifest.NT) {}
+      compositor_(compositor) {}
 
 void RunLoop::run() {
     for (;;) {
@@ -61,42 +65,41 @@ void RunLoop::look() {
     view_.source = ready ? state_.source.get() : nullptr;
     view_.steady = ready ? state_.steady.get() : nullptr;
 
-    view_.silentAtMs = Clock::kNever;
-    if (view_.generation == generation_ && utterance_.inProgress) {
-        if (!input.ended() && options_.silenceMs >= 0) {
-            view_.silentAtMs = input.lastPushMs() + options_.silenceMs;
-            if (view_.nowMs >= view_.silentAtMs) input.end();
-        }
-        if (utterance_.failed) {
-            input.discard();
-            if (input.ended()) {
-                input.drop();
-                utterance_ = {};
-            }
-        }
-    }
     view_.hasInput = !input.empty();
     view_.hasSamples = view_.hasInput && !input.exhausted();
     view_.ended = view_.hasInput && input.ended();
-    view_.startMs = view_.hasInput ? input.startMs() : 0;
-    if (view_.ended) view_.silentAtMs = Clock::kNever;
+    view_.lastPushMs = input.lastPushMs();
 }
 
 /// The only wait of this thread.
 void RunLoop::waitForChange(double due) {
     const MutexLock lock(state_.mutex);
+    const bool underWay = dispatch_.busy() || state_.composing > 0;
+    if (state_.changes == view_.changes && !underWay) state_.restsUntilMs = due;
     while (!state_.stopping && state_.changes == view_.changes && state_.clock.nowMs() < due) {
         state_.clock.wait(state_.wake, state_.mutex, due);
     }
 }
 
+/// When silence will end the utterance in progress.
+double RunLoop::silentAtMs() const {
+    const bool open = utterance_.inProgress && !view_.ended && options_.silenceMs >= 0;
+    return open ? view_.lastPushMs + options_.silenceMs : Clock::kNever;
+}
+
+/// When an utterance that is spoken has been without a speech frame for too long.
+double RunLoop::stallsAtMs() const {
+    if (shown_ != UttState::kSpeaking || !awaitsSpeech() || speechIsMade()) return Clock::kNever;
+    const double stallMs = std::max(utterance_.lastSpeechMs, utterance_.endSeenMs) + kStallMs;
+    const bool silenceSoon = silentAtMs() <= std::max(stallMs, view_.nowMs) + kSilenceSoonMs;
+    return silenceSoon ? std::max(stallMs, silentAtMs()) : stallMs;
+}
+
 /// When something happens that no other thread announces.
 double RunLoop::dueMs() const {
-    const bool stalls = shown_ == UttState::kSpeaking && awaitsSpeech() && rendered_.empty() &&
-                        pending_.count() == 0 && room();
-    const double stallMs = stalls ? utterance_.lastSpeechMs + kStallMs : Clock::kNever;
+    const double stallMs = room() ? stallsAtMs() : Clock::kNever;
     const bool idleLater = view_.nowMs < view_.idleAgainMs && idleDue();
-    const double soon = std::min(view_.silentAtMs, stallMs);
+    const double soon = std::min(silentAtMs(), stallMs);
     return idleLater ? std::min(soon, view_.idleAgainMs) : soon;
 }
 
@@ -106,6 +109,8 @@ bool RunLoop::turn() {
         afterInterrupt();
         return true;
     }
+    seeEnd();
+    if (endBySilence() || dropFailedInput()) return true;  // look at what is left
     bool moved = collectResult();
     moved |= noticeFailure();
     moved |= startUtterance();
@@ -120,26 +125,56 @@ bool RunLoop::turn() {
 
 /// Goes on from the last frame that the host has: what came after it was dropped.
 void RunLoop::afterInterrupt() {
-    utterance_ = {};
-    pending_.clear();
-    rendered_.clear();
-    rampLeft_ = 0;
     FrameInfo last;
     bool any = false;
+    std::uint64_t generation = 0;
     {
         const MutexLock lock(state_.mutex);
-        generation_ = state_.generation;
+        generation = state_.generation;
         if (const FrameInfo* popped = state_.ring.lastPopped()) {
             last = *popped;
             any = true;
         }
     }
-    idleIndex_ = any ? after(last.index) : 0;
+    generation_ = generation;
+    utterance_ = {};
+    pending_.clear();
+    rendered_.clear();
+    rampLeft_ = 0;
+    idleIndex_ = any ? walk_.after(last.index) : 0;
     if (any && last.kind != FrameKind::kIdle) {
-        startRamp(options_.rampFramesInterrupt, last.index, last.driving);
+        startRamp(options_.rampFramesInterrupt, last.index, last.driving.data());
     } else {
         setState(UttState::kIdle);
     }
+}
+
+void RunLoop::seeEnd() {
+    const bool seen = utterance_.endSeenMs > -Clock::kNever;
+    if (utterance_.inProgress && view_.ended && !seen) utterance_.endSeenMs = view_.nowMs;
+}
+
+bool RunLoop::endBySilence() {
+    if (view_.nowMs < silentAtMs()) return false;
+    const MutexLock lock(state_.mutex);
+    if (state_.generation != generation_) return false;
+    // A push may have come since the look.
+    if (view_.nowMs >= state_.input.lastPushMs() + options_.silenceMs) state_.input.end();
+    return true;
+}
+
+/// Nothing of an utterance that was given up is wanted, up to its end mark.
+bool RunLoop::dropFailedInput() {
+    if (!utterance_.failed || !(view_.hasSamples || view_.ended)) return false;
+    Sound::Pieces freed;  // outlives the lock
+    const MutexLock lock(state_.mutex);
+    if (state_.generation != generation_) return false;
+    state_.input.discard(freed);
+    if (state_.input.ended()) {
+        state_.input.drop();
+        utterance_ = {};
+    }
+    return true;
 }
 
 bool RunLoop::collectResult() {
@@ -148,7 +183,7 @@ bool RunLoop::collectResult() {
                           result_.utterance != utteranceNumber_ || !awaitsSpeech();
     if (outdated) return true;
     if (result_.failed) {
-        failUtterance(result_.error.get());
+        failUtterance(result_.error.get(), result_.counted);
         return true;
     }
     pending_.append(result_.frames);
@@ -168,10 +203,16 @@ bool RunLoop::noticeFailure() {
 
 bool RunLoop::startUtterance() {
     if (utterance_.inProgress || !view_.hasInput || !view_.source) return false;
+    double startMs = 0;
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.generation != generation_) return false;
+        startMs = state_.input.startMs();
+    }
     utterance_ = {};
     utterance_.inProgress = true;
     utterance_.resetDue = true;
-    utterance_.startMs = view_.startMs;
+    utterance_.startMs = startMs;
     ++utteranceNumber_;
     pending_.clear();
     rendered_.clear();
@@ -187,13 +228,14 @@ bool RunLoop::postRequest() {
     // A source that had frames may make more out of the audio that it has.
     const bool due = utterance_.resetDue || view_.hasSamples || utterance_.available > 0;
     if (!due && !finishing) return false;
+    Sound::Pieces freed;  // outlives the lock
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
         request_.samples.clear();
         // A source that can fill the room with what it has needs no more audio yet.
         if (utterance_.left < roomLeft) {
-            state_.input.take(kSamplesPerRequest, request_.samples);
+            state_.input.take(kSamplesPerRequest, request_.samples, freed);
         }
         request_.drains = utterance_.finishSent;
         request_.finish =
@@ -205,7 +247,6 @@ bool RunLoop::postRequest() {
     request_.utterance = utteranceNumber_;
     request_.reset = utterance_.resetDue;
     request_.startFrame = idleIndex_;
-    request_.eager = 0;
     request_.maxFrames = roomLeft;
     if (utterance_.resetDue) utterance_.shift = 0;
     utterance_.resetDue = false;
@@ -237,33 +278,24 @@ bool RunLoop::speak() {
 void RunLoop::renderSpeech(int n) {
     const bool together = n > 1 && view_.steady && n <= view_.steady->batch();
     const int m = together ? std::min(n, pending_.count()) : 1;
-    std::array<std::int32_t, MotionFrames::kMax> index;
-    std::array<float, MotionFrames::kMax * kKeypointFloats> source;
-    std::array<float, MotionFrames::kMax * kKeypointFloats> driving;
+    const auto first = static_cast<std::size_t>(pending_.next);
+    std::int32_t* index = pending_.frames.index.data() + first;
+    float* source = pending_.frames.source.data() + at(pending_.next);
+    float* driving = pending_.frames.driving.data() + at(pending_.next);
     for (int k = 0; k < m; ++k) {
-        const int from = pending_.next + k;
-        const float* src = pending_.frames.source.data() + at(from);
-        const float* drv = pending_.frames.driving.data() + at(from);
-        const int given = pending_.frames.index[static_cast<std::size_t>(from)];
         // Frames shown meanwhile have moved the body on: the motion moves with it.
-        const bool moved = utterance_.shift > 0 && !rows_.empty();
-        const int shown = moved ? (given + utterance_.shift) % nt_ : given;
-        for (std::size_t i = 0; i < kKeypointFloats; ++i) {
-            source[at(k) + i] = moved ? row(shown)[i] : src[i];
-            driving[at(k) + i] = moved ? row(shown)[i] + (drv[i] - src[i]) : drv[i];
-        }
-        index[static_cast<std::size_t>(k)] = shown;
+        walk_.shift(utterance_.shift, index[k], source + at(k), driving + at(k));
         FrameInfo& info = rendered_.infos[static_cast<std::size_t>(k)];
         info.kind = FrameKind::kSpeech;
-        info.index = shown;
-        std::copy_n(driving.data() + at(k), kKeypointFloats, info.driving.begin());
+        info.index = index[k];
+        info.driving.assign(driving + at(k), driving + at(k + 1));
     }
     pending_.next += m;
     rendered_.clear();
     const double begin = state_.clock.nowMs();
     try {
         Renderer& renderer = together ? *view_.steady : *ctx_.renderer;
-        rendered_.crops = render(renderer, index.data(), source.data(), driving.data(), m);
+        rendered_.crops = render(renderer, index, source, driving, m);
     } catch (const std::exception& error) {
         // A single frame is left out. A batch is too much to leave out.
         if (m == 1) {
@@ -286,39 +318,39 @@ void RunLoop::enqueueRendered() {
     FrameInfo& info = rendered_.infos[slot];
     info.speechSequence = utterance_.sequence;
     lastIndex_ = info.index;
-    lastDriving_ = info.driving;
-    idleIndex_ = after(info.index);
+    std::copy(info.driving.begin(), info.driving.end(), lastDriving_.begin());
+    idleIndex_ = walk_.after(info.index);
     ++rendered_.next;
     ++utterance_.sequence;
     utterance_.rendered = true;
-    enqueue(rendered_.crops + slot * cropFloats, info, rendered_.renderMs);
+    enqueue(rendered_.crops + slot * cropFloats, std::move(info), rendered_.renderMs);
     utterance_.lastSpeechMs = state_.clock.nowMs();
 }
 
-void RunLoop::enqueue(const float* crop, const FrameInfo& info, double renderMs) {
+void RunLoop::enqueue(const float* crop, FrameInfo&& info, double renderMs) {
     FrameJob job;
-    job.info = info;
+    job.info = std::move(info);
     job.generation = generation_;
     job.utterance = utteranceNumber_;
     job.utteranceStartMs = utterance_.startMs;
-    if (info.kind == FrameKind::kSpeech) {
+    if (job.info.kind == FrameKind::kSpeech) {
         const MutexLock lock(state_.mutex);
         double& average = state_.stats.render_ms;
         average = average > 0 ? 0.9 * average + 0.1 * renderMs : renderMs;
     }
     ++view_.waiting;  // until the next look, the frame counts whatever becomes of it
-    compositor_.enqueue(crop, job);
+    compositor_.enqueue(crop, std::move(job));
 }
 
 /// An idle or ramp frame of the next bundle frame.
-void RunLoop::enqueueOther(const float* crop, FrameKind kind, const Keypoints& driving) {
+void RunLoop::enqueueOther(const float* crop, FrameKind kind, std::vector<float>&& driving) {
     FrameInfo info;
     info.kind = kind;
     info.index = idleIndex_;
-    info.driving = driving;
-    idleIndex_ = after(idleIndex_);
-    ++utterance_.shift;
-    enqueue(crop, info, 0);
+    info.driving = std::move(driving);
+    idleIndex_ = walk_.after(idleIndex_);
+    utterance_.shift = walk_.after(utterance_.shift);
+    enqueue(crop, std::move(info), 0);
 }
 
 /// Null when an interrupt or the end came before or while it ran.
@@ -338,9 +370,7 @@ const float* RunLoop::render(Renderer& renderer, const std::int32_t* index, cons
 }
 
 bool RunLoop::endUtterance() {
-    if (!awaitsSpeech() || !utterance_.drained || pending_.count() > 0 || !rendered_.empty()) {
-        return false;
-    }
+    if (!awaitsSpeech() || !utterance_.drained || speechIsMade()) return false;
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
@@ -353,10 +383,7 @@ bool RunLoop::endUtterance() {
 
 /// Nothing to say for a while, though the utterance has not ended.
 bool RunLoop::endStall() {
-    if (shown_ != UttState::kSpeaking || !awaitsSpeech() || !rendered_.empty() ||
-        pending_.count() > 0 || view_.nowMs < utterance_.lastSpeechMs + kStallMs) {
-        return false;
-    }
+    if (view_.nowMs < stallsAtMs()) return false;
     settle();
     return true;
 }
@@ -364,22 +391,23 @@ bool RunLoop::endStall() {
 bool RunLoop::ramp() {
     if (shown_ != UttState::kRamping || rampLeft_ < 1 || !room()) return false;
     const float weight = static_cast<float>(rampLeft_ - 1) / static_cast<float>(rampLength_);
-    const float* base = row(idleIndex_);
-    Keypoints driving;
-    for (std::size_t i = 0; i < kKeypointFloats; ++i) {
-        driving[i] = base[i] + weight * rampOffset_[i];
-    }
     --rampLeft_;  // a frame that fails counts as well
     try {
         const std::int32_t index = idleIndex_;
-        const float* crop = render(*ctx_.renderer, &index, base, driving.data(), 1);
+        const Keypoints driving = walk_.displaced(index, weight, rampOffset_);
+        const float* crop = render(*ctx_.renderer, &index, walk_.row(index), driving.data(), 1);
         if (!crop) return true;
-        enqueueOther(crop, FrameKind::kRamp, driving);
+        enqueueOther(crop, FrameKind::kRamp, {driving.begin(), driving.end()});
     } catch (const std::exception& error) {
         noteFailure(error.what());
     }
     if (rampLeft_ == 0) setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
     return true;
+}
+
+/// Frames of the utterance in progress wait to be rendered or enqueued.
+bool RunLoop::speechIsMade() const {
+    return pending_.count() > 0 || !rendered_.empty();
 }
 
 /// Idle frames fill the ring; while speech is awaited they come one at a time, as late as they
@@ -395,16 +423,16 @@ bool RunLoop::idle() {
     return true;
 }
 
-void RunLoop::failUtterance(const char* text) {
-    noteFailure(text);
+void RunLoop::failUtterance(const char* text, bool counted) {
+    noteFailure(text, counted);
     if (!utterance_.inProgress) return;
     utterance_.failed = true;
     settle();
 }
 
-void RunLoop::noteFailure(const char* text) {
+void RunLoop::noteFailure(const char* text, bool counted) {
     const MutexLock lock(state_.mutex);
-    state_.noteFailure(text);
+    state_.noteFailure(text, counted);
 }
 
 /// No speech frame comes next: the mouth closes when it was speaking.
@@ -412,7 +440,7 @@ void RunLoop::settle() {
     pending_.clear();
     rendered_.clear();
     if (shown_ == UttState::kSpeaking && utterance_.rendered) {
-        startRamp(options_.rampFrames, lastIndex_, lastDriving_);
+        startRamp(options_.rampFrames, lastIndex_, lastDriving_.data());
     } else if (shown_ != UttState::kRamping) {
         setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
     }
@@ -420,12 +448,12 @@ void RunLoop::settle() {
 
 /// From `driving`, as shown on bundle frame `index`, to rest. Without rows there is no rest to
 /// return to.
-void RunLoop::startRamp(int frames, int index, const Keypoints& driving) {
-    if (rows_.empty()) {
+void RunLoop::startRamp(int frames, int index, const float* driving) {
+    if (!walk_.known()) {
         setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
         return;
     }
-    for (std::size_t i = 0; i < kKeypointFloats; ++i) rampOffset_[i] = driving[i] - row(index)[i];
+    rampOffset_ = walk_.offset(index, driving);
     rampLength_ = rampLeft_ = frames;
     setState(UttState::kRamping);
 }
@@ -435,10 +463,6 @@ void RunLoop::setState(UttState state) {
     shown_ = state;
     const MutexLock lock(state_.mutex);
     state_.stats.state = static_cast<int>(state);
-}
-
-const float* RunLoop::row(int index) const {
-    return rows_.data() + at(index);
 }
 
 void RunLoop::Pending::append(const MotionFrames& more) {

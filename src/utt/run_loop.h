@@ -8,6 +8,7 @@
 #include "capi/zorv_ctx.h"
 #include "utt/engine_state.h"
 #include "utt/frame_compositor.h"
+#include "utt/keypoint_walk.h"
 #include "utt/motion_dispatch.h"
 #include "utt/utt_options.h"
 
@@ -30,8 +31,6 @@ class RunLoop {
     void run();
 
   private:
-    using Keypoints = std::array<float, kKeypointFloats>;
-
     /// The shared state at the top of a turn.
     struct View {
         bool stopping = false;
@@ -48,8 +47,7 @@ class RunLoop {
         bool hasInput = false;
         bool hasSamples = false;
         bool ended = false;
-        double startMs = 0;
-        double silentAtMs = Clock::kNever;  ///< when silence will end it
+        double lastPushMs = 0;
     };
 
     /// What belongs to the utterance in progress, and nothing else.
@@ -64,8 +62,9 @@ class RunLoop {
         int left = 0;             ///< and of those did not hand out
         int sequence = 0;         ///< speech frames so far
         bool rendered = false;    ///< at least one speech frame
-        int shift = 0;            ///< other frames shown since the source was reset
+        int shift = 0;            ///< other frames shown since the source was reset, modulo NT
         double lastSpeechMs = 0;  ///< when the last speech frame was produced
+        double endSeenMs = -Clock::kNever;  ///< when its end mark was
     };
 
     /// Speech frames in input order; `next` is the first that is left.
@@ -94,8 +93,14 @@ class RunLoop {
     void waitForChange(double due);
     double dueMs() const;
 
+    double silentAtMs() const;
+    double stallsAtMs() const;
+
     bool turn();
     void afterInterrupt();
+    void seeEnd();
+    bool endBySilence();
+    bool dropFailedInput();
     bool collectResult();
     bool noticeFailure();
     bool startUtterance();
@@ -105,31 +110,29 @@ class RunLoop {
     bool endStall();
     bool ramp();
     bool idleDue() const;
+    bool speechIsMade() const;
     bool idle();
 
     bool room() const { return view_.waiting < static_cast<int>(FrameRing::kSlots); }
     void renderSpeech(int n);
     void enqueueRendered();
-    void enqueue(const float* crop, const FrameInfo& info, double renderMs);
-    void enqueueOther(const float* crop, FrameKind kind, const Keypoints& driving);
+    void enqueue(const float* crop, FrameInfo&& info, double renderMs);
+    void enqueueOther(const float* crop, FrameKind kind, std::vector<float>&& driving);
     const float* render(Renderer& renderer, const std::int32_t* index, const float* source,
                         const float* driving, int n);
-    void failUtterance(const char* text);
-    void noteFailure(const char* text);
-    void startRamp(int frames, int index, const Keypoints& driving);
+    void failUtterance(const char* text, bool counted = false);
+    void noteFailure(const char* text, bool counted = false);
+    void startRamp(int frames, int index, const float* driving);
     void settle();
     void setState(UttState state);
-    const float* row(int index) const;
-    int after(int index) const { return (index + 1) % nt_; }
     bool awaitsSpeech() const { return utterance_.inProgress && !utterance_.failed; }
 
     EngineState& state_;
     zorv_ctx& ctx_;
     const UttOptions& options_;
-    const std::vector<float>& rows_;
+    const KeypointWalk walk_;
     MotionDispatch& dispatch_;
     FrameCompositor& compositor_;
-    const int nt_;
 
     // All below is this thread's own.
     View view_;

@@ -1,21 +1,24 @@
 #include "utt/speech_input.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace zorv {
 
-void SpeechInput::push(const float* samples, std::size_t n, double nowMs) {
-    if (n == 0) return;
+bool SpeechInput::fits(std::size_t n) const {
+    return !utterances_.empty() && !utterances_.back().ended && utterances_.back().sound.fits(n);
+}
+
+void SpeechInput::push(const std::int16_t* pcm, std::size_t n, double nowMs) {
+    utterances_.back().sound.append(pcm, n);
+    lastPushMs_ = nowMs;
+}
+
+void SpeechInput::push(Push& prepared, double nowMs) noexcept {
     if (utterances_.empty() || utterances_.back().ended) {
-        Utterance next;  // without its samples, which there may be no memory for, there is none
-        next.samples.assign(samples, samples + n);
-        next.startMs = nowMs;
-        utterances_.push_back(std::move(next));
-    } else {
-        std::vector<float>& queue = utterances_.back().samples;
-        queue.insert(queue.end(), samples, samples + n);
+        prepared.utterance.front().startMs = nowMs;
+        utterances_.splice(utterances_.end(), prepared.utterance);
     }
+    utterances_.back().sound.append(prepared.pieces);
     lastPushMs_ = nowMs;
 }
 
@@ -23,20 +26,24 @@ void SpeechInput::end() {
     if (!utterances_.empty()) utterances_.back().ended = true;
 }
 
-void SpeechInput::take(std::size_t max, std::vector<float>& out) {
+bool SpeechInput::exhausted() const {
+    const Utterance& front = utterances_.front();
+    return front.taken == front.sound.size();
+}
+
+void SpeechInput::take(std::size_t max, std::vector<std::int16_t>& out, Sound::Pieces& freed) {
     Utterance& front = utterances_.front();
-    const std::size_t n = std::min(max, front.left());
-    const auto begin = front.samples.begin() + static_cast<std::ptrdiff_t>(front.taken);
-    out.assign(begin, begin + static_cast<std::ptrdiff_t>(n));
-    front.taken += n;
-    // Half-read storage is moved together only now and then, so a long push costs linear time.
-    if (front.left() == 0) {
-        front.clear();
-    } else if (front.taken >= front.samples.size() / 2) {
-        front.samples.erase(front.samples.begin(),
-                            front.samples.begin() + static_cast<std::ptrdiff_t>(front.taken));
-        front.taken = 0;
-    }
+    const auto left = static_cast<std::size_t>(front.sound.size() - front.taken);
+    out.resize(std::min(max, left));
+    front.sound.read(front.taken, out.size(), out.data());
+    front.taken += static_cast<std::int64_t>(out.size());
+    front.sound.releaseBefore(front.taken, freed);
+}
+
+void SpeechInput::discard(Sound::Pieces& freed) noexcept {
+    Utterance& front = utterances_.front();
+    front.taken = front.sound.size();
+    front.sound.releaseBefore(front.taken, freed);
 }
 
 }  // namespace zorv

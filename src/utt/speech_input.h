@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
+#include <cstdint>
+#include <list>
 #include <vector>
+
+#include "utt/sound.h"
 
 namespace zorv {
 
@@ -15,15 +18,34 @@ namespace zorv {
 /// An utterance stays in front, empty, until it is dropped. Not thread-safe.
 class SpeechInput {
   public:
-    /// Appends samples. The first ones of an utterance give it its start time; none at all change
-    /// nothing.
-    void push(const float* samples, std::size_t n, double nowMs);
+    struct Utterance {
+        Sound sound;
+        std::int64_t taken = 0;
+        double startMs = 0;
+        bool ended = false;
+    };
+    using Utterances = std::list<Utterance>;
+
+    /// What a push needs, made by the pushing thread before it takes the lock that guards this
+    /// object. One of n samples that fit into the last piece needs nothing.
+    struct Push {
+        Sound::Pieces pieces;
+        Utterances utterance;  ///< one, empty
+        Push(const std::int16_t* pcm, std::size_t n) : pieces(Sound::cut(pcm, n)), utterance(1) {}
+    };
+    bool fits(std::size_t n) const;
+
+    /// Appends samples: n >= 1 that fit, or those that were prepared. The first ones of an
+    /// utterance give it its start time.
+    void push(const std::int16_t* pcm, std::size_t n, double nowMs);
+    void push(Push& prepared, double nowMs) noexcept;
 
     /// Marks the end of the utterance that is being pushed; without audio since the last mark
     /// there is none.
     void end();
 
-    void clear() { utterances_.clear(); }
+    /// Everything goes to `freed`, for the caller to destroy where no lock is held.
+    void clear(Utterances& freed) noexcept { freed.splice(freed.end(), utterances_); }
 
     bool empty() const { return utterances_.empty(); }
 
@@ -31,30 +53,17 @@ class SpeechInput {
 
     double startMs() const { return utterances_.front().startMs; }
     bool ended() const { return utterances_.front().ended; }
-    bool exhausted() const { return utterances_.front().left() == 0; }
+    bool exhausted() const;
     /// Moves up to `max` samples to `out`, replacing its content.
-    void take(std::size_t max, std::vector<float>& out);
-    void discard() { utterances_.front().clear(); }
+    void take(std::size_t max, std::vector<std::int16_t>& out, Sound::Pieces& freed);
+    void discard(Sound::Pieces& freed) noexcept;
     void drop() { utterances_.pop_front(); }
 
     /// Of the last sample pushed.
     double lastPushMs() const { return lastPushMs_; }
 
   private:
-    struct Utterance {
-        std::vector<float> samples;
-        std::size_t taken = 0;
-        double startMs = 0;
-        bool ended = false;
-
-        std::size_t left() const { return samples.size() - taken; }
-        void clear() {
-            samples.clear();
-            taken = 0;
-        }
-    };
-
-    std::deque<Utterance> utterances_;
+    Utterances utterances_;
     double lastPushMs_ = 0;
 };
 

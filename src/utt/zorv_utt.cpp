@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/error.h"
 #include "common/file.h"
 #include "common/thread.h"
 #include "telemetry/telemetry.h"
@@ -16,10 +15,8 @@
 namespace zorv {
 namespace {
 
-constexpr float kSampleScale = 3.0517578e-5f;  // 1 / 32768
-
-/// The bundle frames' own keypoints; empty when there is no file or it does not fit the bundle. One
-/// that is there but cannot be read is no reason to do without.
+/// The bundle frames' own keypoints; empty when there is no file or it does not fit the bundle. A
+/// file that is there but cannot be read is an error.
 std::vector<float> readRows(const std::string& motionDir, int nt) {
     std::vector<float> rows(static_cast<std::size_t>(nt) * kKeypointFloats);
     const std::string path = motionDir + "/xs_target.bin";
@@ -86,12 +83,19 @@ void zorv_utt::stop() {
 void zorv_utt::warm() noexcept {
     try {
         warmUp();
+    } catch (const zorv::SourceFailure& error) {
+        cannotSpeak(error.what(), true);
     } catch (const std::exception& error) {
-        const MutexLock lock(state_.mutex);
-        state_.noteFatal(error.what());
-        state_.input.clear();
-        state_.changed();
+        cannotSpeak(error.what(), false);
     }
+}
+
+void zorv_utt::cannotSpeak(const char* text, bool counted) {
+    zorv::SpeechInput::Utterances freed;  // outlives the lock
+    const MutexLock lock(state_.mutex);
+    state_.noteFatal(text, counted);
+    state_.input.clear(freed);
+    state_.changed();
 }
 
 void zorv_utt::warmUp() {
@@ -129,13 +133,22 @@ int zorv_utt::ready(zorv::FailureText& text) {
 }
 
 void zorv_utt::push(const std::int16_t* pcm, std::size_t n) {
+    if (n == 0) return;
     const MutexLock turn(pushMutex_);
-    samples_.resize(n);
-    for (std::size_t i = 0; i < n; ++i)
-        samples_[i] = static_cast<float>(pcm[i]) * zorv::kSampleScale;
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.warmth == zorv::Warmth::kFailed) return;
+        if (state_.input.fits(n)) {
+            state_.input.push(pcm, n, state_.clock.nowMs());
+            state_.changed();
+            return;
+        }
+    }
+    // Pushes take turns: what did not fit does not fit now, either.
+    zorv::SpeechInput::Push prepared(pcm, n);
     const MutexLock lock(state_.mutex);
     if (state_.warmth == zorv::Warmth::kFailed) return;
-    state_.input.push(samples_.data(), n, state_.clock.nowMs());
+    state_.input.push(prepared, state_.clock.nowMs());
     state_.changed();
 }
 
@@ -146,12 +159,13 @@ void zorv_utt::endUtterance() {
 }
 
 void zorv_utt::interrupt() {
+    zorv::SpeechInput::Utterances freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
     ++state_.generation;
     telemetry::count({"zorv.utterance.interrupts", "{interrupt}"});
     telemetry::count({"zorv.utterance.frames.dropped", "{frame}"},
                      static_cast<std::uint64_t>(state_.waiting()));
-    state_.input.clear();
+    state_.input.clear(freed);
     state_.ring.drop();
     compositor_.dropQueued(state_);
     state_.stopRender();
@@ -199,6 +213,11 @@ zorv_utt::Pull zorv_utt::pull(std::uint8_t* buffer, std::size_t capacity,
     return Pull::kDone;
 }
 
+bool zorv_utt::atRest() {
+    const MutexLock lock(state_.mutex);
+    return state_.clock.nowMs() < state_.restsUntilMs;
+}
+
 zorv_utt_stats zorv_utt::stats() {
     const MutexLock lock(state_.mutex);
     return state_.stats;
@@ -209,105 +228,3 @@ std::uint64_t zorv_utt::failure(char* text, std::size_t capacity) {
     if (text && capacity > 0) std::snprintf(text, capacity, "%s", state_.failureText.get());
     return state_.failures;
 }
-
-namespace {
-
-using Errors = zorv::LastError<zorv_utt>;
-
-}  // namespace
-
-extern "C" {
-
-zorv_utt* zorv_utt_create(zorv_ctx* ctx, const zorv_utt_opts* opts) {
-    Errors::clear();
-    if (!ctx || !opts) {
-        Errors::set("zorv_utt_create: NULL ctx/opts");
-        return nullptr;
-    }
-    return zorv::guarded<Errors, zorv_utt*>("zorv_utt_create", nullptr, [&] {
-        return zorv::telemetry::opening("utt", [&] { return new zorv_utt(*ctx, *opts); });
-    });
-}
-
-zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir) {
-    zorv_utt_opts opts = {};
-    opts.motion_dir = motion_dir;
-    return zorv_utt_create(ctx, &opts);
-}
-
-void zorv_utt_destroy(zorv_utt* utt) {
-    Errors::clear();
-    zorv::telemetry::closing("utt", utt);
-    delete utt;
-}
-
-int zorv_utt_ready(zorv_utt* utt) {
-    Errors::clear();
-    if (!utt) return -1;
-    return zorv::guarded<Errors>("zorv_utt_ready", -1, [&] {
-        zorv::FailureText text;
-        const int ready = utt->ready(text);
-        if (ready < 0) Errors::set(text.get());
-        return ready;
-    });
-}
-
-int zorv_utt_push_audio(zorv_utt* utt, const int16_t* pcm, int n) {
-    Errors::clear();
-    if (!utt || !pcm || n < 0) {
-        Errors::set("zorv_utt_push_audio: bad args");
-        return 0;
-    }
-    return zorv::guarded<Errors>("zorv_utt_push_audio", 0, [&] {
-        utt->push(pcm, static_cast<std::size_t>(n));
-        return 1;
-    });
-}
-
-void zorv_utt_end_utterance(zorv_utt* utt) {
-    Errors::clear();
-    if (utt) utt->endUtterance();
-}
-
-void zorv_utt_interrupt(zorv_utt* utt) {
-    Errors::clear();
-    if (utt) utt->interrupt();
-}
-
-int zorv_utt_frames_available(zorv_utt* utt) {
-    Errors::clear();
-    return utt ? utt->available() : 0;
-}
-
-int zorv_utt_pull_frame(zorv_utt* utt, uint8_t* buf, size_t cap, zorv_utt_frame_info* info) {
-    Errors::clear();
-    if (!utt || !buf) {
-        Errors::set("zorv_utt_pull_frame: bad args");
-        return 0;
-    }
-    return zorv::guarded<Errors>("zorv_utt_pull_frame", 0, [&] {
-        const zorv_utt::Pull result = utt->pull(buf, cap, info);
-        if (result == zorv_utt::Pull::kTooSmall) {
-            Errors::set("zorv_utt_pull_frame: buffer too small");
-        }
-        return result == zorv_utt::Pull::kDone ? 1 : 0;
-    });
-}
-
-void zorv_utt_get_stats(zorv_utt* utt, zorv_utt_stats* stats) {
-    Errors::clear();
-    if (utt && stats) *stats = utt->stats();
-}
-
-uint64_t zorv_utt_failure(zorv_utt* utt, char* text, size_t capacity) {
-    Errors::clear();
-    if (utt) return utt->failure(text, capacity);
-    if (text && capacity > 0) *text = 0;
-    return 0;
-}
-
-const char* zorv_utt_last_error(void) {
-    return Errors::get();
-}
-
-}  // extern "C"

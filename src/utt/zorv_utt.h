@@ -49,11 +49,15 @@ struct zorv_utt {
     zorv_utt_stats stats();
     std::uint64_t failure(char* text, std::size_t capacity);
 
+    /// Nothing is under way and nothing due: for tests, which then move the clock.
+    bool atRest();
+
   private:
     void start();
     void stop();
     void warm() noexcept;
     void warmUp();
+    void cannotSpeak(const char* text, bool counted);
 
     zorv_ctx& ctx_;
     const zorv::UttOptions options_;
@@ -68,7 +72,6 @@ struct zorv_utt {
 
     /// Pushes and pulls take turns among themselves; each is taken before the engine's lock.
     zorv::Mutex pushMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
-    std::vector<float> samples_ ZORV_GUARDED_BY(pushMutex_);
     zorv::Mutex pullMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
     zorv::Pixels reading_ ZORV_GUARDED_BY(pullMutex_);  ///< the frame being copied to the host
 

@@ -50,7 +50,8 @@ class FakeSource final : public MotionSource {
             error_ = "avail: broken model";
             return 0;
         }
-        const int frames = finished_ ? total() : static_cast<int>(samples_.size()) / kFrameSamples;
+        const int tail = finished_ ? kFrameSamples - 1 : 0;
+        const int frames = (static_cast<int>(samples_.size()) + tail) / kFrameSamples;
         return std::max(0, frames - emitted_ - (finished_ ? 0 : script_.heldBack.load()));
     }
     int pull(int* index, float* source, float* driving, int max) override {
@@ -65,10 +66,6 @@ class FakeSource final : public MotionSource {
             }
         }
         return n;
-    }
-    int total() override {
-        return finished_ ? static_cast<int>((samples_.size() + kFrameSamples - 1) / kFrameSamples)
-                         : -1;
     }
     const char* error() override { return error_.c_str(); }
     void clearError() override { error_.clear(); }
@@ -115,13 +112,18 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
     }
     script.nt = options.sourceNt;
     zorv_utt_opts opts = {};
-    opts.motion_dir = motionDir.path().c_str();
+    const std::string& engine = options.engineDir;
+    opts.motion_dir = engine.empty() ? motionDir.path().c_str() : engine.c_str();
     opts.steady_model = options.steady;
     opts.silence_end_s = options.silenceS;
     ::setenv("ZORV_UTT_PIPELINE_PASTE", options.pipelined ? "1" : "0", 1);
     UttSurroundings surroundings;
     surroundings.clock = &clock;
-    surroundings.openSource = [this](const UttOptions&) { return makeFakeSource(bundle, script); };
+    if (engine.empty()) {
+        surroundings.openSource = [this](const UttOptions&) {
+            return makeFakeSource(bundle, script);
+        };
+    }
     utt_ = std::make_unique<zorv_utt>(context_, opts, surroundings);
     ::unsetenv("ZORV_UTT_PIPELINE_PASTE");
     if (options.waitUntilReady) {
@@ -142,6 +144,11 @@ void UttPlayer::push(int frames, float level) {
 void UttPlayer::say(int frames, float level) {
     push(frames, level);
     zorv_utt_end_utterance(utt());
+}
+
+void UttPlayer::advance(double ms) {
+    clock.advance(ms);
+    EXPECT_TRUE(waitFor([&] { return utt_->atRest(); }));
 }
 
 void UttPlayer::waitForFrames(int n) {

@@ -64,6 +64,7 @@ struct UttPlayerOptions {
     double silenceS = -1;
     int sourceNt = 0;
     bool waitUntilReady = true;
+    std::string engineDir;  ///< not empty: a real motion source's directory, for nt frames
 };
 
 class UttPlayer {
@@ -85,6 +86,8 @@ class UttPlayer {
     std::vector<PulledFrame> pull(int n);
     /// Pulls until a frame of `kind` came, at most `limit` frames.
     std::vector<PulledFrame> pullUntil(int kind, int limit);
+    /// Moves the clock, and waits until the engine has done what was due.
+    void advance(double ms);
     /// Until `n` frames wait; fails the test when they do not come.
     void waitForFrames(int n);
     void settle() { clock.settle(); }
