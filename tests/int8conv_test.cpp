@@ -38,7 +38,8 @@ struct Case {
                    << ',' << t.kh << ',' << t.kw << "] strides " << a.strides[0] << ','
                    << a.strides[1] << " pads " << a.pads[0] << ',' << a.pads[1] << ',' << a.pads[2]
                    << ',' << a.pads[3] << " dilations " << a.dilations[0] << ',' << a.dilations[1]
-                   << " group " << a.group << " range " << t.low << ".." << t.high;
+                   << " group " << a.group << (a.enlarged ? " enlarged" : "")
+                   << (a.zeroPads ? " zero pads" : "") << " range " << t.low << ".." << t.high;
     }
 };
 
@@ -81,7 +82,8 @@ std::vector<float> run(const Int8ConvKernels& kernels, const Case& t, const Oper
     return run(conv, t, o);
 }
 
-/// One pixel of the output at a time, straight from the floats; taps in the padding are skipped.
+/// One pixel of the output at a time, straight from the floats; taps in the padding are skipped, or
+/// meet 0.0.
 std::vector<float> reference(const Case& t, const Operands& o) {
     const ConvAttributes& a = t.attributes;
     const ConvGeometry g = geometryOf(t);
@@ -101,9 +103,12 @@ std::vector<float> reference(const Case& t, const Operands& o) {
             wsum += weight;
             const std::int64_t sy = row * a.strides[0] - a.pads[0] + ky * a.dilations[0];
             const std::int64_t sx = column * a.strides[1] - a.pads[1] + kx * a.dilations[1];
-            if (sy < 0 || sx < 0 || sy >= t.h || sx >= t.w) continue;
-            const std::int64_t plane = n * t.c + m / out * in + c;
-            const float value = o.x[static_cast<std::size_t>((plane * t.h + sy) * t.w + sx)];
+            const int zoom = a.enlarged ? 2 : 1;
+            const bool outside = sy < 0 || sx < 0 || sy >= t.h * zoom || sx >= t.w * zoom;
+            if (outside && !a.zeroPads) continue;
+            const std::int64_t plane = (n * t.c + m / out * in + c) * t.h * t.w;
+            const auto pixel = static_cast<std::size_t>(plane + sy / zoom * t.w + sx / zoom);
+            const float value = outside ? 0 : o.x[pixel];
             sum +=
                 weight * std::clamp(static_cast<int>(std::nearbyint(value / scale)) + zp, 0, 255);
         }
@@ -146,6 +151,30 @@ TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
             const ConvSplit split = {3, 1, 1, 1};
             EXPECT_TRUE(same(run(*kernel.entry, t, operands, split), expected))
                 << kernel.name << " on three threads, row by row " << t;
+        }
+    }
+}
+
+TEST(Int8Conv, EnlargedAndPaddedLikeTheSeparateNodes) {
+    std::mt19937 random(11);
+    const auto any = [&](unsigned least, unsigned most) {
+        return static_cast<std::int64_t>(least + random() % (most - least + 1));
+    };
+    for (int i = 0; i < 150; ++i) {
+        Case t = {any(1, 2), any(1, 19), any(1, 9), any(1, 75), any(1, 7), 3, 3, {}};
+        t.attributes.enlarged = i % 3 < 2;
+        t.attributes.zeroPads = i % 3 > 0;
+        for (auto& pad : t.attributes.pads) pad = t.attributes.enlarged ? 1 : any(1, 3);
+        if (i % 6 == 5) t.attributes.strides[1] = t.attributes.dilations[0] = 2, t.h += 3;
+        t.low = -static_cast<float>(any(0, 3)), t.high = t.low + static_cast<float>(any(0, 4));
+        const Operands operands(t);
+        const std::vector<float> expected = reference(t, operands);
+        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+            for (const ConvSplit& split :
+                 {ConvSplit{1}, ConvSplit{1, 0, 2e6, 99}, {2, 1, 1, 999}}) {
+                EXPECT_TRUE(same(run(*kernel.entry, t, operands, split), expected))
+                    << kernel.name << " workers " << split.workers << ' ' << t;
+            }
         }
     }
 }
@@ -288,6 +317,18 @@ TEST(Int8Conv, BadShapesAreRefused) {
     EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad dilations");
     bad = good, bad.attributes.group = 0;
     EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad group");
+    Case enlarged = {1, 4, 5, 6, 8, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1, true}};
+    EXPECT_EQ(refusal(enlarged), "no failure");
+    const std::string plain =
+        "Int8ConvVNNI: only a plain 3 x 3 kernel with pads of 1 takes an enlarged X";
+    bad = enlarged, bad.attributes.strides[0] = 2, bad.h = 1;
+    EXPECT_EQ(refusal(bad), plain);
+    bad = enlarged, bad.attributes.pads[2] = 2;
+    EXPECT_EQ(refusal(bad), plain);
+    bad = enlarged, bad.kw = 2;
+    EXPECT_EQ(refusal(bad), plain);
+    bad = enlarged, bad.attributes.group = 2, bad.c = 8;
+    EXPECT_EQ(refusal(bad, {}, {8, 4, 3, 3}), plain);
     bad = good, bad.attributes.pads[0] = INT64_MAX;
     EXPECT_EQ(refusal(bad), "std::bad_alloc");
     bad = good, bad.attributes.pads[0] = bad.attributes.pads[1] = std::int64_t{1} << 40;

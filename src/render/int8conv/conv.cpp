@@ -60,35 +60,43 @@ void Int8Conv::findRange(const ConvGeometry& g, const float* x, float* min, floa
         1);
 }
 
-/// Output rows of a band: so few that its input rows stay in the second cache, and whole tiles.
+/// Steps of a band: so few that its input rows stay in the second cache, and whole tiles.
 std::int64_t Int8Conv::bandRows(const ConvGeometry& g) const {
     const double bytes =
         static_cast<double>(g.rowBytes) * static_cast<double>(g.attributes.strides[0]);
     const auto rows = static_cast<std::int64_t>(
         std::max(1.0, static_cast<double>(split_.bandBytes) / std::max(1.0, bytes)));
-    return std::min(g.oh, rows < 4 ? rows : rows / 4 * 4);
+    return std::min(g.steps(), rows < 4 ? rows : rows / 4 * 4);
 }
 
+struct Int8Conv::Workspace {
+    QuantisedRows window;
+    std::vector<std::int32_t> scratch;
+};
+
 void Int8Conv::convolve(const ConvGeometry& g, const Operands& operands, const ConvRun& shared,
-                        QuantisedRows& window, std::ptrdiff_t begin, std::ptrdiff_t end) const {
-    const std::int64_t band = bandRows(g);
+                        Workspace& workspace, std::ptrdiff_t begin, std::ptrdiff_t end) const {
+    const std::int64_t band = bandRows(g), steps = g.steps();
+    const auto convolveBand =
+        g.attributes.enlarged ? kernels_.convolveEnlarged : kernels_.convolveRows;
     while (begin < end) {
-        const std::int64_t image = begin / g.oh;
-        std::int64_t row = begin % g.oh;
-        const std::int64_t stop = std::min<std::int64_t>(g.oh, row + end - begin);
+        const std::int64_t image = begin / steps;
+        std::int64_t row = begin % steps;
+        const std::int64_t stop = std::min<std::int64_t>(steps, row + end - begin);
         begin += stop - row;
         ConvRun run = shared;
-        run.rows = window.data();
+        run.rows = workspace.window.data();
+        run.scratch = workspace.scratch.data();
         run.y = operands.y + image * g.m * g.oh * g.ow;
-        window.startImage(operands.x + image * g.c * g.h * g.w);
+        workspace.window.startImage(operands.x + image * g.c * g.h * g.w);
         for (; row < stop; row += band) {
             const std::int64_t count = std::min(band, stop - row);
             {
                 const PhaseTimer timer(&Int8Profile::transpose);
-                window.moveTo(row, count);
+                workspace.window.moveTo(row, count);
             }
             const PhaseTimer timer(&Int8Profile::gemm);
-            kernels_.convolveRows(run, row, count);
+            convolveBand(run, row, count);
         }
     }
 }
@@ -96,7 +104,8 @@ void Int8Conv::convolve(const ConvGeometry& g, const Operands& operands, const C
 void Int8Conv::prepare(const ConvGeometry& g, const std::int8_t* weights) {
     const std::int64_t shape[4] = {g.m, g.groupIn, g.kh, g.kw};
     std::call_once(once_, [&] {
-        packed_ = PackedWeights(g, weights, kernels_.block, kernels_.widened);
+        const int block = attributes_.enlarged ? 1 : kernels_.block;
+        packed_ = PackedWeights(g, weights, block, kernels_.widened);
         std::copy_n(shape, 4, packedShape_);
     });
     if (!std::equal(shape, shape + 4, packedShape_)) {
@@ -110,25 +119,34 @@ void Int8Conv::run(const ConvGeometry& g, const Operands& operands) {
     float min = 0, max = 0;
     findRange(g, operands.x, &min, &max);
     const Quantisation q = chooseQuantisation(min, max);
-    std::vector<std::int32_t> start(packed_.wsum.size() + kMaxBlock);  // wraps like the sums
+    std::vector<std::int32_t> start(packed_.wsum.size() + kMaxBlock), edges;  // wrap like the sums
     std::vector<float> factor;
+    const auto times = [](std::int32_t sum, std::int32_t byte) {
+        return static_cast<std::uint32_t>(sum) * static_cast<std::uint32_t>(byte);
+    };
     for (std::size_t m = 0; m < packed_.wsum.size(); ++m) {
-        start[m] = static_cast<std::int32_t>(0u - static_cast<std::uint32_t>(packed_.wsum[m]) *
-                                                      static_cast<std::uint32_t>(q.zeroPoint));
+        start[m] = static_cast<std::int32_t>(0u - times(packed_.wsum[m], q.zeroPoint));
         factor.push_back(q.scale * operands.weightScale[m]);
     }
-    const ConvRun shared = {g,      packed_, nullptr, start.data(), factor.data(), operands.bias,
-                            nullptr};
+    for (const std::int32_t sum : packed_.edgeSums) {
+        edges.push_back(static_cast<std::int32_t>(times(sum, padByte(g.attributes, q))));
+    }
+    const ConvRun shared = {
+        g, packed_, nullptr, start.data(), factor.data(), operands.bias, nullptr, edges.data()};
     const double share = split_.macsPerThread > 0 ? split_.macsPerThread : kernels_.macsPerThread;
     const int workers = employed(split_.workers, g.macs() / share);
-    std::vector<QuantisedRows> windows;  // made here: the threads must not run out of memory
-    windows.reserve(static_cast<std::size_t>(workers));
-    for (int i = 0; i < workers; ++i) windows.emplace_back(g, kernels_, q, bandRows(g));
+    std::vector<Workspace> workspaces;  // made here: the threads must not run out of memory
+    workspaces.reserve(static_cast<std::size_t>(workers));
+    const std::int64_t scratch = g.attributes.enlarged ? enlargedScratch(g.w) : 0;
+    for (int i = 0; i < workers; ++i) {
+        workspaces.push_back({QuantisedRows(g, kernels_, q, bandRows(g)),
+                              std::vector<std::int32_t>(static_cast<std::size_t>(scratch))});
+    }
     std::atomic<std::size_t> next{0};
     parallelRange(
-        g.n * g.oh, workers,
+        g.n * g.steps(), workers,
         [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
-            convolve(g, operands, shared, windows[next++], begin, end);
+            convolve(g, operands, shared, workspaces[next++], begin, end);
         },
         1);
 }

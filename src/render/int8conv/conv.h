@@ -3,7 +3,8 @@
 //
 // Padding counts as byte 0, the smallest value of the input's range, and not as 0.0: its taps are
 // skipped while the whole kernel's weight sum is taken off. Whoever exports a model takes care that
-// the two agree (inputs that are never negative, as after a ReLU) or lives with it.
+// the two agree (inputs that are never negative, as after a ReLU), lives with it, or asks for
+// zeros.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +35,6 @@ struct ConvSplit {
     std::int64_t bandBytes = 256 << 10;  ///< of quantised input that is then convolved
 };
 
-class QuantisedRows;
-
 /// Any thread may run it, several at once: after the first run nothing in it changes.
 class Int8Conv {
   public:
@@ -60,10 +59,12 @@ class Int8Conv {
     void run(const ConvGeometry& geometry, const Operands& operands);
 
   private:
+    struct Workspace;  // of one thread
+
     void findRange(const ConvGeometry& geometry, const float* x, float* min, float* max) const;
     std::int64_t bandRows(const ConvGeometry& geometry) const;
     void convolve(const ConvGeometry& geometry, const Operands& operands, const ConvRun& shared,
-                  QuantisedRows& window, std::ptrdiff_t begin, std::ptrdiff_t end) const;
+                  Workspace& workspace, std::ptrdiff_t begin, std::ptrdiff_t end) const;
     void prepare(const ConvGeometry& geometry, const std::int8_t* weights);
 
     const ConvAttributes attributes_;

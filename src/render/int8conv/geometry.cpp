@@ -58,6 +58,14 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     if (oh == 1) attributes.strides[0] = 1;
     if (ow == 1) attributes.strides[1] = 1;
     const std::int64_t strideW = attributes.strides[1];
+    if (a.enlarged) {
+        const auto areOne = [](const auto& all) {
+            return std::all_of(std::begin(all), std::end(all), [](auto one) { return one == 1; });
+        };
+        require(areOne(a.pads) && areOne(a.strides) && areOne(a.dilations) && a.group == 1 &&
+                    kh == 3 && kw == 3,
+                "Int8ConvVNNI: only a plain 3 x 3 kernel with pads of 1 takes an enlarged X");
+    }
 
     std::vector<std::int64_t> phaseOfColumn;
     for (std::int64_t tap = 0; tap < kw; ++tap) {
@@ -72,6 +80,8 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     groupBytes = product(quadBytes, quads);
     rowBytes = product(groupBytes, a.group);
     sum(product(rowBytes, rowsOf(oh)), kSlack);
+    const std::int64_t enlargement = a.enlarged ? 2 : 1;
+    oh = product(oh, enlargement), ow = product(ow, enlargement);
     product(product(product(m, oh), ow), product(n, 4));
     for (std::int64_t row = 0; row < kh; ++row) {
         for (std::int64_t column = 0; column < kw; ++column) {
@@ -83,7 +93,8 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
 }
 
 double ConvGeometry::macs() const {
-    return static_cast<double>(n) * static_cast<double>(m) * static_cast<double>(oh * ow) *
+    const std::int64_t pixels = attributes.enlarged ? h * w : oh * ow;
+    return static_cast<double>(n) * static_cast<double>(m) * static_cast<double>(pixels) *
            static_cast<double>(quads * 4 * kh * kw);
 }
 
@@ -100,18 +111,21 @@ PackedWeights::PackedWeights(const ConvGeometry& g, const std::int8_t* weights, 
         std::int8_t* out = bytes.data() +
                            (channel / g.groupOut * blocks + inGroup / block) * blockBytes +
                            inGroup % block * 4 * weightBytes;
-        std::uint32_t total = 0;  // wraps like the accumulators
+        std::uint32_t total = 0, edges[2] = {};  // wrap like the accumulators
         for (std::int64_t in = 0; in < g.groupIn; ++in) {
             const std::int64_t place = widened ? in % 4 / 2 + in % 2 * 2 : in % 4;
             for (std::int64_t tap = 0; tap < taps; ++tap) {
                 const std::int8_t value = weights[channel * kernel + in * taps + tap];
                 total += static_cast<std::uint32_t>(value);
+                if (tap % g.kw == 0) edges[0] += static_cast<std::uint32_t>(value);
+                if (tap % g.kw == g.kw - 1) edges[1] += static_cast<std::uint32_t>(value);
                 std::int8_t* at = out + ((in / 4 * taps + tap) * block * 4 + place) * weightBytes;
                 at[0] = value;
                 if (widened) at[1] = static_cast<std::int8_t>(value < 0 ? -1 : 0);
             }
         }
         wsum.push_back(static_cast<std::int32_t>(total));
+        for (const std::uint32_t edge : edges) edgeSums.push_back(static_cast<std::int32_t>(edge));
     }
 }
 

@@ -13,17 +13,22 @@ struct ConvAttributes {
     std::int64_t pads[4] = {0, 0, 0, 0};  ///< top, left, bottom, right
     std::int64_t dilations[2] = {1, 1};
     std::int64_t group = 1;
+    /// X is first enlarged by two, every pixel becoming four. Then the kernel must be 3 x 3, the
+    /// pads 1 and all else as by default.
+    bool enlarged = false;
+    bool zeroPads = false;  ///< pads count as 0.0 instead of the smallest value
 };
 
-/// X is [n, c, h, w], W is [m, c / group, kh, kw], Y is [n, m, oh, ow].
+/// X is [n, c, h, w], W is [m, c / group, kh, kw], Y is [n, m, oh, ow]. Where X is enlarged, h
+/// and w are those before, oh and ow those of Y.
 ///
 /// The quantised input holds four channels of a pixel in four neighbouring bytes, so that pixels
 /// that stand side by side in a row of the output are side by side in memory, whatever the stride:
 ///
 ///     [row][group][quad of channels][column phase][column][4]
 ///
-/// Rows and columns include the padding, as bytes of 0. A column phase gathers the columns
-/// residue, residue + strideW, residue + 2 strideW, ... that one tap meets.
+/// Rows and columns include the padding, bytes of 0 or zero points. A column phase gathers the
+/// columns residue, residue + strideW, residue + 2 strideW, ... that one tap meets.
 struct ConvGeometry {
     /// Throws std::runtime_error when the shapes and attributes do not fit together, and
     /// std::bad_alloc when a size leaves 64 bits.
@@ -41,14 +46,16 @@ struct ConvGeometry {
     std::vector<std::int64_t> tapOffsets;  ///< bytes from a pixel's first tap, [kh][kw]
 
     std::size_t inputCount() const { return static_cast<std::size_t>(n * c * h * w); }
-    /// Padded rows that `outputRows` neighbouring rows of the output read.
-    std::int64_t rowsOf(std::int64_t outputRows) const {
-        return (outputRows - 1) * attributes.strides[0] + attributes.dilations[0] * (kh - 1) + 1;
+    /// Padded rows that `count` neighbouring steps read.
+    std::int64_t rowsOf(std::int64_t count) const {
+        return (count - 1) * attributes.strides[0] + attributes.dilations[0] * (kh - 1) + 1;
     }
     /// Of these rows, with room for a vector that begins at the last pixel.
-    std::size_t windowBytes(std::int64_t outputRows) const {
-        return static_cast<std::size_t>(rowsOf(outputRows) * rowBytes) + kSlack;
+    std::size_t windowBytes(std::int64_t count) const {
+        return static_cast<std::size_t>(rowsOf(count) * rowBytes) + kSlack;
     }
+    /// Rows of the output, or pairs of them where X is enlarged.
+    std::int64_t steps() const { return attributes.enlarged ? h : oh; }
     /// Multiplications of the whole convolution.
     double macs() const;
     bool empty() const { return n == 0 || m == 0; }
@@ -74,7 +81,8 @@ struct PackedWeights {
     std::int64_t blocks = 0;  ///< per group
     std::int64_t blockBytes = 0;
     std::vector<std::int8_t> bytes;
-    std::vector<std::int32_t> wsum;  ///< per output channel, over its whole kernel
+    std::vector<std::int32_t> wsum;      ///< per output channel, over its whole kernel
+    std::vector<std::int32_t> edgeSums;  ///< [m][2], over the kernel's first and last column
 };
 
 }  // namespace zorv

@@ -25,10 +25,16 @@ ConvAttributes readAttributes(const OrtKernelInfo* kernelInfo) {
     readInts(info, "strides", attributes.strides);
     readInts(info, "pads", attributes.pads);
     readInts(info, "dilations", attributes.dilations);
-    try {
-        attributes.group = info.GetAttribute<std::int64_t>("group");
-    } catch (const Ort::Exception&) {
-    }
+    const auto readInt = [&](const char* name, std::int64_t absent) {
+        try {
+            return info.GetAttribute<std::int64_t>(name);
+        } catch (const Ort::Exception&) {
+            return absent;
+        }
+    };
+    attributes.group = readInt("group", 1);
+    attributes.enlarged = readInt("enlarged", 0) != 0;
+    attributes.zeroPads = readInt("zero_pads", 0) != 0;
     return attributes;
 }
 

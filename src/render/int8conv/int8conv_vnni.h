@@ -11,9 +11,11 @@ namespace zorv {
 ///
 /// Inputs X float [N, C, H, W], W int8 [M, C / group, KH, KW], weight scale float [M], bias float
 /// [M]; output Y float [N, M, OH, OW]. Attributes strides, pads (top, left, bottom, right),
-/// dilations and group as in Conv. Weights are packed on the node's first run and then stay.
+/// dilations and group as in Conv; `enlarged` and `zero_pads` (0 or 1) as in ConvAttributes, where
+/// an enlarged X makes Y [N, M, 2 H, 2 W]. Weights are packed on the node's first run and then
+/// stay.
 ///
-/// Padding counts as the smallest value of the input's range, not as 0: see Int8Conv.
+/// Without `zero_pads`, padding counts as the smallest value of the input's range: see Int8Conv.
 void registerInt8ConvVNNI(Ort::SessionOptions& options);
 
 }  // namespace zorv

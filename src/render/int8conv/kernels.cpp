@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "render/int8conv/enlarged_lanes.h"
+
 namespace zorv {
 namespace {
 
@@ -38,52 +40,42 @@ void quantiseRowPortable(const float* const* channels, std::int64_t width, Quant
     }
 }
 
-constexpr int kPortableBlock = 4;
+struct OneLane {
+    static constexpr int kLanes = 1;
+    static constexpr int kBlock = 4;
+    static constexpr int kSegments = 2;
+    static constexpr int kEnlargedSegments = 1;
+    static constexpr int kQuadBytes = 4;
+    using F = float;
+    using Sum = std::uint32_t;  // wraps
+    using Pixels = const std::uint8_t*;
 
-/// The sums of one output pixel for the channels of one block.
-void sumPixel(const ConvGeometry& g, const std::uint8_t* pixel, const std::int8_t* weights,
-              std::uint32_t (&sums)[kPortableBlock]) {
-    std::fill(std::begin(sums), std::end(sums), 0u);
-    for (std::int64_t quad = 0; quad < g.quads; ++quad, pixel += g.quadBytes) {
-        for (const std::int64_t tap : g.tapOffsets) {
-            for (std::uint32_t& sum : sums) {
-                for (int i = 0; i < 4; ++i) {
-                    sum += static_cast<std::uint32_t>(int{pixel[tap + i]} * int{*weights++});
-                }
-            }
-        }
+    static Sum zero() { return 0; }
+    static Sum setInt(std::int32_t v) { return static_cast<Sum>(v); }
+    static Sum addInt(Sum a, Sum b) { return a + b; }
+    static Sum loadInts(const std::int32_t* p) { return static_cast<Sum>(*p); }
+    static void storeInts(std::int32_t* p, Sum v) { *p = static_cast<std::int32_t>(v); }
+    static Pixels pixels(const std::uint8_t* p) { return p; }
+    static const std::int8_t* weights(const std::int8_t* p) { return p; }
+    static void dot(Sum& sum, Pixels pixel, const std::int8_t* weight) {
+        for (int i = 0; i < 4; ++i) sum += static_cast<Sum>(int{pixel[i]} * int{weight[i]});
     }
-}
-
-void convolveRowsPortable(const ConvRun& run, std::int64_t firstRow, std::int64_t count) {
-    const ConvGeometry& g = run.geometry;
-    for (std::int64_t row = firstRow; row < firstRow + count; ++row) {
-        const std::uint8_t* line =
-            run.rows + (row - firstRow) * g.attributes.strides[0] * g.rowBytes;
-        for (std::int64_t first = 0; first < g.m;) {
-            const std::int64_t group = first / g.groupOut, inGroup = first % g.groupOut;
-            const std::int64_t channels =
-                std::min<std::int64_t>(kPortableBlock, g.groupOut - inGroup);
-            const std::int8_t* weights = run.weights.of(group, inGroup / kPortableBlock);
-            float* y = run.y + (first * g.oh + row) * g.ow;
-            for (std::int64_t x = 0; x < g.ow; ++x) {
-                std::uint32_t sums[kPortableBlock];
-                sumPixel(g, line + group * g.groupBytes + x * 4, weights, sums);
-                for (std::int64_t i = 0; i < channels; ++i) {
-                    const auto sum = static_cast<std::int32_t>(
-                        sums[i] + static_cast<std::uint32_t>(run.start[first + i]));
-                    y[i * g.oh * g.ow + x] =
-                        static_cast<float>(sum) * run.factor[first + i] + run.bias[first + i];
-                }
-            }
-            first += channels;
-        }
+    static float toFloat(Sum sum, float factor, float bias) {
+        return static_cast<float>(static_cast<std::int32_t>(sum)) * factor + bias;
     }
-}
+    static void store(float* p, float v, int) { *p = v; }
+    static void interleave(float a, float b, float (&out)[2]) { out[0] = a, out[1] = b; }
+};
 
 }  // namespace
 
-const Int8ConvKernels kInt8ConvPortable = {
-    kPortableBlock, false, false, 1e6, minMaxPortable, quantiseRowPortable, convolveRowsPortable};
+const Int8ConvKernels kInt8ConvPortable = {OneLane::kBlock,
+                                           false,
+                                           false,
+                                           1e6,
+                                           minMaxPortable,
+                                           quantiseRowPortable,
+                                           convolveRowsLanes<OneLane>,
+                                           convolveEnlargedLanes<OneLane>};
 
 }  // namespace zorv

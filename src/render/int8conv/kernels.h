@@ -17,6 +17,11 @@ struct Quantisation {
     std::int32_t zeroPoint = 0;
 };
 
+/// What a byte of the padding is.
+inline std::int32_t padByte(const ConvAttributes& attributes, Quantisation q) {
+    return attributes.zeroPads ? q.zeroPoint : 0;
+}
+
 /// What the matrix part reads and writes of one image. Channel m of a pixel becomes
 /// float(start[m] + sum) * factor[m] + bias[m].
 struct ConvRun {
@@ -27,7 +32,21 @@ struct ConvRun {
     const float* factor;
     const float* bias;
     float* y;  ///< [m, oh, ow]
+
+    // Where X is enlarged:
+    const std::int32_t* edges = nullptr;  ///< [m][2], what the columns left and right of X add
+    std::int32_t* scratch = nullptr;      ///< enlargedScratch values; one thread at a time
 };
+
+/// Of one line of sums, and of all of them together. `kEnlargedMargin`: vectors may reach so far
+/// beyond a line's columns.
+constexpr std::int64_t kEnlargedMargin = 16;
+constexpr std::int64_t enlargedLine(std::int64_t width) {
+    return (width + 3 * kEnlargedMargin - 1) / kEnlargedMargin * kEnlargedMargin;
+}
+constexpr std::int64_t enlargedScratch(std::int64_t width) {
+    return 12 * enlargedLine(width);
+}
 
 /// No set has tiles of more output channels.
 constexpr int kMaxBlock = 16;
@@ -47,8 +66,11 @@ struct Int8ConvKernels {
     void (*quantiseRow)(const float* const* channels, std::int64_t width, Quantisation q,
                         std::uint32_t* out);
 
-    /// `count` output rows from row `first` on, which is where run.rows begins.
-    void (*convolveRows)(const ConvRun& run, std::int64_t first, std::int64_t count);
+    /// `count` steps from step `first` on, which is where run.rows begins: rows of the output, or
+    /// pairs of rows where X is enlarged and the weights are in blocks of one channel.
+    using Convolve = void(const ConvRun& run, std::int64_t first, std::int64_t count);
+    Convolve* convolveRows;
+    Convolve* convolveEnlarged;
 };
 
 extern const Int8ConvKernels kInt8ConvPortable;

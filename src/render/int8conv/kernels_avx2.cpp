@@ -26,8 +26,8 @@ struct Avx2 : Lanes256 {
         return {_mm256_set1_epi32(pair[0]), _mm256_set1_epi32(pair[1])};
     }
     static void dot(Sum& sum, const Pixels& pixel, const Weights& weight) {
-        sum = _mm256_add_epi32(sum, _mm256_madd_epi16(pixel.even, weight.even));
-        sum = _mm256_add_epi32(sum, _mm256_madd_epi16(pixel.odd, weight.odd));
+        sum = addInt(sum, Sum(_mm256_madd_epi16(pixel.even, weight.even)));
+        sum = addInt(sum, Sum(_mm256_madd_epi16(pixel.odd, weight.odd)));
     }
 };
 
@@ -37,7 +37,13 @@ void minmax_avx2(const float* data, std::size_t count, float* min, float* max) {
 
 }  // namespace
 
-const Int8ConvKernels kInt8ConvAvx2 = {
-    Avx2::kBlock, true, false, 32e6, minmax_avx2, quantiseRowLanes<Avx2>, convolveRowsLanes<Avx2>};
+const Int8ConvKernels kInt8ConvAvx2 = {Avx2::kBlock,
+                                       true,
+                                       false,
+                                       32e6,
+                                       minmax_avx2,
+                                       quantiseRowLanes<Avx2>,
+                                       convolveRowsLanes<Avx2>,
+                                       convolveEnlargedLanes<Avx2>};
 
 }  // namespace zorv

@@ -11,6 +11,7 @@ const Int8ConvKernels kInt8ConvAvxVnni = {Vnni256::kBlock,
                                           128e6,
                                           minMaxLanes<Lanes256>,
                                           quantiseRowLanes<Lanes256>,
-                                          convolveRowsLanes<Vnni256>};
+                                          convolveRowsLanes<Vnni256>,
+                                          convolveEnlargedLanes<Vnni256>};
 
 }  // namespace zorv

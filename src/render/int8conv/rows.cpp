@@ -6,11 +6,12 @@
 namespace zorv {
 
 QuantisedRows::QuantisedRows(const ConvGeometry& geometry, const Int8ConvKernels& kernels,
-                             Quantisation q, std::int64_t outputRows)
+                             Quantisation q, std::int64_t steps)
     : g_(geometry),
       kernels_(kernels),
       q_(q),
-      rows_(std::make_unique_for_overwrite<std::uint8_t[]>(g_.windowBytes(outputRows))),
+      padByte_(static_cast<std::uint8_t>(padByte(geometry.attributes, q))),
+      rows_(std::make_unique_for_overwrite<std::uint8_t[]>(g_.windowBytes(steps))),
       quads_(std::make_unique_for_overwrite<std::uint32_t[]>(static_cast<std::size_t>(g_.w))) {}
 
 void QuantisedRows::startImage(const float* x) {
@@ -40,8 +41,8 @@ void QuantisedRows::quantiseRows(std::int64_t from, std::int64_t to) {
         return rows_.get() + (row - begin_) * g_.rowBytes;
     };
     const std::int64_t first = std::clamp(top, from, to), last = std::clamp(top + g_.h, first, to);
-    std::fill(lineOf(from), lineOf(first), std::uint8_t{0});
-    std::fill(lineOf(last), lineOf(to), std::uint8_t{0});
+    std::fill(lineOf(from), lineOf(first), padByte_);
+    std::fill(lineOf(last), lineOf(to), padByte_);
     std::int64_t offset = 0;  // of the quad in a row
     for (std::int64_t channel = 0; channel < g_.c; offset += g_.quadBytes) {
         const std::int64_t inQuad = std::min<std::int64_t>(4, g_.groupIn - channel % g_.groupIn);
@@ -59,11 +60,12 @@ void QuantisedRows::quantiseRows(std::int64_t from, std::int64_t to) {
 /// One row of up to four channels, into its padded column phases.
 void QuantisedRows::quantiseColumns(const float* const* channels, std::uint32_t* out) {
     const std::int64_t stride = g_.attributes.strides[1], left = g_.attributes.pads[1];
+    const std::uint32_t padding = padByte_ * 0x01010101u;
     if (stride == 1 && g_.phaseColumns == left + g_.w + g_.attributes.pads[3]) {
         // One phase, which is the padded row itself.
-        std::fill_n(out, left, 0u);
+        std::fill_n(out, left, padding);
         kernels_.quantiseRow(channels, g_.w, q_, out + left);
-        std::fill(out + left + g_.w, out + g_.phaseColumns, 0u);
+        std::fill(out + left + g_.w, out + g_.phaseColumns, padding);
         return;
     }
     kernels_.quantiseRow(channels, g_.w, q_, quads_.get());
@@ -73,14 +75,14 @@ void QuantisedRows::quantiseColumns(const float* const* channels, std::uint32_t*
             std::clamp<std::int64_t>((stride - 1 - shift) / stride, 0, g_.phaseColumns);
         const std::int64_t inside = std::clamp<std::int64_t>(
             (g_.w - shift + stride - 1) / stride - before, 0, g_.phaseColumns - before);
-        out = std::fill_n(out, before, 0u);
+        out = std::fill_n(out, before, padding);
         const std::uint32_t* in = quads_.get() + shift + before * stride;
         if (stride == 2) {  // a loop that becomes shuffles of vectors
             for (std::int64_t i = 0; i < inside; ++i) out[i] = in[2 * i];
         } else {
             for (std::int64_t i = 0; i < inside; ++i) out[i] = in[stride * i];
         }
-        out = std::fill_n(out + inside, g_.phaseColumns - before - inside, 0u);
+        out = std::fill_n(out + inside, g_.phaseColumns - before - inside, padding);
     }
 }
 

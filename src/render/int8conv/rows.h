@@ -14,15 +14,15 @@ namespace zorv {
 /// One thread at a time.
 class QuantisedRows {
   public:
-    /// Has room for what `outputRows` rows of the output read. Throws std::bad_alloc.
+    /// Has room for what `steps` steps read. Throws std::bad_alloc.
     QuantisedRows(const ConvGeometry& geometry, const Int8ConvKernels& kernels, Quantisation q,
-                  std::int64_t outputRows);
+                  std::int64_t steps);
 
     /// Begins anew with the image [c, h, w] `x`.
     void startImage(const float* x);
 
-    /// Makes the rows ready that `count` output rows from `first` on read, `first` being no smaller
-    /// than before. Rows that are there already are kept.
+    /// Makes the rows ready that `count` steps from `first` on read, `first` being no smaller than
+    /// before. Rows that are there already are kept.
     void moveTo(std::int64_t first, std::int64_t count);
 
     const std::uint8_t* data() const { return rows_.get(); }
@@ -34,6 +34,7 @@ class QuantisedRows {
     const ConvGeometry& g_;
     const Int8ConvKernels& kernels_;
     const Quantisation q_;
+    const std::uint8_t padByte_;
     std::unique_ptr<std::uint8_t[]> rows_;
     std::unique_ptr<std::uint32_t[]> quads_;  ///< of one row, before it is spread over its phases
     const float* x_ = nullptr;

@@ -22,9 +22,9 @@ struct Vnni256 : Lanes256 {
     }
     static void dot(Sum& sum, Pixels pixel, __m256i weight) {
 #ifdef __AVXVNNI__
-        sum = _mm256_dpbusd_avx_epi32(sum, pixel, weight);
+        sum = Sum(_mm256_dpbusd_avx_epi32(__m256i(sum), pixel, weight));
 #else
-        sum = _mm256_dpbusd_epi32(sum, pixel, weight);
+        sum = Sum(_mm256_dpbusd_epi32(__m256i(sum), pixel, weight));
 #endif
     }
 };
