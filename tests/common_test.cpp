@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include "common/error.h"
 #include "common/half.h"
 #include "common/key_finder.h"
+#include "common/log.h"
 #include "common/parallel.h"
 #include "paste/rgba.h"
 #include "support/kernels.h"
@@ -180,6 +182,45 @@ TEST(ParallelRange, EveryIndexOnceForSmallCountsOfItemsAndWorkers) {
             for (const int hit : hits) ASSERT_EQ(hit, 1) << "n " << n << " workers " << workers;
         }
     }
+}
+
+TEST(Log, LinesGoWhereTheHostSaysAndAFormerFunctionIsLeftAlone) {
+    struct Host {
+        std::vector<std::string> lines{};
+        std::atomic<int> entered = 0, mayLeave = 0;
+        static void line(void* user, const char* text) {
+            auto& self = *static_cast<Host*>(user);
+            self.lines.emplace_back(text);
+            if (self.lines.back() != "slow") return;
+            self.entered = 1;
+            self.mayLeave.wait(0);
+        }
+    } host;
+    const std::string filler(3000, 'x');
+    setLog(Host::line, &host);
+    logLine("%d of %s", 7, filler.c_str());
+    EXPECT_EQ(host.lines, std::vector{"7 of " + filler});
+
+    std::thread writer([] { logLine("slow"); });
+    std::atomic<bool> restored = false;
+    while (!host.entered) std::this_thread::yield();
+    std::thread setter([&] {
+        setLog(nullptr, nullptr);
+        EXPECT_TRUE(host.mayLeave);
+        restored = true;
+    });
+    testing::internal::CaptureStderr();
+    std::size_t handed = 0;
+    do {
+        handed = host.lines.size();
+        logLine("elsewhere");
+    } while (host.lines.size() > handed);  // until the change is made
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "elsewhere\n");
+    EXPECT_FALSE(restored);
+    host.mayLeave = 1;
+    host.mayLeave.notify_all();
+    setter.join();
+    writer.join();
 }
 
 }  // namespace

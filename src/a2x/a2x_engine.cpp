@@ -1,11 +1,11 @@
 // The state machine: what is buffered, what is due.
 #include <algorithm>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
 #include "a2x/a2x_settings.h"
 #include "a2x/zorv_a2x.h"
+#include "common/log.h"
 
 namespace zorv::a2x {
 namespace {
@@ -62,11 +62,10 @@ void zorv_a2x::primeWithSilence() {
     const auto n = std::min<std::int64_t>(wanted, kWindowFrames);
     try {
         prime_ = computePrime(n);
-        std::fprintf(stderr, "[zorv_a2x] silence-primed AR state cached (%d frames)\n",
-                     static_cast<int>(n));
+        zorv::logLine("[zorv_a2x] silence-primed AR state cached (%d frames)", static_cast<int>(n));
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "[zorv_a2x] silence-prime failed (%s) -- legacy zero state\n",
-                     oneLine(error.what()).c_str());
+        zorv::logLine("[zorv_a2x] silence-prime failed (%s) -- legacy zero state",
+                      oneLine(error.what()).c_str());
     }
 }
 

@@ -1,12 +1,12 @@
 #include "a2x/a2x_placement.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 
 #include "a2x/a2x_settings.h"
+#include "common/log.h"
 
 namespace zorv::a2x {
 namespace {
@@ -35,8 +35,8 @@ void appendCuda(Ort::SessionOptions& options, std::size_t memoryLimit) {
 }
 
 void sayRefused(const char* tag, const std::exception& error) {
-    std::fprintf(stderr, "[zorv_a2x] CUDA EP append failed (%s): %s -- falling back to CPU\n", tag,
-                 oneLine(error.what()).c_str());
+    logLine("[zorv_a2x] CUDA EP append failed (%s): %s -- falling back to CPU", tag,
+            oneLine(error.what()).c_str());
 }
 
 }  // namespace
@@ -58,8 +58,8 @@ bool zorv_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag) {
         sayRefused(tag, error);
         return false;
     }
-    std::fprintf(stderr, "[zorv_a2x] CUDA EP appended (%s, V2: no-max-workspace, mem<=%zuMiB)\n",
-                 tag, limit / kMiB);
+    logLine("[zorv_a2x] CUDA EP appended (%s, V2: no-max-workspace, mem<=%zuMiB)", tag,
+            limit / kMiB);
     return true;
 }
 

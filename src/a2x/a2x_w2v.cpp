@@ -1,7 +1,6 @@
 #include "a2x/a2x_w2v.h"
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -9,6 +8,7 @@
 
 #include "a2x/a2x_placement.h"
 #include "a2x/a2x_settings.h"
+#include "common/log.h"
 
 namespace zorv::a2x {
 namespace {
@@ -58,8 +58,8 @@ void armLocked(const char* trunkPath, const char* headPath, int threads) {
     g_w2vwin_LT = steps;
     g_w2vwin_trunk = std::move(trunk);
     g_w2vwin_head = std::move(head);
-    std::fprintf(stderr, "[zorv_a2x] short-window w2v ARMED (ZORV_A2X_W2V_WIN=1, LT=%s)\n",
-                 steps ? std::to_string(steps).c_str() : "from-first-run");
+    logLine("[zorv_a2x] short-window w2v ARMED (ZORV_A2X_W2V_WIN=1, LT=%s)",
+            steps ? std::to_string(steps).c_str() : "from-first-run");
 }
 
 }  // namespace
@@ -81,18 +81,17 @@ int get_shared_w2v_win(int threads) {
     const char* trunkPath = std::getenv("ZORV_A2X_W2V_WIN_ONNX");
     const char* headPath = std::getenv("ZORV_A2X_W2V_HEAD_ONNX");
     if (!trunkPath || !headPath) {
-        std::fputs(
+        logLine(
             "[zorv_a2x] ZORV_A2X_W2V_WIN=1 but ZORV_A2X_W2V_WIN_ONNX/ZORV_A2X_W2V_HEAD_ONNX unset "
-            "— falling back to the legacy 8s w2v path\n",
-            stderr);
+            "— falling back to the legacy 8s w2v path");
         return 0;
     }
     try {
         armLocked(trunkPath, headPath, threads);
         return 1;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "[zorv_a2x] short-window w2v load FAILED (%s) — legacy 8s path\n",
-                     oneLine(error.what()).c_str());
+        logLine("[zorv_a2x] short-window w2v load FAILED (%s) — legacy 8s path",
+                oneLine(error.what()).c_str());
         return 0;
     }
 }

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/log.h"
+
 namespace zorv::motion {
 
 Dump Dump::fromEnvironment() {
@@ -19,7 +21,7 @@ void Dump::write(const char* name, const float* data, std::size_t count, Mode mo
         file && count > 0 ? std::fwrite(data, sizeof(float), count, file) : 0;
     const bool closed = file && std::fclose(file) == 0;
     if (!closed || written != count) {
-        std::fprintf(stderr, "[zorv_motion] cannot write %s\n", path.c_str());
+        logLine("[zorv_motion] cannot write %s", path.c_str());
     }
 }
 

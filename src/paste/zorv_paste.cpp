@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <stdexcept>
 #include <thread>
 
+#include "common/log.h"
 #include "common/parallel.h"
 #include "telemetry/telemetry.h"
 
@@ -57,7 +57,7 @@ PhaseTable resamplingTable() {
 void warnAboutMetal() {
     const char* text = std::getenv("ZORV_PASTE_METAL");
     if (text && *text && std::strcmp(text, "0") != 0) {
-        std::fputs("[zorv-paste-metal] ZORV_PASTE_METAL ignored (not Apple)\n", stderr);
+        logLine("[zorv-paste-metal] ZORV_PASTE_METAL ignored (not Apple)");
     }
 }
 

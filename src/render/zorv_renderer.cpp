@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/file.h"
+#include "common/log.h"
 #include "common/memory.h"
 #include "common/ort.h"
 #include "render/conv_backend.h"
@@ -45,18 +46,17 @@ bool wantsNativeBackend(std::string& ep, const std::string& modelPath, const std
         const char* backend = std::getenv("ZORV_CONV_BACKEND");
         if (!backend || std::strcmp(backend, "neon") != 0) return false;
         if (!ConvBackend::available()) {
-            std::fputs("[zorv] ZORV_CONV_BACKEND=neon but fp16 NEON unavailable; using ORT\n",
-                       stderr);
+            logLine("[zorv] ZORV_CONV_BACKEND=neon but fp16 NEON unavailable; using ORT");
             return false;
         }
     } else if (ep != "neon") {
         return false;
     }
     if (ConvBackend::graphSupported(modelPath)) return true;
-    std::fprintf(stderr,
-                 "[zorv] NEON backend refused: %s is not the fused m4b graph (golden/unified "
-                 "director?); using ORT\n",
-                 key.c_str());
+    logLine(
+        "[zorv] NEON backend refused: %s is not the fused m4b graph (golden/unified "
+        "director?); using ORT",
+        key.c_str());
     ep.clear();
     return false;
 }
@@ -96,10 +96,10 @@ Ort::Session createRewrittenSession(const Ort::Env& env, const std::string& path
         std::string().swap(bytes);
         return createOperatorSession(env, path, options);
     }
-    std::fprintf(stderr,
-                 "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
-                 "node(s) (%s)\n",
-                 rewritten, key.c_str());
+    logLine(
+        "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
+        "node(s) (%s)",
+        rewritten, key.c_str());
     // A model in memory has no folder of its own in which to look for external tensor files.
     const std::string folder = std::filesystem::path(path).parent_path().string();
     options.AddConfigEntry(kOrtSessionOptionsModelExternalInitializersFileFolderPath,
