@@ -152,7 +152,8 @@ class Agent {
     void push(int samples) {
         const auto level = static_cast<std::int16_t>(among(-20000, 20000));
         pcm_.assign(static_cast<std::size_t>(samples), level);
-        utt_.push(pcm_.data(), pcm_.size());
+        FailureText unspoken;
+        utt_.push(pcm_.data(), pcm_.size(), unspoken);
         books_.push(samples);
         left_ -= samples;
     }

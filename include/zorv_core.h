@@ -62,8 +62,8 @@ ZORV_API int zorv_version(void);
  */
 ZORV_API const char* zorv_kernel_path(const char* kernel);
 
-/** Forms of a finished frame. Hosts that hand frames to a video encoder ask for one of the YUV forms:
- *  limited range, chroma the mean of its 2 x 2 block with edges repeated. Chroma planes have
+/** Forms of a finished frame. Hosts that hand frames to a video encoder ask for one of the YUV
+ * forms: limited range, chroma the mean of its 2 x 2 block with edges repeated. Chroma planes have
  *  (W + 1) / 2 columns and (H + 1) / 2 rows. */
 #define ZORV_PIXELS_RGBA 0 /**< One plane, 4 bytes per pixel: R G B 255. */
 #define ZORV_PIXELS_RGB 1  /**< One plane, 3 bytes per pixel. */
@@ -424,8 +424,8 @@ typedef struct zorv_stream zorv_stream;
 /**
  * Receives one finished frame: W x H x 3 RGB bytes, valid during the call only. Called on the
  * thread that called zorv_stream_run, in order 0, 1, 2, ...; the result is ignored. It may call
- * any function of the library except those on this stream, zorv_stream_cancel apart. An exception thrown from it ends the
- * run; its worker is stopped first.
+ * any function of the library except those on this stream, zorv_stream_cancel apart. An exception
+ * thrown from it ends the run; its worker is stopped first.
  */
 typedef int (*zorv_frame_callback)(void* user, int frame_index, const uint8_t* rgb, int W, int H);
 
@@ -584,15 +584,22 @@ ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direct
  *
  *     zorv_utt* utt = zorv_utt_open(ctx, "motion_dir");
  *     if (!utt) { puts(zorv_utt_last_error()); return 1; }
+ *     zorv_utt_set_idle_ahead(utt, 1);             // settings come first
  *     // whenever speech arrives, on any thread:
- *     zorv_utt_push_audio(utt, pcm, samples);
+ *     uint64_t utterance = zorv_utt_push(utt, pcm, samples);
  *     zorv_utt_end_utterance(utt);                 // after the last piece of an utterance
  *     // 25 times a second, on any thread:
- *     zorv_utt_frame_info info;
- *     if (zorv_utt_pull_frame(utt, rgba, size, &info)) show(rgba);
+ *     zorv_utt_frame frame = {sizeof frame};
+ *     frame.plane[0] = rgba; frame.stride[0] = 4 * zorv_width(ctx);
+ *     frame.sound = sound; frame.sound_capacity = 640;
+ *     if (zorv_utt_pull(utt, &frame) == 1) { show(rgba); play(sound, frame.sound_samples); }
  *     // when the user starts to speak:
  *     zorv_utt_interrupt(utt);
+ *     zorv_utt_event event = {sizeof event};
+ *     while (zorv_utt_next_event(utt, &event) == 1) note(&event);
  *     zorv_utt_destroy(utt);                       // before zorv_destroy(ctx)
+ *
+ * docs/utterance.md holds a whole host.
  *
  * The engine warms up on a thread of its own and shows the bundle's own frames meanwhile; audio
  * pushed before it is ready is spoken once it is. Up to 8 finished frames wait for the host, and
@@ -600,13 +607,23 @@ ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direct
  * runs on by one from frame to frame, round and round, through idling, speech and ramps, except
  * that an interrupt takes back the frames that it drops.
  *
- * Audio between two calls of zorv_utt_end_utterance is one utterance; more may be pushed while
- * an earlier one is spoken. ceil(samples / 640) speech frames belong to an utterance, and a ramp
- * that closes the mouth follows them.
+ * An utterance is what is pushed up to its end: zorv_utt_end_utterance, the silence limit, an
+ * interrupt or a failure. Utterances are numbered 1, 2, 3 ... by their first sample; more may be
+ * pushed while an earlier one is spoken. With S = rate / 25, ceil(samples / S) speech frames belong
+ * to an utterance, and a ramp that closes the mouth follows them. Frame k of an utterance shows its
+ * samples k S to k S + S - 1, and a pull hands them out with it: a host that plays every frame
+ * together with its sound is in sync whatever happens, and keeps no sound of its own.
+ *
+ * Every utterance tells its fate in events: ZORV_UTT_STARTED when its first frame is pulled, and
+ * then, or without it, exactly one of ZORV_UTT_FINISHED, _INTERRUPTED and _FAILED.
  *
  * When something fails while the engine runs (a model, a target frame, the motion source), the
  * utterance ends with a ramp, what was pushed of it is dropped up to its end, idle frames go on
  * and the next utterance is spoken. zorv_utt_failure tells the reason.
+ *
+ * Records whose first member is `struct_size` grow at their end in later versions. The host sets it
+ * to sizeof its record; no byte beyond it is read or written, and a record that is larger than this
+ * version's keeps its rest. A size that is 0 or ends inside a member is refused.
  *
  * While an engine lives, its context is the engine's: the host may ask for sizes, but must not
  * render, paste or ask for target frames on it, and no second engine may use it.
@@ -668,6 +685,83 @@ typedef struct zorv_utt_stats {
     int state;
 } zorv_utt_stats;
 
+/** What a speech frame does that comes late (zorv_utt_set_late). */
+#define ZORV_LATE_WAIT 0 /**< It is shown all the same: no sound is lost. */
+#define ZORV_LATE_SKIP 1 /**< Frames are left out until speech is where the clock is. */
+
+/** Flags of a pulled frame. */
+#define ZORV_FRAME_FIRST 1u   /**< The first speech frame of its utterance that is shown. */
+#define ZORV_FRAME_LAST 2u    /**< The last one, where that is certain when it is pulled. */
+#define ZORV_FRAME_SILENCE 4u /**< Beside LAST: the utterance ended by silence. */
+#define ZORV_FRAME_GAP 8u     /**< Speech frames were left out before it, and their sound. */
+
+/** A frame to be pulled: the host fills in where it goes, the pull says what it is. */
+typedef struct zorv_utt_frame {
+    size_t struct_size; /**< Host: sizeof(zorv_utt_frame). */
+    /** Host: where the planes go. RGBA and RGB: plane 0; NV12: 0 and 1; I420: 0 to 2. */
+    uint8_t* plane[3];
+    int32_t stride[3]; /**< Host: bytes from one row of a plane to the next. */
+    /** Host: where the frame's sound goes, or NULL; a pull without it lets the sound go. */
+    int16_t* sound;
+    int32_t sound_capacity; /**< Host: samples that fit there, at least rate / 25. */
+    /** rate / 25. Of a speech frame what was pushed for it (behind the utterance's end: zeros), of
+     *  idle and ramp frames zeros. */
+    int32_t sound_samples;
+    uint64_t sequence;       /**< As in zorv_utt_frame_info. */
+    int32_t kind;            /**< 0 idle, 1 speech, 2 ramp. */
+    int32_t frame;           /**< Bundle frame that it is drawn on. */
+    int32_t speech_sequence; /**< Number of a shown speech frame within its utterance; else -1. */
+    uint64_t utterance;      /**< Its utterance; of a ramp the one that it closes; 0: none. */
+    /** Of a speech frame: where its sound begins in the utterance, in pushed samples; else -1. */
+    int64_t first_sample;
+    /** In 1/25 s, from 0: counts the frames that were pulled and those that ZORV_LATE_SKIP left
+     *  out. */
+    int64_t pts;
+    uint32_t flags; /**< ZORV_FRAME_ values. */
+} zorv_utt_frame;
+
+/** Types of events. */
+#define ZORV_UTT_STARTED 1     /**< Its first speech frame was pulled. */
+#define ZORV_UTT_FINISHED 2    /**< All of it was shown, but for what was left out. */
+#define ZORV_UTT_INTERRUPTED 3 /**< An interrupt ended it. */
+#define ZORV_UTT_FAILED 4      /**< It was given up, or no frame of it could be shown. */
+
+/** Why an utterance ended. */
+#define ZORV_REASON_END 1       /**< zorv_utt_end_utterance. */
+#define ZORV_REASON_SILENCE 2   /**< The silence limit. */
+#define ZORV_REASON_INTERRUPT 3 /**< zorv_utt_interrupt. */
+#define ZORV_REASON_FAILURE 4   /**< zorv_utt_failure and zorv_utt_ready tell more. */
+
+/** What became of an utterance. */
+typedef struct zorv_utt_event {
+    size_t struct_size; /**< Host: sizeof(zorv_utt_event). */
+    int32_t type;       /**< A ZORV_UTT_ value. */
+    int32_t reason;     /**< A ZORV_REASON_ value; 0 for ZORV_UTT_STARTED. */
+    uint64_t utterance;
+    /** Up to where it was shown: the end of its last pulled frame's sound, at most its length; 0
+     *  when none was pulled. */
+    int64_t samples;
+    int64_t pts;              /**< Of its last pulled speech frame; -1 when there is none. */
+    uint64_t frames_left_out; /**< Its speech frames up to there that were not shown. */
+    uint64_t missed;          /**< Events that were dropped before this one: 1024 are kept. */
+} zorv_utt_event;
+
+/** How far picture lies behind sound, and what it costs. Counted since the engine was created. */
+typedef struct zorv_utt_latency_info {
+    size_t struct_size; /**< Host: sizeof(zorv_utt_latency_info). */
+    /** Samples, at the input's rate, from a speech frame's first one until it can be made; 0 until
+     *  the engine is ready. */
+    int32_t look_ahead_samples;
+    int32_t idle_ahead;              /**< As set. */
+    double render_ms;                /**< Per speech frame, a running average. */
+    uint64_t frames_left_out_late;   /**< Speech frames that ZORV_LATE_SKIP left out. */
+    uint64_t frames_left_out_failed; /**< Speech frames whose render or composite failed. */
+    /** Times that speech was being shown, the next frame's sound was there, the frame was due for
+     *  more than 40 ms, and it was not finished. */
+    uint64_t late_slots;
+    uint64_t sound_bytes; /**< Memory of sound that was pushed and not handed out. */
+} zorv_utt_latency_info;
+
 /**
  * Creates an engine on a context and starts its threads; models load in the background
  * (zorv_utt_ready). The texts of `opts` are copied; the context must outlive the engine.
@@ -683,7 +777,7 @@ ZORV_API zorv_utt* zorv_utt_open(zorv_ctx* ctx, const char* motion_dir);
 
 /** Stops the threads, dropping what is in progress, and frees the engine. It waits for a model that
  *  is loading and for a step of the motion source that is under way. NULL is allowed. Any thread;
- *  no other call on the engine may be running. */
+ *  no other call on the engine may be running but zorv_utt_wait, which is woken and waited for. */
 ZORV_API void zorv_utt_destroy(zorv_utt* utt);
 
 /** 1 when speech can be shown, 0 while models load, -1 for NULL and when the engine cannot speak
@@ -691,9 +785,40 @@ ZORV_API void zorv_utt_destroy(zorv_utt* utt);
 ZORV_API int zorv_utt_ready(zorv_utt* utt);
 
 /**
- * Appends n samples (mono, 16,000 Hz) to the utterance that is being pushed, or starts one; never
- * waits. n = 0 does nothing. Returns 1, or 0 with "zorv_utt_push_audio: bad args" (NULL, n < 0)
- * or an allocation failure, with nothing appended. Any thread.
+ * Settings. Each comes before the first push and the first pull; returns 1, or 0 with a text (NULL,
+ * a value that is out of range, too late) and changes nothing. Any thread.
+ *
+ * set_input       rate of pushed sound in Hz: 8000 to 48000, a multiple of 25; 16000 unless set.
+ *                 The models hear 16,000 Hz through a streaming resampler that starts anew with
+ *                 each utterance; how sound is cut into pushes changes nothing.
+ * set_pixels      form of the frames that are made ahead, a ZORV_PIXELS_ value; RGBA unless set.
+ * set_matrix      matrix of the YUV forms, a ZORV_MATRIX_ value; AUTO unless set.
+ * set_idle_ahead  idle and ramp frames that are made ahead of the host, 1 to 8; 8 unless set. With
+ *                 fewer, speech shows sooner. Waiting idle frames beyond it are taken back; the
+ *                 sequence shows a gap.
+ * set_late        a ZORV_LATE_ value: WAIT (unless set) for a host that plays frames with their
+ *                 sound, SKIP for one whose sound plays from elsewhere.
+ */
+ZORV_API int zorv_utt_set_input(zorv_utt* utt, int rate);
+ZORV_API int zorv_utt_set_pixels(zorv_utt* utt, int pixels);
+ZORV_API int zorv_utt_set_matrix(zorv_utt* utt, int matrix);
+ZORV_API int zorv_utt_set_idle_ahead(zorv_utt* utt, int frames);
+ZORV_API int zorv_utt_set_late(zorv_utt* utt, int policy);
+
+/**
+ * Appends n samples (mono, at the input's rate) to the utterance that is being pushed, or starts
+ * one; never waits for the engine. What a failure or the end of the models' reach has ended is
+ * discarded up to its mark, under its number.
+ * Returns the utterance's number; 0 without a text for n = 0; 0 with a text, and nothing appended,
+ * for NULL, n < 0, an allocation failure, and on an engine that cannot speak (zorv_utt_ready is
+ * -1). Any thread; pushes take turns.
+ */
+ZORV_API uint64_t zorv_utt_push(zorv_utt* utt, const int16_t* pcm, int n);
+
+/**
+ * zorv_utt_push without the number. Returns 1, or 0 with "zorv_utt_push_audio: bad args" (NULL,
+ * n < 0) or an allocation failure, with nothing appended; an engine that cannot speak discards.
+ * Any thread.
  */
 ZORV_API int zorv_utt_push_audio(zorv_utt* utt, const int16_t* pcm, int n);
 
@@ -714,16 +839,56 @@ ZORV_API void zorv_utt_interrupt(zorv_utt* utt);
 ZORV_API int zorv_utt_frames_available(zorv_utt* utt);
 
 /**
- * Takes the oldest finished frame; never waits for one.
+ * Takes the oldest finished frame in the form that was set, and its sound; never waits for one.
+ * Returns 1; 0 without a text when there is none, also when an interrupt came while it was copied;
+ * -1 with a text for NULL, a wrong struct_size, a missing plane, a stride below the bytes of a row,
+ * and sound_capacity below rate / 25: then nothing is taken and nothing written. Any thread; pulls
+ * of both kinds take turns and share frames, events and sound.
+ */
+ZORV_API int zorv_utt_pull(zorv_utt* utt, zorv_utt_frame* frame);
+
+/**
+ * zorv_utt_pull of an RGBA frame without its sound.
  * buf   receives W x H x 4 bytes R G B 255.
  * cap   bytes available at buf.
  * info  receives what is known of the frame; NULL is allowed.
  * Returns 1; 0 without a text when there is none, also when an interrupt came while it was
- * copied; 0 with "zorv_utt_pull_frame: buffer too small" (the frame stays) or
- * "zorv_utt_pull_frame: bad args". Thread-safety: any thread; pulls take turns.
+ * copied; 0 with "zorv_utt_pull_frame: buffer too small" (the frame stays),
+ * "zorv_utt_pull_frame: bad args", or a text when another form than RGBA was set. Thread-safety:
+ * any thread; pulls take turns.
  */
 ZORV_API int zorv_utt_pull_frame(zorv_utt* utt, uint8_t* buf, size_t cap,
                                  zorv_utt_frame_info* info);
+
+/**
+ * Takes the oldest event. Events come in the order of the utterances; a pull, an interrupt or an
+ * end makes them, and the newest 1024 are kept.
+ * Returns 1; 0 without a text when there is none; -1 with a text for NULL or a wrong struct_size.
+ * Any thread.
+ */
+ZORV_API int zorv_utt_next_event(zorv_utt* utt, zorv_utt_event* event);
+
+/**
+ * Waits until something of `mask` can be had: 1 a frame, 2 an event, 3 either. A host that pulls by
+ * its own clock waits for frames only after a pull that found none, and for events always.
+ * timeout_ms  0 asks without waiting; negative waits without a limit.
+ * Returns what of the mask can be had (1, 2 or 3), 0 when the time is over, -1 with a text for NULL
+ * and another mask, when nothing of the mask can come any more (the engine's fatal text, as from
+ * zorv_utt_ready), and when the engine is destroyed meanwhile. Any thread.
+ */
+ZORV_API int zorv_utt_wait(zorv_utt* utt, int mask, int timeout_ms);
+
+/**
+ * A descriptor for poll and its kin, readable exactly while something of `mask` (as above) can be
+ * had. An interrupt between poll and pull may take the frame away.
+ * Returns one descriptor per mask, the same each time, close-on-exec. It is the engine's: it must
+ * not be read, written or closed, and ends with the engine. -1 with a text for NULL, another mask,
+ * and when there is no descriptor left. Any thread.
+ */
+ZORV_API int zorv_utt_fd(zorv_utt* utt, int mask);
+
+/** Fills in `info`. Returns 1, or 0 with a text for NULL or a wrong struct_size. Any thread. */
+ZORV_API int zorv_utt_latency(zorv_utt* utt, zorv_utt_latency_info* info);
 
 /** Copies the statistics. NULL arguments are ignored. Any thread. */
 ZORV_API void zorv_utt_get_stats(zorv_utt* utt, zorv_utt_stats* stats);

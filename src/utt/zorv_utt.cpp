@@ -132,24 +132,54 @@ int zorv_utt::ready(zorv::FailureText& text) {
     return -1;
 }
 
-void zorv_utt::push(const std::int16_t* pcm, std::size_t n) {
-    if (n == 0) return;
+void zorv_utt::setInput(int rate) {
+    if (rate != 16000) throw std::runtime_error("only 16000 Hz for now");
+}
+void zorv_utt::setPixels(int pixels) {
+    if (pixels != ZORV_PIXELS_RGBA) throw std::runtime_error("only RGBA for now");
+}
+void zorv_utt::setMatrix(int matrix) {
+    if (matrix != ZORV_MATRIX_AUTO) throw std::runtime_error("only AUTO for now");
+}
+void zorv_utt::setIdleAhead(int frames) {
+    if (frames != 8) throw std::runtime_error("only 8 for now");
+}
+void zorv_utt::setLate(int policy) {
+    if (policy != ZORV_LATE_WAIT) throw std::runtime_error("only WAIT for now");
+}
+bool zorv_utt::pull(zorv_utt_frame&) {
+    throw std::runtime_error("not there yet");
+}
+bool zorv_utt::nextEvent(zorv_utt_event&) {
+    return false;
+}
+int zorv_utt::wait(int, int, zorv::FailureText&) {
+    throw std::runtime_error("not there yet");
+}
+int zorv_utt::descriptor(int) {
+    throw std::runtime_error("not there yet");
+}
+void zorv_utt::latency(zorv_utt_latency_info&) {}
+
+std::uint64_t zorv_utt::push(const std::int16_t* pcm, std::size_t n, zorv::FailureText&) {
+    if (n == 0) return 0;
     const MutexLock turn(pushMutex_);
     {
         const MutexLock lock(state_.mutex);
-        if (state_.warmth == zorv::Warmth::kFailed) return;
+        if (state_.warmth == zorv::Warmth::kFailed) return 0;
         if (state_.input.fits(n)) {
             state_.input.push(pcm, n, state_.clock.nowMs());
             state_.changed();
-            return;
+            return 0;
         }
     }
     // Pushes take turns: what did not fit does not fit now, either.
     zorv::SpeechInput::Push prepared(pcm, n);
     const MutexLock lock(state_.mutex);
-    if (state_.warmth == zorv::Warmth::kFailed) return;
+    if (state_.warmth == zorv::Warmth::kFailed) return 0;
     state_.input.push(prepared, state_.clock.nowMs());
     state_.changed();
+    return 0;
 }
 
 void zorv_utt::endUtterance() {

@@ -38,13 +38,30 @@ struct zorv_utt {
 
     /// 1, 0 or -1; `text` receives the reason for -1.
     int ready(zorv::FailureText& text);
-    void push(const std::int16_t* pcm, std::size_t n);
+    // Settings; each throws when it is out of range or comes too late.
+    void setInput(int rate);
+    void setPixels(int pixels);
+    void setMatrix(int matrix);
+    void setIdleAhead(int frames);
+    void setLate(int policy);
+
+    /// The utterance's number; 0 for n = 0 and, with the reason in `fatal`, when the engine cannot
+    /// speak.
+    std::uint64_t push(const std::int16_t* pcm, std::size_t n, zorv::FailureText& fatal);
     void endUtterance();
     void interrupt();
     int available();
 
     enum class Pull { kDone, kNothing, kTooSmall };
     Pull pull(std::uint8_t* buffer, std::size_t capacity, zorv_utt_frame_info* info);
+
+    /// True with the oldest frame; false when there is none. Throws when `frame` cannot take it.
+    bool pull(zorv_utt_frame& frame);
+    bool nextEvent(zorv_utt_event& event);
+    /// See zorv_utt_wait; -1 with the reason in `fatal`.
+    int wait(int mask, int timeoutMs, zorv::FailureText& fatal);
+    int descriptor(int mask);
+    void latency(zorv_utt_latency_info& info);
 
     zorv_utt_stats stats();
     std::uint64_t failure(char* text, std::size_t capacity);
