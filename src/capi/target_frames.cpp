@@ -1,9 +1,53 @@
 #include "capi/target_frames.h"
 
 #include <algorithm>
+#include <array>
+#include <compare>
+#include <cstdio>
 #include <cstring>
+#include <stdexcept>
+
+#include "common/shared_registry.h"
 
 namespace zorv {
+namespace {
+
+/// Equal for contexts that decode the same pixels and place them alike.
+struct BundleIdentity {
+    std::array<int, 4> sizes;  ///< W, H, NT, crop
+    std::vector<FileIdentity> files;
+    auto operator<=>(const BundleIdentity&) const = default;
+};
+
+BundleIdentity identityOf(const Manifest& manifest) {
+    BundleIdentity identity{{manifest.W, manifest.H, manifest.NT, manifest.crop}, {}};
+    identity.files.reserve(toCount(manifest.NT) + 3);
+    for (const char* name : {"/manifest.json", "/M.f32", "/mask_512.u8"}) {
+        identity.files.push_back(fileIdentity(manifest.dir + name));
+    }
+    for (int i = 0; i < manifest.NT; ++i) {
+        identity.files.push_back(fileIdentity(targetPath(manifest, i)));
+    }
+    return identity;
+}
+
+}  // namespace
+
+std::string targetPath(const Manifest& manifest, int i) {
+    char path[1024];
+    // A longer path is cut, and then fails to decode.
+    if (std::snprintf(path, sizeof path, "%s/target_frames/frame_%06d.jpg", manifest.dir.c_str(),
+                      i) < 0) {
+        throw std::runtime_error("decode failed: " + manifest.dir);
+    }
+    return path;
+}
+
+std::shared_ptr<TargetFrames> TargetFrames::of(const Manifest& manifest) {
+    static SharedRegistry<BundleIdentity, TargetFrames> registry;
+    return registry.get(identityOf(manifest),
+                        [&] { return std::make_shared<TargetFrames>(manifest); });
+}
 
 TargetFrames::TargetFrames(const Manifest& manifest)
     : width_(manifest.W),

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "bundle/zorv_bundle.h"
@@ -14,6 +16,9 @@
 #include "paste/frame_writer.h"
 
 namespace zorv {
+
+/// Where the file of target frame i is.
+std::string targetPath(const Manifest& manifest, int i);
 
 /// Each part of a frame is made when it is first asked for, once, and then never changes: any
 /// thread may ask, and waits only while another makes the very part. What a maker throws reaches
@@ -57,6 +62,10 @@ class TargetFrames {
         });
         return &frame.placement;
     }
+
+    /// Those of `manifest`'s bundle, which all contexts share that have it open and found every
+    /// file in the same state that the frames and placements come from.
+    static std::shared_ptr<TargetFrames> of(const Manifest& manifest);
 
   private:
     /// Some 180 KiB for each frame of an ordinary bundle.

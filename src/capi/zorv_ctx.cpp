@@ -1,6 +1,5 @@
 #include "capi/zorv_ctx.h"
 
-#include <cstdio>
 #include <stdexcept>
 
 #include "capi/zorv_image.h"
@@ -23,19 +22,14 @@ std::vector<std::uint8_t> readMask(const zorv::Manifest& manifest) {
 
 /// W x H x 3 bytes RGB.
 std::vector<std::uint8_t> decodeTarget(const zorv::Manifest& manifest, int i) {
-    char path[1024];
-    // A longer path is cut, and then fails to decode.
-    if (std::snprintf(path, sizeof path, "%s/target_frames/frame_%06d.jpg", manifest.dir.c_str(),
-                      i) < 0) {
-        throw std::runtime_error("decode failed: " + manifest.dir);
-    }
+    const std::string path = zorv::targetPath(manifest, i);
     const auto mostPixels = zorv::checkedProduct(static_cast<std::size_t>(manifest.W),
                                                  static_cast<std::size_t>(manifest.H));
     int width = 0;
     int height = 0;
     std::vector<std::uint8_t> pixels = zorv::loadImageRGB(path, width, height, mostPixels);
     if (width != manifest.W || height != manifest.H) {
-        throw std::runtime_error(std::string("target size mismatch ") + path);
+        throw std::runtime_error("target size mismatch " + path);
     }
     return pixels;
 }
@@ -51,7 +45,7 @@ zorv_ctx::zorv_ctx(const std::string& bundleDir, const std::string& modelKey, in
       ep(provider),
       renderer(std::make_unique<zorv::Renderer>(manifest, identity, modelKey, threads, ep)),
       paste(std::make_unique<zorv::Paste>(readMask(manifest), manifest.crop, manifest.unsharp)),
-      targets(std::make_shared<zorv::TargetFrames>(manifest)),
+      targets(zorv::TargetFrames::of(manifest)),
       frameBuf(frameBytes(zorv::PixelForm::kRgb)) {}
 
 std::size_t zorv_ctx::frameBytes(zorv::PixelForm form) const {

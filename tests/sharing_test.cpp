@@ -1,0 +1,146 @@
+// What contexts of one process share: the same bundle's frames are decoded once, whichever thread
+// asks, a bundle that changes on disk is another one, and the last context frees what was shared.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "capi/zorv_ctx.h"
+#include "common/once.h"
+#include "common/shared_registry.h"
+#include "support/failure.h"
+#include "support/kernels.h"
+#include "support/test_bundle.h"
+
+namespace zorv {
+namespace {
+
+constexpr int kThreads = 8;
+
+void onThreads(const std::function<void(int)>& work) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
+    for (std::thread& thread : threads) thread.join();
+}
+
+TEST(SharedOnce, WorkIsDoneOnceAndAgainAfterAFailure) {
+    OnceGroup group;
+    OnceGroup::Flag flag, other;
+    int attempts = 0, value = 0;
+    std::barrier start(kThreads);
+    onThreads([&](int) {
+        start.arrive_and_wait();
+        const auto work = [&] {
+            group.call(other, [] {});  // another piece is not held up
+            if (++attempts < 3) throw std::runtime_error("not yet");
+            value = 7;
+        };
+        while (test::failure([&] { group.call(flag, work); }) != "no failure") {
+        }
+        EXPECT_EQ(value, 7);
+    });
+    EXPECT_EQ(attempts, 3);
+    EXPECT_TRUE(flag.done() && other.done());
+}
+
+TEST(SharedRegistry, OneValuePerKeyForAsLongAsSomebodyOwnsIt) {
+    SharedRegistry<int, std::string> registry;
+    std::atomic<int> made{0};
+    const auto make = [&] {
+        if (++made == 1) throw std::runtime_error("no memory");
+        return std::make_shared<std::string>("value");
+    };
+    EXPECT_EQ(test::failure([&] { registry.get(1, make); }), "no memory");
+    std::barrier together(kThreads);
+    onThreads([&](int i) {
+        for (int round = 0; round < 50; ++round) {
+            const auto value = registry.get(i % 2, make);
+            together.arrive_and_wait();
+            EXPECT_EQ(registry.get(i % 2, make), value);
+            together.arrive_and_wait();
+        }
+    });
+    EXPECT_LE(made, 1 + 2 * 50);
+    const std::weak_ptr<std::string> freed = registry.get(5, make);
+    EXPECT_TRUE(freed.expired());
+}
+
+class SharedFrames : public testing::Test {
+  protected:
+    SharedFrames() { bundle.useModel("render", "render"); }
+    std::unique_ptr<zorv_ctx> open() const {
+        return std::make_unique<zorv_ctx>(bundle.dir(), "render", 1, "");
+    }
+    /// Frame i in one form or the other, with and without a face.
+    std::vector<std::uint8_t> frame(zorv_ctx& ctx, int i, int kind) const {
+        const PixelForm form = kind % 2 ? PixelForm::kI420 : PixelForm::kRgba;
+        std::vector<std::uint8_t> bytes(ctx.frameBytes(form));
+        ctx.compose(i, kind / 2 ? face.data() : nullptr, form, YuvMatrix::kBt709,
+                    ctx.packed(form, bytes.data()));
+        return bytes;
+    }
+    /// By another file, so that the outcome does not hang on the clock of the file system.
+    void replace(const std::string& name, const std::string& content) const {
+        test::writeFile(bundle.path("new"), content);
+        std::filesystem::rename(bundle.path("new"), bundle.path(name));
+    }
+
+    test::TestBundle bundle;
+    const std::vector<float> face =
+        std::vector<float>(3 * test::kTestCrop * test::kTestCrop, 0.75f);
+};
+
+TEST_F(SharedFrames, ABundleThatChangesOnDiskIsAnotherOne) {
+    auto first = open(), second = open();
+    EXPECT_EQ(first->target(0), second->target(0));
+    const auto before = frame(*first, 0, 3);
+    for (const char* name : {"target_frames/frame_000000.jpg", "mask_512.u8", "M.f32"}) {
+        replace(name, test::readFile(bundle.path(name)));
+        const auto third = open();
+        EXPECT_NE(third->targets, first->targets) << name;
+        EXPECT_EQ(third->targets, open()->targets) << name;
+    }
+    replace("target_frames/frame_000000.jpg",
+            test::readFile(bundle.path("target_frames/frame_000001.jpg")));
+    EXPECT_NE(frame(*open(), 0, 3), before);
+    EXPECT_EQ(frame(*second, 0, 3), before);
+
+    const std::weak_ptr<TargetFrames> shared = first->targets;
+    first.reset();
+    EXPECT_FALSE(shared.expired());
+    second.reset();
+    EXPECT_TRUE(shared.expired());
+}
+
+TEST_F(SharedFrames, ContextsComeAndGoOnEightThreads) {
+    std::vector<std::vector<std::uint8_t>> expected;
+    const int frames = bundle.options().nt;
+    {
+        const auto ctx = open();
+        for (int i = 0; i < 4 * frames; ++i)
+            expected.push_back(frame(*ctx, i % frames, i / frames));
+    }
+    std::barrier start(kThreads);
+    onThreads([&](int thread) {
+        for (int round = 0; round < 4; ++round) {
+            start.arrive_and_wait();  // all at once, after the last one of the round before is gone
+            const auto ctx = open();
+            for (int i = 0; i < 4 * frames; ++i) {
+                const int at = (i + thread) % (4 * frames);
+                EXPECT_TRUE(test::same(frame(*ctx, at % frames, at / frames),
+                                       expected[static_cast<std::size_t>(at)]))
+                    << "frame " << at % frames << " kind " << at / frames;
+            }
+        }
+    });
+}
+
+}  // namespace
+}  // namespace zorv
