@@ -21,6 +21,7 @@ endfunction()
 
 set(ZORV_LICENCES_library)
 set(ZORV_LICENCES_tools)
+set(ZORV_LICENCES_wheel)
 set(ZORV_LICENCES_MISSING)
 
 get_filename_component(ort_root ${OnnxRuntime_LIBRARY} DIRECTORY)
@@ -34,6 +35,9 @@ if(ZORV_COPIES_RUNTIME)
 endif()
 zorv_find_licence(stb "library;tools"
     /usr/share/doc/libstb-dev/copyright /usr/share/licenses/stb/LICENSE ${STB_INCLUDE_DIR}/LICENSE)
+# Python's wheel contains a copy of its own; everywhere else it is the system's.
+zorv_find_licence(speexdsp wheel
+    /usr/share/doc/libspeexdsp-dev/copyright /usr/share/licenses/speexdsp/COPYING)
 if(TARGET zorv)
     zorv_find_licence(cli11 tools
         /usr/share/doc/libcli11-dev/copyright /usr/share/licenses/cli11/LICENSE)

@@ -5,6 +5,8 @@
 #   scripts/setup.sh --dev      also what the full test run needs (clang, doxygen, valgrind, qemu ...)
 #   scripts/setup.sh --package  also what scripts/package.sh needs (Debian's packaging tools, the
 #                               licence texts of a fetched runtime)
+#   scripts/setup.sh --wheel    also what scripts/wheel.sh needs (Python's packaging tools, patchelf,
+#                               the licence texts)
 #   scripts/setup.sh --print    only print the ONNX Runtime root, no installing
 #
 # ONNXRUNTIME_ROOT=DIR (with include/ and lib/) replaces the fetched one; so does an
@@ -24,8 +26,10 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
+PYTHON_PACKAGES=(python3-av mypy)
 DEV_PACKAGES=(clang clang-format clang-tidy cppcheck valgrind qemu-user llvm git doxygen dpkg-dev)
 
+WHEEL_PACKAGES=(python3-build python3-setuptools python3-wheel python3-venv patchelf)
 PACKAGE_PACKAGES=(dpkg-dev fakeroot lintian xz-utils)
 
 say() { printf '[setup] %s\n' "$*" >&2; }
@@ -64,7 +68,7 @@ install_packages() {
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
   CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
-  FFmpeg's development libraries, python3 with onnx, numpy and Pillow, and espeak-ng; unpack an
+  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV and mypy, and espeak-ng; unpack an
   official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
 }
@@ -163,14 +167,15 @@ root=$(find_onnxruntime) || exit 1
 if [ "${1:-}" != --print ]; then
     if [ "${ZORV_SKIP_PACKAGES:-0}" != 1 ]; then
         is_debian || explain_manual_setup
-        install_packages "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}"
+        install_packages "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${PYTHON_PACKAGES[@]}"
         if [ "${1:-}" = --dev ]; then
-            install_packages "${DEV_PACKAGES[@]}"
+            install_packages "${DEV_PACKAGES[@]}" "${WHEEL_PACKAGES[@]}"
             install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
         fi
         if [ "${1:-}" = --package ]; then install_packages "${PACKAGE_PACKAGES[@]}"; fi
+        if [ "${1:-}" = --wheel ]; then install_packages "${WHEEL_PACKAGES[@]}"; fi
     fi
     [ "$root" != "$ORT_DIR" ] || fetch_onnxruntime
-    if [ "$root" = "$ORT_DIR" ] && [ "${1:-}" = --package ]; then fetch_licences; fi
+    if [ "$root" = "$ORT_DIR" ] && [[ ${1:-} =~ ^--(package|wheel)$ ]]; then fetch_licences; fi
 fi
 echo "$root"

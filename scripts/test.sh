@@ -4,8 +4,8 @@
 #   scripts/test.sh          the release build and every test
 #   scripts/test.sh --all    before that: scripts/lint.sh, the header's reference, the tests under
 #                            ASan+UBSan, the threaded ones under TSan, and a minute of fuzzing per
-#                            target; after it the tests with the portable paths and the count of code
-#                            lines (what CI runs)
+#                            target; after it the Python package as it is installed, the tests with the
+#                            portable paths and the count of code lines (what CI runs)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -81,6 +81,9 @@ build release
 say 'tests'
 ctest --preset release -j 2
 if [ "$ALL" = 1 ]; then
+    say 'the Python package in environments of its own'
+    scripts/wheel.sh
+    python3 bindings/python/tests/wheel_test.py . build/demo
     say 'tests with the portable paths'
     ZORV_SIMD=portable ctest --preset release -j 2 -LE slow -E '^(smoke|install|demo|library|header)'
     say 'share of tests'
