@@ -43,6 +43,7 @@ class Lent final : public MotionSource {
     void setEager(int value) override { source_.setEager(value); }
     void push(const float* samples, int n) override { source_.push(samples, n); }
     void finish() override { source_.finish(); }
+    int lookAhead() override { return source_.lookAhead(); }
     int avail() override { return source_.avail(); }
     int pull(int* index, float* source, float* driving, int max) override {
         return source_.pull(index, source, driving, max);

@@ -6,13 +6,16 @@
 #include <memory>
 
 #include "common/mutex.h"
+#include "paste/frame_view.h"
 #include "render/zorv_renderer.h"
 #include "telemetry/telemetry.h"
 #include "utt/clock.h"
 #include "utt/failure_text.h"
 #include "utt/frame_ring.h"
+#include "utt/late_slots.h"
 #include "utt/motion_source.h"
-#include "utt/speech_input.h"
+#include "utt/utterance_book.h"
+#include "utt/wake_up.h"
 #include "zorv_core.h"
 
 namespace zorv {
@@ -27,6 +30,15 @@ enum class UttState : int {
 /// How far the warm-up thread has come.
 enum class Warmth { kWarming, kReady, kFailed };
 
+/// What a host may ask for before it pushes and pulls.
+struct UttSettings {
+    int rate = 16000;  ///< of pushed sound, in Hz
+    PixelForm form = PixelForm::kRgba;
+    int matrix = ZORV_MATRIX_AUTO;
+    int idleAhead = static_cast<int>(FrameRing::kSlots);  ///< idle and ramp frames made ahead
+    bool skipsLate = false;
+};
+
 /// Every member is guarded by `mutex` but the generation, which is written with it held and read
 /// anywhere. Whoever changes something that another thread may wait for calls changed().
 struct EngineState {
@@ -37,6 +49,28 @@ struct EngineState {
         ++changes;
         restsUntilMs = -Clock::kNever;
         wake.notifyAll();
+        tellHost();
+    }
+    /// Part of it: for the run loop, which need not wake itself.
+    void tellHost() ZORV_REQUIRES(mutex) {
+        wakeUp.set(ready());
+        if (hostWaits > 0) hostWake.notifyAll();
+    }
+
+    /// What the host can have: bits of a mask.
+    int ready() const ZORV_REQUIRES(mutex) {
+        return (ring.size() > 0 ? kFrameReady : 0) | (book.events.empty() ? 0 : kEventReady);
+    }
+    /// What it may have some time.
+    int possible() const ZORV_REQUIRES(mutex) {
+        const bool frames = !blind || composing > 0;
+        const bool events = warmth != Warmth::kFailed || !book.empty();
+        return (frames ? kFrameReady : 0) | (events ? kEventReady : 0) | ready();
+    }
+
+    /// Counts the slots that have become late. Called before anything changes that decides.
+    void passSlots() ZORV_REQUIRES(mutex) {
+        late.pass(clock.nowMs(), ring.size() > 0, book.hasNextFrame(spokenTo, lookAhead));
     }
 
     void announce() ZORV_EXCLUDES(mutex) {
@@ -47,6 +81,8 @@ struct EngineState {
     /// Frames that the host has not got yet: in the ring, queued for compositing, or in the
     /// compositing thread's hands.
     int waiting() const ZORV_REQUIRES(mutex) { return ring.size() + composing; }
+    /// Those that are not speech.
+    int waitingOthers() const ZORV_REQUIRES(mutex) { return ring.others() + composingOthers; }
 
     /// Something went wrong that the host should be able to read. Who has counted it already says
     /// so: a failure counts once.
@@ -92,9 +128,25 @@ struct EngineState {
     bool stopping ZORV_GUARDED_BY(mutex) = false;
     std::atomic<std::uint64_t> generation{0};  ///< counts interrupts
 
-    SpeechInput input ZORV_GUARDED_BY(mutex);
+    UttSettings settings ZORV_GUARDED_BY(mutex);
+    bool settled ZORV_GUARDED_BY(mutex) = false;  ///< a push or pull has come: no setting any more
+
+    UtteranceBook book ZORV_GUARDED_BY(mutex);
     FrameRing ring ZORV_GUARDED_BY(mutex);
     int composing ZORV_GUARDED_BY(mutex) = 0;
+    int composingOthers ZORV_GUARDED_BY(mutex) = 0;
+
+    WakeUp wakeUp ZORV_GUARDED_BY(mutex);
+    CondVar hostWake;  ///< for host threads in wait(), and for the one that waits for them to leave
+    int hostWaits ZORV_GUARDED_BY(mutex) = 0;
+
+    LateSlots late ZORV_GUARDED_BY(mutex);
+    std::uint64_t spokenTo ZORV_GUARDED_BY(mutex) =
+        0;                                     ///< utterance of the last speech frame pulled
+    int lookAhead ZORV_GUARDED_BY(mutex) = 0;  ///< of the motion source, in samples as pushed
+    std::int64_t framesPulled ZORV_GUARDED_BY(mutex) = 0;
+    std::uint64_t leftOutLate ZORV_GUARDED_BY(mutex) = 0;
+    std::uint64_t leftOutFailed ZORV_GUARDED_BY(mutex) = 0;
 
     Warmth warmth ZORV_GUARDED_BY(mutex) = Warmth::kWarming;
     FailureText fatalText ZORV_GUARDED_BY(mutex);  ///< why warmth is kFailed

@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "capi/frame_arguments.h"
 #include "telemetry/telemetry.h"
 
 namespace zorv {
@@ -32,9 +33,19 @@ void FrameCompositor::enqueue(const float* crop, FrameJob&& job) {
     }
     {
         const MutexLock lock(state_.mutex);
-        ++state_.composing;
+        begin(job);
     }
     process(crop, job);
+}
+
+/// From here on the frame waits, until it is published or dropped.
+void FrameCompositor::begin(const FrameJob& job) {
+    ++state_.composing;
+    if (job.info.kind != FrameKind::kSpeech) {
+        ++state_.composingOthers;
+    } else {
+        state_.book.frameMade(job.info.utterance, job.info.number);
+    }
 }
 
 void FrameCompositor::enqueuePipe(const float* crop, FrameJob&& job) {
@@ -52,10 +63,10 @@ void FrameCompositor::enqueuePipe(const float* crop, FrameJob&& job) {
     }
     const MutexLock engine(state_.mutex);
     if (state_.stopping || !current(job)) return;
-    queued.job = std::move(job);
     const MutexLock lock(queueMutex_);
+    queued.job = std::move(job);
     queue_.push_back(std::move(queued));
-    ++state_.composing;
+    begin(queue_.back().job);
     queueWake_.notifyAll();
 }
 
@@ -89,6 +100,7 @@ void FrameCompositor::dropQueued(EngineState& state) {
     const MutexLock lock(queueMutex_);
     state.composing -= static_cast<int>(queue_.size());
     for (QueuedJob& queued : queue_) {
+        state.composingOthers -= queued.job.info.kind != FrameKind::kSpeech;
         if (queued.hasCrop && spareCrops_.size() < FrameRing::kSlots) {
             spareCrops_.push_back(std::move(queued.crop));
         }
@@ -112,21 +124,35 @@ void FrameCompositor::process(const float* crop, FrameJob& job) noexcept {
             failure.set(error.what());
         }
     }
+    UtteranceBook::Freed freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
+    const bool speech = job.info.kind == FrameKind::kSpeech;
+    const std::uint64_t utterance = job.info.utterance;
     --state_.composing;
+    if (!speech) --state_.composingOthers;
     if (!failure.empty()) noteFailure(job, failure.get(), memoryOut);
-    publish(job, composed);
+    composed = composed && !state_.stopping && current(job);
+    if (composed) {
+        publish(job);
+    } else if (speech) {
+        state_.book.frameDropped(utterance, freed);
+    }
     state_.changed();
 }
 
 void FrameCompositor::compose(const float* crop, int index) {
-    constexpr PixelForm kForm = PixelForm::kRgba;
-    rgba_.resize(ctx_.frameBytes(kForm));
-    ctx_.compose(index, crop, kForm, matrixFor(ctx_.manifest.H), ctx_.packed(kForm, rgba_.data()));
+    UttSettings settings;
+    {
+        const MutexLock lock(state_.mutex);
+        settings = state_.settings;
+    }
+    pixels_.resize(ctx_.frameBytes(settings.form));
+    ctx_.compose(index, crop, settings.form, resolvedMatrix(settings.matrix, ctx_.manifest.H),
+                 ctx_.packed(settings.form, pixels_.data()));
 }
 
-void FrameCompositor::publish(FrameJob& job, bool composed) {
-    if (!composed || state_.stopping || !current(job)) return;
+void FrameCompositor::publish(FrameJob& job) {
+    state_.passSlots();
     if (job.info.kind == FrameKind::kIdle) undecodable_.assign(undecodable_.size(), false);
     if (job.info.kind == FrameKind::kSpeech && job.info.speechSequence == 0) {
         const double latencyMs = state_.clock.nowMs() - job.utteranceStartMs;
@@ -135,13 +161,16 @@ void FrameCompositor::publish(FrameJob& job, bool composed) {
         telemetry::count({"zorv.utterance.started", "{utterance}"});
         telemetry::duration({"zorv.utterance.first_frame.duration", "s"}, latencyMs / 1000);
     }
-    state_.ring.put(rgba_, std::move(job.info));
+    state_.ring.put(pixels_, std::move(job.info));
 }
 
 void FrameCompositor::noteFailure(const FrameJob& job, const char* text, bool memoryOut) {
     if (!current(job)) return;
     state_.noteFailure(text);
-    if (job.info.kind == FrameKind::kSpeech) state_.brokenUtterance = job.utterance;
+    if (job.info.kind == FrameKind::kSpeech) {
+        state_.brokenUtterance = job.info.utterance;
+        ++state_.leftOutFailed;
+    }
     if (job.info.kind != FrameKind::kIdle) return;
     if (memoryOut) {  // it says nothing about the frame
         state_.idleAgainMs = state_.clock.nowMs() + kRetryMs;

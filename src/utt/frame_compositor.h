@@ -16,7 +16,6 @@ namespace zorv {
 struct FrameJob {
     FrameInfo info;
     std::uint64_t generation = 0;  ///< of interrupts, when work on the frame began
-    std::uint64_t utterance = 0;   ///< for speech frames
     double utteranceStartMs = 0;   ///< for speech frames
 };
 
@@ -48,8 +47,9 @@ class FrameCompositor {
     void enqueuePipe(const float* crop, FrameJob&& job);
     void process(const float* crop, FrameJob& job) noexcept;
     bool current(const FrameJob& job) const { return state_.generation == job.generation; }
+    void begin(const FrameJob& job) ZORV_REQUIRES(state_.mutex);
     void compose(const float* crop, int index);
-    void publish(FrameJob& job, bool composed) ZORV_REQUIRES(state_.mutex);
+    void publish(FrameJob& job) ZORV_REQUIRES(state_.mutex);
     void noteFailure(const FrameJob& job, const char* text, bool memoryOut)
         ZORV_REQUIRES(state_.mutex);
 
@@ -59,7 +59,7 @@ class FrameCompositor {
     const std::size_t cropFloats_;  ///< 3 x crop x crop
 
     // Of the thread that composites.
-    Pixels rgba_;  ///< the finished frame, swapped into the ring
+    Pixels pixels_;  ///< the finished frame, swapped into the ring
 
     /// Of each bundle frame: shown as an idle frame it has failed, since one was last shown.
     std::vector<bool> undecodable_ ZORV_GUARDED_BY(state_.mutex);

@@ -7,11 +7,20 @@
 #include "telemetry/telemetry.h"
 
 namespace zorv {
-namespace {
+int lookAheadSamples(int speechSamples, int rate, int resamplerLookAhead) {
+    const std::int64_t scaled =
+        (std::int64_t{speechSamples} * rate + kSpeechRate - 1) / kSpeechRate;
+    return static_cast<int>(scaled) + resamplerLookAhead;
+}
 
-constexpr float kSampleScale = 3.0517578e-5f;  // 1 / 32768
-
-}  // namespace
+/// The request's sound as the models hear it, with the rest of the utterance at its end.
+void MotionExchange::hear(const MotionRequest& request) {
+    heard_.clear();
+    if (!resampler_) resampler_ = std::make_unique<SpeechResampler>(request.rate);
+    if (request.reset) resampler_->reset();
+    resampler_->push(request.samples.data(), request.samples.size(), heard_);
+    if (request.finish) resampler_->finish(heard_);
+}
 
 /// Takes the steps in order; false as soon as one has left an error text.
 bool MotionExchange::steps(const MotionRequest& request, MotionResult& result) {
@@ -25,11 +34,8 @@ bool MotionExchange::steps(const MotionRequest& request, MotionResult& result) {
         source.reset(request.startFrame, 1, 1);  // forward, round and round
         if (!good()) return false;
     }
-    if (!request.samples.empty()) {
-        heard_.resize(request.samples.size());
-        std::transform(
-            request.samples.begin(), request.samples.end(), heard_.begin(),
-            [](std::int16_t sample) { return static_cast<float>(sample) * kSampleScale; });
+    hear(request);
+    if (!heard_.empty()) {
         source.push(heard_.data(), static_cast<int>(heard_.size()));
         if (!good()) return false;
     }
@@ -47,6 +53,7 @@ bool MotionExchange::steps(const MotionRequest& request, MotionResult& result) {
         if (!good()) return false;
     }
     result.left = result.available - result.frames.count;
+    result.lookAhead = lookAheadSamples(source.lookAhead(), request.rate, resampler_->lookAhead());
     return true;
 }
 
@@ -58,6 +65,7 @@ void MotionExchange::perform(const MotionRequest& request, MotionResult& result)
     result.frames.count = 0;
     result.available = 0;
     result.left = 0;
+    result.lookAhead = 0;
     result.counted = false;
     result.error.clear();
     try {

@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
+#include "audio/speech_resampler.h"
 #include "common/mutex.h"
 #include "utt/failure_text.h"
 #include "utt/motion_source.h"
@@ -18,6 +20,7 @@ struct MotionRequest {
     std::uint64_t utterance = 0;   ///< the utterance: a result that is out of date is thrown away
     bool reset = false;
     int startFrame = 0;
+    int rate = 16000;  ///< of the samples, in Hz
     std::vector<std::int16_t> samples;
     bool finish = false;
     bool drains = false;  ///< sent after the request that carried `finish`
@@ -31,10 +34,14 @@ struct MotionResult {
     MotionFrames frames;
     int available = 0;  ///< frames that the source had ready
     int left = 0;       ///< of those, not taken
+    int lookAhead = 0;  ///< samples, at the request's rate, that a frame waits for
     bool failed = false;
     bool counted = false;  ///< the failure is one of the source's, which counted it
     FailureText error;
 };
+
+/// What a source's look-ahead, in samples of 16,000 Hz, is in those that were pushed.
+int lookAheadSamples(int speechSamples, int rate, int resamplerLookAhead);
 
 /// Performs exchanges with a source, one after the other.
 class MotionExchange {
@@ -45,7 +52,10 @@ class MotionExchange {
   private:
     bool steps(const MotionRequest& request, MotionResult& result);
 
-    std::vector<float> heard_;  ///< the request's samples as the source takes them
+    void hear(const MotionRequest& request);
+
+    std::unique_ptr<SpeechResampler> resampler_;  ///< made for the first request
+    std::vector<float> heard_;                    ///< what the source hears of a request
 };
 
 /// Hands one request at a time to a thread of its own, so that models which need longer than a

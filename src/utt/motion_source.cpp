@@ -17,6 +17,7 @@ struct MotionApi {
     static constexpr auto setEager = zorv_motion_set_eager;
     static constexpr auto push = zorv_motion_push;
     static constexpr auto finish = zorv_motion_finish;
+    static constexpr auto lookAhead = zorv_motion_look_ahead;
     static constexpr auto avail = zorv_motion_avail;
     static constexpr auto pull = zorv_motion_pull;
     static constexpr auto lastError = zorv_motion_last_error;
@@ -31,6 +32,7 @@ struct ExpressionApi {
     static constexpr auto setEager = zorv_a2x_set_eager;
     static constexpr auto push = zorv_a2x_push;
     static constexpr auto finish = zorv_a2x_finish;
+    static constexpr auto lookAhead = zorv_a2x_look_ahead;
     static constexpr auto avail = zorv_a2x_avail;
     static constexpr auto pull = zorv_a2x_pull;
     static constexpr auto lastError = zorv_a2x_last_error;
@@ -53,6 +55,7 @@ class EngineSource final : public MotionSource {
     void setEager(int value) override { Api::setEager(engine_.get(), value); }
     void push(const float* samples, int n) override { Api::push(engine_.get(), samples, n); }
     void finish() override { Api::finish(engine_.get()); }
+    int lookAhead() override { return Api::lookAhead(engine_.get()); }
     int avail() override { return Api::avail(engine_.get()); }
     int pull(int* index, float* source, float* driving, int max) override {
         return Api::pull(engine_.get(), index, source, driving, max);

@@ -31,6 +31,8 @@ class MotionSource {
     virtual void setEager(int value) = 0;
     virtual void push(const float* samples, int n) = 0;
     virtual void finish() = 0;
+    /// Samples from a frame's own first one until it can be pulled.
+    virtual int lookAhead() = 0;
     virtual int avail() = 0;
     virtual int pull(int* index, float* source, float* driving, int max) = 0;
 

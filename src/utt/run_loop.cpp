@@ -7,10 +7,6 @@
 namespace zorv {
 namespace {
 
-/// Audio goes to the source in pieces of a second: a long push does not hold up the first frames,
-/// and the source is soon free again after an interrupt.
-constexpr std::size_t kSamplesPerRequest = 16000;
-
 /// Without a speech frame for so long, an utterance in progress shows rest meanwhile.
 constexpr double kStallMs = 600;
 
@@ -52,7 +48,6 @@ void RunLoop::run() {
 
 void RunLoop::look() {
     const MutexLock lock(state_.mutex);
-    SpeechInput& input = state_.input;
     view_.stopping = state_.stopping;
     view_.changes = state_.changes;
     view_.generation = state_.generation;
@@ -65,10 +60,13 @@ void RunLoop::look() {
     view_.source = ready ? state_.source.get() : nullptr;
     view_.steady = ready ? state_.steady.get() : nullptr;
 
-    view_.hasInput = !input.empty();
-    view_.hasSamples = view_.hasInput && !input.exhausted();
-    view_.ended = view_.hasInput && input.ended();
-    view_.lastPushMs = input.lastPushMs();
+    view_.waitingOthers = state_.waitingOthers();
+    view_.idleAhead = state_.settings.idleAhead;
+    const UtteranceBook::Utterance* input = state_.book.current();
+    view_.input = input ? input->number : 0;
+    view_.hasSamples = input && input->taken < input->sound.size();
+    view_.ended = input && input->ended;
+    view_.lastPushMs = state_.book.lastPushMs();
 }
 
 /// The only wait of this thread.
@@ -110,7 +108,7 @@ bool RunLoop::turn() {
         return true;
     }
     seeEnd();
-    if (endBySilence() || dropFailedInput()) return true;  // look at what is left
+    if (endBySilence() || dropFailedInput() || dropAll()) return true;  // look at what is left
     bool moved = collectResult();
     moved |= noticeFailure();
     moved |= startUtterance();
@@ -131,8 +129,8 @@ void RunLoop::afterInterrupt() {
     {
         const MutexLock lock(state_.mutex);
         generation = state_.generation;
-        if (const FrameInfo* popped = state_.ring.lastPopped()) {
-            last = *popped;
+        if (const FrameInfo* newest = state_.ring.newest()) {
+            last = *newest;
             any = true;
         }
     }
@@ -141,9 +139,10 @@ void RunLoop::afterInterrupt() {
     pending_.clear();
     rendered_.clear();
     rampLeft_ = 0;
+    gap_ = false;
     idleIndex_ = any ? walk_.after(last.index) : 0;
     if (any && last.kind != FrameKind::kIdle) {
-        startRamp(options_.rampFramesInterrupt, last.index, last.driving.data());
+        startRamp(options_.rampFramesInterrupt, last.utterance, last.index, last.driving.data());
     } else {
         setState(UttState::kIdle);
     }
@@ -159,29 +158,49 @@ bool RunLoop::endBySilence() {
     const MutexLock lock(state_.mutex);
     if (state_.generation != generation_) return false;
     // A push may have come since the look.
-    if (view_.nowMs >= state_.input.lastPushMs() + options_.silenceMs) state_.input.end();
+    if (view_.nowMs >= state_.book.lastPushMs() + options_.silenceMs) {
+        state_.passSlots();
+        state_.book.end(ZORV_REASON_SILENCE);
+    }
     return true;
 }
 
-/// Nothing of an utterance that was given up is wanted, up to its end mark.
+/// An utterance that was given up is over at its end mark.
 bool RunLoop::dropFailedInput() {
-    if (!utterance_.failed || !(view_.hasSamples || view_.ended)) return false;
-    Sound::Pieces freed;  // outlives the lock
+    if (!utterance_.failed || !view_.ended) return false;
+    UtteranceBook::Freed freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
     if (state_.generation != generation_) return false;
-    state_.input.discard(freed);
-    if (state_.input.ended()) {
-        state_.input.drop();
-        utterance_ = {};
+    state_.book.spoken(utterance_.number, utterance_.frames, freed);
+    state_.tellHost();
+    utterance_ = {};
+    return true;
+}
+
+/// Without a frame to show there is nothing to speak with, either.
+bool RunLoop::dropAll() {
+    if (!view_.blind || view_.input == 0) return false;
+    UtteranceBook::Freed freed;  // outlives the lock
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.generation != generation_) return false;
+        state_.book.failAll(freed);
+        state_.tellHost();
     }
+    utterance_ = {};
+    settle();
     return true;
 }
 
 bool RunLoop::collectResult() {
     if (!dispatch_.collect(result_)) return false;
     const bool outdated = result_.generation != generation_ ||
-                          result_.utterance != utteranceNumber_ || !awaitsSpeech();
+                          result_.utterance != utterance_.number || !awaitsSpeech();
     if (outdated) return true;
+    if (result_.lookAhead > 0) {
+        const MutexLock lock(state_.mutex);
+        state_.lookAhead = result_.lookAhead;
+    }
     if (result_.failed) {
         failUtterance(result_.error.get(), result_.counted);
         return true;
@@ -195,25 +214,24 @@ bool RunLoop::collectResult() {
 
 /// A speech frame of this utterance could not be composited.
 bool RunLoop::noticeFailure() {
-    if (!awaitsSpeech() || view_.brokenUtterance != utteranceNumber_) return false;
-    utterance_.failed = true;
-    settle();
+    if (!awaitsSpeech() || view_.brokenUtterance != utterance_.number) return false;
+    giveUp();
     return true;
 }
 
 bool RunLoop::startUtterance() {
-    if (utterance_.inProgress || !view_.hasInput || !view_.source) return false;
+    if (utterance_.inProgress || view_.input == 0 || !view_.source) return false;
     double startMs = 0;
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
-        startMs = state_.input.startMs();
+        startMs = state_.book.current()->startMs;
     }
     utterance_ = {};
     utterance_.inProgress = true;
+    utterance_.number = view_.input;
     utterance_.resetDue = true;
     utterance_.startMs = startMs;
-    ++utteranceNumber_;
     pending_.clear();
     rendered_.clear();
     if (shown_ == UttState::kIdle) setState(UttState::kStarted);
@@ -228,23 +246,24 @@ bool RunLoop::postRequest() {
     // A source that had frames may make more out of the audio that it has.
     const bool due = utterance_.resetDue || view_.hasSamples || utterance_.available > 0;
     if (!due && !finishing) return false;
-    Sound::Pieces freed;  // outlives the lock
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
         request_.samples.clear();
+        request_.rate = state_.settings.rate;
         // A source that can fill the room with what it has needs no more audio yet.
         if (utterance_.left < roomLeft) {
-            state_.input.take(kSamplesPerRequest, request_.samples, freed);
+            state_.book.take(static_cast<std::size_t>(request_.rate), request_.samples);
         }
         request_.drains = utterance_.finishSent;
+        const UtteranceBook::Utterance& input = *state_.book.current();
         request_.finish =
-            state_.input.ended() && state_.input.exhausted() && !utterance_.finishSent;
+            input.ended && input.taken == input.sound.size() && !utterance_.finishSent;
     }
     utterance_.finishSent |= request_.finish;
     request_.source = view_.source;
     request_.generation = generation_;
-    request_.utterance = utteranceNumber_;
+    request_.utterance = utterance_.number;
     request_.reset = utterance_.resetDue;
     request_.startFrame = idleIndex_;
     request_.maxFrames = roomLeft;
@@ -261,16 +280,39 @@ bool RunLoop::speak() {
         enqueueRendered();
         return true;
     }
-    const int pending = pending_.count();
-    if (pending == 0) return false;
+    if (pending_.count() == 0) return false;
     setState(UttState::kSpeaking);
     rampLeft_ = 0;
-    const int batch = view_.steady ? std::min(view_.steady->batch(), MotionFrames::kMax) : 0;
+    const bool late = catchUp();
+    const int pending = pending_.count();
+    const bool batches = view_.steady && !late;
+    const int batch = batches ? std::min(view_.steady->batch(), MotionFrames::kMax) : 0;
     if (pending < batch && dispatch_.busy() && pending + utterance_.left >= batch) {
         return false;  // the exchange under way will fill the batch, and wakes us
     }
     renderSpeech(pending >= batch ? std::max(batch, 1) : 1);
     return true;
+}
+
+/// With the late policy that leaves frames out: does so for each slot that was missed, keeping one.
+/// True while speech is late.
+bool RunLoop::catchUp() {
+    int skip = 0;
+    bool late = false;
+    {
+        const MutexLock lock(state_.mutex);
+        if (!state_.settings.skipsLate || state_.generation != generation_) return false;
+        state_.passSlots();
+        late = state_.late.late();
+        skip = static_cast<int>(std::min<double>(state_.late.owed(), pending_.count() - 1));
+        state_.late.leftOut(skip);
+        state_.leftOutLate += static_cast<std::uint64_t>(skip);
+    }
+    pending_.next += skip;
+    utterance_.frames += skip;
+    skipped_ += skip;
+    gap_ |= skip > 0;
+    return late;
 }
 
 /// Renders the first frames that are pending: together with the steady renderer when there are n
@@ -288,9 +330,12 @@ void RunLoop::renderSpeech(int n) {
         FrameInfo& info = rendered_.infos[static_cast<std::size_t>(k)];
         info.kind = FrameKind::kSpeech;
         info.index = index[k];
+        info.utterance = utterance_.number;
+        info.number = utterance_.frames + k;
         info.driving.assign(driving + at(k), driving + at(k + 1));
     }
     pending_.next += m;
+    utterance_.frames += m;
     rendered_.clear();
     const double begin = state_.clock.nowMs();
     try {
@@ -299,7 +344,10 @@ void RunLoop::renderSpeech(int n) {
     } catch (const std::exception& error) {
         // A single frame is left out. A batch is too much to leave out.
         if (m == 1) {
-            noteFailure(error.what());
+            gap_ = true;
+            const MutexLock lock(state_.mutex);
+            state_.noteFailure(error.what());
+            ++state_.leftOutFailed;
         } else {
             failUtterance(error.what());
         }
@@ -330,8 +378,9 @@ void RunLoop::enqueueRendered() {
 void RunLoop::enqueue(const float* crop, FrameInfo&& info, double renderMs) {
     FrameJob job;
     job.info = std::move(info);
+    job.info.skipped = skipped_;
+    job.info.gap = std::exchange(gap_, false);
     job.generation = generation_;
-    job.utterance = utteranceNumber_;
     job.utteranceStartMs = utterance_.startMs;
     if (job.info.kind == FrameKind::kSpeech) {
         const MutexLock lock(state_.mutex);
@@ -348,8 +397,10 @@ void RunLoop::enqueueOther(const float* crop, FrameKind kind, std::vector<float>
     info.kind = kind;
     info.index = idleIndex_;
     info.driving = std::move(driving);
+    if (kind == FrameKind::kRamp) info.utterance = rampUtterance_;
     idleIndex_ = walk_.after(idleIndex_);
     utterance_.shift = walk_.after(utterance_.shift);
+    ++view_.waitingOthers;
     enqueue(crop, std::move(info), 0);
 }
 
@@ -371,10 +422,12 @@ const float* RunLoop::render(Renderer& renderer, const std::int32_t* index, cons
 
 bool RunLoop::endUtterance() {
     if (!awaitsSpeech() || !utterance_.drained || speechIsMade()) return false;
+    UtteranceBook::Freed freed;  // outlives the lock
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
-        state_.input.drop();
+        state_.book.spoken(utterance_.number, utterance_.frames, freed);
+        state_.tellHost();
     }
     utterance_.inProgress = false;
     settle();
@@ -389,7 +442,7 @@ bool RunLoop::endStall() {
 }
 
 bool RunLoop::ramp() {
-    if (shown_ != UttState::kRamping || rampLeft_ < 1 || !room()) return false;
+    if (shown_ != UttState::kRamping || rampLeft_ < 1 || !roomForOthers()) return false;
     const float weight = static_cast<float>(rampLeft_ - 1) / static_cast<float>(rampLength_);
     --rampLeft_;  // a frame that fails counts as well
     try {
@@ -414,7 +467,7 @@ bool RunLoop::speechIsMade() const {
 /// can, so that it starts soon.
 bool RunLoop::idleDue() const {
     const bool alone = shown_ == UttState::kStarted && view_.waiting == 0;
-    return !view_.blind && (alone || (shown_ == UttState::kIdle && room()));
+    return !view_.blind && (alone || (shown_ == UttState::kIdle && roomForOthers()));
 }
 
 bool RunLoop::idle() {
@@ -425,7 +478,17 @@ bool RunLoop::idle() {
 
 void RunLoop::failUtterance(const char* text, bool counted) {
     noteFailure(text, counted);
-    if (!utterance_.inProgress) return;
+    if (utterance_.inProgress) giveUp();
+}
+
+/// No more frames of the utterance in progress.
+void RunLoop::giveUp() {
+    UtteranceBook::Freed freed;  // outlives the lock
+    {
+        const MutexLock lock(state_.mutex);
+        state_.book.fail(utterance_.number, freed);
+        state_.tellHost();
+    }
     utterance_.failed = true;
     settle();
 }
@@ -440,7 +503,7 @@ void RunLoop::settle() {
     pending_.clear();
     rendered_.clear();
     if (shown_ == UttState::kSpeaking && utterance_.rendered) {
-        startRamp(options_.rampFrames, lastIndex_, lastDriving_.data());
+        startRamp(options_.rampFrames, utterance_.number, lastIndex_, lastDriving_.data());
     } else if (shown_ != UttState::kRamping) {
         setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
     }
@@ -448,12 +511,13 @@ void RunLoop::settle() {
 
 /// From `driving`, as shown on bundle frame `index`, to rest. Without rows there is no rest to
 /// return to.
-void RunLoop::startRamp(int frames, int index, const float* driving) {
+void RunLoop::startRamp(int frames, std::uint64_t utterance, int index, const float* driving) {
     if (!walk_.known()) {
         setState(awaitsSpeech() ? UttState::kStarted : UttState::kIdle);
         return;
     }
     rampOffset_ = walk_.offset(index, driving);
+    rampUtterance_ = utterance;
     rampLength_ = rampLeft_ = frames;
     setState(UttState::kRamping);
 }

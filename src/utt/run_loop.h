@@ -43,8 +43,10 @@ class RunLoop {
         Renderer* steady = nullptr;
         std::uint64_t brokenUtterance = 0;
         double nowMs = 0;
-        // Of the utterance in front:
-        bool hasInput = false;
+        int waitingOthers = 0;
+        int idleAhead = 0;
+        std::uint64_t input = 0;  ///< number of the utterance that is spoken or comes next; 0: none
+        // Of that utterance:
         bool hasSamples = false;
         bool ended = false;
         double lastPushMs = 0;
@@ -52,15 +54,17 @@ class RunLoop {
 
     /// What belongs to the utterance in progress, and nothing else.
     struct Utterance {
-        bool inProgress = false;  ///< in front of the input, from its start to its end
-        bool failed = false;      ///< given up; in progress until its end mark
+        bool inProgress = false;  ///< from its start to its end
+        std::uint64_t number = 0;
+        bool failed = false;  ///< given up; in progress until its end mark
         double startMs = 0;
         bool resetDue = false;    ///< the source has not been told
         bool finishSent = false;  ///< the source has all its audio
         bool drained = false;     ///< and has handed out all its frames
         int available = 0;        ///< frames that the source had in the last exchange
         int left = 0;             ///< and of those did not hand out
-        int sequence = 0;         ///< speech frames so far
+        std::int64_t frames = 0;  ///< made or left out
+        int sequence = 0;         ///< made
         bool rendered = false;    ///< at least one speech frame
         int shift = 0;            ///< other frames shown since the source was reset, modulo NT
         double lastSpeechMs = 0;  ///< when the last speech frame was produced
@@ -101,6 +105,7 @@ class RunLoop {
     void seeEnd();
     bool endBySilence();
     bool dropFailedInput();
+    bool dropAll();
     bool collectResult();
     bool noticeFailure();
     bool startUtterance();
@@ -114,6 +119,8 @@ class RunLoop {
     bool idle();
 
     bool room() const { return view_.waiting < static_cast<int>(FrameRing::kSlots); }
+    bool roomForOthers() const { return room() && view_.waitingOthers < view_.idleAhead; }
+    bool catchUp();
     void renderSpeech(int n);
     void enqueueRendered();
     void enqueue(const float* crop, FrameInfo&& info, double renderMs);
@@ -122,7 +129,8 @@ class RunLoop {
                         const float* driving, int n);
     void failUtterance(const char* text, bool counted = false);
     void noteFailure(const char* text, bool counted = false);
-    void startRamp(int frames, int index, const float* driving);
+    void giveUp();
+    void startRamp(int frames, std::uint64_t utterance, int index, const float* driving);
     void settle();
     void setState(UttState state);
     bool awaitsSpeech() const { return utterance_.inProgress && !utterance_.failed; }
@@ -136,8 +144,7 @@ class RunLoop {
 
     // All below is this thread's own.
     View view_;
-    std::uint64_t generation_ = 0;       ///< the last interrupt that was seen to
-    std::uint64_t utteranceNumber_ = 0;  ///< counts starts
+    std::uint64_t generation_ = 0;  ///< the last interrupt that was seen to
     Utterance utterance_;
     Pending pending_;
     Rendered rendered_;
@@ -148,6 +155,9 @@ class RunLoop {
     int idleIndex_ = 0;  ///< bundle frame of the next frame that is not speech
     int lastIndex_ = 0;  ///< of the last speech frame, with
     Keypoints lastDriving_{};
+    std::int64_t skipped_ = 0;  ///< speech frames that were left out because they came late, ever
+    bool gap_ = false;          ///< a speech frame was left out behind the last frame
+    std::uint64_t rampUtterance_ = 0;
     int rampLength_ = 0;
     int rampLeft_ = 0;
     Keypoints rampOffset_{};

@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <string>
 
+#include "audio/speech_resampler.h"
+#include "capi/frame_arguments.h"
 #include "common/file.h"
 #include "common/thread.h"
 #include "telemetry/telemetry.h"
@@ -27,6 +29,10 @@ std::vector<float> readRows(const std::string& motionDir, int nt) {
     }
     if (status != ReadStatus::kOk) rows.clear();
     return rows;
+}
+
+void checkRange(bool inRange, const char* range) {
+    if (!inRange) throw std::invalid_argument(range);
 }
 
 }  // namespace
@@ -78,6 +84,8 @@ void zorv_utt::stop() {
     }
     dispatch_.stop();
     if (dispatchThread_.joinable()) dispatchThread_.join();
+    const MutexLock lock(state_.mutex);
+    while (state_.hostWaits > 0) state_.hostWake.wait(state_.mutex);
 }
 
 void zorv_utt::warm() noexcept {
@@ -91,10 +99,10 @@ void zorv_utt::warm() noexcept {
 }
 
 void zorv_utt::cannotSpeak(const char* text, bool counted) {
-    zorv::SpeechInput::Utterances freed;  // outlives the lock
+    zorv::UtteranceBook::Freed freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
     state_.noteFatal(text, counted);
-    state_.input.clear(freed);
+    state_.book.failAll(freed);
     state_.changed();
 }
 
@@ -106,6 +114,7 @@ void zorv_utt::warmUp() {
                                  " frames, the bundle " + std::to_string(ctx_.manifest.NT));
     }
     source->setEager(options_.eager);
+    const int lookAhead = source->lookAhead();
     std::unique_ptr<zorv::Renderer> steady;
     if (!options_.steadyModel.empty()) {
         steady = std::make_unique<zorv::Renderer>(ctx_.manifest, ctx_.identity,
@@ -120,6 +129,8 @@ void zorv_utt::warmUp() {
     const MutexLock lock(state_.mutex);
     state_.steady = std::move(steady);
     state_.source = std::move(source);
+    lookAhead_ = lookAhead;
+    state_.lookAhead = zorv::lookAheadSamples(lookAhead, state_.settings.rate, resampling_);
     if (state_.warmth == zorv::Warmth::kWarming) state_.warmth = zorv::Warmth::kReady;
     state_.changed();
 }
@@ -132,70 +143,111 @@ int zorv_utt::ready(zorv::FailureText& text) {
     return -1;
 }
 
-void zorv_utt::setInput(int rate) {
-    if (rate != 16000) throw std::runtime_error("only 16000 Hz for now");
+void zorv_utt::refuseSettled() {
+    if (state_.settled) throw std::logic_error("comes before the first push and the first pull");
 }
-void zorv_utt::setPixels(int pixels) {
-    if (pixels != ZORV_PIXELS_RGBA) throw std::runtime_error("only RGBA for now");
-}
-void zorv_utt::setMatrix(int matrix) {
-    if (matrix != ZORV_MATRIX_AUTO) throw std::runtime_error("only AUTO for now");
-}
-void zorv_utt::setIdleAhead(int frames) {
-    if (frames != 8) throw std::runtime_error("only 8 for now");
-}
-void zorv_utt::setLate(int policy) {
-    if (policy != ZORV_LATE_WAIT) throw std::runtime_error("only WAIT for now");
-}
-bool zorv_utt::pull(zorv_utt_frame&) {
-    throw std::runtime_error("not there yet");
-}
-bool zorv_utt::nextEvent(zorv_utt_event&) {
-    return false;
-}
-int zorv_utt::wait(int, int, zorv::FailureText&) {
-    throw std::runtime_error("not there yet");
-}
-int zorv_utt::descriptor(int) {
-    throw std::runtime_error("not there yet");
-}
-void zorv_utt::latency(zorv_utt_latency_info&) {}
 
-std::uint64_t zorv_utt::push(const std::int16_t* pcm, std::size_t n, zorv::FailureText&) {
+void zorv_utt::setInput(int rate) {
+    zorv::checkRange(zorv::SpeechResampler::fits(rate), "rate: 8000 to 48000, a multiple of 25");
+    const int resampling = zorv::SpeechResampler(rate).lookAhead();
+    const MutexLock lock(state_.mutex);
+    refuseSettled();
+    state_.settings.rate = rate;
+    state_.book.setFrameSamples(rate / 25);
+    resampling_ = resampling;
+    if (state_.source) {
+        state_.lookAhead = zorv::lookAheadSamples(lookAhead_, rate, resampling_);
+    }
+}
+
+/// Frames that were made with other settings are not shown; the `kept` oldest are.
+void zorv_utt::restart(int kept) {
+    ++state_.generation;
+    state_.ring.drop(kept);
+    compositor_.dropQueued(state_);
+    state_.changed();
+}
+
+void zorv_utt::setPixels(int pixels) {
+    zorv::checkRange(zorv::isPixelForm(pixels), "pixels: a ZORV_PIXELS_ value");
+    const MutexLock lock(state_.mutex);
+    refuseSettled();
+    state_.settings.form = static_cast<zorv::PixelForm>(pixels);
+    restart(0);
+}
+
+void zorv_utt::setMatrix(int matrix) {
+    zorv::checkRange(zorv::isMatrix(matrix), "matrix: a ZORV_MATRIX_ value");
+    const MutexLock lock(state_.mutex);
+    refuseSettled();
+    state_.settings.matrix = matrix;
+    restart(0);
+}
+
+void zorv_utt::setIdleAhead(int frames) {
+    const int most = static_cast<int>(zorv::FrameRing::kSlots);
+    zorv::checkRange(frames >= 1 && frames <= most, "frames: 1 to 8");
+    const MutexLock lock(state_.mutex);
+    refuseSettled();
+    state_.settings.idleAhead = frames;
+    restart(frames);
+}
+
+void zorv_utt::setLate(int policy) {
+    zorv::checkRange(policy == ZORV_LATE_WAIT || policy == ZORV_LATE_SKIP,
+                     "policy: ZORV_LATE_WAIT or ZORV_LATE_SKIP");
+    const MutexLock lock(state_.mutex);
+    refuseSettled();
+    state_.settings.skipsLate = policy == ZORV_LATE_SKIP;
+}
+
+std::uint64_t zorv_utt::push(const std::int16_t* pcm, std::size_t n, zorv::FailureText& fatal) {
     if (n == 0) return 0;
     const MutexLock turn(pushMutex_);
     {
         const MutexLock lock(state_.mutex);
-        if (state_.warmth == zorv::Warmth::kFailed) return 0;
-        if (state_.input.fits(n)) {
-            state_.input.push(pcm, n, state_.clock.nowMs());
+        if (refusesSpeech(fatal)) return 0;
+        if (state_.book.fits(n)) {
+            state_.passSlots();
+            const std::uint64_t number = state_.book.push(pcm, n, state_.clock.nowMs());
             state_.changed();
-            return 0;
+            return number;
         }
     }
     // Pushes take turns: what did not fit does not fit now, either.
-    zorv::SpeechInput::Push prepared(pcm, n);
+    zorv::UtteranceBook::Push prepared(pcm, n);
     const MutexLock lock(state_.mutex);
-    if (state_.warmth == zorv::Warmth::kFailed) return 0;
-    state_.input.push(prepared, state_.clock.nowMs());
+    if (refusesSpeech(fatal)) return 0;
+    state_.passSlots();
+    const std::uint64_t number = state_.book.push(prepared, state_.clock.nowMs());
     state_.changed();
-    return 0;
+    return number;
+}
+
+bool zorv_utt::refusesSpeech(zorv::FailureText& fatal) {
+    state_.settled = true;
+    if (state_.warmth != zorv::Warmth::kFailed) return false;
+    fatal = state_.fatalText;
+    return true;
 }
 
 void zorv_utt::endUtterance() {
     const MutexLock lock(state_.mutex);
-    state_.input.end();
+    state_.passSlots();
+    state_.book.end(ZORV_REASON_END);
     state_.changed();
 }
 
 void zorv_utt::interrupt() {
-    zorv::SpeechInput::Utterances freed;  // outlives the lock
+    zorv::UtteranceBook::Freed freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
     ++state_.generation;
     telemetry::count({"zorv.utterance.interrupts", "{interrupt}"});
     telemetry::count({"zorv.utterance.frames.dropped", "{frame}"},
                      static_cast<std::uint64_t>(state_.waiting()));
-    state_.input.clear(freed);
+    state_.passSlots();
+    state_.late.stop();
+    state_.book.interrupt(freed);
     state_.ring.drop();
     compositor_.dropQueued(state_);
     state_.stopRender();
@@ -210,37 +262,144 @@ int zorv_utt::available() {
 zorv_utt::Pull zorv_utt::pull(std::uint8_t* buffer, std::size_t capacity,
                               zorv_utt_frame_info* info) {
     const MutexLock turn(pullMutex_);
+    constexpr zorv::PixelForm kForm = zorv::PixelForm::kRgba;
+    {
+        const MutexLock lock(state_.mutex);
+        if (state_.settings.form != kForm) {
+            throw std::logic_error("another form than RGBA was set; call zorv_utt_pull");
+        }
+        state_.settled = true;
+        if (state_.ring.size() > 0 && capacity < ctx_.frameBytes(kForm)) return Pull::kTooSmall;
+    }
+    zorv_utt_frame frame = {};
+    if (!take(ctx_.packed(kForm, buffer), kForm, frame)) return Pull::kNothing;
+    if (info) *info = {frame.sequence, frame.kind, frame.frame, frame.speech_sequence};
+    return Pull::kDone;
+}
+
+bool zorv_utt::pull(zorv_utt_frame& frame) {
+    const MutexLock turn(pullMutex_);
+    zorv::PixelForm form;
+    zorv::FrameView to;
+    {
+        const MutexLock lock(state_.mutex);
+        form = state_.settings.form;
+        if (!zorv::readPlanes(form, ctx_.manifest.W, ctx_.manifest.H, frame.plane, frame.stride,
+                              to)) {
+            throw std::invalid_argument("a plane is missing, or its stride is below a row");
+        }
+        if (frame.sound && frame.sound_capacity < state_.book.frameSamples()) {
+            throw std::invalid_argument("sound_capacity is below rate / 25");
+        }
+        state_.settled = true;
+    }
+    return take(to, form, frame);
+}
+
+/// The oldest frame goes to `to`, what it is and its sound to `frame`.
+bool zorv_utt::take(const zorv::FrameView& to, zorv::PixelForm form, zorv_utt_frame& frame) {
     std::uint64_t generation = 0;
-    zorv_utt_frame_info frame;
     {
         const MutexLock lock(state_.mutex);
         if (state_.ring.size() == 0) {
             if (state_.stats.frames_pulled > 0) {
                 telemetry::count({"zorv.utterance.frames.late", "{frame}"});
             }
-            return Pull::kNothing;
+            return false;
         }
-        zorv::FrameRing::Slot& oldest = state_.ring.front();
-        if (capacity < oldest.pixels.size()) return Pull::kTooSmall;
         generation = state_.generation;
-        frame = {state_.ring.frontSequence(), static_cast<std::int32_t>(oldest.info.kind),
-                 oldest.info.index, oldest.info.speechSequence};
-        oldest.pixels.swap(reading_);
+        state_.ring.front().pixels.swap(reading_);
     }
     // Without the engine's lock: the frame is out of the ring's reach, and pulls take turns.
-    std::memcpy(buffer, reading_.data(), reading_.size());
+    zorv::copyFrame(form, ctx_.packed(form, reading_.data()), to, ctx_.manifest.W, ctx_.manifest.H);
+    zorv::UtteranceBook::Freed freed;  // outlives the lock
     const MutexLock lock(state_.mutex);
-    if (state_.generation != generation) return Pull::kNothing;
+    if (state_.generation != generation) return false;
+    describe(frame, freed);
     state_.ring.pop();
     ++state_.stats.frames_pulled;
     telemetry::count({"zorv.utterance.frames.pulled", "{frame}"});
     telemetry::gauge({"zorv.utterance.ring.depth", "{frame}"}, state_.ring.size());
-    if (frame.kind == static_cast<std::int32_t>(zorv::FrameKind::kSpeech)) {
-        ++state_.stats.speech_frames_pulled;
-    }
     state_.changed();
-    if (info) *info = frame;
-    return Pull::kDone;
+    return true;
+}
+
+/// The frame in front of the ring is the host's now.
+void zorv_utt::describe(zorv_utt_frame& frame, zorv::UtteranceBook::Freed& freed) {
+    const zorv::FrameRing::Slot& oldest = state_.ring.front();
+    const zorv::FrameInfo& info = oldest.info;
+    const int samples = state_.book.frameSamples();
+    frame.sound_samples = samples;
+    frame.sequence = oldest.sequence;
+    frame.kind = static_cast<std::int32_t>(info.kind);
+    frame.frame = info.index;
+    frame.speech_sequence = info.speechSequence;
+    frame.utterance = info.utterance;
+    frame.first_sample = -1;
+    frame.pts = state_.framesPulled++ + info.skipped;
+    frame.flags = info.gap ? ZORV_FRAME_GAP : 0;
+    if (info.kind != zorv::FrameKind::kSpeech) {
+        if (frame.sound) std::fill_n(frame.sound, samples, std::int16_t{0});
+        state_.late.stop();
+        return;
+    }
+    ++state_.stats.speech_frames_pulled;
+    frame.first_sample = info.number * samples;
+    frame.flags = state_.book.show(info.utterance, info.number, frame.pts, frame.sound, freed);
+    if (state_.spokenTo != info.utterance) state_.late.stop();
+    state_.spokenTo = info.utterance;
+    state_.late.pulled(state_.clock.nowMs());
+}
+
+bool zorv_utt::nextEvent(zorv_utt_event& event) {
+    const MutexLock lock(state_.mutex);
+    if (state_.book.events.empty()) return false;
+    const std::size_t size = event.struct_size;
+    event = state_.book.events.take();
+    event.struct_size = size;
+    state_.changed();
+    return true;
+}
+
+int zorv_utt::wait(int mask, int timeoutMs, zorv::FailureText& fatal) {
+    zorv::checkRange(zorv::WakeUp::isMask(mask), "mask: 1, 2 or 3");
+    const MutexLock lock(state_.mutex);
+    ++state_.hostWaits;
+    const double due = timeoutMs < 0 ? zorv::Clock::kNever : state_.clock.nowMs() + timeoutMs;
+    int had = 0;
+    while ((had = state_.ready() & mask) == 0) {
+        if (state_.stopping) {
+            fatal.set("zorv_utt_wait: the engine is destroyed");
+            had = -1;
+        } else if ((state_.possible() & mask) == 0) {
+            fatal = state_.fatalText;
+            had = -1;
+        } else if (state_.clock.nowMs() < due) {
+            state_.clock.wait(state_.hostWake, state_.mutex, due);
+            continue;
+        }
+        break;
+    }
+    if (--state_.hostWaits == 0) state_.hostWake.notifyAll();
+    return had;
+}
+
+int zorv_utt::descriptor(int mask) {
+    zorv::checkRange(zorv::WakeUp::isMask(mask), "mask: 1, 2 or 3");
+    const MutexLock lock(state_.mutex);
+    return state_.wakeUp.descriptor(mask);
+}
+
+void zorv_utt::latency(zorv_utt_latency_info& info) {
+    const MutexLock lock(state_.mutex);
+    state_.passSlots();
+    info.look_ahead_samples = state_.lookAhead;
+    info.idle_ahead = state_.settings.idleAhead;
+    info.render_ms = state_.stats.render_ms;
+    info.frames_left_out_late = state_.leftOutLate;
+    info.frames_left_out_failed = state_.leftOutFailed;
+    info.late_slots = static_cast<std::uint64_t>(state_.late.count());
+    info.sound_bytes = state_.book.soundBytes();
 }
 
 bool zorv_utt::atRest() {

@@ -76,6 +76,14 @@ struct zorv_utt {
     void warmUp();
     void cannotSpeak(const char* text, bool counted);
 
+    void refuseSettled() ZORV_REQUIRES(state_.mutex);
+    void restart(int kept) ZORV_REQUIRES(state_.mutex);
+    bool refusesSpeech(zorv::FailureText& fatal) ZORV_REQUIRES(state_.mutex);
+    bool take(const zorv::FrameView& to, zorv::PixelForm form, zorv_utt_frame& frame)
+        ZORV_REQUIRES(pullMutex_);
+    void describe(zorv_utt_frame& frame, zorv::UtteranceBook::Freed& freed)
+        ZORV_REQUIRES(state_.mutex);
+
     zorv_ctx& ctx_;
     const zorv::UttOptions options_;
     const std::vector<float> rows_;  ///< NT x 63 keypoints of the bundle frames, or empty
@@ -83,6 +91,8 @@ struct zorv_utt {
     zorv::SteadyClock steadyClock_;
 
     zorv::EngineState state_;
+    int lookAhead_ ZORV_GUARDED_BY(state_.mutex) = 0;   ///< of the source, in samples of 16,000 Hz
+    int resampling_ ZORV_GUARDED_BY(state_.mutex) = 0;  ///< the resampler's, in samples as pushed
     zorv::FrameCompositor compositor_;
     zorv::MotionDispatch dispatch_;
     zorv::RunLoop loop_;

@@ -44,6 +44,7 @@ class FakeSource final : public MotionSource {
         samples_.insert(samples_.end(), samples, samples + n);
     }
     void finish() override { finished_ = true; }
+    int lookAhead() override { return (script_.heldBack + 1) * kFrameSamples; }
     int avail() override {
         while (script_.hold) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         if (script_.failAvail.exchange(false)) {

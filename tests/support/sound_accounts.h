@@ -1,0 +1,140 @@
+// What a host can check of the sound that it gets back: every piece is what was pushed there, in
+// order and without a hole that was not told, and every utterance has one beginning and one end.
+#pragma once
+
+#include <zorv_core.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zorv::test {
+
+class SoundAccounts {
+  public:
+    SoundAccounts(int rate, bool skips) : samples_(rate / 25), skips_(skips) {}
+
+    void pushed(std::uint64_t number, const std::int16_t* pcm, std::size_t n) {
+        if (number == 0) return note("a push without a number", 0);
+        if (number < utterances_.size()) note("a number from before", number);
+        utterances_.try_emplace(number).first->second.sound.insert(utterances_[number].sound.end(),
+                                                                   pcm, pcm + n);
+        if (number != utterances_.size()) note("numbers do not count on", number);
+    }
+    /// An interrupt has returned.
+    void interrupted() { dead_ = utterances_.size(); }
+    /// From now on a failure may end an utterance.
+    void mayFail() { mayFail_ = true; }
+
+    void pulled(const zorv_utt_frame& frame) {
+        const std::int64_t skipped = frame.pts - pts_ - 1;
+        pts_ = frame.pts;
+        if (skipped != 0 && (!skips_ || skipped < 0)) note("time does not run on", frame.utterance);
+        if (frame.sound_samples != samples_) note("length of the sound", frame.utterance);
+        if (frame.kind != 1) {
+            if (frame.first_sample != -1) note("a place without speech", frame.utterance);
+            if (frame.sound && !zeros(frame.sound)) note("sound without speech", frame.utterance);
+            return;
+        }
+        const auto found = utterances_.find(frame.utterance);
+        if (found == utterances_.end()) return note("speech of no utterance", frame.utterance);
+        if (frame.utterance <= dead_) note("speech after the interrupt", frame.utterance);
+        show(frame, found->second);
+        ++speech;
+    }
+
+    void told(const zorv_utt_event& event) {
+        const auto found = utterances_.find(event.utterance);
+        if (found == utterances_.end()) return note("an event of no utterance", event.utterance);
+        Utterance& utterance = found->second;
+        const auto size = static_cast<std::int64_t>(utterance.sound.size());
+        if (event.missed != 0) note("events are missing", event.utterance);
+        if (event.type == ZORV_UTT_STARTED) {
+            if (utterance.started || utterance.over || event.utterance != over + 1) {
+                note("a start out of turn", event.utterance);
+            }
+            utterance.started = true;
+            return;
+        }
+        if (utterance.over || event.utterance != ++over)
+            note("an end out of turn", event.utterance);
+        utterance.over = true;
+        if (utterance.started != (utterance.end > 0)) note("a start that was not", event.utterance);
+        if (event.samples != std::min(utterance.end, size)) note("position", event.utterance);
+        if (event.pts != utterance.pts) note("time of the end", event.utterance);
+        std::int64_t holes = utterance.holes;
+        if (event.type == ZORV_UTT_FINISHED) {
+            ++finished;
+            holes += (size + samples_ - 1) / samples_ - utterance.end / samples_;
+            if (event.reason != ZORV_REASON_END && event.reason != ZORV_REASON_SILENCE) {
+                note("reason of a finish", event.utterance);
+            }
+            if (holes > 0 && !skips_ && !mayFail_) note("unfinished", event.utterance);
+        } else if (event.type == ZORV_UTT_INTERRUPTED) {
+            ++interrupts;
+            if (event.utterance > dead_) note("interrupted by nobody", event.utterance);
+        } else {
+            ++failed;
+            if (event.type != ZORV_UTT_FAILED || !mayFail_) note("failed", event.utterance);
+        }
+        if (static_cast<std::int64_t>(event.frames_left_out) != holes) {
+            note("number of frames left out", event.utterance);
+        }
+        utterance.sound = {};
+    }
+
+    /// Every utterance has come to its end.
+    bool settled() const { return over == utterances_.size(); }
+    std::size_t utterances() const { return utterances_.size(); }
+
+    std::string fault;  ///< the first one; "" while all is well
+    std::uint64_t over = 0, finished = 0, interrupts = 0, failed = 0, speech = 0, gaps = 0;
+
+  private:
+    struct Utterance {
+        std::vector<std::int16_t> sound;
+        std::int64_t end = 0;  ///< of the last piece that came back
+        std::int64_t holes = 0;
+        std::int64_t pts = -1;
+        bool started = false, over = false;
+    };
+
+    void note(const char* what, std::uint64_t number) {
+        if (fault.empty()) fault = std::string(what) + ", utterance " + std::to_string(number);
+    }
+    bool zeros(const std::int16_t* sound) const {
+        return std::all_of(sound, sound + samples_,
+                           [](std::int16_t sample) { return sample == 0; });
+    }
+    void show(const zorv_utt_frame& frame, Utterance& utterance) {
+        const std::int64_t hole = frame.first_sample - utterance.end;
+        if (hole < 0 || hole % samples_ != 0) return note("pieces overlap", frame.utterance);
+        if ((hole > 0) != ((frame.flags & ZORV_FRAME_GAP) != 0)) note("gap", frame.utterance);
+        if ((utterance.end == 0) != ((frame.flags & ZORV_FRAME_FIRST) != 0) && utterance.pts < 0) {
+            note("first", frame.utterance);
+        }
+        utterance.holes += hole / samples_;
+        gaps += hole > 0;
+        utterance.end = frame.first_sample + samples_;
+        utterance.pts = frame.pts;
+        const auto size = static_cast<std::int64_t>(utterance.sound.size());
+        for (std::int64_t i = 0; frame.sound && i < samples_; ++i) {
+            const std::int64_t at = frame.first_sample + i;
+            const std::int16_t expected =
+                at < size ? utterance.sound[static_cast<std::size_t>(at)] : std::int16_t{0};
+            if (frame.sound[i] != expected) return note("other sound", frame.utterance);
+        }
+        if (frame.first_sample >= size) note("speech behind the end", frame.utterance);
+    }
+
+    const std::int64_t samples_;
+    const bool skips_;
+    bool mayFail_ = false;
+    std::map<std::uint64_t, Utterance> utterances_;
+    std::uint64_t dead_ = 0;
+    std::int64_t pts_ = -1;
+};
+
+}  // namespace zorv::test
