@@ -8,18 +8,21 @@ import itertools
 import os
 import sys
 
+import numpy as np
 from onnx import TensorProto, helper, load
 from PIL import Image
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(ROOT, "demo"))
 import damage_seeds  # noqa: E402
+import int8_model  # noqa: E402
 import render_model  # noqa: E402
 import stream_seeds  # noqa: E402
 import utt_seeds  # noqa: E402
+from onnx_build import GraphBuilder  # noqa: E402
 
 
-def shortened(model, limit=32):
+def shortened(model, limit=64):
     for tensor in model.graph.initializer:
         if len(tensor.raw_data) > limit:
             tensor.raw_data = tensor.raw_data[:limit]
@@ -41,10 +44,22 @@ def sampler_nodes():
     return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 16)])
 
 
-def gridsample_rewrite(test_models):
+def folding_nodes():
+    """Everything that is folded into int8 convolutions, once."""
+    g = GraphBuilder("folds")
+    x, pads = g.input("x", [1, 2, 4, 4]), [1, 1, 1, 1]
+    for relu in (True, False):
+        x = g.op("Resize", g.op("Relu", x) if relu else x, None, np.array([1, 1, 2, 2], np.float32),
+                 mode="nearest", coordinate_transformation_mode="asymmetric", nearest_mode="floor")
+        x = g.op("Conv", x, np.ones((4, 2 if relu else 4, 3, 3)), pads=pads)
+    g.output("y", g.op("DepthToSpace", x, blocksize=2, mode="CRD"), [1, 1, 32, 32])
+    return int8_model.convert(g.model(), least_channels=4)
+
+
+def rewrite(test_models):
     """Real models (the demo subject's renderers and those of the tests) with their large constants
-    cut short, since the rewrite never looks into them, and every kind of GridSample node."""
-    models = {"every_node": sampler_nodes(),
+    cut short, since the rewrites never look into them, and every node that they look at."""
+    models = {"every_node": sampler_nodes(), "folds": folding_nodes(),
               "demo_standard": render_model.standard_graph(64, 1).model(),
               "demo_synth": render_model.synth_graph(64, 1).model()}
     for name in ("render", "render_warped", "render_own_operators", "feat_synth", "sampler", "sampler_fast"):
@@ -94,7 +109,7 @@ def image(_test_models):
 # Target -> a function of MODELS that returns the seeds: file name -> bytes.
 SEEDS = {"bundle_open_fuzz": damage_seeds.bundle_open,
          "engine_open_fuzz": damage_seeds.engine_open,
-         "gridsample_rewrite_fuzz": gridsample_rewrite,
+         "rewrite_fuzz": rewrite,
          "image_fuzz": image,
          "metadata_fuzz": metadata,
          "stream_fuzz": stream_seeds.stream,

@@ -35,6 +35,8 @@ COVER = {
     "src/motion/": "motion_parts_test motion_test",
     "src/paste/": "paste_test context_test renderer_test",
     "src/render/gridsample/rewrite": "gridsample_rewrite_test gridsample_test",
+    "src/render/int8conv/fold": "int8conv_fold_test",
+    "src/render/onnx_": "gridsample_rewrite_test int8conv_fold_test",
     "src/render/gridsample/": "gridsample_test gridsample_rewrite_test",
     "src/render/int8conv/": "int8conv_test renderer_test",
     "src/render/": "renderer_test gridsample_test int8conv_test gridsample_rewrite_test context_test",

@@ -8,15 +8,11 @@
 namespace zorv {
 namespace {
 
-constexpr std::uint64_t kModelGraph = 7;
-constexpr std::uint64_t kGraphInitializer = 5;
-constexpr std::uint64_t kTensorName = 8;
-
 bool isNamed(const GsField& tensor, std::string_view name) {
     bool named = false;
     GsReader reader(tensor);
     for (GsField field; reader.next(field);) {
-        if (field.isBytes(kTensorName)) named = field.text() == name;
+        if (field.isBytes(onnx::kTensorName)) named = field.text() == name;
     }
     return named;
 }
@@ -24,7 +20,7 @@ bool isNamed(const GsField& tensor, std::string_view name) {
 bool hasInitializer(const GsField& graph, std::string_view name) {
     GsReader reader(graph);
     for (GsField field; reader.next(field);) {
-        if (field.isBytes(kGraphInitializer) && isNamed(field, name)) return true;
+        if (field.isBytes(onnx::kGraphInitializer) && isNamed(field, name)) return true;
     }
     return false;
 }
@@ -43,7 +39,7 @@ bool ConvBackend::graphSupported(const std::string& path) {
         GsReader reader(begin, begin + bytes.size());
         bool supported = false;
         for (GsField field; reader.next(field);) {
-            if (field.isBytes(kModelGraph) && hasInitializer(field, "onnx::Conv_313")) {
+            if (field.isBytes(onnx::kModelGraph) && hasInitializer(field, "onnx::Conv_313")) {
                 supported = true;  // go on: a file that is malformed further on is refused
             }
         }

@@ -43,15 +43,19 @@ struct CpuOperator : Ort::CustomOpBase<Operator, GuardedKernel<Kernel>, true> {
     }
 };
 
-/// Makes `Operator` known to sessions made with `options`. The operator and its domain are
+/// Makes operators of one domain known to sessions made with `options`. They and the domain are
 /// created on the first call in the process and never freed: sessions keep pointing at them.
 /// Any thread.
-template <class Operator>
-void registerOperator(Ort::SessionOptions& options) {
+template <class Operator, class... More>
+void registerOperators(Ort::SessionOptions& options) {
     static OrtCustomOpDomain* const domain = [] {
-        auto op = std::make_unique<Operator>();
         Ort::CustomOpDomain owner(Operator::kDomain);
-        owner.Add(op.release());
+        const auto add = [&](auto op) {
+            owner.Add(op.get());
+            op.release();
+        };
+        add(std::make_unique<Operator>());
+        (add(std::make_unique<More>()), ...);
         return owner.release();
     }();
     options.Add(domain);

@@ -2,6 +2,7 @@
 
 #include <onnxruntime_session_options_config_keys.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,7 @@
 #include "render/execution_provider.h"
 #include "render/gridsample/op.h"
 #include "render/gridsample/rewrite.h"
+#include "render/int8conv/fold.h"
 #include "render/int8conv/int8conv_vnni.h"
 #include "telemetry/telemetry.h"
 
@@ -86,20 +88,50 @@ std::string readModel(const std::string& path) {
     }
 }
 
-/// A session from the model with its GridSample nodes rewritten; from the file as it is when
-/// there are none.
+/// What is done to a model while it is loaded.
+struct Rewrites {
+    bool fastSampling = !switchedOff("ZORV_GS_FAST");
+    bool int8Operator = !switchedOff("ZORV_INT8");
+    bool int8Folds = int8Operator && !switchedOff("ZORV_INT8_FOLD");
+
+    /// Changes the model and says how; false when all of it stays.
+    bool apply(std::string& bytes, const std::string& key) const;
+};
+
+bool Rewrites::apply(std::string& bytes, const std::string& key) const {
+    const std::size_t samplers = fastSampling ? rewriteGridSampleToFast(bytes) : 0;
+    if (samplers > 0) {
+        logLine(
+            "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
+            "node(s) (%s)",
+            samplers, key.c_str());
+    }
+    std::string folded;
+    const auto folds = int8Folds ? foldIntoInt8Conv(bytes, folded) : std::vector<Int8Fold>();
+    if (!folds.empty()) {
+        bytes.swap(folded);
+        const auto count = [&](Int8Fold::Kind kind) {
+            return std::count_if(folds.begin(), folds.end(),
+                                 [&](const Int8Fold& fold) { return fold.kind == kind; });
+        };
+        logLine(
+            "[zorv] folded into Int8ConvVNNI: %td Resize, %td Pad; DepthToSpace -> "
+            "DepthToSpaceFast: %td (%s)",
+            count(Int8Fold::Kind::kResize), count(Int8Fold::Kind::kPad),
+            count(Int8Fold::Kind::kDepthToSpace), key.c_str());
+    }
+    return samplers > 0 || !folds.empty();
+}
+
+/// A session from the rewritten model; from the file as it is when nothing changes.
 Ort::Session createRewrittenSession(const Ort::Env& env, const std::string& path,
-                                    const std::string& key, Ort::SessionOptions& options) {
+                                    const std::string& key, const Rewrites& rewrites,
+                                    Ort::SessionOptions& options) {
     std::string bytes = readModel(path);
-    const std::size_t rewritten = rewriteGridSampleToFast(bytes);
-    if (rewritten == 0) {
+    if (!rewrites.apply(bytes, key)) {
         std::string().swap(bytes);
         return createOperatorSession(env, path, options);
     }
-    logLine(
-        "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
-        "node(s) (%s)",
-        rewritten, key.c_str());
     // A model in memory has no folder of its own in which to look for external tensor files.
     const std::string folder = std::filesystem::path(path).parent_path().string();
     options.AddConfigEntry(kOrtSessionOptionsModelExternalInitializersFileFolderPath,
@@ -158,11 +190,12 @@ void Renderer::Impl::load(const Manifest& manifest, const std::string& modelKey,
     }
     const auto provider = parseExecutionProvider(ep, threads, manifest.dir);
     Ort::SessionOptions options = rendererOptions(threads, provider);
-    const bool fastSampling = !switchedOff("ZORV_GS_FAST");
-    if (fastSampling) registerGridSampleFast(options);
-    if (!switchedOff("ZORV_INT8")) registerInt8ConvVNNI(options);
-    model = BoundSession(fastSampling ? createRewrittenSession(env, path, modelKey, options)
-                                      : createOperatorSession(env, path, options));
+    const Rewrites rewrites;
+    if (rewrites.fastSampling) registerGridSampleFast(options);
+    if (rewrites.int8Operator) registerInt8ConvVNNI(options);
+    const bool any = rewrites.fastSampling || rewrites.int8Folds;
+    model = BoundSession(any ? createRewrittenSession(env, path, modelKey, rewrites, options)
+                             : createOperatorSession(env, path, options));
 }
 
 void Renderer::Impl::discoverInputs() {

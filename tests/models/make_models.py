@@ -109,11 +109,10 @@ def sampler(path, domain, rank=4):
            domains=[domain] if domain else [])
 
 
-def warped(path, external=False, sensitive=False):
+def warped(path, external=False):
     """The standard graph with its image moved by the first driving keypoint: once by a node that
     the library replaces, once by one that it leaves alone, and half of each. external: constants
-    lie in a file of their own beside the model. sensitive: what rounding leaves of the sampled values is
-    all that is seen."""
+    lie in a file of their own beside the model."""
     g = Graph(16)
     line = (np.arange(CROP) * 2 + 1) / CROP - 1
     move = g("Reshape", g("Slice", "kp_driving", g.ints(0, 0), g.ints(1, 2), g.ints(1, 2)), g.ints(1, 1, 1, 2))
@@ -122,8 +121,6 @@ def warped(path, external=False, sensitive=False):
     kept = g("GridSample", "P_rgb", grid, mode="bilinear", padding_mode="border", align_corners=1)
     mean = g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1)
     image = g("Mul", g("Add", replaced, kept), 0.5)
-    if sensitive:
-        image = g("Sin", g("Mul", image, 1e9))
     g("Add", g("Add", image, mean), motion(g, "kp_driving", "kp_source"), out="rgb")
     g.save(path,
            {"pooled64": [1, 64, 32, 32], "P_rgb": [1, 3, CROP, CROP],
@@ -357,7 +354,6 @@ def main(directory):
     own_operators(path("render_own_operators"))
     warped(path("render_warped"))
     warped(path("render_warped_external"), external=True)
-    warped(path("render_warped_sensitive"), sensitive=True)
     sampler(path("sampler"), "")
     sampler(path("sampler_fast"), "com.velmarin")
     sampler(path("sampler_fast_rank3"), "com.velmarin", rank=3)

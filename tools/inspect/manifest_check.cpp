@@ -4,20 +4,29 @@
 
 #include <algorithm>
 #include <cmath>
-#include <exception>
+#include <cstdlib>
+#include <limits>
 #include <nlohmann/json.hpp>
 
-#include "bundle/zorv_bundle.h"
 #include "bundle_files.h"
-#include "common/file.h"
-#include "common/key_finder.h"
-#include "common/memory.h"
-#include "paste/zorv_paste.h"
+#include "failure.h"
+#include "file_view.h"
 
 namespace zorv::tools {
 namespace {
 
+constexpr const char* kFormat = "zorv-bundle-v0";
+constexpr int kMaxCrop = 1024;           // the compositor refuses wider ones
+constexpr int64_t kMaxPadded = 1 << 14;  // crop with the border of the sharpening kernel
+constexpr double kMaxCache = 0x1p46;     // bytes of all frames; beyond it no address space is left
 constexpr const char* kSpace = " \t\r\n";
+
+int32_t cutToInt32(double value) {
+    using Limits = std::numeric_limits<int32_t>;
+    if (std::isnan(value)) return 0;
+    if (value <= Limits::min()) return Limits::min();
+    return value >= Limits::max() ? Limits::max() : static_cast<int32_t>(value);
+}
 
 int occurrences(const std::string& text, const std::string& needle) {
     int count = 0;
@@ -25,8 +34,9 @@ int occurrences(const std::string& text, const std::string& needle) {
     return count;
 }
 
-/// Reads keys with the library's key finder and reports what is wrong with each, and where that
-/// reading differs from what a JSON parser would see.
+/// Reads keys as the library does (the first occurrence of the quoted key anywhere in the text and
+/// what follows the next colon) and reports what is wrong with each, and where that reading differs
+/// from what a JSON parser would see.
 class KeyReader {
   public:
     KeyReader(const std::string& text, FileReport& report) : text_(text), report_(report) {}
@@ -34,15 +44,19 @@ class KeyReader {
     std::optional<std::string> quoted(const std::string& key) {
         const auto at = place(key, true);
         if (!at) return std::nullopt;
-        const auto text = quotedFrom(text_, *at);
-        if (!text) report_.fault(fmt::format("no quoted text follows key \"{}\"", key));
-        return text;
+        const size_t open = text_.find('"', *at);
+        const size_t close = open == text_.npos ? open : text_.find('"', open + 1);
+        if (close == text_.npos) {
+            report_.fault(fmt::format("no quoted text follows key \"{}\"", key));
+            return std::nullopt;
+        }
+        return text_.substr(open + 1, close - open - 1);
     }
 
     std::optional<double> number(const std::string& key, bool required = true) {
         const auto at = place(key, required);
         if (!at) return std::nullopt;
-        const double value = numberFrom(text_, *at);
+        const double value = std::strtod(text_.c_str() + *at, nullptr);
         const size_t start = text_.find_first_not_of(kSpace, *at);
         if (start == text_.npos || std::string("+-.0123456789").find(text_[start]) == text_.npos) {
             report_.warn(fmt::format("\"{}\" is {}, which reads as {}", key, excerpt(*at), value),
@@ -51,13 +65,12 @@ class KeyReader {
         return value;
     }
 
-    /// A whole number that `accepts` takes; nothing, and a fault, when it does not.
-    template <class Accepts>
-    std::optional<int> whole(const std::string& key, int least, const Accepts& accepts) {
+    /// A whole number of at least `least`; nothing, and a fault, when it is not.
+    std::optional<int> whole(const std::string& key, int least) {
         const auto value = number(key);
         if (!value) return std::nullopt;
-        const int32_t cut = toInt32(*value);
-        if (!accepts(cut)) {
+        const int32_t cut = cutToInt32(*value);
+        if (cut < least) {
             report_.fault(fmt::format("\"{}\" reads as {}", key, cut),
                           fmt::format("a whole number of at least {}", least));
             return std::nullopt;
@@ -72,12 +85,13 @@ class KeyReader {
   private:
     std::optional<size_t> place(const std::string& key, bool required) {
         const std::string needle = '"' + key + '"';
-        const KeyPosition found = findKeyPosition(text_, key);
-        if (found.status == KeyStatus::kMissing) {
+        const size_t at = text_.find(needle);
+        if (at == text_.npos) {
             if (required) report_.fault(fmt::format("key {} is missing", needle));
             return std::nullopt;
         }
-        if (found.status == KeyStatus::kNoColon) {
+        const size_t end = at + needle.size(), colon = text_.find(':', end);
+        if (colon == text_.npos) {
             if (required) {
                 report_.fault(fmt::format("no colon follows key {}", needle));
             } else {
@@ -88,15 +102,14 @@ class KeyReader {
         const int count = occurrences(text_, needle);
         if (count > 1) {
             report_.warn(fmt::format("{} is quoted {} times; the first one is read: {}", needle,
-                                     count, excerpt(found.afterColon)),
+                                     count, excerpt(colon + 1)),
                          "one key of that name and no such text before it");
         }
-        const size_t end = text_.find(needle) + needle.size();
-        if (text_.find_first_not_of(kSpace, end) + 1 != found.afterColon) {
+        if (text_.find_first_not_of(kSpace, end) != colon) {
             report_.warn(fmt::format("{} is not followed by a colon; a later one is taken: {}",
-                                     needle, excerpt(found.afterColon)));
+                                     needle, excerpt(colon + 1)));
         }
-        return found.afterColon;
+        return colon + 1;
     }
 
     std::string excerpt(size_t from) const {
@@ -109,31 +122,20 @@ class KeyReader {
     FileReport& report_;
 };
 
-/// Why the compositor takes no such kernel; "" when it does.
-std::string kernelFault(const BundleFacts& facts, int ksize) try {
-    const int side = std::min(facts.crop.value_or(1), Paste::kMaxSide);
-    const size_t pixels = static_cast<size_t>(side) * static_cast<size_t>(side);
-    const Paste taken(std::vector<uint8_t>(pixels), side, {1, 1, ksize});
-    return "";
-} catch (const std::exception& error) {
-    return error.what();
-}
-
 void readSharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     facts.amount = keys.number("amount");
     facts.sigma = keys.number("sigma");
     if (!std::isfinite(facts.amount.value_or(0)) || !std::isfinite(facts.sigma.value_or(0))) {
         report.warn("\"amount\" or \"sigma\" is not finite", "finite numbers");
     }
-    if (facts.sigma == 0) {
-        report.warn("\"sigma\" is 0, so that crops are not sharpened", "a number above 0");
-    }
     const auto ksize = keys.number("ksize");
     if (!ksize) return;
-    const int size = toInt32(*ksize);
-    if (const std::string why = kernelFault(facts, size); !why.empty()) {
-        report.fault(fmt::format("\"ksize\" reads as {}: {}", size, why),
-                     "an odd number of at least 1 that leaves room for the crop");
+    const int size = cutToInt32(*ksize);
+    const int64_t most = kMaxPadded - std::min(facts.crop.value_or(1), kMaxCrop) + 1;
+    if (size < 1 || size % 2 == 0) {
+        report.fault(fmt::format("\"ksize\" reads as {}", size), "an odd number of at least 1");
+    } else if (size > most) {
+        report.fault(fmt::format("\"ksize\" reads as {}", size), fmt::format("at most {}", most));
     } else {
         facts.ksize = size;
     }
@@ -141,8 +143,8 @@ void readSharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
 
 void readPlacementSize(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     const int width = facts.width.value_or(0), height = facts.height.value_or(0);
-    facts.placementWidth = toInt32(keys.number("M_src_w", false).value_or(width));
-    facts.placementHeight = toInt32(keys.number("M_src_h", false).value_or(height));
+    facts.placementWidth = cutToInt32(keys.number("M_src_w", false).value_or(width));
+    facts.placementHeight = cutToInt32(keys.number("M_src_h", false).value_or(height));
     if (!facts.width || !facts.height) return;
     const std::string size =
         fmt::format("M_src_w x M_src_h is {} x {}", facts.placementWidth, facts.placementHeight);
@@ -162,14 +164,10 @@ void readPlacementSize(KeyReader& keys, BundleFacts& facts, FileReport& report) 
 
 void checkFrameCache(const BundleFacts& facts, FileReport& report) {
     if (!facts.targetFrames || !facts.width || !facts.height) return;
-    try {
-        const ZeroedArray<uint8_t> cache(
-            checkedProduct(checkedProduct(toCount(*facts.targetFrames), toCount(*facts.width)),
-                           checkedProduct(toCount(*facts.height), 3)));
-    } catch (const std::bad_alloc&) {
-        report.fault(fmt::format("NT frames of W x H take {:.3g} bytes",
-                                 3.0 * *facts.targetFrames * *facts.width * *facts.height),
-                     "what fits into the address space");
+    const double bytes = 3.0 * *facts.targetFrames * *facts.width * *facts.height;
+    if (bytes > kMaxCache) {
+        report.fault(fmt::format("NT frames of W x H take {:.3g} bytes", bytes),
+                     fmt::format("at most {:.3g}", kMaxCache));
     }
 }
 
@@ -177,21 +175,20 @@ BundleFacts readFacts(const std::string& text, FileReport& report) {
     BundleFacts facts;
     KeyReader keys(text, report);
     const auto format = keys.quoted("format");
-    if (format && *format != kBundleFormat) {
-        report.fault(fmt::format("\"format\" is \"{}\"", *format),
-                     fmt::format("\"{}\"", kBundleFormat));
+    if (format && *format != kFormat) {
+        report.fault(fmt::format("\"format\" is \"{}\"", *format), fmt::format("\"{}\"", kFormat));
     }
     facts.agent = keys.quoted("agent").value_or("");
-    facts.targetFrames = keys.whole("NT", 1, isBundleSize);
-    facts.height = keys.whole("H", 1, isBundleSize);
-    facts.width = keys.whole("W", 1, isBundleSize);
-    facts.crop = keys.whole("crop", 1, isBundleSize);
-    if (facts.crop && *facts.crop > Paste::kMaxSide) {
+    facts.targetFrames = keys.whole("NT", 1);
+    facts.height = keys.whole("H", 1);
+    facts.width = keys.whole("W", 1);
+    facts.crop = keys.whole("crop", 1);
+    if (facts.crop && *facts.crop > kMaxCrop) {
         report.fault(fmt::format("\"crop\" is {}: such crops cannot be pasted", *facts.crop),
-                     fmt::format("at most {}", Paste::kMaxSide));
+                     fmt::format("at most {}", kMaxCrop));
     }
     checkFrameCache(facts, report);
-    facts.driveFrames = keys.whole("frames", 0, [](int32_t count) { return count >= 0; });
+    facts.driveFrames = keys.whole("frames", 0);
     readSharpening(keys, facts, report);
     readPlacementSize(keys, facts, report);
     return facts;
@@ -200,10 +197,13 @@ BundleFacts readFacts(const std::string& text, FileReport& report) {
 }  // namespace
 
 BundleFacts checkManifest(const std::string& directory, FileReport& report) {
-    if (!fileSizeOf(directory, report)) return {};
     std::string text;
-    if (readWholeFile(directory + "/" + report.name, text) != ReadStatus::kOk) {
-        report.fault("cannot be read");
+    try {
+        if (!fileSizeOf(directory, report)) return {};
+        const FileView file(directory + "/" + report.name);
+        text.assign(reinterpret_cast<const char*>(file.data()), file.size());
+    } catch (const Failure& error) {
+        report.fault(fmt::format("cannot be read: {}", error.what()));
         return {};
     }
     report.content = fmt::format("{} bytes", text.size());

@@ -52,7 +52,7 @@ void GridSampleFastKernel::compute(Ort::KernelContext context) {
 }  // namespace
 
 void registerGridSampleFast(Ort::SessionOptions& options) {
-    registerOperator<GridSampleFast>(options);
+    registerOperators<GridSampleFast>(options);
 }
 
 }  // namespace zorv

@@ -42,7 +42,4 @@ std::size_t rewriteGridSampleToFast(std::string& bytes);
 /// The same into `out`, which is touched only if a node is rewritten.
 std::size_t rewriteGridSampleToFast(std::string_view model, std::string& out);
 
-/// Appends `value` as a protobuf varint.
-void gsPutVarint(std::string& out, std::uint64_t value);
-
 }  // namespace zorv

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "render/custom_operators.h"
+#include "render/int8conv/depth_to_space.h"
 
 namespace zorv {
 namespace {
@@ -79,7 +80,7 @@ void Int8ConvKernel::compute(Ort::KernelContext context) {
 }  // namespace
 
 void registerInt8ConvVNNI(Ort::SessionOptions& options) {
-    registerOperator<Int8ConvVNNI>(options);
+    registerOperators<Int8ConvVNNI, DepthToSpaceFast>(options);
 }
 
 }  // namespace zorv

@@ -1,6 +1,6 @@
-// Any bytes as a model: the rewrite fails with one of its texts and changes nothing, or every
-// field outside the nodes that it replaced is there again byte for byte. The comparison reads the
-// wire format with code of its own.
+// Any bytes as a model: a load-time rewrite fails with one of its texts and changes nothing, or
+// every field outside the nodes that it replaced or removed is there again byte for byte. The
+// comparison reads the wire format with code of its own.
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -13,6 +13,7 @@
 
 #include "fuzz_input.h"
 #include "render/gridsample/rewrite.h"
+#include "render/int8conv/fold.h"
 
 namespace {
 
@@ -132,6 +133,63 @@ void compareModels(std::string_view before, std::string_view after, std::size_t 
     require((b.size() > a.size()) == (count > 0 && !importsDomain(a)));
 }
 
+std::string_view nodeType(std::string_view node) {
+    std::string_view type;
+    for (const Field& field : fieldsOf(node)) {
+        if (field.number == 4 && field.type == 2) type = field.payload;
+    }
+    return type;
+}
+
+/// What is left of the only graph of `before` stands in `after` in its order; convolutions and
+/// DepthToSpace changed, and only nodes and constants are gone.
+void compareFolded(std::string_view before, std::string_view after,
+                   const std::vector<zorv::Int8Fold>& folds) {
+    std::vector<Field> a, b;
+    for (auto [model, graph] : {std::pair(before, &a), std::pair(after, &b)}) {
+        for (const Field& field : fieldsOf(model)) {
+            if (field.number == 7 && field.type == 2) *graph = fieldsOf(field.payload);
+        }
+    }
+    std::size_t at = 0, nodesGone = 0, depthToSpace = 0, spacesMade = 0;
+    for (const Field& field : a) {
+        if (at < b.size() && b[at].raw == field.raw) {
+            ++at;
+            continue;
+        }
+        const bool isNode = field.number == 1 && field.type == 2;
+        require(isNode || (field.number == 5 && field.type == 2));
+        if (!isNode) continue;
+        const std::string_view type = nodeType(field.payload);
+        if (type == "DepthToSpace" || type == "Int8ConvVNNI") {
+            require(at < b.size());
+            const std::string_view now = nodeType(b[at++].payload);
+            require(now == (type == "DepthToSpace" ? "DepthToSpaceFast" : type));
+            depthToSpace += type == "DepthToSpace";
+        } else {
+            require(type == "Resize" || type == "Pad" || type == "Constant");
+            nodesGone += type != "Constant";
+        }
+    }
+    require(at == b.size());
+    for (const zorv::Int8Fold& fold : folds) {
+        spacesMade += fold.kind == zorv::Int8Fold::Kind::kDepthToSpace;
+    }
+    require(depthToSpace == spacesMade && nodesGone == folds.size() - spacesMade);
+}
+
+/// Runs a rewrite that may throw the texts of malformed models.
+template <class Rewrite>
+void unlessMalformed(const Rewrite& rewrite) {
+    try {
+        rewrite();
+    } catch (const std::runtime_error& error) {
+        const std::string_view text = error.what();
+        require(text == "onnx: bad varint" || text == "onnx: truncated" ||
+                text == "onnx: bad wire type");
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -140,70 +198,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size > 0) std::memcpy(block.get(), data, size);
     const std::string_view model(block.get(), size);
     const std::string_view untouched(reinterpret_cast<const char*>(data), size);
-    std::string bytes(model), out = "as before";
-    try {
-        const std::size_t count = zorv::rewriteGridSampleToFast(model, out);
-        require(model == untouched && (count > 0 || out == "as before"));
+    std::string bytes(model), out = "as before", folded = "as before";
+    std::size_t count = 0;
+    unlessMalformed([&] {
+        count = zorv::rewriteGridSampleToFast(model, out);
         require(zorv::rewriteGridSampleToFast(bytes) == count);
         require(bytes == (count > 0 ? std::string_view(out) : untouched));
         compareModels(model, bytes, count);
         require(zorv::rewriteGridSampleToFast(bytes) == 0);
-    } catch (const std::runtime_error& error) {
-        const std::string_view text = error.what();
-        require(text == "onnx: bad varint" || text == "onnx: truncated" ||
-                text == "onnx: bad wire type");
-        require(bytes == untouched && out == "as before");
-    }
+    });
+    require(model == untouched && (count > 0 || (out == "as before" && bytes == untouched)));
+    std::vector<zorv::Int8Fold> folds;
+    unlessMalformed([&] { folds = zorv::foldIntoInt8Conv(model, folded); });
+    require(model == untouched && folds.empty() == (folded == "as before"));
+    if (!folds.empty()) compareFolded(model, folded, folds);
     return 0;
-}
-
-// Mutates inside the messages and mends their lengths: random bytes alone seldom get past the
-// first length that they spoil.
-extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most)
-    __attribute__((weak));
-
-namespace {
-
-std::string mutateBytes(std::string_view bytes) {
-    std::string changed(bytes);
-    changed.resize(bytes.size() + 32);
-    changed.resize(LLVMFuzzerMutate(reinterpret_cast<std::uint8_t*>(changed.data()), bytes.size(),
-                                    changed.size()));
-    return changed;
-}
-
-std::string mutateMessage(std::string_view message, int depth, std::mt19937& random) {
-    std::vector<Field> fields;
-    if (!split(message, fields) || fields.empty() || random() % 8 == 0) return mutateBytes(message);
-    const std::size_t chosen = random() % fields.size();
-    const unsigned action = random() % 8;
-    std::string changed;
-    for (std::size_t i = 0; i < fields.size(); ++i) {
-        const Field& field = fields[i];
-        if (i != chosen || action == 0) {
-            changed += field.raw;
-            if (i == chosen) changed += field.raw;
-        } else if (field.type != 2 || action == 1) {
-            if (action != 1) changed += mutateBytes(field.raw);
-        } else {
-            const std::string payload = depth > 0 ? mutateMessage(field.payload, depth - 1, random)
-                                                  : mutateBytes(field.payload);
-            zorv::gsPutVarint(changed, field.number << 3 | 2);
-            zorv::gsPutVarint(changed, payload.size());
-            changed += payload;
-        }
-    }
-    return changed;
-}
-
-}  // namespace
-
-extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
-                                               std::size_t most, unsigned seed) {
-    std::mt19937 random(seed);
-    const std::string_view model(reinterpret_cast<const char*>(data), size);
-    std::string changed = mutateMessage(model, 4, random);
-    if (changed.empty() || changed.size() > most) return LLVMFuzzerMutate(data, size, most);
-    std::memcpy(data, changed.data(), changed.size());
-    return changed.size();
 }

@@ -1,0 +1,350 @@
+#include "render/int8conv/fold.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <optional>
+
+#include "render/onnx_node.h"
+
+namespace zorv {
+namespace {
+
+constexpr std::string_view kDomain = "com.velmarin.int8";
+/// Models with deeper subgraphs stay as they are.
+constexpr int kDeepest = 16;
+
+/// Who makes and who reads each name of the only graph of a model.
+class Graph {
+  public:
+    explicit Graph(const GsField& message) { usable_ = add(message, 0); }
+
+    bool usable() const { return usable_; }
+    const std::vector<OnnxNode>& nodes() const { return nodes_; }
+    const std::vector<OnnxTensor>& initializers() const { return initializers_; }
+    int readersOf(std::string_view name) const {
+        const auto found = readers_.find(name);
+        return found == readers_.end() ? 0 : found->second;
+    }
+
+    int makersOf(std::string_view name) const {
+        const auto found = makers_.find(name);
+        return found == makers_.end() ? 0 : found->second.count;
+    }
+
+    /// The node whose only output is `name`, when one other node reads it, once, and nobody else.
+    const OnnxNode* soleSource(std::string_view name) const {
+        const auto found = makers_.find(name);
+        const bool sole = !name.empty() && found != makers_.end() && found->second.count == 1 &&
+                          found->second.node != kNone && readersOf(name) == 1;
+        if (!sole) return nullptr;
+        const OnnxNode& node = nodes_[found->second.node];
+        return node.outputs.size() == 1 ? &node : nullptr;
+    }
+
+    /// The constant of that name: an initializer that no input overrides, or a Constant's.
+    std::optional<OnnxTensor> constant(std::string_view name) const {
+        const auto found = makers_.find(name);
+        if (found == makers_.end() || found->second.count != 1) return std::nullopt;
+        const Maker& maker = found->second;
+        if (maker.initializer != kNone) return initializers_[maker.initializer];
+        if (maker.node == kNone || !nodes_[maker.node].isStandard("Constant")) return std::nullopt;
+        const OnnxAttribute* const value = nodes_[maker.node].attribute("value");
+        return value && value->tensor ? std::optional(OnnxTensor(*value->tensor)) : std::nullopt;
+    }
+
+    static constexpr std::size_t kNone = SIZE_MAX;
+
+  private:
+    struct Maker {
+        int count = 0;
+        std::size_t node = kNone, initializer = kNone;
+    };
+
+    /// Subgraphs count as readers of what they name. False when they lie too deep.
+    bool add(const GsField& graph, int depth) {
+        if (depth > kDeepest) return false;
+        GsReader reader(graph);
+        for (GsField field; reader.next(field);) {
+            if (field.isBytes(onnx::kGraphNode) && !addNode(field, depth)) return false;
+            if (field.isBytes(onnx::kGraphOutput)) ++readers_[nameOf(field)];
+            if (depth > 0) continue;
+            if (field.isBytes(onnx::kGraphInput)) ++makers_[nameOf(field)].count;
+            if (field.isBytes(onnx::kGraphInitializer)) {
+                initializers_.emplace_back(field);
+                Maker& maker = makers_[initializers_.back().name];
+                ++maker.count, maker.initializer = initializers_.size() - 1;
+            }
+        }
+        return true;
+    }
+
+    bool addNode(const GsField& field, int depth) {
+        OnnxNode node(field);
+        for (const std::string_view name : node.inputs) ++readers_[name];
+        for (const OnnxAttribute& attribute : node.attributes) {
+            for (const GsField& graph : attribute.graphs) {
+                if (!add(graph, depth + 1)) return false;
+            }
+        }
+        if (depth > 0) return true;
+        for (const std::string_view name : node.outputs) {
+            Maker& maker = makers_[name];
+            ++maker.count, maker.node = nodes_.size();
+        }
+        nodes_.push_back(std::move(node));
+        return true;
+    }
+
+    static std::string_view nameOf(const GsField& value) {
+        std::string_view name;
+        GsReader reader(value);
+        for (GsField field; reader.next(field);) {
+            if (field.isBytes(onnx::kValueName)) name = field.text();
+        }
+        return name;
+    }
+
+    bool usable_ = false;
+    std::vector<OnnxNode> nodes_;
+    std::vector<OnnxTensor> initializers_;
+    std::map<std::string_view, int> readers_;
+    std::map<std::string_view, Maker> makers_;
+};
+
+using Pads = std::array<std::int64_t, 4>;  // top, left, bottom, right
+
+/// Whether every attribute of `node` is named once and `allowed`, which judges one, lets it pass.
+template <class Allowed>
+bool attributesFit(const OnnxNode& node, const Allowed& allowed) {
+    return std::all_of(node.attributes.begin(), node.attributes.end(), [&](const auto& one) {
+        return node.attribute(one.name) == &one && allowed(one);
+    });
+}
+
+/// An Int8ConvVNNI and what is found in front of it.
+class Convolution {
+  public:
+    Convolution(const Graph& graph, const OnnxNode& node)
+        : graph_(graph), node_(node), x_(node.input(0)) {
+        const auto of = [&](const char* name, auto& values) {
+            const OnnxAttribute* const given = node.attribute(name);
+            if (given && given->integers.size() >= values.size()) {
+                std::copy_n(given->integers.begin(), values.size(), values.begin());
+            }
+        };
+        of("pads", pads_), of("strides", strides_), of("dilations", dilations_);
+        if (const OnnxAttribute* const group = node.attribute("group")) {
+            oneGroup_ = group->integer == 1;
+        }
+        foldable_ = !x_.empty() && !node.attribute("enlarged") && !node.attribute("zero_pads") &&
+                    attributesFit(node, [](const OnnxAttribute&) { return true; });
+    }
+
+    void fold() {
+        if (!foldable_) return;
+        pad_ = graph_.soleSource(x_);
+        if (!pad_ || !foldPad()) pad_ = nullptr;
+        resize_ = graph_.soleSource(x_);
+        if (!resize_ || !isSameKernel() || !doubles(*resize_)) resize_ = nullptr;
+        if (resize_) x_ = resize_->input(0);
+    }
+
+    const OnnxNode* pad() const { return pad_; }
+    const OnnxNode* resize() const { return resize_; }
+
+    /// The field that replaces the node's.
+    std::string rebuilt() const {
+        std::string node, out;
+        GsReader reader(node_.field);
+        bool atX = true;
+        for (GsField field; reader.next(field);) {
+            if (field.isBytes(onnx::kNodeInput) && atX) {
+                putBytes(node, onnx::kNodeInput, x_);
+                atX = false;
+            } else if (!(pad_ && field.isBytes(onnx::kNodeAttribute) &&
+                         OnnxAttribute(field).name == "pads")) {
+                putRaw(node, field);
+            }
+        }
+        constexpr std::uint64_t kInt = 2, kInts = 7;  // attribute types
+        const auto put = [&](const char* name, std::uint64_t type, std::uint64_t number,
+                             const auto& values) {
+            std::string attribute;
+            putBytes(attribute, onnx::kAttributeName, name);
+            for (const auto value : values) {
+                putInt(attribute, number, static_cast<std::uint64_t>(value));
+            }
+            putInt(attribute, onnx::kAttributeType, type);
+            putBytes(node, onnx::kNodeAttribute, attribute);
+        };
+        constexpr std::array<int, 1> kYes = {1};
+        if (pad_) put("pads", kInts, onnx::kAttributeInts, pads_);
+        if (pad_) put("zero_pads", kInt, onnx::kAttributeInt, kYes);
+        if (resize_) put("enlarged", kInt, onnx::kAttributeInt, kYes);
+        putBytes(out, onnx::kGraphNode, node);
+        return out;
+    }
+
+  private:
+    /// Takes the amounts of a Pad of zeros on H and W.
+    bool foldPad() {
+        const bool fits = pad_->isStandard("Pad") && pads_ == Pads{} && pad_->inputs.size() <= 3 &&
+                          attributesFit(*pad_, [](const OnnxAttribute& one) {
+                              return one.name == "mode" && one.text == "constant";
+                          });
+        const auto amounts = graph_.constant(pad_->input(1));
+        const auto all = fits && amounts ? amounts->integers(8) : std::nullopt;
+        if (!all || std::any_of(all->begin(), all->end(), [](auto one) { return one < 0; }) ||
+            (*all)[0] + (*all)[1] + (*all)[4] + (*all)[5] != 0) {
+            return false;
+        }
+        if (!pad_->input(2).empty()) {
+            const auto value = graph_.constant(pad_->input(2));
+            const auto zero = value ? value->floats(1) : std::nullopt;
+            if (!zero || (*zero)[0] != 0) return false;
+        }
+        pads_ = {(*all)[2], (*all)[3], (*all)[6], (*all)[7]};
+        x_ = pad_->input(0);
+        return true;
+    }
+
+    /// 3 x 3, all else 1.
+    bool isSameKernel() const {
+        const auto weights = graph_.constant(node_.input(1));
+        return pads_ == Pads{1, 1, 1, 1} && strides_ == kOnes && dilations_ == kOnes && oneGroup_ &&
+               weights && weights->dims.size() == 4 && weights->dims[2] == 3 &&
+               weights->dims[3] == 3;
+    }
+
+    bool doubles(const OnnxNode& node) const {
+        const auto stated = [&](const char* name, std::string_view value) {
+            const OnnxAttribute* const given = node.attribute(name);
+            return given && given->text == value;
+        };
+        const bool fits =
+            node.isStandard("Resize") && node.inputs.size() <= 4 && node.input(3).empty() &&
+            stated("mode", "nearest") && stated("coordinate_transformation_mode", "asymmetric") &&
+            stated("nearest_mode", "floor") && attributesFit(node, [](const OnnxAttribute& one) {
+                // Without a meaning for this mode are the last two.
+                return one.name == "mode" || one.name == "coordinate_transformation_mode" ||
+                       one.name == "nearest_mode" || one.name == "cubic_coeff_a" ||
+                       one.name == "extrapolation_value" ||
+                       ((one.name == "exclude_outside" || one.name == "antialias") &&
+                        one.integer == 0) ||
+                       (one.name == "keep_aspect_ratio_policy" && one.text == "stretch");
+            });
+        const auto scales = graph_.constant(node.input(2));
+        const auto values = fits && scales ? scales->floats(4) : std::nullopt;
+        return values && *values == std::vector<float>{1, 1, 2, 2};
+    }
+
+    static constexpr std::array<std::int64_t, 2> kOnes = {1, 1};
+
+    const Graph& graph_;
+    const OnnxNode& node_;
+    std::string_view x_;
+    Pads pads_ = {};
+    std::array<std::int64_t, 2> strides_ = kOnes, dilations_ = kOnes;
+    bool oneGroup_ = true, foldable_ = false;
+    const OnnxNode* pad_ = nullptr;
+    const OnnxNode* resize_ = nullptr;
+};
+
+bool makesBlocksOfTwo(const OnnxNode& node) {
+    return node.isStandard("DepthToSpace") && node.attribute("blocksize") &&
+           attributesFit(node, [](const OnnxAttribute& one) {
+               return one.name == "blocksize"
+                          ? one.integer == 2
+                          : one.name == "mode" && (one.text == "DCR" || one.text == "CRD");
+           });
+}
+
+std::string rebuiltDepthToSpace(const OnnxNode& node) {
+    std::string kept, out;
+    GsReader reader(node.field);
+    for (GsField field; reader.next(field);) {
+        if (field.number != onnx::kNodeOpType && field.number != onnx::kNodeDomain) {
+            putRaw(kept, field);
+        }
+    }
+    putBytes(kept, onnx::kNodeOpType, "DepthToSpaceFast");
+    putBytes(kept, onnx::kNodeDomain, kDomain);
+    putBytes(out, onnx::kGraphNode, kept);
+    return out;
+}
+
+std::string label(const OnnxNode& node) {
+    if (!node.name.empty() || node.outputs.empty()) return std::string(node.name);
+    return std::string(node.outputs.front());
+}
+
+std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits) {
+    std::vector<Int8Fold> folds;
+    std::map<std::string_view, int> dropped;  // readers of a name that go
+    const auto replace = [&](const GsField& field, std::string with = {}) {
+        edits.push_back({field.raw, field.rawLength, std::move(with)});
+    };
+    for (const OnnxNode& node : graph.nodes()) {
+        if (node.opType != "Int8ConvVNNI" || node.domain != kDomain) continue;
+        Convolution convolution(graph, node);
+        convolution.fold();
+        const auto drop = [&](const OnnxNode* source, Int8Fold::Kind kind) {
+            if (!source) return;
+            for (const std::string_view name : source->inputs) ++dropped[name];
+            folds.push_back({kind, label(*source), label(node)});
+            replace(source->field);
+        };
+        drop(convolution.resize(), Int8Fold::Kind::kResize);
+        drop(convolution.pad(), Int8Fold::Kind::kPad);
+        if (convolution.resize() || convolution.pad()) replace(node.field, convolution.rebuilt());
+    }
+    for (const OnnxNode& node : graph.nodes()) {
+        if (!makesBlocksOfTwo(node)) continue;
+        folds.push_back({Int8Fold::Kind::kDepthToSpace, label(node), ""});
+        replace(node.field, rebuiltDepthToSpace(node));
+    }
+    // Settings that nobody reads any more; the runtime would warn of them.
+    const auto unread = [&](std::string_view name) {
+        const auto gone = dropped.find(name);
+        return gone != dropped.end() && gone->second == graph.readersOf(name) &&
+               graph.makersOf(name) == 1;
+    };
+    for (const OnnxTensor& constant : graph.initializers()) {
+        if (unread(constant.name)) replace(constant.field);
+    }
+    for (const OnnxNode& node : graph.nodes()) {
+        const bool constant = node.isStandard("Constant") && node.outputs.size() == 1;
+        if (constant && unread(node.outputs.front())) replace(node.field);
+    }
+    std::sort(edits.begin(), edits.end(),
+              [](const WireEdit& a, const WireEdit& b) { return a.at < b.at; });
+    return folds;
+}
+
+}  // namespace
+
+std::vector<Int8Fold> foldIntoInt8Conv(std::string_view model, std::string& out) {
+    if (model.find("Int8ConvVNNI") == std::string_view::npos) return {};
+    std::optional<GsField> message;
+    GsReader reader(model);
+    for (GsField field; reader.next(field);) {
+        if (!field.isBytes(onnx::kModelGraph)) continue;
+        if (message) return {};  // graphs that are to be merged
+        message = field;
+    }
+    if (!message) return {};
+    const Graph graph(*message);
+    const bool concerned =
+        graph.usable() &&
+        std::any_of(graph.nodes().begin(), graph.nodes().end(), [](const auto& n) {
+            return n.opType == "Int8ConvVNNI" && n.domain == kDomain;
+        });
+    if (!concerned) return {};
+    std::vector<WireEdit> edits;
+    std::vector<Int8Fold> folds = foldGraph(graph, edits);
+    if (!folds.empty()) writeEdited(model, edits, "", out);
+    return folds;
+}
+
+}  // namespace zorv
