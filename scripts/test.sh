@@ -72,7 +72,7 @@ if [ "$ALL" = 1 ]; then
     build tsan --target zorv_threaded_tests
     say 'threaded tests under TSan'
     TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
-        ctest --preset tsan -R 'Stream|Context|Common|Parallel|Motion.Engines|Int8Conv|GridSampleOperator|SeveralThreads|AtOnce|Utt|utt_calls|Telemetry' -LE slow --output-on-failure
+        ctest --preset tsan -R 'Stream|Context|Common|Parallel|Engines|Int8Conv|GridSampleOperator|AtOnce|Utt|utt_calls|Telemetry' -LE slow --output-on-failure
     run_fuzzers
 else
     scripts/setup.sh >/dev/null
@@ -85,7 +85,7 @@ if [ "$ALL" = 1 ]; then
     scripts/wheel.sh
     python3 bindings/python/tests/wheel_test.py . build/demo
     say 'tests with the portable paths'
-    ZORV_SIMD=portable ctest --preset release -j 2 -LE slow -E '^(smoke|install|demo|library|header)'
+    ZORV_SIMD=portable ctest --preset release -j 2 -LE slow -E '^(memcheck|without_avx|install|demo|library|header)'
     say 'share of tests'
     scripts/code_lines.py
 fi

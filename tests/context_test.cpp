@@ -38,65 +38,6 @@ class ContextTest : public testing::Test {
     TestBundle bundle;
 };
 
-TEST_F(ContextTest, GettersAndNull) {
-    const Context ctx = open(bundle);
-    ASSERT_TRUE(ctx) << zorv_last_error();
-    EXPECT_EQ(zorv_nt(ctx.get()), bundle.options().nt);
-    EXPECT_EQ(zorv_width(ctx.get()), bundle.options().width);
-    EXPECT_EQ(zorv_height(ctx.get()), bundle.options().height);
-    EXPECT_EQ(zorv_crop(ctx.get()), bundle.options().crop);
-    EXPECT_EQ(zorv_drive_frames(ctx.get()), bundle.options().driveFrames);
-    EXPECT_EQ(zorv_version(), ZORV_VERSION);
-
-    zorv_destroy(nullptr);
-    EXPECT_EQ(zorv_nt(nullptr) + zorv_width(nullptr) + zorv_height(nullptr) + zorv_crop(nullptr) +
-                  zorv_drive_frames(nullptr),
-              0);
-    EXPECT_EQ(zorv_create(nullptr, "render", 1, ""), nullptr);
-    EXPECT_STREQ(zorv_last_error(), "zorv_create: NULL bundle_dir/model_key");
-    EXPECT_EQ(zorv_create("x", nullptr, 1, ""), nullptr);
-    EXPECT_STREQ(zorv_last_error(), "zorv_create: NULL bundle_dir/model_key");
-}
-
-TEST_F(ContextTest, ArgumentsAreCheckedWithTheirTexts) {
-    const Context owner = open(bundle);
-    ASSERT_TRUE(owner) << zorv_last_error();
-    zorv_ctx* ctx = owner.get();
-    const std::vector<float> kp(63, 0.0f);
-    std::vector<std::uint8_t> out(bytes() / 3 * 4);
-
-    EXPECT_EQ(zorv_paste_last(ctx, 0), nullptr);
-    EXPECT_STREQ(zorv_last_error(), "zorv_paste_last: bad args / no prior render");
-    for (const int frame : {-1, zorv_nt(ctx)}) {
-        EXPECT_EQ(zorv_render_kp_crop(ctx, frame, kp.data(), kp.data()), nullptr);
-        EXPECT_STREQ(zorv_last_error(), "zorv_render_kp_crop: bad args");
-        EXPECT_EQ(zorv_target_frame(ctx, frame), nullptr);
-        EXPECT_STREQ(zorv_last_error(), "zorv_target_frame: bad args");
-        EXPECT_EQ(zorv_paste_crop(ctx, frame, kp.data(), out.data(), out.size()), 0);
-        EXPECT_STREQ(zorv_last_error(), "zorv_paste_crop: bad args / out too small");
-    }
-    EXPECT_EQ(zorv_render_kp_crop(nullptr, 0, kp.data(), kp.data()), nullptr);
-    EXPECT_EQ(zorv_render_kp_crop(ctx, 0, nullptr, kp.data()), nullptr);
-    EXPECT_EQ(zorv_render_kp_crop(ctx, 0, kp.data(), nullptr), nullptr);
-    EXPECT_STREQ(zorv_last_error(), "zorv_render_kp_crop: bad args");
-    for (const int k : {-1, zorv_drive_frames(ctx)}) {
-        EXPECT_EQ(zorv_render_drive_rgba(ctx, k, out.data(), out.size()), 0);
-        EXPECT_STREQ(zorv_last_error(), "zorv_render_drive_crop: bad frame index");
-    }
-    EXPECT_EQ(zorv_render_kp_rgba(nullptr, 0, kp.data(), kp.data(), out.data(), out.size()), 0);
-    EXPECT_STREQ(zorv_last_error(), "");
-
-    const float* crop = zorv_render_kp_crop(ctx, 0, kp.data(), kp.data());
-    ASSERT_TRUE(crop);
-    EXPECT_STREQ(zorv_last_error(), "");
-    EXPECT_EQ(zorv_paste_crop(ctx, 0, crop, out.data(), bytes() - 1), 0);
-    EXPECT_EQ(zorv_paste_crop(ctx, 0, crop, out.data(), bytes()), 1);
-
-    std::string other;
-    std::thread([&] { other = zorv_last_error(); }).join();
-    EXPECT_EQ(other, "");  // each thread has its own string
-}
-
 TEST_F(ContextTest, PasteAndRgbaAgree) {
     const Context owner = open(bundle);
     ASSERT_TRUE(owner) << zorv_last_error();
@@ -179,44 +120,6 @@ TEST_F(ContextTest, FailedRenderAndTargetLeaveTheContextUsable) {
     EXPECT_EQ(zorv_target_frame(ctx, 2), nullptr);
     EXPECT_EQ(zorv_last_error(), "zorv_target_frame: target size mismatch " +
                                      bundle.path("target_frames/frame_000002.jpg"));
-}
-
-/// Opens a damaged bundle and uses whatever opens: nothing may crash, every failure has a text.
-void openAndUse(const TestBundle& bundle) {
-    const Context ctx = open(bundle);
-    if (!ctx) {
-        EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
-        return;
-    }
-    std::vector<std::uint8_t> rgba(static_cast<std::size_t>(zorv_width(ctx.get())) *
-                                   static_cast<std::size_t>(zorv_height(ctx.get())) * 4);
-    for (int k = 0; k < zorv_drive_frames(ctx.get()); ++k) {
-        if (!zorv_render_drive_rgba(ctx.get(), k, rgba.data(), rgba.size())) {
-            EXPECT_STRNE(zorv_last_error(), "");
-        }
-    }
-}
-
-TEST_F(ContextTest, EveryFileMissingEmptyCutLongerOrNoise) {
-    const TestBundle healthy;
-    std::vector<std::string> files = bundle.files();
-    files.push_back("model_render.onnx");
-    for (const std::string& file : files) {
-        SCOPED_TRACE(file);
-        const auto damage = [&](auto&& change) {
-            change();
-            openAndUse(bundle);
-            bundle.write();
-            bundle.useModel("render", "render");
-        };
-        damage([&] { bundle.remove(file); });
-        damage([&] { bundle.empty(file); });
-        damage([&] { bundle.truncate(file); });
-        damage([&] { bundle.truncate(file, test::readFile(bundle.path(file)).size() / 2); });
-        damage([&] { bundle.extend(file); });
-        for (unsigned seed = 1; seed <= 3; ++seed) damage([&] { bundle.noise(file, seed); });
-    }
-    EXPECT_EQ(openError(bundle), "opened");
 }
 
 TEST_F(ContextTest, TextsOfAMissingMaskAndModel) {

@@ -105,27 +105,6 @@ TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
     }
 }
 
-TEST_F(DemoSubject, TheFastSamplerKeepsThePicture) {
-    for (const char* key : {"render", "b24_fp32", "synth"}) {
-        const Context fast = open(key);
-        const test::ScopedEnv off("ZORV_GS_FAST", "0");
-        const Context plain = open(key);
-        ASSERT_TRUE(fast && plain) << zorv_last_error();
-        const auto side = static_cast<std::size_t>(zorv_crop(fast.get()));
-        float largest = 0;
-        for (int k = 0; k < zorv_drive_frames(fast.get()); k += 30) {
-            const float* a = zorv_render_drive_crop(fast.get(), k);
-            const float* b = zorv_render_drive_crop(plain.get(), k);
-            ASSERT_TRUE(a && b) << zorv_last_error();
-            for (std::size_t i = 0; i < 3 * side * side; ++i) {
-                largest = std::max(largest, std::abs(a[i] - b[i]));
-            }
-        }
-        EXPECT_LT(largest, 1e-4f) << key;  // a fortieth of a grey level
-        RecordProperty(key, std::to_string(largest));
-    }
-}
-
 TEST_F(DemoSubject, TheInt8VariantKeepsThePicture) {
     const Context exact = open("refined"), int8 = open("refined_int8");
     ASSERT_TRUE(exact && int8) << zorv_last_error();
