@@ -108,24 +108,24 @@ TEST(Motion, EveryCallEqualsTheReferenceWithAndWithoutEagerPasses) {
 
 TEST(Motion, FramesComeWithinTheLookAheadThatIsTold) {
     const TestMotion files;
-    const MotionPtr motion = open(files);
+    const auto motion = openMotion(files);
     for (const auto& [eager, frames] : {std::pair{0, 160}, {1, 12}, {3, 20}}) {
         SCOPED_TRACE("eager " + std::to_string(eager));
-        zorv_motion_reset(motion.get(), 0, 1, 0);
-        zorv_motion_set_eager(motion.get(), eager);
+        motion->reset(0, 1, 0);
+        motion->setEager(eager);
         const Floats audio = speechLike(frames * 640);
         constexpr int kPiece = 64;
         int longest = 0, seen = 0;
         for (int heard = kPiece; heard <= frames * 640; heard += kPiece) {
-            zorv_motion_push(motion.get(), audio.data() + heard - kPiece, kPiece);
+            motion->push(audio.data() + heard - kPiece, kPiece);
             Frames got;
-            drain(motion.get(), got);
+            motion->drain(got);
             for (std::size_t k = 0; k < got.size(); ++k) {
                 longest = std::max(longest, heard - 640 * seen++);
             }
         }
         // The oldest frame of the second chunk waits longest.
-        EXPECT_EQ((zorv_motion_look_ahead(motion.get()) + kPiece - 1) / kPiece, longest / kPiece);
+        EXPECT_EQ((zorv_motion_look_ahead(motion->get()) + kPiece - 1) / kPiece, longest / kPiece);
     }
 }
 
