@@ -2,7 +2,8 @@
 // ring and copied to the host, or (idle) the target frame alone. Walks over the targets as speech
 // does, with a render before each frame, so that nothing is in the caches that would not be.
 // Processor time; the ways take turns. Prints JSON: medians in microseconds, and each one's share
-// of RGBA as it was done before: target copied, coverage found again, blended, packed, copied.
+// of RGBA as it was done before: target copied, coverage found again, blended, packed, copied. The
+// last two are the same without sharpening and blending: what copies, packing and conversion cost.
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -38,13 +39,36 @@ class Bench {
         const Manifest& manifest = ctx_.manifest;
         const int target = round % manifest.NT;
         std::memcpy(rgb_.data(), ctx_.target(target), rgb_.size());
-        ctx_.paste->composite(crop, 255,
-                              ctx_.paste->place(ctx_.identity.M(target), manifest.W, manifest.H),
-                              rgbBackdrop(rgb_.data(), manifest.W, manifest.H),
-                              {PixelForm::kRgb, YuvMatrix::kBt709,
-                               ctx_.packed(PixelForm::kRgb, rgb_.data()), manifest.W, manifest.H});
+        if (crop) {
+            const FrameView rgb = ctx_.packed(PixelForm::kRgb, rgb_.data());
+            ctx_.paste->composite(
+                crop, 255, ctx_.paste->place(ctx_.identity.M(target), manifest.W, manifest.H),
+                rgbBackdrop(rgb_.data(), manifest.W, manifest.H),
+                {PixelForm::kRgb, YuvMatrix::kBt709, rgb, manifest.W, manifest.H});
+        }
         rgbToRgba(rgb_.data(), ring(round), rgb_.size() / 3);
         std::memcpy(host_.data(), ring(round), host_.size());
+    }
+
+    /// All of a frame with a face in I420 but for sharpening and blending it.
+    void conversions(int round) {
+        const Manifest& manifest = ctx_.manifest;
+        const int target = round % manifest.NT;
+        const FrameView between = ctx_.packed(PixelForm::kI420, ring(round));
+        const FrameWriter writer(PixelForm::kI420, YuvMatrix::kBt709, between, manifest.W,
+                                 manifest.H);
+        // It has been made by the frames of the first round.
+        const Backdrop from = ctx_.targets->yuv(
+            target, YuvMatrix::kBt709, [](int) { return FrameArea{}; },
+            [](int) { return std::vector<std::uint8_t>(); });
+        writer.frame(from);
+        const FrameArea& area = from.area;
+        for (int y = area.top; y < area.bottom; y += 2) {
+            writer.rows(area.left, y, area.right - area.left, from.pixel(area.left, y),
+                        from.pixel(area.left, y + 1));
+        }
+        copyFrame(PixelForm::kI420, between, ctx_.packed(PixelForm::kI420, host_.data()),
+                  manifest.W, manifest.H);
     }
 
     const float* render(int round) {
@@ -87,6 +111,10 @@ int main() {
         {"rgba_idle", idle(PixelForm::kRgba), {}},
         {"i420_idle", idle(PixelForm::kI420), {}},
         {"nv12_idle", idle(PixelForm::kNv12), {}},
+        {"rgba_former_copies",
+         [&](int round, const float*) { bench.formerFrame(round, nullptr); },
+         {}},
+        {"i420_copies", [&](int round, const float*) { bench.conversions(round); }, {}},
     };
     for (int round = 0; round < 2 * kRounds; ++round) {
         for (Way& way : ways) {

@@ -211,6 +211,8 @@ inline void resampleLanes(const LaneGroup<V>& group, const LaneWeights<V, kTaps>
     constexpr int kShared = std::min(kTaps, 4);
     if (group.adjacent) {
         with([](const float* p, typename V::F* taps) { V::template adjacentTaps<kTaps>(p, taps); });
+    } else if (V::kLanes >= 2 * kTaps && group.spanX <= 2 * V::kLanes - kTaps) {
+        with(PickedTaps<V, kTaps, kTaps>(group));
     } else if (group.spanX <= 2 * V::kLanes - kShared) {
         with(PickedTaps<V, kTaps, kShared>(group));
     } else {
