@@ -353,7 +353,10 @@ TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
     EXPECT_EQ(model.model->batch, 1);
     ASSERT_TRUE(model.model->operators);
     EXPECT_EQ(model.model->operators->fast.size(), 1u);
-    EXPECT_EQ(model.model->operators->int8.size(), 1u);
+    ASSERT_EQ(model.model->operators->int8.size(), 1u);
+    ASSERT_EQ(model.model->operators->folded.size(), 1u);
+    EXPECT_EQ(model.model->operators->folded[0].type, "Pad");
+    EXPECT_EQ(model.model->operators->folded[0].into, model.model->operators->int8[0]);
     EXPECT_TRUE(model.model->operators->rewritten.empty());
 }
 

@@ -29,6 +29,10 @@ struct OnnxNode {
     bool isStandard(std::string_view type) const {
         return opType == type && (domain.empty() || domain == "ai.onnx");
     }
+    /// Its name, or its first output when it has none.
+    std::string_view label() const {
+        return name.empty() && !outputs.empty() ? outputs.front() : name;
+    }
     /// Empty when absent.
     std::string_view input(std::size_t index) const {
         return index < inputs.size() ? inputs[index] : std::string_view();

@@ -83,10 +83,12 @@ def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None):
 
 
 def own_operators(path):
-    """The standard graph with a node of either operator of the library."""
+    """The standard graph with a node of either operator of the library, and padding for one."""
     g = Graph()
-    weights = g.const(np.full((3, 3, 1, 1), 64), np.int8)
-    image = g("Int8ConvVNNI", "P_rgb", weights, g.const(np.full(3, 1 / 384)), g.const(np.zeros(3)),
+    weights = np.zeros((3, 3, 3, 3))
+    weights[:, :, 1, 1] = 64
+    padded = g("Pad", "P_rgb", g.const([0, 0, 1, 1, 0, 0, 1, 1], np.int64))
+    image = g("Int8ConvVNNI", padded, g.const(weights, np.int8), g.const(np.full(3, 1 / 384)), g.const(np.zeros(3)),
               domain="com.velmarin.int8")
     line = (np.arange(CROP) * 2 + 1) / CROP - 1
     image = g("GridSampleFast", image, np.stack(np.meshgrid(line, line), -1)[None], domain="com.velmarin")

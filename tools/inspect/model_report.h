@@ -25,12 +25,19 @@ struct KeptNode {
     std::string name, why;
 };
 
+/// A node that the load-time rewrite makes part of an int8 convolution.
+struct FoldedNode {
+    std::string type, name, into;
+};
+
 /// Nodes by the names that the model gives them, or by their output when it gives none.
 struct OperatorCensus {
     std::vector<std::string> rewritten;  // GridSample: made GridSampleFast when the model is loaded
     std::vector<KeptNode> kept;          // GridSample: stay as they are
     std::vector<std::string> fast;       // GridSampleFast already in the file
     std::vector<std::string> int8;       // Int8ConvVNNI
+    std::vector<FoldedNode> folded;
+    std::vector<std::string> depthToSpace;  // made DepthToSpaceFast when the model is loaded
 };
 
 struct ModelReport {

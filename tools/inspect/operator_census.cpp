@@ -1,47 +1,30 @@
 #include "operator_census.h"
 
 #include "render/gridsample/rewrite.h"
-#include "render/onnx_wire.h"
+#include "render/int8conv/fold.h"
+#include "render/onnx_node.h"
 
 namespace zorv::tools {
 namespace {
-
-constexpr uint64_t kModelGraph = 7;
-constexpr uint64_t kGraphNode = 1;
-constexpr uint64_t kNodeOutput = 2, kNodeName = 3, kNodeOpType = 4, kNodeAttribute = 5;
-constexpr uint64_t kNodeDomain = 7;
-constexpr uint64_t kAttributeGraph = 6, kAttributeGraphs = 11;
 
 /// Subgraphs deeper than this are not looked into.
 constexpr int kDeepest = 16;
 
 void countGraph(const GsField& graph, int depth, OperatorCensus& census);
 
-void countSubgraphs(const GsField& attribute, int depth, OperatorCensus& census) {
-    GsReader reader(attribute);
-    for (GsField field; reader.next(field);) {
-        if (field.isBytes(kAttributeGraph) || field.isBytes(kAttributeGraphs)) {
-            countGraph(field, depth + 1, census);
-        }
+void countNode(const GsField& field, int depth, OperatorCensus& census) {
+    const OnnxNode node(field);
+    for (const OnnxAttribute& attribute : node.attributes) {
+        if (depth == kDeepest) break;
+        for (const GsField& graph : attribute.graphs) countGraph(graph, depth + 1, census);
     }
-}
-
-void countNode(const GsField& node, int depth, OperatorCensus& census) {
-    std::string name, output, type, domain;
-    GsReader reader(node);
-    for (GsField field; reader.next(field);) {
-        if (field.isBytes(kNodeName)) name = field.text();
-        if (field.isBytes(kNodeOutput) && output.empty()) output = field.text();
-        if (field.isBytes(kNodeOpType)) type = field.text();
-        if (field.isBytes(kNodeDomain)) domain = field.text();
-        if (field.isBytes(kNodeAttribute) && depth < kDeepest) {
-            countSubgraphs(field, depth, census);
-        }
+    const std::string name(node.label());
+    if (node.opType == "GridSampleFast" && node.domain == "com.velmarin")
+        census.fast.push_back(name);
+    if (node.opType == "Int8ConvVNNI" && node.domain == "com.velmarin.int8") {
+        census.int8.push_back(name);
     }
-    if (name.empty()) name = output;
-    if (type == "GridSampleFast" && domain == "com.velmarin") census.fast.push_back(name);
-    if (type == "Int8ConvVNNI" && domain == "com.velmarin.int8") census.int8.push_back(name);
-    const GridSampleVerdict verdict = judgeGridSample(node.text());
+    const GridSampleVerdict verdict = judgeGridSample(field.text());
     if (verdict == GridSampleVerdict::kOtherNode) return;
     if (verdict != GridSampleVerdict::kRewritable) {
         census.kept.push_back({name, zorv::describe(verdict)});
@@ -55,7 +38,7 @@ void countNode(const GsField& node, int depth, OperatorCensus& census) {
 void countGraph(const GsField& graph, int depth, OperatorCensus& census) {
     GsReader reader(graph);
     for (GsField field; reader.next(field);) {
-        if (field.isBytes(kGraphNode)) countNode(field, depth, census);
+        if (field.isBytes(onnx::kGraphNode)) countNode(field, depth, census);
     }
 }
 
@@ -63,10 +46,18 @@ void countGraph(const GsField& graph, int depth, OperatorCensus& census) {
 
 OperatorCensus countOperators(std::string_view model) {
     OperatorCensus census;
-    const auto* begin = reinterpret_cast<const uint8_t*>(model.data());
-    GsReader reader(begin, begin + model.size());
+    GsReader reader(model);
     for (GsField field; reader.next(field);) {
-        if (field.isBytes(kModelGraph)) countGraph(field, 0, census);
+        if (field.isBytes(onnx::kModelGraph)) countGraph(field, 0, census);
+    }
+    std::string folded;
+    for (const Int8Fold& fold : foldIntoInt8Conv(model, folded)) {
+        if (fold.kind == Int8Fold::Kind::kDepthToSpace) {
+            census.depthToSpace.push_back(fold.node);
+        } else {
+            const char* const type = fold.kind == Int8Fold::Kind::kResize ? "Resize" : "Pad";
+            census.folded.push_back({type, fold.node, fold.into});
+        }
     }
     return census;
 }

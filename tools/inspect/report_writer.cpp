@@ -80,6 +80,14 @@ void writeOperators(const OperatorCensus& census, std::back_insert_iterator<std:
     if (!census.int8.empty()) {
         fmt::format_to(out, "           Int8ConvVNNI: {}\n", names(census.int8));
     }
+    for (const FoldedNode& node : census.folded) {
+        fmt::format_to(out, "           {}, runs inside Int8ConvVNNI {}: {}\n", node.type,
+                       plain(node.into), plain(node.name));
+    }
+    if (!census.depthToSpace.empty()) {
+        fmt::format_to(out, "           DepthToSpace, runs as DepthToSpaceFast: {}\n",
+                       names(census.depthToSpace));
+    }
 }
 
 void writeModel(const ModelReport& model, std::back_insert_iterator<std::string> out) {
@@ -139,10 +147,16 @@ json operatorsJson(const OperatorCensus& census) {
     for (const KeptNode& node : census.kept) {
         kept.push_back({{"node", node.name}, {"why", node.why}});
     }
+    json folded = json::array();
+    for (const FoldedNode& node : census.folded) {
+        folded.push_back({{"node", node.name}, {"type", node.type}, {"into", node.into}});
+    }
     return {{"grid_sample_rewritten", census.rewritten},
             {"grid_sample_kept", kept},
             {"grid_sample_fast", census.fast},
-            {"int8_conv", census.int8}};
+            {"int8_conv", census.int8},
+            {"int8_conv_folded", folded},
+            {"depth_to_space_rewritten", census.depthToSpace}};
 }
 
 json modelJson(const ModelReport& model) {

@@ -274,11 +274,6 @@ std::string rebuiltDepthToSpace(const OnnxNode& node) {
     return out;
 }
 
-std::string label(const OnnxNode& node) {
-    if (!node.name.empty() || node.outputs.empty()) return std::string(node.name);
-    return std::string(node.outputs.front());
-}
-
 std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits) {
     std::vector<Int8Fold> folds;
     std::map<std::string_view, int> dropped;  // readers of a name that go
@@ -292,7 +287,7 @@ std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits
         const auto drop = [&](const OnnxNode* source, Int8Fold::Kind kind) {
             if (!source) return;
             for (const std::string_view name : source->inputs) ++dropped[name];
-            folds.push_back({kind, label(*source), label(node)});
+            folds.push_back({kind, std::string(source->label()), std::string(node.label())});
             replace(source->field);
         };
         drop(convolution.resize(), Int8Fold::Kind::kResize);
@@ -301,7 +296,7 @@ std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits
     }
     for (const OnnxNode& node : graph.nodes()) {
         if (!makesBlocksOfTwo(node)) continue;
-        folds.push_back({Int8Fold::Kind::kDepthToSpace, label(node), ""});
+        folds.push_back({Int8Fold::Kind::kDepthToSpace, std::string(node.label()), ""});
         replace(node.field, rebuiltDepthToSpace(node));
     }
     // Settings that nobody reads any more; the runtime would warn of them.
