@@ -26,7 +26,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
-PYTHON_PACKAGES=(python3-av mypy)
+PYTHON_PACKAGES=(python3-av python3-distributed mypy)
 DEV_PACKAGES=(clang clang-format clang-tidy cppcheck valgrind qemu-user llvm git doxygen dpkg-dev)
 
 WHEEL_PACKAGES=(python3-build python3-setuptools python3-wheel python3-venv patchelf)
@@ -68,8 +68,8 @@ install_packages() {
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
   CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
-  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV and mypy, and espeak-ng; unpack an
-  official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
+  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV, distributed and mypy, and
+  espeak-ng; unpack an official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
 }
 

@@ -7,7 +7,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from zorv import _library
+from zorv import _engine, _library, face, frame
 
 HEADER = Path(os.environ["ZORV_HEADER"])
 PLAIN = {"void": None, "int": ctypes.c_int, "float": ctypes.c_float, "double": ctypes.c_double,
@@ -44,7 +44,12 @@ class Declarations(unittest.TestCase):
             for field, kind, *_ in record._fields_:
                 checks += [(f"offsetof({name}, {field})", getattr(record, field).offset),
                            (f"sizeof((({name}*)0)->{field})", ctypes.sizeof(kind))]
-        checks += [(name, value) for name, value in _library.CONSTANTS.items()]
+        checks += [(f"ZORV_{prefix}_{name.upper()}", value) for prefix, names in (
+            ("PIXELS", face._PIXELS), ("LATE", face._LATE),
+            ("FRAME", frame.FrameFlags.__members__),
+            ("UTT", {name: value for value, name in _engine.EVENT_TYPES.items()}),
+            ("REASON", {name: value for value, name in _engine.REASONS.items() if name}))
+            for name, value in names.items()]
         lines = "".join(f'printf("%ld\\n", (long)({expression}));' for expression, _ in checks)
         with tempfile.TemporaryDirectory() as folder:
             source, program = Path(folder, "records.c"), Path(folder, "records")

@@ -7,8 +7,8 @@ import atexit
 import ctypes
 import logging
 import os
-from ctypes import POINTER, c_char_p, c_double, c_float, c_int, c_int16, c_int32, c_int64, c_size_t
-from ctypes import c_uint8, c_uint32, c_uint64, c_void_p
+from ctypes import c_char_p, c_double, c_float, c_int, c_int32, c_int64, c_size_t, c_uint32
+from ctypes import c_uint64, c_void_p
 from pathlib import Path
 from typing import Any, NoReturn, Optional, Union
 
@@ -41,11 +41,37 @@ class UttStats(ctypes.Structure):
 
 
 LOG_CALLBACK = ctypes.CFUNCTYPE(None, c_void_p, c_char_p)
+class UttFrame(ctypes.Structure):
+    """zorv_utt_frame"""
+
+    _fields_ = [("struct_size", c_size_t), ("plane", c_void_p * 3), ("stride", c_int32 * 3),
+                ("sound", c_void_p), ("sound_capacity", c_int32), ("sound_samples", c_int32),
+                ("sequence", c_uint64), ("kind", c_int32), ("frame", c_int32),
+                ("speech_sequence", c_int32), ("utterance", c_uint64), ("first_sample", c_int64),
+                ("pts", c_int64), ("flags", c_uint32)]
+
+
+class UttEvent(ctypes.Structure):
+    """zorv_utt_event"""
+
+    _fields_ = [("struct_size", c_size_t), ("type", c_int32), ("reason", c_int32),
+                ("utterance", c_uint64), ("samples", c_int64), ("pts", c_int64),
+                ("frames_left_out", c_uint64), ("missed", c_uint64)]
+
+
+class UttLatency(ctypes.Structure):
+    """zorv_utt_latency_info"""
+
+    _fields_ = [("struct_size", c_size_t), ("look_ahead_samples", c_int32),
+                ("idle_ahead", c_int32), ("render_ms", c_double),
+                ("frames_left_out_late", c_uint64), ("frames_left_out_failed", c_uint64),
+                ("late_slots", c_uint64), ("sound_bytes", c_uint64)]
+
+
 FRAME_CALLBACK = ctypes.CFUNCTYPE(c_int, c_void_p, c_int, c_void_p, c_int, c_int)
 
-RECORDS = {"zorv_utt_opts": UttOpts, "zorv_utt_stats": UttStats}
-
-CONSTANTS: "dict[str, int]" = {}
+RECORDS = {"zorv_utt_opts": UttOpts, "zorv_utt_stats": UttStats, "zorv_utt_frame": UttFrame,
+           "zorv_utt_event": UttEvent, "zorv_utt_latency_info": UttLatency}
 
 # Name: result, then arguments. Handles and blocks of memory are plain addresses.
 FUNCTIONS: "dict[str, tuple[Any, ...]]" = {
@@ -87,6 +113,23 @@ FUNCTIONS: "dict[str, tuple[Any, ...]]" = {
     "zorv_a2x_avail": (c_int, c_void_p),
     "zorv_a2x_pull": (c_int, c_void_p, c_void_p, c_void_p, c_void_p, c_int),
     "zorv_a2x_reset": (None, c_void_p, c_int, c_int, c_int),
+    "zorv_utt_create": (c_void_p, c_void_p, c_void_p),
+    "zorv_utt_destroy": (None, c_void_p),
+    "zorv_utt_last_error": (c_char_p,),
+    "zorv_utt_ready": (c_int, c_void_p),
+    "zorv_utt_set_input": (c_int, c_void_p, c_int),
+    "zorv_utt_set_pixels": (c_int, c_void_p, c_int),
+    "zorv_utt_set_idle_ahead": (c_int, c_void_p, c_int),
+    "zorv_utt_set_late": (c_int, c_void_p, c_int),
+    "zorv_utt_push": (c_uint64, c_void_p, c_void_p, c_int),
+    "zorv_utt_end_utterance": (None, c_void_p),
+    "zorv_utt_interrupt": (None, c_void_p),
+    "zorv_utt_pull": (c_int, c_void_p, c_void_p),
+    "zorv_utt_next_event": (c_int, c_void_p, c_void_p),
+    "zorv_utt_fd": (c_int, c_void_p, c_int),
+    "zorv_utt_latency": (c_int, c_void_p, c_void_p),
+    "zorv_utt_get_stats": (None, c_void_p, c_void_p),
+    "zorv_utt_failure": (c_uint64, c_void_p, c_char_p, c_size_t),
 }
 
 

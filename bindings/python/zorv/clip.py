@@ -1,9 +1,11 @@
 """Whole clips of speech become frames."""
+import atexit
 import ctypes
 import itertools
 import os
 import queue
 import threading
+import weakref
 from array import array
 from typing import TYPE_CHECKING, Any, Callable, Iterator, Optional
 
@@ -12,7 +14,7 @@ from ._library import (FPS, FRAME_CALLBACK, KEYPOINT_FLOATS, RATE, SAMPLES_PER_F
                        ZorvError, c_integer, fail, last_error, lib, model_threads, open_context,
                        path_bytes)
 from ._sound import Samples, address
-from .frame import Frame, FrameFlags, NewFrame
+from .frame import Frame, FrameFlags, Memory, place_of
 
 if TYPE_CHECKING:
     from ._sound import Sound
@@ -39,6 +41,7 @@ class _DeltaRenderer:
             fail("zorv_stream_create")
         self.width: int = lib.zorv_stream_width(self._stream)
         self.height: int = lib.zorv_stream_height(self._stream)
+        self.memory = Memory("rgb", self.width, self.height)
 
     def run(self, speech: "array[float]", deliver: _Deliver) -> None:
         stopped: Optional[BaseException] = None
@@ -47,9 +50,9 @@ class _DeltaRenderer:
             nonlocal stopped
             if stopped is None:
                 try:
-                    new = NewFrame("rgb", self.width, self.height)
-                    ctypes.memmove(new.place, rgb, len(new.buffer))
-                    deliver(new.buffer)
+                    picture = self.memory.take()
+                    ctypes.memmove(place_of(picture), rgb, len(picture))
+                    deliver(picture)
                 except BaseException as error:  # a callback cannot raise
                     stopped = error
                     self.cancel()
@@ -113,6 +116,7 @@ class _KeypointRenderer:
             raise
         self.width: int = lib.zorv_width(self._ctx)
         self.height: int = lib.zorv_height(self._ctx)
+        self.memory = Memory("rgb", self.width, self.height)
         self._target = array("i", bytes(4 * self.PULL))
         self._source = array("f", bytes(4 * self.PULL * KEYPOINT_FLOATS))
         self._driving = array("f", bytes(4 * self.PULL * KEYPOINT_FLOATS))
@@ -154,10 +158,10 @@ class _KeypointRenderer:
                                        address(self._driving) + at)
         if crop is None:
             fail("zorv_render_kp_crop")
-        new = NewFrame("rgb", self.width, self.height)
-        if not lib.zorv_paste_crop(self._ctx, target, crop, new.place, len(new.buffer)):
+        picture = self.memory.take()
+        if not lib.zorv_paste_crop(self._ctx, target, crop, place_of(picture), len(picture)):
             fail("zorv_paste_crop")
-        deliver(new.buffer)
+        deliver(picture)
 
     def cancel(self) -> None:
         self._wanted = False
@@ -177,6 +181,8 @@ class _Render:
         self._ready: "queue.Queue[Any]" = queue.Queue(self.AHEAD)
         self._over = False  # nobody takes any more
         self._thread = threading.Thread(target=self._run, name="zorv-clip", daemon=True)
+        self._pid = os.getpid()
+        _running.add(self)
         self._thread.start()
 
     def take(self) -> Optional[bytearray]:
@@ -189,6 +195,8 @@ class _Render:
 
     def close(self) -> None:
         """Stops the render and waits until it has left the library."""
+        if self._pid != os.getpid():
+            return
         self._over = True
         self._renderer.cancel()
         while self._thread.is_alive() and self._thread is not threading.current_thread():
@@ -216,6 +224,16 @@ class _Render:
         if self._over:
             raise _Stopped
         self._ready.put(picture)
+
+
+_running: "weakref.WeakSet[_Render]" = weakref.WeakSet()
+
+
+@atexit.register
+def _close_all() -> None:
+    """A render that goes on would call back into an interpreter that is gone."""
+    for render in list(_running):
+        render.close()
 
 
 class Clip:
@@ -286,6 +304,7 @@ class Clip:
             if self._active is not None:
                 raise ZorvError("a render of this clip is running; leave its loop first")
             render = self._active = _Render(self._renderer, speech)
+            spare = self._renderer.memory.spare
         length = rate // FPS
 
         def sound_of(index: int) -> "Callable[[], array[int]]":
@@ -302,7 +321,7 @@ class Clip:
                     return
                 yield Frame(picture, self._width, self._height, "rgb", kind="speech", utterance=1,
                             first_sample=index * length, pts=index, sequence=index,
-                            flags=FrameFlags(0), sound=sound_of(index))
+                            flags=FrameFlags(0), sound=sound_of(index), spare=spare)
         finally:
             render.close()
             with self._lock:

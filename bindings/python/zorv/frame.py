@@ -1,10 +1,10 @@
 """One finished picture."""
 import ctypes
 import enum
+import sys
 from array import array
-from typing import Any, Callable, Dict, Optional, Tuple, Union
-
-from ._sound import address
+from collections import deque
+from typing import Any, Callable, Deque, Dict, Optional, Tuple, Union
 
 CHANNELS = {"rgb": 3, "rgba": 4}
 KINDS = ("idle", "speech", "ramp")
@@ -50,7 +50,7 @@ class Frame:
     """
 
     __slots__ = ("width", "height", "pixels", "kind", "utterance", "first_sample", "pts",
-                 "sequence", "flags", "_buffer", "_sound", "__weakref__")
+                 "sequence", "flags", "_buffer", "_sound", "_spare", "__weakref__")
 
     width: int  #: in pixels
     height: int  #: in pixels
@@ -64,12 +64,19 @@ class Frame:
 
     def __init__(self, buffer: bytearray, width: int, height: int, pixels: str, *, kind: str,
                  utterance: int, first_sample: int, pts: int, sequence: int, flags: FrameFlags,
-                 sound: "Union[array[int], Callable[[], array[int]]]") -> None:
+                 sound: "Union[array[int], Callable[[], array[int]]]",
+                 spare: "Optional[Deque[bytearray]]" = None) -> None:
         self._buffer = buffer
         self.width, self.height, self.pixels = width, height, pixels
         self.kind, self.utterance, self.first_sample = kind, utterance, first_sample
         self.pts, self.sequence, self.flags = pts, sequence, flags
         self._sound = sound
+        self._spare = spare
+
+    def __del__(self) -> None:
+        # Nobody sees the picture any more when this frame and this call alone refer to its memory.
+        if self._spare is not None and sys.getrefcount(self._buffer) <= 2:
+            self._spare.append(self._buffer)
 
     def __repr__(self) -> str:
         return (f"<zorv.Frame {self.pts}: {self.kind}, utterance {self.utterance}, "
@@ -109,8 +116,8 @@ class Frame:
 
     @property
     def __array_interface__(self) -> Dict[str, Any]:
-        place = ctypes.addressof(ctypes.c_char.from_buffer(self._buffer))
-        return {"shape": self._shape(), "typestr": "|u1", "data": (place, False), "version": 3}
+        return {"shape": self._shape(), "typestr": "|u1", "data": (place_of(self._buffer), False),
+                "version": 3}
 
     def _shape(self) -> Tuple[int, ...]:
         if self.pixels in CHANNELS:
@@ -128,12 +135,21 @@ class Frame:
         return memoryview(self._buffer)[begin:begin + sizes[plane]].cast("B", shape)
 
 
-class NewFrame:
-    """Memory for a frame, and where the library writes."""
+def place_of(buffer: bytearray) -> int:
+    """Where it lies; it must not be resized."""
+    return ctypes.addressof(ctypes.c_char.from_buffer(buffer))
 
-    def __init__(self, pixels: str, width: int, height: int, sound_samples: int = 0) -> None:
+
+class Memory:
+    """Buffers for frames of one size. Those of frames that are gone are used again: fresh ones of
+    some megabytes cost more than what is copied into them."""
+
+    def __init__(self, pixels: str, width: int, height: int) -> None:
         self.sizes = plane_sizes(pixels, width, height)
-        self.buffer = bytearray(sum(self.sizes))
-        self.place = ctypes.addressof(ctypes.c_char.from_buffer(self.buffer))
-        self.sound = array("h", bytes(2 * sound_samples))
-        self.sound_place: Optional[int] = address(self.sound) if sound_samples else None
+        self.spare: Deque[bytearray] = deque(maxlen=8)
+
+    def take(self) -> bytearray:
+        try:
+            return self.spare.pop()
+        except IndexError:
+            return bytearray(sum(self.sizes))

@@ -28,18 +28,23 @@ def write_video(path: Union[str, "os.PathLike[str]"], frames: Iterable[Frame],
     import av
 
     path = os.fspath(path)
-    folder, name = os.path.split(path)
-    unfinished = os.path.join(folder, f".{os.getpid()}-{name}")
     samples = None if sound is None else Samples.of(sound)
+    file = unfinished(path, f"{os.uname().nodename}-{os.getpid()}") + os.path.splitext(path)[1]
     try:
-        with av.open(unfinished, "w") as container:
+        with av.open(file, "w") as container:
             count = _write(av, container, frames, samples, rate)
-        os.replace(unfinished, path)
+        os.replace(file, path)
     except BaseException:
-        if os.path.exists(unfinished):
-            os.unlink(unfinished)
+        if os.path.exists(file):
+            os.unlink(file)
         raise
     return count
+
+
+def unfinished(path: str, who: str) -> str:
+    """How the file is named, up to its ending, that `who` writes to become `path`."""
+    folder, name = os.path.split(path)
+    return os.path.join(folder, f".unfinished-{name}-{who}")
 
 
 def _streams(container: Any, width: int, height: int) -> Tuple[Any, Any]:

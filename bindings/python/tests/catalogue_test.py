@@ -1,0 +1,71 @@
+"""A catalogue on a local cluster of two worker processes."""
+import os
+import tempfile
+import threading
+import unittest
+import wave
+from pathlib import Path
+
+from distributed import Client, LocalCluster
+from support import BUNDLE, ENCODER, Case, voice
+
+import zorv
+
+CLIPS = 40
+
+
+def write_sound(path, samples):
+    with wave.open(str(path), "wb") as sound:
+        sound.setnchannels(1)
+        sound.setsampwidth(2)
+        sound.setframerate(16000)
+        sound.writeframes(samples.tobytes())
+
+
+class Catalogue(Case):
+    def test_workers_die_and_every_file_is_there_once(self):
+        with tempfile.TemporaryDirectory() as name, LocalCluster(
+                n_workers=2, threads_per_worker=1, dashboard_address=None,
+                silence_logs=50, scheduler_kwargs={"allowed_failures": 10}) as cluster, \
+                Client(cluster) as client:
+            folder = Path(name)
+            lengths = [0.04 * (1 + i % 5) for i in range(CLIPS)]
+            jobs = [zorv.Job(str(BUNDLE), str(folder / f"{i}.wav"), str(folder / f"{i}.mp4"),
+                             encoder=str(ENCODER)) for i in range(CLIPS)]
+            for job, length in zip(jobs, lengths):
+                write_sound(job.sound, voice(length))
+            Path(jobs[7].sound).write_bytes(b"no sound")
+            killed = threading.Event()
+
+            def kill_one():
+                while sum(Path(job.target).exists() for job in jobs) < 5:
+                    killed.wait(0.01)
+                os.kill(next(iter(client.run(os.getpid).values())), 9)
+                killed.set()
+
+            killer = threading.Thread(target=kill_one)
+            killer.start()
+            results = zorv.render_catalogue(jobs, client)
+            killer.join()
+            self.assertEqual([r.job for r in results], jobs)
+            self.assertEqual([r.state for r in results],
+                             ["failed" if i == 7 else "made" for i in range(CLIPS)])
+            self.assertIn("Error: file does not start with RIFF id", results[7].text)
+            names = {f"{i}.wav" for i in range(CLIPS)} | {f"{i}.mp4" for i in range(CLIPS) if i != 7}
+            self.assertEqual(set(os.listdir(folder)), names)
+            with zorv.Clip(BUNDLE, ENCODER, threads=1) as clip:
+                for i in (0, 4, 38):
+                    sound, here = voice(lengths[i]), folder / "here.mp4"
+                    zorv.write_video(here, clip.render(sound), sound)
+                    self.assertEqual(here.read_bytes(), Path(jobs[i].target).read_bytes())
+            before = {job.target: os.stat(job.target) for job in jobs if job != jobs[7]}
+            again = zorv.render_catalogue(jobs, client)
+            self.assertEqual([r.state for r in again],
+                             ["failed" if i == 7 else "there" for i in range(CLIPS)])
+            self.assertEqual({target: os.stat(target) for target in before}, before)
+            self.raises_text("same target", zorv.render_catalogue, jobs[:1] * 2, client,
+                             error=ValueError)
+
+
+if __name__ == "__main__":
+    unittest.main()
