@@ -46,66 +46,10 @@ class Bundle(unittest.TestCase):
     def frame(self, index):
         return np.asarray(Image.open(self.bundle / "target_frames" / f"frame_{index:06d}.jpg"))
 
-    def test_files_have_the_sizes_that_the_manifest_promises(self):
-        manifest = json.loads((self.bundle / "manifest.json").read_text())
-        count, crop, drive = manifest["NT"], manifest["crop"], manifest["frames"]
-        self.assertEqual(count, FRAMES)
-        self.assertEqual(manifest["ksize"] % 2, 1)
-        sizes = {"pooled64.f16": count * 65536 * 2, "P.f16": count * 3 * crop * crop * 2,
-                 "fs_red.f16": count * 262144 * 2, "M.f32": count * 24, "mask_512.u8": crop * crop,
-                 "xs_target.bin": count * 63 * 4, "drive/xs.f32": drive * 63 * 4,
-                 "drive/xd.f32": drive * 63 * 4, "drive/si.i32": drive * 4}
-        self.assertEqual({name: (self.bundle / name).stat().st_size for name in sizes}, sizes)
-        for index in range(count):
-            self.assertEqual(self.frame(index).shape, (manifest["H"], manifest["W"], 3))
-        indices = np.fromfile(self.bundle / "drive/si.i32", np.int32)
-        self.assertTrue(((indices >= 0) & (indices < count)).all())
-
-    def test_expression_directory_is_what_its_models_declare(self):
-        expression = self.out / "expression"
-        meta = json.loads((expression / "a2x_meta.json").read_text())
-        width, window = meta["h"], meta["window"] * meta["layers"]
-        self.assertEqual((expression / "a2x_pos.f32").stat().st_size, meta["maxlen"] * width * 4)
-        self.assertEqual((expression / "xs_target.bin").read_bytes(), (self.bundle / "xs_target.bin").read_bytes())
-        self.assertLessEqual(window, 12)                           # no further than features reach anyway
-        features, keypoints = [1, "n", 12, 768], [1, 63]
-        contracts = {
-            "speech_encoder": ({"input_values": [1, 128000]}, {"audio_emb": [12, 200, 768]}),
-            "speech_trunk": ({"input_values": [1, 32000]}, {"trunk": [1, 640, 400]}),
-            "speech_head": ({"x": [8, 640]}, {"emb": [8, 9216]}),
-            "expression/a2x_enc_stream": ({"feat": features, "pos_window": [1, "n", width],
-                                           "attn": [1, 1, "n", "n"]}, {"ctx": [1, "n", width]}),
-            "expression/a2x_dec": ({"ctx_t": [1, width], "prev": keypoints, "h": [1, 1, width]},
-                                   {"m": keypoints, "h_out": [1, 1, width]})}
-        for name, contract in contracts.items():
-            model = onnx.shape_inference.infer_shapes(onnx.load(str(self.out / f"{name}.onnx")), strict_mode=True)
-            found = tuple({v.name: [d.dim_param or d.dim_value for d in v.type.tensor_type.shape.dim] for v in side}
-                          for side in (model.graph.input, model.graph.output))
-            self.assertEqual(found, contract, name)
-
     def test_rest_of_the_expression_is_exact_and_not_zero(self):
         mean, scale = np.fromfile(self.out / "expression" / "a2x_norm.f32", np.float32).reshape(2, 63)
         np.testing.assert_array_equal((-mean / scale) * scale + mean, 0)
         self.assertGreater(np.abs(mean / scale).max(), 0.5)
-
-    def test_motion_directory_has_the_declared_sizes_and_shapes(self):
-        motion = self.out / "motion"
-        meta = json.loads((motion / "meta.json").read_text())
-        self.assertEqual((meta["nt"], meta["n_src"]), (FRAMES, FRAMES))
-        floats = {"hubert_stft_window": 512, "hubert_stft_binmat": 257 * 80, "hubert_fmean": 1024,
-                  "hubert_fstd": 1024, "emo": meta["n_emo"] * 8, "ch_xs_info": 328, "ch_sc": 63,
-                  "ch_eye_open": 2, "ch_eye_ball": 6, "v_min_max": 530, "src_xs_info": FRAMES * 328,
-                  "xs_target": FRAMES * 63}
-        self.assertEqual({name: (motion / f"{name}.bin").stat().st_size // 4 for name in floats}, floats)
-        shapes = {"hubert_student": ([[1, 80, 21]], [1, 20, 1024]),
-                  "lmdm": ([[1, 265], [1, 80, 1103]], [1, 80, 265]),
-                  "stitch": ([[1, 21, 3], [1, 21, 3]], [1, 21, 3])}
-        for name, declared in shapes.items():
-            model = onnx.load(str(motion / f"{name}.onnx"))
-            onnx.shape_inference.infer_shapes(model, strict_mode=True)
-            inputs, (output,) = ([[d.dim_value for d in v.type.tensor_type.shape.dim] for v in values]
-                                 for values in (model.graph.input, model.graph.output))
-            self.assertEqual((inputs, output), declared, name)
 
     def test_source_records_lead_back_to_the_keypoints(self):
         """Turned by its angles, moved by its expression, scaled: every record is its target frame."""

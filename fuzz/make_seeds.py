@@ -67,7 +67,7 @@ def rewrite(test_models):
     return {name + ".onnx": shortened(model).SerializeToString() for name, model in models.items()}
 
 
-def metadata(_test_models):
+def metadata():
     """Good metadata, and everything that the rules for finding a value leave open."""
     good = {"motion": '{"nt": 3, "n_src": 3, "n_emo": 4, "s_bridge": 0.8, "delta_pitch": 3.0}',
             "expression": '{"h": 16, "window": 1, "left": 3, "layers": 2, "maxlen": 400, "silence_prime": 8}'}
@@ -83,7 +83,7 @@ def metadata(_test_models):
     return {name + ".json": text.encode() for name, text in texts.items()}
 
 
-def image(_test_models):
+def image():
     """A picture in every kind of file that the decoder knows, and in one that it does not."""
     picture = Image.new("RGB", (24, 16))
     picture.putdata([(i * 7 % 256, i * 3 % 256, i % 256) for i in range(24 * 16)])
@@ -106,12 +106,17 @@ def image(_test_models):
     return seeds
 
 
+def files(_test_models):
+    """A picture or metadata behind the byte that says so; manifests are kept with the sources."""
+    return {name: kind + content for kind, seeds in ((b"\1", image()), (b"\2", metadata()))
+            for name, content in seeds.items()}
+
+
 # Target -> a function of MODELS that returns the seeds: file name -> bytes.
 SEEDS = {"bundle_open_fuzz": damage_seeds.bundle_open,
          "engine_open_fuzz": damage_seeds.engine_open,
          "rewrite_fuzz": rewrite,
-         "image_fuzz": image,
-         "metadata_fuzz": metadata,
+         "files_fuzz": files,
          "stream_fuzz": stream_seeds.stream,
          "utt_calls_fuzz": utt_seeds.utt_calls}
 

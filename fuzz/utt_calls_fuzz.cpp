@@ -1,144 +1,99 @@
-// Utterance engines called by three threads at once: one pushes, one pulls, one interrupts, asks
-// and sometimes pulls as well. When the calls meet is up to the machine, so what is checked holds
-// for every order: what each call may return, that frames come in order and none twice, show what
-// they say, and never belong to an utterance that an interrupt has ended; that no speech is lost
-// without an interrupt; and that an engine ends in time.
+// Utterance engines, the tests' own player on them, called by three threads at once: one pushes,
+// one pulls, one interrupts, moves the clock, asks and sometimes pulls as well. When the calls meet
+// is up to the machine, so what is checked holds for every order: what each call may return, that
+// frames come in order and none twice, show what they say, and never belong to an utterance that an
+// interrupt has ended; that no speech is lost without an interrupt; and that an engine ends.
+#include <gtest/gtest.h>
 #include <zorv_core.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "fuzz_input.h"
 #include "support/expression_dir.h"
 #include "support/scoped_env.h"
-#include "support/test_bundle.h"
 #include "support/test_motion.h"
 #include "support/threads.h"
-#include "utt_program.h"
+#include "support/utt_player.h"
 
 namespace zorv::fuzz {
 namespace {
 
 constexpr int kFrames = 5;  ///< of the bundle
-constexpr int kSpeech = 1;
+constexpr int kIdle = 0, kSpeech = 1;
 constexpr std::uint64_t kFrameSamples = 640;
-constexpr std::size_t kFrameBytes = std::size_t{4} * 48 * 40;
 constexpr std::size_t kBytesAboveCrop = std::size_t{4} * 48 * 6;
 
-void pause(int steps) {
-    std::this_thread::sleep_for(std::chrono::microseconds(50 * steps));
-}
+enum class Call { kPush, kNothing, kEnd, kPause, kPull, kSmall, kAsk, kInterrupt, kClock, kFail };
 
-template <class Condition>
-void await(Condition&& condition, const char* what) {
-    require(test::waitFor(condition), what);
-}
+/// What each of the threads may be told to do: pusher, puller, controller.
+constexpr Call kCalls[3][8] = {{Call::kPush, Call::kPush, Call::kPush, Call::kPush, Call::kEnd,
+                                Call::kEnd, Call::kPause, Call::kNothing},
+                               {Call::kPull, Call::kPull, Call::kPull, Call::kPull, Call::kPause,
+                                Call::kAsk, Call::kAsk, Call::kSmall},
+                               {Call::kInterrupt, Call::kInterrupt, Call::kPause, Call::kAsk,
+                                Call::kClock, Call::kEnd, Call::kPull, Call::kFail}};
 
-/// A bundle, a context on it, and what its frames look like.
-class Stage {
-  public:
-    explicit Stage(bool damaged) : bundle_({.nt = kFrames}) {
-        bundle_.useModel("b4", "render_b4");
-        zorv_ctx* reference = zorv_create(bundle_.dir().c_str(), "render", 1, nullptr);
-        require(reference != nullptr, zorv_last_error());
-        for (int frame = 0; frame < kFrames; ++frame) {
-            const std::uint8_t* rgb = zorv_target_frame(reference, frame);
-            require(rgb != nullptr, zorv_last_error());
-            for (std::size_t i = 0; i < kFrameBytes / 4; ++i) {
-                stills_[frame].insert(stills_[frame].end(), rgb + 3 * i, rgb + 3 * i + 3);
-                stills_[frame].push_back(255);
-            }
-        }
-        zorv_destroy(reference);
-        if (damaged) bundle_.empty("target_frames/frame_000003.jpg");
-        ctx_ = zorv_create(bundle_.dir().c_str(), "render", 1, nullptr);
-        require(ctx_ != nullptr, zorv_last_error());
-    }
-    ~Stage() { zorv_destroy(ctx_); }
-    Stage(const Stage&) = delete;
-    Stage& operator=(const Stage&) = delete;
-
-    zorv_ctx* ctx() { return ctx_; }
-    const std::vector<std::uint8_t>& still(int frame) const { return stills_[frame]; }
-
-  private:
-    test::TestBundle bundle_;
-    zorv_ctx* ctx_ = nullptr;
-    std::vector<std::uint8_t> stills_[kFrames];
+struct Step {
+    Call call;
+    int value;
 };
 
-/// Everything that engines are created on, made once.
-struct Surroundings {
-    enum Source { kMotion, kExpression, kLegacyExpression, kFailingExpression };
-
-    const char* directory(int source) const {
-        switch (source) {
-            case kMotion:
-                return motion.dir().c_str();
-            case kFailingExpression:
-                return failing.path().c_str();
-            default:
-                return expression.path().c_str();
+/// The life of one engine: a byte for its source and modes, one for its end by silence, then two
+/// per call: thread and call, and a value; a thread of 3 ends the life.
+struct Life {
+    explicit Life(FuzzInput& input) {
+        const int flags = input.byte();
+        source = flags % 3;
+        options.pipelined = flags & 0x20;
+        options.steady = flags & 0x40 ? "b4" : "-";
+        drained = !(flags & 0x80);
+        options.silenceS = input.byte() % 4 == 3 ? 0.6 : -1;
+        for (int count = 0; !input.empty() && count < 80; ++count) {
+            const int byte = input.byte(), thread = byte >> 6;
+            if (thread == 3) break;
+            steps[thread].push_back({kCalls[thread][byte % 8], input.byte()});
         }
     }
+    bool has(int thread, Call call) const {
+        return std::any_of(steps[thread].begin(), steps[thread].end(),
+                           [&](const Step& step) { return step.call == call; });
+    }
 
-    test::ScopedEnv encoder{"W2V_ONNX", test::modelFile("a2x_w2v")};
-    test::ScopedEnv trunk{"ZORV_A2X_W2V_WIN_ONNX", test::modelFile("a2x_trunk")};
-    test::ScopedEnv head{"ZORV_A2X_W2V_HEAD_ONNX", test::modelFile("a2x_head")};
-    test::TestMotion motion{{.nt = kFrames}};
-    test::ExpressionDir expression{{.window = 0, .nt = kFrames}};
-    /// Its decoder fails at the 31st frame of a stream.
-    test::ExpressionDir failing{{.window = 0, .nt = kFrames, .decoder = "a2x_dec_fails"}};
-    Stage good{false};
-    Stage damaged{true};
+    int source;
+    test::UttPlayerOptions options;
+    bool drained;  ///< before it is destroyed, else destroyed at once
+    std::vector<Step> steps[3];
 };
 
-/// What the pushing and the interrupting thread have done, for the pulling ones to judge by.
-struct Ledger {
-    // Samples of pushes that have begun, that have returned, and that an interrupt has ended.
-    std::atomic<std::uint64_t> begun{0}, pushed{0}, dead{0};
-    std::atomic<int> interruptsBegun{0}, interruptsDone{0};
-};
-
-/// One engine and those who call it.
 class Performance {
   public:
-    Performance(Stage& stage, const Surroundings& surroundings, const UttLife& life)
-        : stage_(stage), life_(life) {
-        zorv_utt_opts opts = {};
-        opts.motion_dir = surroundings.directory(life.source);
-        opts.threads = 1;
-        opts.steady_model = life.batched ? "b4" : "-";
-        opts.eager = life.eager;
-        opts.silence_end_s = life.silenceEnds ? 0.01 : -1;
-        opts.ramp_frames = life.rampFrames;
-        opts.ramp_frames_interrupt = life.rampFramesInterrupt;
-        // Left as it is until the next engine: this one's threads read it while they warm up.
-        ::setenv("ZORV_A2X_W2V_WIN", life.source == Surroundings::kLegacyExpression ? "0" : "1", 1);
-        ::setenv("ZORV_UTT_PIPELINE_PASTE", life.pipelined ? "1" : "0", 1);
-        utt_ = zorv_utt_create(stage.ctx(), &opts);
-        require(utt_ != nullptr, zorv_utt_last_error());
+    Performance(const Life& life, const test::UttPlayerOptions& options)
+        : life_(life), player_(options), utt_(player_.utt()) {
+        for (int frame = 0; frame < kFrames; ++frame) stills_.push_back(player_.still(frame));
     }
 
     void run() {
-        std::thread pusher([&] { play(life_.pusher, nullptr); });
-        std::thread puller([&] { play(life_.puller, &viewers_[0]); });
-        play(life_.controller, &viewers_[1]);
+        std::thread pusher([&] { play(0, nullptr); });
+        std::thread puller([&] { play(1, &viewers_[0]); });
+        play(2, &viewers_[1]);
         pusher.join();
         puller.join();
         if (life_.drained) drain();
         checkTotals();
-        destroy();
+        auto done = std::async(std::launch::async, [this] { player_.destroy(); });
+        require(done.wait_for(test::kPatience) == std::future_status::ready, "an engine ends");
     }
 
   private:
     /// One of the threads that pull.
     struct Viewer {
-        std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(kFrameBytes);
+        std::vector<std::uint8_t> buffer;
         zorv_utt_frame_info last = {};
         std::vector<std::uint64_t> sequences;
         std::uint64_t speech = 0;
@@ -146,51 +101,62 @@ class Performance {
         int interruptsDone = 0;  ///< before the last frame was asked for
     };
 
-    bool alone() const { return !UttLife::has(life_.controller, Call::kPull); }
-    bool mayFail() const {
-        return life_.damagedContext || life_.source == Surroundings::kFailingExpression;
-    }
+    bool mayFail() const { return life_.has(2, Call::kFail); }
 
-    void play(const std::vector<UttStep>& steps, Viewer* viewer) {
-        for (const UttStep& step : steps) run(step, viewer);
-    }
-
-    void run(const UttStep& step, Viewer* viewer) {
-        switch (step.call) {
-            case Call::kPush:
-                return push(step.value);
-            case Call::kPushNothing:
-                return pushNothing(step.value);
-            case Call::kEnd:
-                return viewer ? zorv_utt_end_utterance(utt_) : end();
-            case Call::kInterrupt:
-                return interrupt();
-            case Call::kPull:
-                return pullSeveral(*viewer, step.value);
-            case Call::kPullSmall:
-                return pullSmall(*viewer, step.value);
-            case Call::kPause:
-                return pause(step.value);
-            default:
-                ask(step);
+    void play(int thread, Viewer* viewer) {
+        for (const auto& [call, value] : life_.steps[thread]) {
+            switch (call) {
+                case Call::kPush:
+                    push(value * 47);
+                    break;
+                case Call::kNothing:
+                    pushNothing(value & 1);
+                    break;
+                case Call::kEnd:
+                    thread == 0 ? end() : zorv_utt_end_utterance(utt_);
+                    break;
+                case Call::kPause:
+                    std::this_thread::sleep_for(std::chrono::microseconds(50 * value));
+                    break;
+                case Call::kPull:
+                    // Unless none comes for a while.
+                    for (int left = value % 48, tries = 0; left > 0 && tries < 200;) {
+                        pull(*viewer) ? --left : ++tries;
+                        if (tries > 0) std::this_thread::yield();
+                    }
+                    break;
+                case Call::kSmall:
+                    pullSmall(*viewer, value % 4);
+                    break;
+                case Call::kAsk:
+                    ask(value);
+                    break;
+                case Call::kInterrupt:
+                    interrupt();
+                    break;
+                case Call::kClock:
+                    player_.clock.advance(value * 10);
+                    break;
+                case Call::kFail:
+                    player_.script.failAvail = true;
+                    break;
+            }
         }
     }
 
-    void ask(const UttStep& step) {
-        if (step.call == Call::kAvailable) {
-            const int waiting = zorv_utt_frames_available(utt_);
-            require(waiting >= 0 && waiting <= 8, "at most 8 frames wait");
-        } else if (step.call == Call::kReady) {
-            const int ready = zorv_utt_ready(utt_);
-            require(ready == 0 || ready == 1, "the engine can speak");
-        } else if (step.call == Call::kStats) {
-            zorv_utt_stats stats;
-            zorv_utt_get_stats(utt_, &stats);
-            require(stats.state >= 0 && stats.state <= 3, "a state that is documented");
-            require(stats.speech_frames_pulled <= stats.frames_pulled, "speech is a part");
-        } else {
-            checkFailure(step.value);
-        }
+    void ask(int capacity) {
+        const int waiting = zorv_utt_frames_available(utt_);
+        require(waiting >= 0 && waiting <= 8, "at most 8 frames wait");
+        require(zorv_utt_ready(utt_) == 1, "the engine can speak");
+        zorv_utt_stats stats;
+        zorv_utt_get_stats(utt_, &stats);
+        require(stats.state >= 0 && stats.state <= 3, "a state that is documented");
+        require(stats.speech_frames_pulled <= stats.frames_pulled, "speech is a part");
+        char text[256] = "unchanged";
+        const auto failures = zorv_utt_failure(utt_, text, static_cast<std::size_t>(capacity));
+        require(capacity == 0 || std::strlen(text) < static_cast<std::size_t>(capacity), "cut");
+        require(capacity < 2 || (failures == 0) == !*text, "a failure has a text");
+        require(failures == 0 || mayFail(), text);
     }
 
     void pushNothing(int how) {
@@ -201,16 +167,14 @@ class Performance {
     }
 
     void push(int samples) {
-        std::vector<std::int16_t> pcm(static_cast<std::size_t>(samples));
+        std::vector<std::int16_t> pcm(static_cast<std::size_t>(samples) + 1);
         for (std::size_t i = 0; i < pcm.size(); ++i) {
-            pcm[i] = static_cast<std::int16_t>(i * 7919 % 65536 - 32768);
+            pcm[i] = static_cast<std::int16_t>(i * 7919 % 16384);
         }
-        const std::int16_t none = 0;
-        ledger_.begun += pcm.size();
-        require(zorv_utt_push_audio(utt_, samples ? pcm.data() : &none, samples) == 1,
-                "audio is taken");
-        ledger_.pushed += pcm.size();
-        utterance_ += pcm.size();
+        begun_ += static_cast<std::uint64_t>(samples);
+        require(zorv_utt_push_audio(utt_, pcm.data(), samples) == 1, "audio is taken");
+        pushed_ += static_cast<std::uint64_t>(samples);
+        utterance_ += static_cast<std::uint64_t>(samples);
     }
 
     /// By the thread that pushes.
@@ -221,40 +185,32 @@ class Performance {
     }
 
     void interrupt() {
-        const std::uint64_t before = ledger_.pushed;
-        ++ledger_.interruptsBegun;
+        const std::uint64_t before = pushed_;
+        ++interruptsBegun_;
         zorv_utt_interrupt(utt_);
-        ++ledger_.interruptsDone;
-        if (ledger_.begun == before) ledger_.dead = before;  // no push met it
-    }
-
-    /// Up to `count` frames, unless none comes for a while.
-    void pullSeveral(Viewer& viewer, int count) {
-        for (int tries = 0; count > 0 && tries < 10;) {
-            if (pull(viewer)) {
-                --count;
-            } else {
-                ++tries;
-                pause(4);
-            }
-        }
+        ++interruptsDone_;
+        if (begun_ == before) dead_ = before;  // no push met it
     }
 
     bool pull(Viewer& viewer) {
-        const std::uint64_t dead = ledger_.dead;
-        const int done = ledger_.interruptsDone;
+        const std::uint64_t dead = dead_;
+        const int done = interruptsDone_;
         zorv_utt_frame_info info;
+        viewer.buffer.resize(player_.frameBytes());
         const int result =
             zorv_utt_pull_frame(utt_, viewer.buffer.data(), viewer.buffer.size(), &info);
         require(result == 0 || result == 1, "a result that is documented");
         require(!*zorv_utt_last_error(), "nothing to pull is no failure");
         if (result == 0) return false;
         checkPlace(viewer, info);
-        checkPicture(viewer, info);
+        const std::vector<std::uint8_t>& still = stills_[static_cast<std::size_t>(info.frame)];
+        const std::size_t same = info.kind == kIdle ? still.size() : kBytesAboveCrop;
+        require(std::memcmp(viewer.buffer.data(), still.data(), same) == 0,
+                "a frame shows the bundle frame that it names");
         if (info.kind == kSpeech) {
-            const std::uint64_t alive = ledger_.begun - dead;
-            require(static_cast<std::uint64_t>(info.speech_sequence) * kFrameSamples < alive,
-                    "no speech from before an interrupt that has returned");
+            require(
+                static_cast<std::uint64_t>(info.speech_sequence) * kFrameSamples < begun_ - dead,
+                "no speech from before an interrupt that has returned");
             ++viewer.speech;
             viewer.lastSpeech = info.speech_sequence;
         }
@@ -268,16 +224,15 @@ class Performance {
     void checkPlace(const Viewer& viewer, const zorv_utt_frame_info& info) const {
         require(info.kind >= 0 && info.kind <= 2, "a kind that is documented");
         require(info.frame >= 0 && info.frame < kFrames, "a frame of the bundle");
-        require((info.kind == kSpeech) == (info.speech_sequence >= 0) && info.speech_sequence >= -1,
+        require(info.kind == kSpeech ? info.speech_sequence >= 0 : info.speech_sequence == -1,
                 "speech frames and no others have a number");
         const bool first = viewer.sequences.empty();
         require(first || info.sequence > viewer.last.sequence, "frames come in order, once");
-        if (!alone()) return;
-        if (ledger_.interruptsBegun == (first ? 0 : viewer.interruptsDone)) {
+        if (life_.has(2, Call::kPull)) return;  // another one pulls as well
+        if (interruptsBegun_ == (first ? 0 : viewer.interruptsDone)) {
             require(info.sequence == (first ? 0 : viewer.last.sequence + 1),
                     "only interrupts drop frames");
         }
-        if (life_.damagedContext) return;
         require(info.frame == (first ? 0 : (viewer.last.frame + 1) % kFrames),
                 "the body moves on by one frame");
         require(info.kind != kSpeech || info.speech_sequence == 0 ||
@@ -285,19 +240,10 @@ class Performance {
                 "speech goes on by one frame");
     }
 
-    /// What a frame shows, against what it says.
-    void checkPicture(const Viewer& viewer, const zorv_utt_frame_info& info) const {
-        const std::vector<std::uint8_t>& still = stage_.still(info.frame);
-        const std::size_t same = info.kind == 0 ? kFrameBytes : kBytesAboveCrop;
-        require(std::memcmp(viewer.buffer.data(), still.data(), same) == 0,
-                "a frame shows the bundle frame that it names");
-        for (std::size_t i = 3; i < kFrameBytes; i += 4) {
-            require(viewer.buffer[i] == 255, "frames are opaque");
-        }
-    }
-
     void pullSmall(Viewer& viewer, int how) {
-        const std::size_t capacity = how == 0 ? 0 : kFrameBytes - static_cast<std::size_t>(how);
+        viewer.buffer.resize(player_.frameBytes());
+        const std::size_t capacity =
+            how == 0 ? 0 : viewer.buffer.size() - static_cast<std::size_t>(how);
         std::uint8_t* buffer = how == 3 ? nullptr : viewer.buffer.data();
         require(zorv_utt_pull_frame(utt_, buffer, capacity, nullptr) == 0, "nothing fits");
         const std::string text = zorv_utt_last_error();
@@ -306,24 +252,14 @@ class Performance {
                 "a text that is documented");
     }
 
-    void checkFailure(int capacity) {
-        char text[64] = "unchanged";
-        const std::uint64_t failures =
-            zorv_utt_failure(utt_, text, static_cast<std::size_t>(capacity));
-        if (capacity > 0) {
-            require(std::strlen(text) < static_cast<std::size_t>(capacity), "the text is cut");
-            require((failures == 0) == !*text || capacity == 1, "a failure has a text");
-        }
-        require(failures == 0 || mayFail(), text);
-    }
-
     std::uint64_t spoken() const { return viewers_[0].speech + viewers_[1].speech; }
 
     /// Nobody else calls the engine any more: what was said must come to its end.
     void drain() {
         // Who ended how many utterances is known only when nobody interfered.
-        const bool counted = !mayFail() && !life_.silenceEnds && !life_.calls(Call::kInterrupt) &&
-                             !UttLife::has(life_.controller, Call::kEnd);
+        const bool counted = !mayFail() && life_.options.silenceS < 0 &&
+                             !life_.has(2, Call::kInterrupt) && !life_.has(2, Call::kEnd);
+        player_.script.failAvail = false;
         if (!counted) {
             interrupt();
             expected_ = spoken();
@@ -333,14 +269,10 @@ class Performance {
         end();
         Viewer& viewer = viewers_[0];
         if (viewers_[1].last.sequence > viewer.last.sequence) viewer.last = viewers_[1].last;
-        // With a frame that cannot be decoded an utterance may end early.
-        const bool whole = !life_.damagedContext;
-        if (whole) await([&] { return pull(viewer), spoken() >= expected_; }, "all speech comes");
-        for (int rest = 0; rest < 12;) {
-            await([&] { return pull(viewer); }, "frames go on");
-            rest += whole || viewer.last.kind != kSpeech;
-        }
-        require(!whole || spoken() == expected_, "no speech comes twice");
+        const auto comes = [&] { return pull(viewer); };
+        while (spoken() < expected_) require(test::waitFor(comes), "all speech comes");
+        for (int rest = 0; rest < 12; ++rest) require(test::waitFor(comes), "frames go on");
+        require(spoken() == expected_, "no speech comes twice");
     }
 
     void checkTotals() {
@@ -352,19 +284,16 @@ class Performance {
         zorv_utt_get_stats(utt_, &stats);
         require(stats.frames_pulled == all.size(), "every frame was counted");
         require(stats.speech_frames_pulled == spoken(), "every speech frame was counted");
-        checkFailure(64);
+        ask(64);
     }
 
-    void destroy() {
-        auto done = std::async(std::launch::async, [this] { zorv_utt_destroy(utt_); });
-        require(done.wait_for(test::kPatience) == std::future_status::ready,
-                "an engine ends in time");
-    }
-
-    Stage& stage_;
-    const UttLife& life_;
-    zorv_utt* utt_ = nullptr;
-    Ledger ledger_;
+    const Life& life_;
+    test::UttPlayer player_;
+    zorv_utt* utt_;
+    std::vector<std::vector<std::uint8_t>> stills_;
+    // Samples of pushes that have begun, that have returned, and that an interrupt has ended.
+    std::atomic<std::uint64_t> begun_{0}, pushed_{0}, dead_{0};
+    std::atomic<int> interruptsBegun_{0}, interruptsDone_{0};
     Viewer viewers_[2];
     // The pushing thread's own, then drain()'s.
     std::uint64_t utterance_ = 0;  ///< samples since the last end
@@ -375,11 +304,19 @@ class Performance {
 }  // namespace zorv::fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using namespace zorv::fuzz;
-    static Surroundings surroundings;
-    for (const UttLife& life : readLives({data, size}, 3)) {
-        Stage& stage = life.damagedContext ? surroundings.damaged : surroundings.good;
-        Performance(stage, surroundings, life).run();
+    using namespace zorv;
+    GTEST_FLAG_SET(break_on_failure, true);  // what the player expects
+    static const test::ScopedEnv encoder("W2V_ONNX", test::modelFile("a2x_w2v"));
+    static const test::TestMotion motion({.nt = fuzz::kFrames});
+    static const test::ExpressionDir expression({.window = 0, .nt = fuzz::kFrames});
+    fuzz::FuzzInput input(data, size);
+    for (int lives = 0; lives < 3 && !input.empty(); ++lives) {
+        const fuzz::Life life(input);
+        test::UttPlayerOptions options = life.options;
+        options.nt = fuzz::kFrames;
+        if (life.source == 1) options.engineDir = motion.dir();
+        if (life.source == 2) options.engineDir = expression.path();
+        fuzz::Performance(life, options).run();
     }
     return 0;
 }

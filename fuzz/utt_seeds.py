@@ -1,71 +1,58 @@
-"""Seeds of utt_calls_fuzz, in the form of utt_program.h."""
-import struct
+"""Seeds of utt_calls_fuzz, in the form of its lives."""
 
-PIPELINED, BATCHED, AT_ONCE, DAMAGED = 0x20, 0x40, 0x80, 0x1c
-SILENCE_ENDS = 0xc0
-
-
-def life(source, flags=0, eager=0, ramps=0):
-    return bytes([source | flags]) + struct.pack("bB", eager, ramps)
-
-
-# The pushing thread.
-def push(samples):
-    return struct.pack("<BH", 0, samples)
-
-
-END = bytes([36])
-NOTHING = bytes([56, 57])
-
-
-# The pulling thread.
-def pull(frames):
-    return bytes([0x7f + frames])
-
-
-SMALL = bytes([0x7c, 0x7d, 0x7f])
-LOOK = bytes([0x70, 0x76])
-
-# The controlling thread.
-INTERRUPT = bytes([0xc0])
-ASK = bytes([0xec, 0xed, 0xee, 0xef, 0xb4])
-CONTROLLER_END = bytes([0xbc])
-CONTROLLER_PULL = bytes([0xbe])
-
-
-def pusher_pause(steps):
-    return bytes([48, steps])
-
-
-def puller_pause(steps):
-    return bytes([0xa8, steps])
-
-
-def controller_pause(steps):
-    return bytes([0xd8, steps])
-
-
+PIPELINED, BATCHED, AT_ONCE = 0x20, 0x40, 0x80
 NEXT = b"\xff"
+
+
+def life(source, flags=0, silence=0):
+    assert flags % 32 == 0
+    # The source is the flags modulo 3.
+    return bytes([flags | next(n for n in range(3) if (flags | n) % 3 == source), silence])
+
+
+def pusher(call, value=0):
+    return bytes([call, value])
+
+
+def puller(call, value=0):
+    return bytes([0x40 | call, value])
+
+
+def controller(call, value=0):
+    return bytes([0x80 | call, value])
+
+
+def push(samples):
+    return pusher(0, samples // 47)
+
+
+def pull(frames):
+    return puller(0, frames)
+
+
+END, NOTHING = pusher(4), pusher(7) + pusher(7, 1)
+SMALL = b"".join(puller(7, how) for how in range(4))
+INTERRUPT, OTHER_END, FAIL = controller(0), controller(5), controller(7)
 
 
 def utt_calls(_):
     line = push(6000) + push(4500) + END
+    pause = controller(2, 200)
     seeds = {
         "nothing": life(0),
         "gone_at_once": life(0, AT_ONCE) + NEXT + life(1, AT_ONCE | PIPELINED) + line,
-        "bad_arguments": life(0) + NOTHING + SMALL + pull(3) + SMALL + LOOK + ASK,
-        "two_pull": life(0) + line + pull(30) + (CONTROLLER_PULL + controller_pause(9)) * 8,
-        "damaged": life(0, DAMAGED) + line + line + pull(30) + ASK,
-        "silence": life(0, 0, 1, SILENCE_ENDS) + (push(3000) + pusher_pause(255)) * 3 + pull(40),
-        "ends_by_others": life(1) + line + push(3000) + CONTROLLER_END + controller_pause(50) + CONTROLLER_END + pull(9),
+        "bad_arguments": life(0) + NOTHING + SMALL + pull(3) + SMALL + puller(5, 1) + controller(3, 3),
+        "two_pull": life(0) + line + pull(30) + (controller(6, 2) + controller(2, 9)) * 8,
+        "fails": life(0) + line + FAIL + line + pause + FAIL + pull(30) + controller(3, 64),
+        "silence": life(0, 0, 3) + (push(3000) + pusher(6, 255)) * 3 + pull(40) + (pause + controller(4, 90)) * 3,
+        "ends_by_others": life(1) + line + push(3000) + OTHER_END + pause + OTHER_END + pull(9),
         "three_lives": (life(0, AT_ONCE) + line + pull(9) + NEXT + life(1, AT_ONCE) + push(9999) + INTERRUPT + NEXT
                         + life(0, BATCHED) + line),
     }
-    for source in range(4):
+    for source in range(3):
         for flags in (0, PIPELINED | BATCHED):
             name = f"{source}_{flags:02x}"
             seeds["speaks_" + name] = life(source, flags) + line + push(11000) + END + pull(40) + pull(20)
-            seeds["interrupted_" + name] = (
-                life(source, flags, 2) + line + pull(20) + controller_pause(200) + INTERRUPT + line
-                + (controller_pause(60) + INTERRUPT + push(2000) + pull(3)) * 3 + END + puller_pause(90) + pull(9))
+            seeds["interrupted_" + name] = (life(source, flags) + line + pull(20) + pause + INTERRUPT + line
+                                            + (pause + INTERRUPT + push(2000) + pull(3)) * 3 + END + pull(9))
     return seeds

@@ -12,7 +12,6 @@
 #include "common/cpu.h"
 #include "common/error.h"
 #include "common/half.h"
-#include "common/key_finder.h"
 #include "common/log.h"
 #include "common/parallel.h"
 #include "paste/rgba.h"
@@ -159,17 +158,6 @@ TEST(LastError, IsThereForDestructorsThatRunAfterItsThreadsOwnObjects) {
         Errors::set(longText);
     }).join();
     EXPECT_EQ(seen, "late: call");
-}
-
-TEST(KeyFinder, NumbersSaturateAndIgnoreTheLocale) {
-    EXPECT_EQ(toInt32(255.9), 255);
-    EXPECT_EQ(toInt32(-255.9), -255);
-    EXPECT_EQ(toInt32(1e300), INT32_MAX);
-    EXPECT_EQ(toInt32(-INFINITY), INT32_MIN);
-    EXPECT_EQ(toInt32(NAN), 0);
-    EXPECT_EQ(numberFrom("  1.5,", 0), 1.5);
-    EXPECT_EQ(numberFrom("\"5\"", 0), 0.0);
-    EXPECT_EQ(numberFrom("", 0), 0.0);
 }
 
 TEST(ParallelRange, EveryIndexOnceForSmallCountsOfItemsAndWorkers) {

@@ -135,25 +135,5 @@ TEST_F(ContextTest, TextsOfAMissingMaskAndModel) {
     EXPECT_NE(missing.find("model_none.onnx"), std::string::npos) << missing;
 }
 
-TEST_F(ContextTest, AbsurdManifestsFailWithoutTakingTheMachineDown) {
-    const std::string manifest = test::readFile(bundle.path("manifest.json"));
-    for (const char* key : {"NT", "H", "W", "crop", "ksize", "frames", "amount", "sigma"}) {
-        for (const char* value : {"-1", "0", "1e99", "2147483647", "65536", "nan", "-inf", "x"}) {
-            SCOPED_TRACE(std::string(key) + " = " + value);
-            const std::size_t at = manifest.find(std::string("\"") + key + "\"");
-            ASSERT_NE(at, std::string::npos);
-            const std::size_t colon = manifest.find(':', at);
-            const std::size_t end = manifest.find_first_of(",}\n", colon);
-            std::string changed = manifest;
-            changed.replace(colon + 1, end - colon - 1, value);
-            test::writeFile(bundle.path("manifest.json"), changed);
-            const Context ctx = open(bundle);
-            if (!ctx) {
-                EXPECT_EQ(std::string(zorv_last_error()).rfind("zorv_create: ", 0), 0u);
-            }
-        }
-    }
-}
-
 }  // namespace
 }  // namespace zorv

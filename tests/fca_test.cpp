@@ -221,35 +221,5 @@ TEST(FcaModels, WhatDoesNotFitIsReportedAndTheHandleStaysUsable) {
     EXPECT_EQ(zorv_fca_create(damaged.c_str(), modelFile("fca_stream").c_str(), 0), nullptr);
 }
 
-TEST(DeltaMath, PercentileEqualsTheOneOfASortedCopy) {
-    std::mt19937 random(5);
-    for (int kind = 0; kind < 6; ++kind) {
-        delta::CausalPercentile percentile;
-        std::vector<float> sorted;
-        for (int f = 0; f < 2000; ++f) {
-            const float r = static_cast<float>(random() % 100000) / 7;
-            const float kinds[] = {r,                                 // spread
-                                   static_cast<float>(random() % 5),  // mostly ties
-                                   static_cast<float>(f),             // rising
-                                   static_cast<float>(-f),            // falling
-                                   1.f,                               // constant
-                                   f % 11 == 0 ? NAN : r};            // NaN behind the rest
-            float e = kinds[kind];
-            const double got = percentile.add(e);
-            if (std::isnan(e)) e = std::numeric_limits<float>::infinity();
-            sorted.insert(std::upper_bound(sorted.begin(), sorted.end(), e), e);
-            const double p = 0.2 * f;
-            const double low = sorted[static_cast<int>(std::floor(p))];
-            const double high = sorted[static_cast<int>(std::ceil(p))];
-            const double expected =
-                p == std::floor(p) ? low : low + (high - low) * (p - std::floor(p));
-            ASSERT_EQ(got, expected) << "kind " << kind << " frame " << f;
-        }
-    }
-    // So many NaN that the percentile falls among them: nothing exceeds it.
-    delta::CausalPercentile percentile;
-    for (int f = 0; f < 50; ++f) EXPECT_FALSE(5.f > percentile.add(NAN));
-}
-
 }  // namespace
 }  // namespace zorv

@@ -160,29 +160,22 @@ TEST_P(GridSample, GivesTheFormulasBitsForEveryWidthAndWarp) {
     }
 }
 
-TEST_P(GridSample, EdgesAndPointsOutside) {
+TEST_P(GridSample, PointsFarOutsideTakeTheBorder) {
     const Shape s{2, 8, 40};
     const auto x = randomPlanes(s);
     const float far[] = {-1, 1, -1.5f, 1.5f, -1e9f, 1e9f, -3e38f, 3e38f, -kInfinity, kInfinity};
     for (const float edge : far) {
-        std::vector<float> grid = gridOf(Warp::kIdentity, s);
-        for (std::size_t p = 0; p < s.plane(); ++p) grid[2 * p] = edge;
-        const auto y = run(GetParam(), s, x, grid);
-        for (std::size_t p = 0; p < s.plane(); ++p) {
-            const std::size_t row = p / 40 * 40;
-            EXPECT_NEAR(y[p], x[row + (edge < 0 ? 0 : 39)], 1e-5) << edge << " at " << p;
-        }
-        for (std::size_t p = 0; p < s.plane(); ++p) {
-            grid[2 * p + 1] = edge, grid[2 * p] = gridOf(Warp::kIdentity, s)[2 * p];
-        }
-        const auto rows = run(GetParam(), s, x, grid);
-        for (std::size_t p = 0; p < s.plane(); ++p) {
-            EXPECT_NEAR(rows[p], x[p % 40 + (edge < 0 ? 0 : 7 * 40)], 1e-5) << edge << " at " << p;
+        for (const std::size_t axis : {0u, 1u}) {
+            std::vector<float> grid = gridOf(Warp::kIdentity, s);
+            for (std::size_t p = 0; p < s.plane(); ++p) grid[2 * p + axis] = edge;
+            const auto y = run(GetParam(), s, x, grid);
+            for (std::size_t p = 0; p < s.plane(); ++p) {
+                const std::size_t column = axis == 1 ? p % 40 : edge < 0 ? 0 : 39;
+                const std::size_t row = axis == 0 ? p / 40 : edge < 0 ? 0 : 7;
+                EXPECT_NEAR(y[p], x[row * 40 + column], 1e-5) << edge << " at " << p;
+            }
         }
     }
-    std::vector<float> middle(2 * s.plane(), 0.0f);  // between columns 19 and 20, rows 3 and 4
-    const auto y = run(GetParam(), s, x, middle);
-    EXPECT_NEAR(y[5], (x[139] + x[140] + x[179] + x[180]) / 4, 1e-5);
 }
 
 TEST_P(GridSample, NotANumberSamplesSomePixel) {

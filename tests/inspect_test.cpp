@@ -301,48 +301,6 @@ TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
     }
 }
 
-// Whatever happens to a manifest, the inspection and the library read the same from it.
-TEST(Inspect, AgreesWithTheLibraryOnDamagedManifests) {
-    TestBundle bundle;
-    const std::string good = test::readFile(bundle.path("manifest.json"));
-    std::mt19937 random(20);
-    int opened = 0;
-    for (int round = 0; round < 100; ++round) {
-        std::string text = good;
-        const std::string bytes = "\"\":,0159-. eNWx";
-        for (unsigned change = 0; change < 1 + random() % 2; ++change) {
-            const size_t at = random() % text.size();
-            switch (random() % 3) {
-                case 0:
-                    text.erase(at, 1 + random() % 4);
-                    break;
-                case 1:
-                    text.insert(at, 1, bytes[random() % bytes.size()]);
-                    break;
-                default:
-                    text[at] = bytes[random() % bytes.size()];
-            }
-        }
-        test::writeFile(bundle.path("manifest.json"), text);
-        const BundleReport report = tools::checkBundle(bundle.dir());
-        bool contextFaults = false;
-        for (const FileReport& file : report.files) {
-            if (file.severity() != Severity::kFault) continue;
-            // These are read later, each with an error of its own.
-            contextFaults |= file.name.rfind("target_frames", 0) != 0;
-            for (const Finding& finding : file.findings) {
-                EXPECT_EQ(finding.what.find("the library"), std::string::npos)
-                    << finding.what << "\n"
-                    << text;
-            }
-        }
-        EXPECT_EQ(opens(bundle), !contextFaults) << text << findingsOf(report);
-        opened += !contextFaults;
-    }
-    EXPECT_GT(opened, 10) << "too few manifests survive to compare both sides";
-    EXPECT_LT(opened, 80);
-}
-
 TEST(Inspect, LooksIntoModelsWithTheLibrarysOwnOperators) {
     TestBundle bundle;
     bundle.useModel("own", "render_own_operators");

@@ -84,19 +84,6 @@ TEST(MotionSpectrum, EveryKernelEqualsTheDirectSums) {
     EXPECT_GE(tested, 14);
 }
 
-TEST(MotionMath, AnglesComeFromTheExpectedBin) {
-    float logits[kAngleBins];
-    std::fill_n(logits, kAngleBins, 1234.f);
-    EXPECT_NEAR(bin66(logits), 0, 1e-4);
-    for (const int bin : {0, 20, 65}) {
-        std::fill_n(logits, kAngleBins, -500.f);
-        logits[bin] = 500;
-        EXPECT_FLOAT_EQ(bin66(logits), static_cast<float>(3 * bin) - 97.5f);
-        if (bin > 0) logits[bin - 1] = 500 + std::log(3.f);  // three quarters of the weight
-    }
-    EXPECT_NEAR(bin66(logits), 3 * 64.25 - 97.5, 1e-3);
-}
-
 TEST(MotionMath, EagerStepFollowsTheCostOfAPass) {
     for (const auto& [ms, step] : {std::pair{0.0, 1},
                                    {39.9, 1},

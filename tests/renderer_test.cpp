@@ -3,29 +3,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "render/conv_backend.h"
 #include "render/execution_provider.h"
-#include "render/onnx_wire.h"
 #include "support/failure.h"
+#include "support/scoped_env.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
 namespace {
 
 using test::failure;
+using test::ScopedEnv;
 using test::TestBundle;
-
-/// Sets an environment variable for one scope.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
-    ~ScopedEnv() { ::unsetenv(name_); }
-
-  private:
-    const char* name_;
-};
 
 /// A bundle with all inputs that a renderer may want, and the formula of the test models.
 class RendererTest : public testing::Test {
@@ -183,29 +172,6 @@ TEST(ExecutionProvider, StringsAndTheirOptions) {
     EXPECT_EQ(parseExecutionProvider("coreml", 1, "d").options.at("ModelCacheDirectory"),
               "d/.coreml_cache");
     EXPECT_EQ(parseExecutionProvider("", 1, "").name, "");
-}
-
-TEST(OnnxWire, MalformedBytesGiveTheirTexts) {
-    const auto read = [](const std::string& bytes) {
-        return failure([&] {
-            const std::vector<std::uint8_t> exact(bytes.begin(), bytes.end());  // overreads show
-            GsReader reader(exact.data(), exact.data() + exact.size());
-            for (GsField field; reader.next(field);) {
-            }
-        });
-    };
-    using namespace std::string_literals;
-    EXPECT_EQ(read(""), "no failure");
-    EXPECT_EQ(read("\x08\x96\x01\x12\x02hi\x1d____\x21________"s), "no failure");
-    EXPECT_EQ(read(std::string(11, '\xff')), "onnx: bad varint");
-    EXPECT_EQ(read("\x08\xff"), "onnx: bad varint");
-    EXPECT_EQ(read("\x08\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"), "no failure");
-    EXPECT_EQ(read("\x12\x03hi"), "onnx: truncated");
-    EXPECT_EQ(read("\x12\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"), "onnx: truncated");
-    EXPECT_EQ(read("\x1d___"), "onnx: truncated");
-    for (const char type : {'\x0b', '\x0c', '\x0e', '\x0f'}) {  // field 1
-        EXPECT_EQ(read({type, 0}), "onnx: bad wire type");
-    }
 }
 
 }  // namespace

@@ -297,25 +297,6 @@ TEST(Stream, ACancelledRunEndsWithATextAndTheNextIsWhole) {
     zorv_stream_cancel(nullptr);
 }
 
-TEST(Stream, TwoStreamsInTwoThreadsGiveTheBytesThatOneGives) {
-    TestBundle bundle;
-    const std::vector<float> audio = speechLike(640 * 20);
-    Collector alone;
-    const StreamPtr first = openStream(bundle);
-    ASSERT_EQ(alone.run(first.get(), audio), 20);
-
-    std::vector<Collector> beside(2);
-    std::vector<std::thread> threads;
-    for (Collector& collector : beside) {
-        threads.emplace_back([&] {
-            const StreamPtr stream = openStream(bundle);
-            EXPECT_EQ(collector.run(stream.get(), audio), 20) << zorv_stream_last_error();
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    for (const Collector& collector : beside) EXPECT_EQ(collector.frames, alone.frames);
-}
-
 TEST(StreamCreate, ReportsWhichPartFailed) {
     TestBundle bundle;
     const auto failure = [&](const char* encoder = nullptr) -> std::string {
