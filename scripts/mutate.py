@@ -44,7 +44,7 @@ COVER = {
     "src/telemetry/": "telemetry_test",
     "src/utt/": "utt_test utt_calls_fuzz",
 }
-TIMEOUT = 300  # seconds per program: what hangs is noticed
+TIMEOUT = 120  # seconds per program: what hangs is noticed
 
 
 def mutants_of(path):
