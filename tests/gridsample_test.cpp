@@ -289,10 +289,12 @@ TEST(GridSampleOperator, AgreesWithTheStandardNode) {
 }
 
 TEST(GridSampleOperator, TakesOnlyShapesThatItCanServe) {
-    SamplerSession fast("sampler_fast"), rank3("sampler_fast_rank3");
+    SamplerSession fast("sampler_fast");
     const std::vector<float> x(24, 1.0f), grid(24, 0.0f);
     EXPECT_EQ(fast.run(x, {1, 2, 3, 4}, grid, {1, 3, 4, 2}), x);
-    EXPECT_EQ(fast.run(x, {1, 2, 3, 4}, grid, {1, 2, 6, 2}), x);  // only the count matters
+    EXPECT_EQ(fast.run(x, {1, 2, 3, 4}, grid, {1, 2, 2, 6}), x);  // only the count matters
+    EXPECT_EQ(fast.run(x, {1, 2, 3, 4}, grid, {1, 6, 2, 2}), x);  // the grid's size
+    EXPECT_EQ(fast.shape, (std::vector<std::int64_t>{1, 2, 6, 2}));
     EXPECT_TRUE(fast.run({}, {0, 2, 3, 4}, {}, {0, 3, 4, 2}).empty());
     EXPECT_EQ(fast.shape, (std::vector<std::int64_t>{0, 2, 3, 4}));
     EXPECT_TRUE(fast.run({}, {1, 0, 3, 4}, grid, {1, 3, 4, 2}).empty());
@@ -301,9 +303,10 @@ TEST(GridSampleOperator, TakesOnlyShapesThatItCanServe) {
         EXPECT_NE(text.find(part), std::string::npos) << text;
     };
     const test::RuntimeLeaksStatus scope;
-    has(failure([&] { rank3.run(x, {2, 3, 4}, grid, {1, 3, 4, 2}); }), "must have 4 dimensions");
+    has(failure([] { SamplerSession("sampler_fast_rank3"); }), "must have 4 dimensions");
     const std::vector<float> shorter(22, 0.0f);
-    has(failure([&] { fast.run(x, {1, 2, 3, 4}, shorter, {1, 1, 11, 2}); }), "fewer points");
+    has(failure([&] { fast.run(x, {1, 2, 3, 4}, shorter, {1, 1, 1, 22}); }), "fewer points");
+    has(failure([&] { fast.run({}, {1, 2, 0, 4}, grid, {1, 3, 4, 2}); }), "X has no pixels");
     has(failure([&] { fast.run(x, {2, 1, 3, 4}, grid, {1, 3, 4, 2}); }), "fewer points");
     has(failure([&] { fast.run(x, {1, 2, 3, 4}, {}, {0, 3, 4, 2}); }), "fewer points");
 }

@@ -27,8 +27,13 @@ AxisTap tapOf(float g, std::int64_t size) {
 
 void gs_portable(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
                  std::int64_t W) {
+    gs_points(x, grid, y, C, H, W, H * W);
+}
+
+void gs_points(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
+               std::int64_t W, std::int64_t points) {
     const std::int64_t plane = H * W;
-    for (std::int64_t p = 0; p < plane; ++p) {
+    for (std::int64_t p = 0; p < points; ++p) {
         const AxisTap u = tapOf(grid[2 * p], W);
         const AxisTap v = tapOf(grid[2 * p + 1], H);
         const float* top = x + v.a * W;
@@ -39,8 +44,8 @@ void gs_portable(const float* x, const float* grid, float* y, std::int64_t C, st
         const float w11 = u.weight * v.weight;
         for (std::int64_t c = 0; c < C; ++c) {
             const std::int64_t at = c * plane;
-            y[at + p] = w00 * top[at + u.a] + w10 * top[at + u.b] + w01 * bottom[at + u.a] +
-                        w11 * bottom[at + u.b];
+            y[c * points + p] = w00 * top[at + u.a] + w10 * top[at + u.b] + w01 * bottom[at + u.a] +
+                                w11 * bottom[at + u.b];
         }
     }
 }

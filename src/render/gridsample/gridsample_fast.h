@@ -19,6 +19,10 @@ using GridSampleFunction = void(const float* x, const float* grid, float* y, std
 /// The formulas, one pixel after the other.
 GridSampleFunction gs_portable;
 
+/// The same formulas at any number of points: `y` is C x points floats.
+void gs_points(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,
+               std::int64_t W, std::int64_t points);
+
 /// Eight and sixteen pixels at a time; see tiles.h.
 GridSampleFunction gs_avx2;
 GridSampleFunction gs_avx512;

@@ -1,6 +1,8 @@
 #include "render/gridsample/op.h"
 
+#include <algorithm>
 #include <stdexcept>
+#include <vector>
 
 #include "render/custom_operators.h"
 #include "render/gridsample/gridsample_fast.h"
@@ -8,12 +10,35 @@
 namespace zorv {
 namespace {
 
+constexpr std::size_t kRank = 4;
+
+[[noreturn]] void refuseRank() {
+    throw std::runtime_error("GridSampleFast: X must have 4 dimensions");
+}
+
+/// Whether the output takes its height and width from the grid, not from X. A grid of another form
+/// only has to hold a point for every pixel of X.
+bool sizedByGrid(const std::vector<std::int64_t>& grid) {
+    return grid.size() == kRank && grid[3] == 2;
+}
+
 struct GridSampleFastKernel {
-    explicit GridSampleFastKernel(const OrtKernelInfo*) {}
+    /// Refuses, while the model is loaded, what no run could do.
+    explicit GridSampleFastKernel(const OrtKernelInfo* kernelInfo) {
+        const Ort::ConstKernelInfo info(kernelInfo);
+        const Ort::TypeInfo type = info.GetInputTypeInfo(0);
+        const std::size_t rank = type.GetTensorTypeAndShapeInfo().GetDimensionsCount();
+        if (rank != 0 && rank != kRank) refuseRank();  // 0: not known
+    }
     void compute(Ort::KernelContext context);
 };
 
 struct GridSampleFast : CpuOperator<GridSampleFast, GridSampleFastKernel> {
+    GridSampleFast() {
+        InferOutputShapeFn = [](const OrtCustomOp*, OrtShapeInferContext* context) {
+            return statusOf([&] { inferShape({&Ort::GetApi(), context}); });
+        };
+    }
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "GridSampleFast"; }
     std::size_t GetInputTypeCount() const { return 2; }
@@ -24,28 +49,56 @@ struct GridSampleFast : CpuOperator<GridSampleFast, GridSampleFastKernel> {
     ONNXTensorElementDataType GetOutputType(std::size_t) const {
         return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
     }
+    /// Tells the runtime the output's shape as far as the inputs' are known.
+    static void inferShape(Ort::ShapeInferContext context);
 };
+
+void GridSampleFast::inferShape(Ort::ShapeInferContext context) {
+    auto shape = context.GetInputShape(0);
+    const auto& grid = context.GetInputShape(1);
+    // Either may be unknown. What is wrong is left to the kernel: the runtime does not look at what
+    // comes back from here.
+    if (shape.size() != kRank || grid.empty()) return;
+    if (grid.size() == kRank) {
+        if (!grid[3].IsInt() || grid[3].AsInt() < 0) return;  // could be either form
+        if (grid[3].AsInt() == 2) std::copy_n(grid.begin() + 1, 2, shape.begin() + 2);
+    }
+    for (const auto& dimension : shape) {
+        if (dimension.IsInt() && dimension.AsInt() < 0) return;
+    }
+    const Ort::Status status = context.SetOutputShape(0, shape);
+    if (!status.IsOK()) throw std::runtime_error(status.GetErrorMessage());
+}
 
 void GridSampleFastKernel::compute(Ort::KernelContext context) {
     const Ort::ConstValue x = context.GetInput(0);
     const Ort::ConstValue grid = context.GetInput(1);
-    const auto shape = x.GetTensorTypeAndShapeInfo().GetShape();
-    if (shape.size() != 4) throw std::runtime_error("GridSampleFast: X must have 4 dimensions");
+    auto shape = x.GetTensorTypeAndShapeInfo().GetShape();
+    if (shape.size() != kRank) refuseRank();
     const std::int64_t N = shape[0], C = shape[1], H = shape[2], W = shape[3];
+    const auto gridShape = grid.GetTensorTypeAndShapeInfo().GetShape();
+    if (sizedByGrid(gridShape)) std::copy_n(gridShape.begin() + 1, 2, shape.begin() + 2);
     float* y = context.GetOutput(0, shape).GetTensorMutableData<float>();
-    if (N < 1 || C < 1 || H < 1 || W < 1) return;
-    // X and Y exist, so N x H x W fits; twice that may not.
-    const std::int64_t plane = H * W;
+    // Y exists, so N x points fits; twice that may not.
+    const std::int64_t points = shape[2] * shape[3];
+    if (N < 1 || C < 1 || points < 1) return;
     const auto gridValues =
         static_cast<std::int64_t>(grid.GetTensorTypeAndShapeInfo().GetElementCount());
-    if (gridValues / 2 < N * plane) {
-        throw std::runtime_error("GridSampleFast: the grid has fewer points than X has pixels");
+    if (gridValues / 2 < N * points) {
+        throw std::runtime_error("GridSampleFast: the grid has fewer points than Y has pixels");
     }
+    const std::int64_t plane = H * W;
+    if (plane < 1) throw std::runtime_error("GridSampleFast: X has no pixels");
     if (plane > INT32_MAX) throw std::runtime_error("GridSampleFast: X is too large");
-    const float* points = grid.GetTensorData<float>();
+    const bool sameSize = shape[2] == H && shape[3] == W;
     for (std::int64_t n = 0; n < N; ++n) {
-        gridsample_fast(x.GetTensorData<float>() + n * C * plane, points + n * plane * 2,
-                        y + n * C * plane, C, H, W);
+        const float* planes = x.GetTensorData<float>() + n * C * plane;
+        const float* at = grid.GetTensorData<float>() + n * points * 2;
+        if (sameSize) {
+            gridsample_fast(planes, at, y + n * C * points, C, H, W);
+        } else {
+            gs_points(planes, at, y + n * C * points, C, H, W, points);
+        }
     }
 }
 
