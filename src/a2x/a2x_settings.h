@@ -35,11 +35,4 @@ inline const char* encoderPath() {
     return path && *path ? path : nullptr;
 }
 
-/// A message of the model runtime as one line, for standard error.
-inline std::string oneLine(std::string text) {
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text;
-}
-
 }  // namespace zorv::a2x

@@ -1,18 +1,27 @@
 // Last-error strings of the C interface and the guard around every C function.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zorv {
 
 /// Told of every text that becomes a last error; null for none.
 inline std::atomic<void (*)(const char* text)> failureObserver{nullptr};
 
-/// A text that can always be set: what there is no memory for is cut.
+/// A text of the model runtime, which may have several lines, as one.
+inline std::string oneLine(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+/// A text of one line that can always be set: what there is no memory for is cut.
 class ErrorText {
   public:
     const char* get() const { return cut_[0] ? cut_.data() : whole_.c_str(); }
@@ -30,7 +39,7 @@ class ErrorText {
         try {
             std::string text;
             for (const std::string_view part : parts) text += part;
-            whole_ = std::move(text);
+            whole_ = oneLine(std::move(text));
             cut_[0] = 0;
         } catch (const std::exception&) {
             std::array<char, 256> text;
@@ -39,6 +48,7 @@ class ErrorText {
                 size += part.copy(text.data() + size, text.size() - 1 - size);
             }
             text[size] = 0;
+            std::replace(text.begin(), text.end(), '\n', ' ');
             cut_ = text;
         }
     }
