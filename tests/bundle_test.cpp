@@ -84,6 +84,12 @@ TEST(Identity, EveryFileMustHaveItsExactSize) {
             bundle.write();
         }
     }
+    Manifest absurd = manifest;
+    for (const int crop : {1 << 20, INT32_MAX}) {
+        absurd.crop = crop;
+        EXPECT_EQ(failure([&] { Identity identity(absurd); }),
+                  "size mismatch " + bundle.path("P.f16"));
+    }
     bundle.remove("P.f16");
     bundle.remove("fs_red.f16");
     const Identity optional(manifest);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -51,6 +52,46 @@ bool canOpen(const std::string& path) {
     if (fd < 0) return false;
     ::close(fd);
     return true;
+}
+
+/// A file to be mapped.
+class OpenFile {
+  public:
+    explicit OpenFile(const std::string& path) : path_(path), fd_(openForReading(path)) {
+        if (fd_ < 0 || ::fstat(fd_, &status_) != 0 || S_ISDIR(status_.st_mode)) {
+            close();
+            throw std::runtime_error("cannot open " + path);
+        }
+    }
+    ~OpenFile() { close(); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    std::size_t size() const { return static_cast<std::size_t>(status_.st_size); }
+    /// All of it; the mapping keeps the file when this object is gone.
+    MappedFile map() const {
+        void* base = fault::fails(fault::Kind::kMap)
+                         ? MAP_FAILED
+                         : ::mmap(nullptr, size(), PROT_READ, MAP_PRIVATE, fd_, 0);
+        if (base == MAP_FAILED) throw std::runtime_error("mmap failed " + path_);
+        return {base, size()};
+    }
+
+  private:
+    void close() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+
+    const std::string& path_;
+    const int fd_;
+    struct stat status_ {};
+};
+
+/// A product of sizes that a file may have; one that does not fit is that of no file.
+std::size_t fileSize(std::size_t a, std::size_t b) {
+    std::size_t product = 0;
+    return __builtin_mul_overflow(a, b, &product) ? std::numeric_limits<std::size_t>::max()
+                                                  : product;
 }
 
 /// Reads n elements of T; the file must end there.
@@ -129,19 +170,14 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
 }
 
 MappedFile mapFile(const std::string& path, std::size_t length) {
-    const int fd = openForReading(path);
-    if (fd < 0) throw std::runtime_error("cannot open " + path);
-    struct stat status {};
-    if (::fstat(fd, &status) != 0 || static_cast<std::size_t>(status.st_size) != length) {
-        ::close(fd);
-        throw std::runtime_error("size mismatch " + path);
-    }
-    void* base = fault::fails(fault::Kind::kMap)
-                     ? MAP_FAILED
-                     : ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
-    ::close(fd);  // the mapping keeps the file
-    if (base == MAP_FAILED) throw std::runtime_error("mmap failed " + path);
-    return MappedFile(base, length);
+    const OpenFile file(path);
+    if (file.size() != length) throw std::runtime_error("size mismatch " + path);
+    return file.map();
+}
+
+MappedFile mapFile(const std::string& path) {
+    const OpenFile file(path);
+    return file.size() == 0 ? MappedFile() : file.map();
 }
 
 template <>
@@ -153,11 +189,11 @@ Identity::Identity(const Manifest& manifest) : NT_(manifest.NT), crop_(manifest.
     const std::string dir = manifest.dir + "/";
     const std::size_t frames = toCount(NT_);
     const std::size_t side = toCount(crop_);
-    const std::size_t imageBytes = checkedProduct(checkedProduct(side, side), 3 * 2);
+    const std::size_t imageBytes = fileSize(side, fileSize(side, 3 * 2));
 
     pooled64Map_ = mapFile(dir + "pooled64.f16", checkedProduct(frames, kPooledBytes));
     if (canOpen(dir + "P.f16")) {
-        pMap_ = mapFile(dir + "P.f16", checkedProduct(frames, imageBytes));
+        pMap_ = mapFile(dir + "P.f16", fileSize(frames, imageBytes));
     }
     if (canOpen(dir + "fs_red.f16")) {
         fsRedMap_ = mapFile(dir + "fs_red.f16", checkedProduct(frames, kFsRedBytes));

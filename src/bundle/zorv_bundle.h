@@ -60,6 +60,9 @@ class MappedFile {
 /// Maps a file that must be exactly `length` bytes long.
 MappedFile mapFile(const std::string& path, std::size_t length);
 
+/// Maps a whole file; one without bytes is empty. Throws "cannot open PATH" or "mmap failed PATH".
+MappedFile mapFile(const std::string& path);
+
 /// Reads a file that must hold exactly `n` elements. Instantiated for float.
 template <class T>
 std::vector<T> readRaw(const std::string& path, std::size_t n);
