@@ -87,12 +87,12 @@ class BareModels {
   public:
     BareModels(const CutDirectory& dir, bool shortWindow)
         : meta_(dir.meta),
-          w2v_(*get_shared_w2v("", 1)),
-          enc_(placement_.open(env_, (dir.path / "a2x_enc_stream.onnx").string())),
-          dec_(placement_.open(env_, (dir.path / "a2x_dec.onnx").string()), meta_.h),
+          w2v_(get_shared_w2v("", 1)),
+          enc_(placement_.open((dir.path / "a2x_enc_stream.onnx").string())),
+          dec_(placement_.open((dir.path / "a2x_dec.onnx").string()), meta_.h),
           state_(DecoderState::zero(meta_.h)),
           ctx_(static_cast<std::size_t>(meta_.h)) {
-        if (shortWindow) short_ = std::make_unique<ShortWindow>();
+        if (shortWindow) short_ = std::make_unique<ShortWindow>(12);
         const std::vector<float> audio = clip(8);
         std::copy(audio.begin(), audio.end(), w2v_.samples());
         normalize(w2v_.samples(), kWindowSamples);
@@ -118,29 +118,29 @@ class BareModels {
 
   private:
     struct Encoding {
-        Encoding(Ort::Session& session, const Meta& meta, std::int64_t n)
+        Encoding(const std::shared_ptr<const zorv::Model>& opened, const Meta& meta, std::int64_t n)
             : feat(static_cast<std::size_t>(n) * kFeatureFloats),
               pos(static_cast<std::size_t>(n) * static_cast<std::size_t>(meta.h)),
               mask(static_cast<std::size_t>(n * n)),
-              model(session, {"feat", "pos_window", "attn"},
-                    {session.GetOutputNameAllocated(0, allocator).get()}) {
+              model(opened, {{{"feat", {1, n, 12, 768}},
+                              {"pos_window", {1, n, meta.h}},
+                              {"attn", {1, 1, n, n}}},
+                             {{"", {1, n, meta.h}}}}) {
             bandedMask(n, meta.left, meta.window, mask.data());
-            model.setInput(0, zorv::tensorOver(feat.data(), feat.size(), {1, n, 12, 768}));
-            model.setInput(1, zorv::tensorOver(pos.data(), pos.size(), {1, n, meta.h}));
-            model.setInput(2, zorv::tensorOver(mask.data(), mask.size(), {1, 1, n, n}));
+            model.bindInput(0, feat.data());
+            model.bindInput(1, pos.data());
+            model.bindInput(2, mask.data());
             model.run();
         }
-        Ort::AllocatorWithDefaultOptions allocator;
         std::vector<float> feat, pos, mask;
-        ModelRun model;
+        zorv::ModelRun model;
     };
 
     const Meta meta_;
-    Ort::Env env_ = zorv::makeOrtEnv("bench");
     Placement placement_{1, "enc/dec"};
     LegacyWindow w2v_;
     std::unique_ptr<ShortWindow> short_;
-    Ort::Session enc_;
+    std::shared_ptr<const zorv::Model> enc_;
     StreamDecoder dec_;
     DecoderState state_;
     std::vector<float> ctx_;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/memory.h"
+#include "common/model_run.h"
 #include "common/ort.h"
 #include "gridsample_rival.h"
 #include "one_node_model.h"
@@ -68,17 +69,21 @@ struct Tensors {
 };
 
 /// A session of the one-node model, bound to the tensors.
-zorv::BoundSession openSession(const Ort::Env& env, Tensors& t, int threads, bool fast) {
+zorv::ModelRun openSession(Tensors& t, int threads, bool fast) {
     Ort::SessionOptions options = zorv::makeSessionOptions(threads);
     std::string model = zorv::bench::gridSampleModel(t.C, t.H, t.W);
     if (fast) {
         zorv::registerGridSampleFast(options);
         zorv::rewriteGridSampleToFast(model);
     }
-    zorv::BoundSession bound(Ort::Session(env, model.data(), model.size(), options));
-    bound.bindInput("x", t.x.data(), t.x.size(), {1, t.C, t.H, t.W});
-    bound.bindInput("grid", t.grid.data(), t.grid.size(), {1, t.H, t.W, 2});
-    bound.bindOutput("y", t.y.data(), t.y.size(), {1, t.C, t.H, t.W});
+    Ort::Env env = zorv::makeOrtEnv("bench");
+    Ort::Session session(env, model.data(), model.size(), options);
+    zorv::ModelRun bound(
+        zorv::makeModel("", std::move(env), std::move(session)),
+        {{{"x", {1, t.C, t.H, t.W}}, {"grid", {1, t.H, t.W, 2}}}, {{"y", {1, t.C, t.H, t.W}}}});
+    bound.bindInput(0, t.x.data());
+    bound.bindInput(1, t.grid.data());
+    bound.bindOutput(0, t.y.data());
     return bound;
 }
 
@@ -99,9 +104,8 @@ struct Contender {
 
 void againstNode(benchmark::State& state) {
     Tensors t(state.range(0), state.range(1), state.range(2), static_cast<Grid>(state.range(3)));
-    const Ort::Env env = zorv::makeOrtEnv("bench");
-    zorv::BoundSession node = openSession(env, t, static_cast<int>(state.range(4)), false);
-    zorv::BoundSession op = openSession(env, t, 1, true);
+    zorv::ModelRun node = openSession(t, static_cast<int>(state.range(4)), false);
+    zorv::ModelRun op = openSession(t, 1, true);
     std::vector<Contender> contenders;
     contenders.push_back({"node_us", 1, [&] { node.run(); }});
     for (const auto& kernel : zorv::kGridSampleKernels) {

@@ -9,11 +9,13 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "bundle/zorv_bundle.h"
+#include "common/model_run.h"
 #include "common/ort.h"
 #include "demo_subject.h"
 #include "render/custom_operators.h"
@@ -61,16 +63,18 @@ class Model {
         options.AddConfigEntry("session.intra_op.allow_spinning", "0");
         zorv::registerInt8ConvVNNI(options);
         const std::string path = std::string(ZORV_BENCH_MODELS) + "/" + name + ".onnx";
-        session_ = zorv::BoundSession(zorv::createOperatorSession(env_, path, options));
-        session_.bindInput("x", x_.data(), x_.size(), {1, c, side, side});
-        session_.bindOutput("y", y_.data(), y_.size(), {1, m, side, side});
+        Ort::Env env = zorv::makeOrtEnv("bench");
+        Ort::Session session = zorv::createOperatorSession(env, path, options);
+        run_.emplace(zorv::makeModel(path, std::move(env), std::move(session)),
+                     zorv::ModelContract{{{"x", {1, c, side, side}}}, {{"y", {1, m, side, side}}}});
+        run_->bindInput(0, x_.data());
+        run_->bindOutput(0, y_.data());
     }
-    void run() { session_.run(); }
+    void run() { run_->run(); }
 
   private:
-    Ort::Env env_ = zorv::makeOrtEnv("bench");
     std::vector<float> x_, y_;
-    zorv::BoundSession session_;
+    std::optional<zorv::ModelRun> run_;
 };
 
 /// The convolution with one entry of the kernel table, and its matrix part alone.

@@ -166,10 +166,14 @@ const OrtApi* runtimeApi = nullptr;
 double modelSeconds = 0;
 
 OrtStatus* ORT_API_CALL timedRun(OrtSession* session, const OrtRunOptions* options,
-                                 const OrtIoBinding* binding) noexcept {
+                                 const char* const* inputNames, const OrtValue* const* inputs,
+                                 std::size_t inputCount, const char* const* outputNames,
+                                 std::size_t outputCount, OrtValue** outputs) noexcept {
     OrtStatus* status = nullptr;
-    modelSeconds +=
-        cpuSeconds([&] { status = runtimeApi->RunWithBinding(session, options, binding); });
+    modelSeconds += cpuSeconds([&] {
+        status = runtimeApi->Run(session, options, inputNames, inputs, inputCount, outputNames,
+                                 outputCount, outputs);
+    });
     return status;
 }
 
@@ -179,7 +183,7 @@ class ModelClock {
     ModelClock() : api_(Ort::GetApi()) {
         runtimeApi = &Ort::GetApi();
         modelSeconds = 0;
-        api_.RunWithBinding = timedRun;
+        api_.Run = timedRun;
         Ort::Global<void>::api_ = &api_;
     }
     ~ModelClock() { Ort::Global<void>::api_ = runtimeApi; }

@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bundle/zorv_bundle.h"
+#include "common/model_run.h"
 #include "common/ort.h"
 #include "demo_subject.h"
 #include "render/zorv_renderer.h"
@@ -29,13 +31,20 @@ class BareModel {
           rgb_(image_.size()) {
         Ort::SessionOptions options = zorv::makeSessionOptions(threads);
         options.AddConfigEntry("session.intra_op.allow_spinning", "0");
-        model_ =
-            zorv::BoundSession(Ort::Session(env_, manifest.modelPath("render").c_str(), options));
-        model_.bindInput("pooled64", pooled_.data(), pooled_.size(), {1, 64, 32, 32});
-        model_.bindInput("P_rgb", image_.data(), image_.size(), {1, 3, side_, side_});
-        model_.bindInput("kp_driving", kpDriving_.data(), 63, {1, 21, 3});
-        model_.bindInput("kp_source", kpSource_.data(), 63, {1, 21, 3});
-        model_.bindOutput("rgb", rgb_.data(), rgb_.size(), {1, 3, side_, side_});
+        Ort::Env env = zorv::makeOrtEnv("bench");
+        const std::string path = manifest.modelPath("render");
+        Ort::Session session(env, path.c_str(), options);
+        model_.emplace(zorv::makeModel(path, std::move(env), std::move(session)),
+                       zorv::ModelContract{{{"pooled64", {1, 64, 32, 32}},
+                                            {"P_rgb", {1, 3, side_, side_}},
+                                            {"kp_driving", {1, 21, 3}},
+                                            {"kp_source", {1, 21, 3}}},
+                                           {{"rgb", {1, 3, side_, side_}}}});
+        model_->bindInput(0, pooled_.data());
+        model_->bindInput(1, image_.data());
+        model_->bindInput(2, kpDriving_.data());
+        model_->bindInput(3, kpSource_.data());
+        model_->bindOutput(0, rgb_.data());
     }
 
     void fill(const zorv::Identity& identity, const zorv::Drive& drive, std::size_t k) {
@@ -46,13 +55,12 @@ class BareModel {
         std::copy_n(drive.xd.data() + 63 * k, 63, kpDriving_.data());
     }
 
-    void run() { model_.run(); }
+    void run() { model_->run(); }
 
   private:
     std::int64_t side_;
-    Ort::Env env_ = zorv::makeOrtEnv("bench");
     std::vector<float> pooled_, image_, kpDriving_, kpSource_, rgb_;
-    zorv::BoundSession model_;
+    std::optional<zorv::ModelRun> model_;
 };
 
 double milliseconds(auto&& work) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "a2x/a2x_placement.h"
+#include "common/ort.h"
 #include "support/failure.h"
 #include "support/scoped_env.h"
 #include "support/test_bundle.h"
@@ -92,22 +93,21 @@ TEST(A2xPlacement, AsksTheDeviceForExactlyFourThings) {
 }
 
 TEST(A2xPlacement, ADeviceThatRefusesASessionIsGivenUpForTheCpu) {
-    Ort::Env env = makeOrtEnv("test");
     FakeCuda cuda;
     const ScopedEnv on("ZORV_A2X_CUDA", "1");
     testing::internal::CaptureStderr();
     Placement placement(1, "w2v");
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(placement.open(env, modelFile("a2x_dec")));
+    EXPECT_TRUE(placement.open(modelFile("a2x_dec")));
     EXPECT_EQ(cuda.onDevice, 1);
     cuda.refuses = true;
-    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(env, modelFile("a2x_dec"))); }),
+    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(modelFile("a2x_dec"))); }),
               "[zorv_a2x] CUDA EP append failed (w2v): no device -- falling back to CPU\n");
-    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(env, modelFile("a2x_dec"))); }), "");
+    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(modelFile("a2x_dec"))); }), "");
     EXPECT_EQ(cuda.onDevice, 2);
     EXPECT_EQ(cuda.onCpu, 2);
     EXPECT_TRUE(test::failure([&] {
-                    placement.open(env, "/no such file");
+                    placement.open("/no such file");
                 }).starts_with("Load model from /no such file"));
 }
 

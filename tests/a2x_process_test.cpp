@@ -156,9 +156,21 @@ TEST_F(A2xProcess, ShortWindowsLearnTheTrunksLengthFromItsFirstRunWhenItIsOpen) 
     EXPECT_EQ(open[0], "[zorv_a2x] short-window w2v ARMED (ZORV_A2X_W2V_WIN=1, LT=from-first-run)");
     EXPECT_EQ(std::count(open.begin(), open.end(), declared[1]), 4);
 
-    // 290 steps end before the last frame of the first block.
+    // Every frame of a block has to have its place among the trunk's steps, whatever its number.
     EXPECT_EQ(armed("a2x_trunk_short", stream_).at(1),
-              "0 frames 0 zorv_a2x extend: w2v_win: trunk pos out of range");
+              "zorv_a2x_create: " + modelFile("a2x_trunk_short") +
+                  ": output trunk_steps: wanted at least 303 steps for ZORV_A2X_W2V_RIGHT=12, "
+                  "found 290");
+    const std::string right = "ZORV_A2X_W2V_RIGHT";
+    const auto last = [&](const std::string& value) {
+        return probe({on, head, env("ZORV_A2X_W2V_WIN_ONNX", modelFile("a2x_trunk")),
+                      env(right.c_str(), value), stream_})
+            .back();
+    };
+    EXPECT_TRUE(last("42").starts_with("60 frames ")) << last("42");
+    EXPECT_EQ(last("43"),
+              "zorv_a2x_create: ZORV_A2X_W2V_RIGHT=43: a short window of 50 frames ends before a "
+              "block's first frame");
 }
 
 TEST_F(A2xProcess, SilencePrimeSaysWhatItDid) {

@@ -265,6 +265,24 @@ TEST_F(WarpedRenderer, FindsWeightsBesideTheModel) {
     EXPECT_EQ(lines, kLine);
 }
 
+TEST_F(WarpedRenderer, ResizesAsTheNodeDoesAndKeepsNodesThatTheOperatorCannotBe) {
+    for (const char* way : {"resized", "half", "deep"}) {
+        bundle.useModel("x", std::string("render_warped_") + way);
+        const std::vector<float> plain = picture("0"), fast = picture(nullptr);
+        ASSERT_EQ(fast.size(), plain.size());
+        for (std::size_t i = 0; i < plain.size(); ++i) ASSERT_NEAR(fast[i], plain[i], 1e-6) << way;
+        if (way == std::string("resized")) {
+            EXPECT_NE(lines.find("load-time rewrite: 2 node(s) (x)\n"), std::string::npos) << lines;
+        } else {
+            // The runtime's own log may come before it.
+            const std::size_t at = lines.find(
+                "[zorv] x is loaded as it is, the runtime refuses its load-time rewrite: ");
+            ASSERT_NE(at, std::string::npos) << lines;
+            EXPECT_EQ(lines.find('\n', at), lines.size() - 1) << lines;
+        }
+    }
+}
+
 TEST_F(WarpedRenderer, LeavesOtherModelsAloneAndNamesBadFiles) {
     bundle.useModel("x", "render");
     picture(nullptr);

@@ -40,6 +40,7 @@ class MotionAllocations : public testing::TestWithParam<int> {
     void SetUp() override {
         motion_ = zorv_motion_create(files_.dir().c_str(), 1, nullptr);
         ASSERT_TRUE(motion_) << zorv_motion_last_error();
+        ASSERT_GT(allocations, 0) << "the counter counts";
         zorv_motion_set_eager(motion_, GetParam());
     }
     void TearDown() override { zorv_motion_destroy(motion_); }
@@ -55,7 +56,7 @@ class MotionAllocations : public testing::TestWithParam<int> {
 };
 
 TEST_P(MotionAllocations, NoneAfterTheFirstUseOfEachModel) {
-    EXPECT_GT(stream(2 * 20), 0) << "the counter counts: scratch memory and bindings are made here";
+    stream(2 * 20);  // scratch memory is made here
     if (GetParam() == 0) {
         EXPECT_EQ(stream(2 * 40), 0) << "windows";
         EXPECT_EQ(pulled_, 0);

@@ -276,6 +276,34 @@ TEST(Motion, ModelThatFailsInTheMiddleLeavesAnEngineThatCanBeReset) {
     EXPECT_NE(motion->error(), "") << "an output of another shape was taken";
 }
 
+TEST(Motion, ModelsThatDoNotFitAreToldAtCreation) {
+    const TestMotion files;
+    const auto failure = [&](const std::string& key, const std::string& model) {
+        files.useModel(key, model);
+        const std::string text = test::failure([&] { openMotion(files); });
+        files.useModel(key, key);
+        return text;
+    };
+    const auto told = [&](const std::string& key, const std::string& text) {
+        return "zorv_motion_create: " + files.path(key + ".onnx") + ": " + text;
+    };
+    EXPECT_EQ(failure("stitch", "lmdm"), told("stitch",
+                                              "input cond: wanted as many values as float32 "
+                                              "[1, 63], found float32 [1, 265]"));
+    EXPECT_EQ(failure("lmdm", "hubert_student"), told("lmdm",
+                                                      "input mel: wanted as many values as "
+                                                      "float32 [1, 265], found float32 [1, 80, "
+                                                      "21]"));
+    EXPECT_EQ(failure("hubert_student", "sampler"),
+              told("hubert_student",
+                   "input x: wanted as many values as float32 [1, 80, 21], found float32 [any, "
+                   "any, any, any]"));
+    const Floats audio = speechLike(100 * 640);
+    const Frames expected = openMotion(files)->wholeClip(audio);
+    files.useModel("hubert_student", "hubert_student_open");  // takes the size that it must have
+    EXPECT_TRUE(openMotion(files)->wholeClip(audio) == expected);
+}
+
 TEST(Motion, DumpsTheIntermediateArraysAndChangesNothing) {
     const TestMotion files;
     const Floats audio = speechLike(161 * 640);

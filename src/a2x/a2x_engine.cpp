@@ -5,6 +5,7 @@
 
 #include "a2x/a2x_settings.h"
 #include "a2x/zorv_a2x.h"
+#include "common/error.h"
 #include "common/log.h"
 
 namespace zorv::a2x {
@@ -25,8 +26,7 @@ int engineThreads(int threads) {
 using namespace zorv::a2x;
 
 zorv_a2x::zorv_a2x(const std::string& dir, int threads)
-    : env_(zorv::makeOrtEnv("zorv_a2x")),
-      threads_(engineThreads(threads)),
+    : threads_(engineThreads(threads)),
       placement_(threads_, "enc/dec"),
       meta_(dir),
       tables_(dir, meta_),
@@ -39,8 +39,8 @@ zorv_a2x::zorv_a2x(const std::string& dir, int threads)
       enc_out_(limit_, static_cast<std::size_t>(meta_.h)),
       frames_(limit_, kKeypointFloats) {
     openSharedEncoder();
-    enc_.emplace(placement_.open(env_, dir + "/a2x_enc_stream.onnx"), meta_);
-    dec_.emplace(placement_.open(env_, dir + "/a2x_dec.onnx"), meta_.h);
+    enc_.emplace(placement_.open(dir + "/a2x_enc_stream.onnx"), meta_);
+    dec_.emplace(placement_.open(dir + "/a2x_dec.onnx"), meta_.h);
     primeWithSilence();
 }
 
@@ -48,9 +48,8 @@ void zorv_a2x::openSharedEncoder() {
     const char* path = encoderPath();
     if (!path) throw std::runtime_error("$W2V_ONNX not set");
     w2v_ = get_shared_w2v(path, threads_);
-    if (!w2v_) throw std::runtime_error("shared w2v load failed");
     if (!isOne("ZORV_A2X_W2V_WIN") || !get_shared_w2v_win(threads_)) return;
-    short_ = std::make_unique<ShortWindow>();
+    short_ = std::make_unique<ShortWindow>(w2v_right_);
     use_win_ = true;
     win_right_ = w2v_right_;
     w2v_right_ += kBlockFrames;  // a block is run when all of its frames can be
@@ -65,7 +64,7 @@ void zorv_a2x::primeWithSilence() {
         zorv::logLine("[zorv_a2x] silence-primed AR state cached (%d frames)", static_cast<int>(n));
     } catch (const std::exception& error) {
         zorv::logLine("[zorv_a2x] silence-prime failed (%s) -- legacy zero state",
-                      oneLine(error.what()).c_str());
+                      zorv::oneLine(error.what()).c_str());
     }
 }
 
@@ -74,7 +73,7 @@ DecoderState zorv_a2x::computePrime(std::int64_t n) {
         throw std::runtime_error(std::to_string(n) + " frames, but a2x_pos.f32 has " +
                                  std::to_string(limit_) + " rows");
     }
-    const std::vector<float>& silence = zero_window_emb(*w2v_);
+    const std::vector<float>& silence = zero_window_emb(w2v_);
     PagedRows feat(n, kFeatureFloats);
     for (int f = 0; f < n; ++f) takeFeature(silence.data(), f, feat.row(f));
     const float* rows = enc_->run(feat.row(0), tables_.pos.data(), n);
@@ -88,7 +87,7 @@ DecoderState zorv_a2x::startState() const {
 }
 
 LegacyWindow& zorv_a2x::legacyWindow() {
-    if (!legacy_) legacy_ = std::make_unique<LegacyWindow>(*w2v_);
+    if (!legacy_) legacy_ = std::make_unique<LegacyWindow>(w2v_);
     return *legacy_;
 }
 

@@ -39,9 +39,4 @@ void fill_feat_legacy(LegacyWindow& window, const AudioView& audio, std::int64_t
 void fill_feat_win(ShortWindow& window, const AudioView& audio, std::int64_t right,
                    std::int64_t upto, FeatureTrack& track);
 
-/// The first sample that the short-window block at frame `next` hears; may be negative.
-constexpr std::int64_t shortWindowStart(std::int64_t next, std::int64_t right) {
-    return (next + kBlockFrames + right) * kSamplesPerFrame - kShortSamples;
-}
-
 }  // namespace zorv::a2x

@@ -69,6 +69,11 @@ WindowPlan planWindow(std::int64_t start, std::int64_t ready, const AudioView& a
 /// rounds it to half precision, as every feature is.
 void takeFeature(const float* embedding, int frame, float* feature);
 
+/// The first sample that the short-window block at frame `next` hears; may be negative.
+constexpr std::int64_t shortWindowStart(std::int64_t next, std::int64_t right) {
+    return (next + kBlockFrames + right) * kSamplesPerFrame - kShortSamples;
+}
+
 /// Where the trunk, run on a window that starts at sample `start`, hears frame `frame` just as a
 /// legacy window would: that window's first frame times its stride plus 1598/199 trunk steps per
 /// frame inside it. In trunk steps, fractional.

@@ -39,14 +39,18 @@ std::vector<float> readFloats(const std::string& path) {
     return floats;
 }
 
-std::string firstOutputName(const Ort::Session& session) {
-    Ort::AllocatorWithDefaultOptions allocator;
-    return session.GetOutputNameAllocated(0, allocator).get();
+constexpr auto kSet = static_cast<std::int64_t>(kKeypointFloats);
+
+ModelContract encoderContract(std::int64_t h) {
+    return {{{"feat", {1, -1, kLayers, kLayerFloats}},
+             {"pos_window", {1, -1, h}},
+             {"attn", {1, 1, -1, -1}}},
+            {{"", {1, -1, h}, Fit::kAtLeast}}};
 }
 
-Ort::Value rowTensor(std::vector<float>& values, std::vector<std::int64_t> leading) {
-    leading.push_back(static_cast<std::int64_t>(values.size()));
-    return tensorOver(values.data(), values.size(), leading);
+ModelContract decoderContract(std::int64_t h) {
+    return {{{"ctx_t", {1, h}}, {"prev", {1, kSet}}, {"h", {1, 1, h}}},
+            {{"m", {1, kSet}, Fit::kAtLeast}, {"h_out", {1, 1, h}, Fit::kAtLeast}}};
 }
 
 }  // namespace
@@ -94,40 +98,37 @@ Tables::Tables(const std::string& dir, const Meta& meta) : pos(readFloats(dir + 
         std::min<std::size_t>(rows, std::numeric_limits<std::int32_t>::max()));
 }
 
-StreamEncoder::StreamEncoder(Ort::Session session, const Meta& meta)
+StreamEncoder::StreamEncoder(std::shared_ptr<const Model> opened, const Meta& meta)
     : h_(meta.h),
       left_(meta.left),
       window_(meta.window),
-      session_(std::move(session)),
-      enc_out_name_(firstOutputName(session_)),
-      model_(session_, {"feat", "pos_window", "attn"}, {enc_out_name_}) {}
+      model_(std::move(opened), encoderContract(meta.h)) {}
 
-const float* StreamEncoder::run(float* feat, float* pos, std::int64_t n) {
+const float* StreamEncoder::run(const float* feat, const float* pos, std::int64_t n) {
     const auto frames = static_cast<std::size_t>(n);
     if (n != n_) {
         n_ = 0;  // until the tensor is in place
         mask_.resize(checkedProduct(frames, frames));
         bandedMask(n, left_, window_, mask_.data());
-        model_.setInput(2, tensorOver(mask_.data(), mask_.size(), {1, 1, n, n}));
+        model_.bindInput(2, mask_.data(), {1, 1, n, n});
         model_.forgetOutputs();
         n_ = n;
     }
     // Windows slide over the rows of the caller: these two point elsewhere every time.
-    model_.setInput(0, tensorOver(feat, frames * kFeatureFloats, {1, n, kLayers, kLayerFloats}));
-    model_.setInput(1, tensorOver(pos, frames * static_cast<std::size_t>(h_), {1, n, h_}));
+    model_.bindInput(0, feat, {1, n, kLayers, kLayerFloats});
+    model_.bindInput(1, pos, {1, n, h_});
     model_.run();
     return model_.floats(0, frames * static_cast<std::size_t>(h_));
 }
 
-StreamDecoder::StreamDecoder(Ort::Session session, std::int32_t h)
-    : session_(std::move(session)),
-      ctx_(static_cast<std::size_t>(h)),
+StreamDecoder::StreamDecoder(std::shared_ptr<const Model> opened, std::int32_t h)
+    : ctx_(static_cast<std::size_t>(h)),
       prev_(kKeypointFloats),
       hid_(ctx_.size()),
-      model_(session_, {"ctx_t", "prev", "h"}, {"m", "h_out"}) {
-    model_.setInput(0, rowTensor(ctx_, {1}));
-    model_.setInput(1, rowTensor(prev_, {1}));
-    model_.setInput(2, rowTensor(hid_, {1, 1}));
+      model_(std::move(opened), decoderContract(h)) {
+    model_.bindInput(0, ctx_.data());
+    model_.bindInput(1, prev_.data());
+    model_.bindInput(2, hid_.data());
 }
 
 void StreamDecoder::step(const float* ctx, DecoderState& state) {

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "a2x/a2x_math.h"
-#include "a2x/model_run.h"
+#include "common/model_run.h"
 
 namespace zorv::a2x {
 
@@ -41,16 +42,15 @@ struct Tables {
 /// a2x_enc_stream.onnx: a window of feature frames becomes one row of h floats per frame.
 class StreamEncoder {
   public:
-    StreamEncoder(Ort::Session session, const Meta& meta);
+    /// Throws when the model does not fit, as ModelAgreement does.
+    StreamEncoder(std::shared_ptr<const Model> opened, const Meta& meta);
 
     /// feat: n x kFeatureFloats, pos: n x h. Returns n x h, valid until the next run. The mask and
     /// the output's tensor are those of the last run when n is.
-    const float* run(float* feat, float* pos, std::int64_t n);
+    const float* run(const float* feat, const float* pos, std::int64_t n);
 
   private:
     const std::int32_t h_, left_, window_;
-    Ort::Session session_;
-    std::string enc_out_name_;
     std::vector<float> mask_;  ///< n_ x n_, bound to the model
     std::int64_t n_ = 0;
     ModelRun model_;
@@ -70,14 +70,14 @@ struct DecoderState {
 /// a2x_dec.onnx: one frame at a time.
 class StreamDecoder {
   public:
-    StreamDecoder(Ort::Session session, std::int32_t h);
+    /// Throws when the model does not fit, as ModelAgreement does.
+    StreamDecoder(std::shared_ptr<const Model> opened, std::int32_t h);
 
     /// ctx: h floats of the encoder. Moves the state on by a frame; state.prev is the frame's
     /// normalised output. A run that throws leaves the state as it was.
     void step(const float* ctx, DecoderState& state);
 
   private:
-    Ort::Session session_;
     std::vector<float> ctx_, prev_, hid_;  ///< bound to the model
     ModelRun model_;
 };

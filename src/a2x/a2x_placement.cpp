@@ -1,12 +1,16 @@
 #include "a2x/a2x_placement.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
 
 #include "a2x/a2x_settings.h"
+#include "common/error.h"
 #include "common/log.h"
+#include "common/model_registry.h"
+#include "common/ort.h"
 
 namespace zorv::a2x {
 namespace {
@@ -66,21 +70,35 @@ bool zorv_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag) {
 Placement::Placement(int threads, const char* tag)
     : threads_(threads),
       tag_(tag),
-      options_(cpuOptions(threads)),
-      onDevice_(zorv_a2x_maybe_cuda(options_, tag)) {}
+      options_(std::make_unique<Ort::SessionOptions>(cpuOptions(threads))),
+      onDevice_(zorv_a2x_maybe_cuda(*options_, tag)) {}
 
-Ort::Session Placement::open(Ort::Env& env, const std::string& path) {
+Placement::~Placement() = default;
+
+std::shared_ptr<const Model> Placement::open(const std::string& path) {
     if (onDevice_) {
         // A provider can be appended where there is no device; only a session tells.
         try {
-            return Ort::Session(env, path.c_str(), options_);
+            return openShared(path);
         } catch (const std::exception& error) {
             sayRefused(tag_, error);
-            options_ = cpuOptions(threads_);
+            *options_ = cpuOptions(threads_);
             onDevice_ = false;
         }
     }
-    return Ort::Session(env, path.c_str(), options_);
+    return openShared(path);
+}
+
+std::shared_ptr<const Model> Placement::openShared(const std::string& path) {
+    std::string recipe = "a2x " + std::to_string(std::max(threads_, 1));
+    if (onDevice_) {
+        recipe += " cuda " + std::to_string(cudaMemoryLimit(std::getenv("ZORV_A2X_CUDA_MEM_MIB")));
+    }
+    return sharedModel(path, recipe, [&] {
+        Ort::Env env = makeOrtEnv("zorv_a2x");
+        Ort::Session session(env, path.c_str(), *options_);
+        return makeModel(path, std::move(env), std::move(session));
+    });
 }
 
 }  // namespace zorv::a2x

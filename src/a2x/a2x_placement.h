@@ -2,9 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
-#include "common/ort.h"
+#include "common/model.h"
+
+namespace Ort {
+struct SessionOptions;
+}
 
 namespace zorv::a2x {
 
@@ -17,22 +22,25 @@ std::size_t cudaMemoryLimit(const char* setting);
 /// and returns whether it was appended; otherwise the options are as they were.
 bool zorv_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag);
 
-/// The options of one kind of sessions, chosen once.
+/// How one kind of models is opened, chosen once.
 class Placement {
   public:
     /// `threads` of the model runtime, at least 1 in effect; they sleep between runs, as many
     /// engines may share one machine. `tag`: "w2v" or "enc/dec"; a literal.
     Placement(int threads, const char* tag);
+    ~Placement();
 
-    /// Opens a model. A device that refuses it is given up, with the line of a provider that was
-    /// not appended, and this session and all later ones run on the CPU. Throws with the
-    /// runtime's text.
-    Ort::Session open(Ort::Env& env, const std::string& path);
+    /// Opens a model, or takes an equal one that somebody still holds. A device that refuses it is
+    /// given up, with the line of a provider that was not appended, and this model and all later
+    /// ones run on the CPU. Throws with the runtime's text.
+    std::shared_ptr<const Model> open(const std::string& path);
 
   private:
+    std::shared_ptr<const Model> openShared(const std::string& path);
+
     int threads_;
     const char* tag_;
-    Ort::SessionOptions options_;
+    std::unique_ptr<Ort::SessionOptions> options_;
     bool onDevice_;
 };
 

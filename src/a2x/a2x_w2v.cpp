@@ -1,60 +1,65 @@
 #include "a2x/a2x_w2v.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <mutex>
-#include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "a2x/a2x_placement.h"
 #include "a2x/a2x_settings.h"
+#include "common/error.h"
 #include "common/log.h"
+#include "common/mutex.h"
 
 namespace zorv::a2x {
 namespace {
 
 constexpr const char* kW2vTag = "w2v";
 
-// The process's shared state. Sessions are only ever set from absent to present (a failed pair is
-// dropped before anyone can have seen it), so whoever got one runs it without the lock.
-std::mutex g_w2v_mtx;
-// Guarded by g_w2v_mtx; released in reverse order, the environment last. Absent rather than null:
-// at the process's end a null session would still ask the runtime, and crash with one that is too
-// old.
-std::optional<Ort::Env> g_w2v_env;
-std::optional<Ort::Session> g_w2v_session;
-std::string g_w2v_path;
-bool g_w2vwin_tried = false;
-std::optional<Ort::Session> g_w2vwin_trunk;
-std::optional<Ort::Session> g_w2vwin_head;
-std::string g_w2vwin_trunk_out;
+ModelContract legacyContract() {
+    return {{{"input_values", {1, kWindowSamples}}},
+            {{"audio_emb", {kLayers, kWindowFrames, kLayerFloats}, Fit::kAtLeast}}};
+}
+
+ModelContract trunkContract() {
+    return {{{"input_values", {1, kShortSamples}}},
+            {{"", {1, kTrunkChannels, -1}, Fit::kShape, "float16"}}};
+}
+
+ModelContract headContract() {
+    return {{{"x", {kBlockFrames, kTrunkChannels}}},
+            {{"emb", {kBlockFrames, kFeatureFloats}, Fit::kAtLeast}}};
+}
+
+// The process's shared state. Models are only ever set from absent to present (a failed pair is
+// dropped before anyone can have seen it) and stay until the process ends.
+Mutex g_w2v_mtx;
+std::shared_ptr<const Model> g_w2v_session ZORV_GUARDED_BY(g_w2v_mtx);
+bool g_w2vwin_tried ZORV_GUARDED_BY(g_w2v_mtx) = false;
+std::shared_ptr<const Model> g_w2vwin_trunk ZORV_GUARDED_BY(g_w2v_mtx);
+std::shared_ptr<const Model> g_w2vwin_head ZORV_GUARDED_BY(g_w2v_mtx);
 /// Trunk steps per run, 0 until the first run when the model does not declare them. Atomic, not
 /// guarded: runs read it, and they must not wait for a model that is being loaded.
 std::atomic<std::int64_t> g_w2vwin_LT{0};
 
-std::mutex g_zeroemb_mtx;
-std::vector<float> g_zeroemb;  ///< guarded by g_zeroemb_mtx while empty, constant afterwards
+Mutex g_zeroemb_mtx;
+/// Constant once it is not empty.
+std::vector<float> g_zeroemb ZORV_GUARDED_BY(g_zeroemb_mtx);
 
-Ort::Env& environmentLocked() {
-    if (!g_w2v_env) g_w2v_env = makeOrtEnv("zorv_a2x_w2v");
-    return *g_w2v_env;
+std::shared_ptr<const Model> openChecked(Placement& placement, const std::string& path,
+                                         const ModelContract& contract) {
+    auto model = placement.open(path);
+    ModelAgreement(*model, contract);
+    return model;
 }
 
-/// The third dimension of the trunk's declared output [1, channels, steps], 0 when it is open.
-std::int64_t declaredSteps(const Ort::Session& trunk) {
-    const Ort::TypeInfo type = trunk.GetOutputTypeInfo(0);
-    const auto shape = type.GetTensorTypeAndShapeInfo().GetShape();
-    return shape.size() == 3 && shape[2] >= 1 ? shape[2] : 0;
-}
-
-void armLocked(const char* trunkPath, const char* headPath, int threads) {
-    Ort::Env& env = environmentLocked();
+void armLocked(const char* trunkPath, const char* headPath, int threads) ZORV_REQUIRES(g_w2v_mtx) {
     Placement placement(threads, kW2vTag);
-    Ort::Session trunk = placement.open(env, trunkPath);
-    Ort::Session head = placement.open(env, headPath);
-    Ort::AllocatorWithDefaultOptions allocator;
-    g_w2vwin_trunk_out = trunk.GetOutputNameAllocated(0, allocator).get();
-    const std::int64_t steps = declaredSteps(trunk);
+    auto trunk = openChecked(placement, trunkPath, trunkContract());
+    auto head = openChecked(placement, headPath, headContract());
+    const std::vector<std::int64_t>& shape = trunk->outputs()[0].shape;
+    const std::int64_t steps = shape.size() == 3 && shape[2] >= 1 ? shape[2] : 0;
     g_w2vwin_LT = steps;
     g_w2vwin_trunk = std::move(trunk);
     g_w2vwin_head = std::move(head);
@@ -62,20 +67,53 @@ void armLocked(const char* trunkPath, const char* headPath, int threads) {
             steps ? std::to_string(steps).c_str() : "from-first-run");
 }
 
+std::shared_ptr<const Model> armedTrunk() {
+    const MutexLock lock(g_w2v_mtx);
+    return g_w2vwin_trunk;
+}
+
+std::shared_ptr<const Model> armedHead() {
+    const MutexLock lock(g_w2v_mtx);
+    return g_w2vwin_head;
+}
+
+/// Throws unless every frame's place lies inside the trunk's `steps` (0: not known) when windows
+/// hear `right` frames behind a block.
+void requireRoom(std::int64_t right, std::int64_t steps, const Model& trunk) {
+    double first = 0, last = 0;
+    // A frame's place depends on its number within a legacy window: these blocks have them all.
+    for (std::int64_t block = 0; block < 2 * kWindowFrames; block += kBlockFrames) {
+        const std::int64_t start = shortWindowStart(block, right);
+        first = std::min(first, trunkPosition(block, start));
+        last = std::max(last, trunkPosition(block + kBlockFrames - 1, start));
+    }
+    const std::string setting = "ZORV_A2X_W2V_RIGHT=" + std::to_string(right);
+    if (first < 0) {
+        throw std::runtime_error(setting + ": a short window of " +
+                                 std::to_string(kShortSamples / kSamplesPerFrame) +
+                                 " frames ends before a block's first frame");
+    }
+    const auto needed = static_cast<std::int64_t>(last) + 1;
+    if (steps != 0 && needed > steps) {
+        throw std::runtime_error(trunk.path() + ": output " + trunk.outputs()[0].name +
+                                 ": wanted at least " + std::to_string(needed) + " steps for " +
+                                 setting + ", found " + std::to_string(steps));
+    }
+}
+
 }  // namespace
 
-Ort::Session* get_shared_w2v(const std::string& path, int threads) {
-    const std::lock_guard lock(g_w2v_mtx);
+std::shared_ptr<const Model> get_shared_w2v(const std::string& path, int threads) {
+    const MutexLock lock(g_w2v_mtx);
     if (!g_w2v_session) {
-        Ort::Env& env = environmentLocked();
-        g_w2v_session = Placement(threads, kW2vTag).open(env, path);
-        g_w2v_path = path;
+        Placement placement(threads, kW2vTag);
+        g_w2v_session = openChecked(placement, path, legacyContract());
     }
-    return &*g_w2v_session;
+    return g_w2v_session;
 }
 
 int get_shared_w2v_win(int threads) {
-    const std::lock_guard lock(g_w2v_mtx);
+    const MutexLock lock(g_w2v_mtx);
     if (g_w2vwin_tried) return g_w2vwin_trunk ? 1 : 0;
     g_w2vwin_tried = true;
     const char* trunkPath = std::getenv("ZORV_A2X_W2V_WIN_ONNX");
@@ -96,9 +134,9 @@ int get_shared_w2v_win(int threads) {
     }
 }
 
-LegacyWindow::LegacyWindow(Ort::Session& w2v)
-    : samples_(kWindowSamples), model_(w2v, {"input_values"}, {"audio_emb"}) {
-    model_.setInput(0, tensorOver(samples_.data(), samples_.size(), {1, kWindowSamples}));
+LegacyWindow::LegacyWindow(std::shared_ptr<const Model> w2v)
+    : samples_(kWindowSamples), model_(std::move(w2v), legacyContract()) {
+    model_.bindInput(0, samples_.data());
 }
 
 const float* LegacyWindow::run() {
@@ -106,30 +144,28 @@ const float* LegacyWindow::run() {
     return model_.floats(0, kEmbeddingFloats);
 }
 
-ShortWindow::ShortWindow()
+ShortWindow::ShortWindow(std::int64_t right)
     : samples_(kShortSamples),
       channels_(kBlockFrames * kTrunkChannels),
-      trunk_(g_w2vwin_trunk.value(), {"input_values"}, {g_w2vwin_trunk_out}),
-      head_(g_w2vwin_head.value(), {"x"}, {"emb"}) {
-    trunk_.setInput(0, tensorOver(samples_.data(), samples_.size(), {1, kShortSamples}));
-    head_.setInput(0, tensorOver(channels_.data(), channels_.size(),
-                                 {kBlockFrames, static_cast<std::int64_t>(kTrunkChannels)}));
+      trunk_(armedTrunk(), trunkContract()),
+      head_(armedHead(), headContract()) {
+    requireRoom(right, g_w2vwin_LT, trunk_.model());
+    trunk_.bindInput(0, samples_.data());
+    head_.bindInput(0, channels_.data());
 }
 
 ShortWindow::Trunk ShortWindow::runTrunk() {
     trunk_.run();
-    const Ort::Value& output = trunk_.output(0);
-    const auto info = output.GetTensorTypeAndShapeInfo();
-    const auto shape = info.GetShape();
-    if (info.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16 || shape.size() != 3) {
+    const ModelRun::Halves output = trunk_.halves(0);
+    if (output.shape.size() != 3) {
         throw std::runtime_error("w2v_win: trunk output is not half precision of 3 dimensions");
     }
     std::int64_t steps = 0;
-    if (g_w2vwin_LT.compare_exchange_strong(steps, shape[2])) steps = shape[2];
-    if (info.GetElementCount() != kTrunkChannels * static_cast<std::size_t>(steps)) {
+    if (g_w2vwin_LT.compare_exchange_strong(steps, output.shape[2])) steps = output.shape[2];
+    if (output.shape != std::vector<std::int64_t>{1, kTrunkChannels, steps}) {
         throw std::runtime_error("w2v_win: trunk output is not 640 x " + std::to_string(steps));
     }
-    return {output.GetTensorData<std::uint16_t>(), steps};
+    return {output.values, steps};
 }
 
 const float* ShortWindow::runHead() {
@@ -137,8 +173,8 @@ const float* ShortWindow::runHead() {
     return head_.floats(0, kBlockFrames * kFeatureFloats);
 }
 
-const std::vector<float>& zero_window_emb(Ort::Session& w2v) {
-    const std::lock_guard lock(g_zeroemb_mtx);
+const std::vector<float>& zero_window_emb(const std::shared_ptr<const Model>& w2v) {
+    const MutexLock lock(g_zeroemb_mtx);
     if (g_zeroemb.empty()) {
         LegacyWindow silence(w2v);  // its samples are zeros at first
         const float* embedding = silence.run();

@@ -2,17 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "a2x/a2x_math.h"
-#include "a2x/model_run.h"
+#include "common/model_run.h"
 
 namespace zorv::a2x {
 
 /// The legacy encoder, loaded by the first call that succeeds and kept until the process ends;
-/// later calls get the same session whatever they ask for. Throws with the runtime's text.
-Ort::Session* get_shared_w2v(const std::string& path, int threads);
+/// later calls get the same model whatever they ask for. Throws with the runtime's text, or as
+/// ModelAgreement does.
+std::shared_ptr<const Model> get_shared_w2v(const std::string& path, int threads);
 
 /// 1 when the trunk and head of the short-window path are loaded, else 0. The process tries once;
 /// what went wrong is said on standard error, once.
@@ -21,7 +23,7 @@ int get_shared_w2v_win(int threads);
 /// Runs the legacy encoder on one window of 8 s.
 class LegacyWindow {
   public:
-    explicit LegacyWindow(Ort::Session& w2v);
+    explicit LegacyWindow(std::shared_ptr<const Model> w2v);
 
     float* samples() { return samples_.data(); }  ///< kWindowSamples, to be filled
     /// [kLayers][kWindowFrames][kLayerFloats], valid until the next run.
@@ -35,7 +37,9 @@ class LegacyWindow {
 /// Runs the trunk on 2 s and the head on 8 frames. Needs get_shared_w2v_win() == 1.
 class ShortWindow {
   public:
-    ShortWindow();
+    /// `right`: frames of audio that a block hears behind its end. Throws when a frame would have
+    /// no place in the trunk's output.
+    explicit ShortWindow(std::int64_t right);
 
     float* samples() { return samples_.data(); }  ///< kShortSamples, to be filled
 
@@ -58,6 +62,6 @@ class ShortWindow {
 
 /// What the legacy encoder gives for 8 s of silence (laid out as LegacyWindow::run): computed by
 /// the process's first call that succeeds and kept.
-const std::vector<float>& zero_window_emb(Ort::Session& w2v);
+const std::vector<float>& zero_window_emb(const std::shared_ptr<const Model>& w2v);
 
 }  // namespace zorv::a2x

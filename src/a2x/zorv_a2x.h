@@ -71,9 +71,7 @@ struct zorv_a2x {
     /// One frame: offsets from encoder row `ctx`.
     void decodeFrame(const float* ctx, zorv::a2x::DecoderState& state, float* offsets);
 
-    // Constant after creation, but for what the models keep of their last run. Released in reverse
-    // order: models before the environment.
-    Ort::Env env_;
+    // Constant after creation, but for what the models keep of their last run.
     const int threads_;  ///< of the model runtime, for the sessions that this engine loads
     zorv::a2x::Placement placement_;
     const zorv::a2x::Meta meta_;
@@ -82,8 +80,8 @@ struct zorv_a2x {
     std::int64_t w2v_right_;                   ///< frames of look-ahead that features need
     std::int64_t win_right_ = 0;               ///< of these, heard by a short window
     bool use_win_ = false;
-    const std::int64_t limit_;     ///< rows of the positional table: no stream is longer
-    Ort::Session* w2v_ = nullptr;  ///< shared
+    const std::int64_t limit_;  ///< rows of the positional table: no stream is longer
+    std::shared_ptr<const zorv::Model> w2v_;
     std::optional<zorv::a2x::StreamEncoder> enc_;
     std::optional<zorv::a2x::StreamDecoder> dec_;
     std::unique_ptr<zorv::a2x::LegacyWindow> legacy_;  ///< made when first needed

@@ -5,13 +5,31 @@
 namespace zorv {
 namespace {
 
-std::vector<std::string> inputNames(const Ort::Session& session) {
-    Ort::AllocatorWithDefaultOptions allocator;
-    std::vector<std::string> names;
-    for (std::size_t i = 0; i < session.GetInputCount(); ++i) {
-        names.emplace_back(session.GetInputNameAllocated(i, allocator).get());
+const char* nameOf(ONNXTensorElementDataType type) {
+    switch (type) {
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
+            return "float32";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
+            return "float16";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
+            return "float64";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
+            return "int8";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
+            return "uint8";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
+            return "int32";
+        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
+            return "int64";
+        default:
+            return "another type";
     }
-    return names;
+}
+
+ModelTensor describe(const char* name, const Ort::TypeInfo& type) {
+    if (type.GetONNXType() != ONNX_TYPE_TENSOR) return {name, "no tensor", {}};
+    const auto info = type.GetTensorTypeAndShapeInfo();
+    return {name, nameOf(info.GetElementType()), info.GetShape()};
 }
 
 }  // namespace
@@ -56,54 +74,33 @@ Ort::Value tensorOver(float* data, std::size_t count, const std::vector<std::int
     return Ort::Value::CreateTensor<float>(memory, data, count, shape.data(), shape.size());
 }
 
-const float* outputFloats(const Ort::Value& output, const char* name, std::size_t least) {
-    const auto fail = [&](const std::string& found) {
-        throw std::runtime_error(std::string("output ") + name + ": expected at least " +
-                                 std::to_string(least) + " float32 values, found " + found);
-    };
-    if (!output.IsTensor()) fail("no tensor");
-    const auto info = output.GetTensorTypeAndShapeInfo();
-    if (info.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT) fail("another element type");
-    if (info.GetElementCount() < least) fail(std::to_string(info.GetElementCount()));
-    return output.GetTensorData<float>();
+std::shared_ptr<const Model> makeModel(const std::string& path, Ort::Env env,
+                                       Ort::Session session) {
+    return std::make_shared<const Model>(
+        path, std::make_unique<Model::Session>(std::move(env), std::move(session)));
 }
 
-BoundSession::BoundSession(Ort::Session session)
-    : session_(std::move(session)), binding_(session_) {}
-
-void BoundSession::bindInput(const char* name, float* data, std::size_t count,
-                             const std::vector<std::int64_t>& shape) {
-    tensors_.push_back(tensorOver(data, count, shape));
-    binding_.BindInput(name, tensors_.back());
-}
-
-void BoundSession::bindOutput(const char* name, float* data, std::size_t count,
-                              const std::vector<std::int64_t>& shape) {
-    tensors_.push_back(tensorOver(data, count, shape));
-    binding_.BindOutput(name, tensors_.back());
-}
-
-void BoundSession::run(const Ort::RunOptions& options) {
-    // A default-made Ort::RunOptions is a real object; {nullptr} stands for the runtime's defaults.
-    Ort::ThrowOnError(Ort::GetApi().RunWithBinding(session_, options, binding_));
-}
-
-std::vector<std::int64_t> inputShape(const Ort::Session& session, const std::string& name) {
-    const std::vector<std::string> names = inputNames(session);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        if (names[i] != name) continue;
-        const Ort::TypeInfo type = session.GetInputTypeInfo(i);
-        if (type.GetONNXType() != ONNX_TYPE_TENSOR) return {};
-        return type.GetTensorTypeAndShapeInfo().GetShape();
+Model::Model(std::string path, std::unique_ptr<Session> session)
+    : path_(std::move(path)), session_(std::move(session)) {
+    const Ort::Session& opened = session_->session;
+    Ort::AllocatorWithDefaultOptions allocator;
+    for (std::size_t i = 0; i < opened.GetInputCount(); ++i) {
+        inputs_.push_back(
+            describe(opened.GetInputNameAllocated(i, allocator).get(), opened.GetInputTypeInfo(i)));
     }
-    return {};
+    for (std::size_t i = 0; i < opened.GetOutputCount(); ++i) {
+        outputs_.push_back(describe(opened.GetOutputNameAllocated(i, allocator).get(),
+                                    opened.GetOutputTypeInfo(i)));
+    }
 }
 
-bool hasInput(const Ort::Session& session, const std::string& name) {
-    for (const std::string& candidate : inputNames(session)) {
-        if (candidate == name) return true;
+Model::~Model() = default;
+
+const ModelTensor* Model::input(const std::string& name) const {
+    for (const ModelTensor& tensor : inputs_) {
+        if (tensor.name == name) return &tensor;
     }
-    return false;
+    return nullptr;
 }
 
 }  // namespace zorv

@@ -1,13 +1,18 @@
-// Owners over ONNX Runtime that every subsystem shares. Failures throw with the runtime's text.
+// ONNX Runtime as every subsystem uses it; included by sources only, never by an engine's header.
+// Failures throw with the runtime's text.
 #pragma once
 
 #include <onnxruntime_cxx_api.h>
 
+#include <atomic>
 #include <cstdint>
-#include <initializer_list>
+#include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
+
+#include "common/model.h"
 
 namespace zorv {
 
@@ -30,38 +35,16 @@ std::size_t elementCount(const std::vector<std::int64_t>& shape);
 /// tensor or a binding that holds it. `count` must be the product of the dimensions.
 Ort::Value tensorOver(float* data, std::size_t count, const std::vector<std::int64_t>& shape);
 
-/// The float32 values of a model's output, checked to be at least `least`. Throws
-/// "output NAME: expected at least N float32 values, found ...".
-const float* outputFloats(const Ort::Value& output, const char* name, std::size_t least);
+struct Model::Session {
+    Session(Ort::Env environment, Ort::Session opened)
+        : env(std::move(environment)), session(std::move(opened)) {}
 
-/// A session whose inputs and outputs are bound once to memory of the caller; `run` then neither
-/// allocates tensors nor looks up names. One thread at a time.
-class BoundSession {
-  public:
-    BoundSession() = default;
-    explicit BoundSession(Ort::Session session);
-
-    void bindInput(const char* name, float* data, std::size_t count,
-                   const std::vector<std::int64_t>& shape);
-    void bindOutput(const char* name, float* data, std::size_t count,
-                    const std::vector<std::int64_t>& shape);
-
-    void run(const Ort::RunOptions& options = Ort::RunOptions{nullptr});
-
-    Ort::Session& session() { return session_; }
-
-  private:
-    // Released in reverse order: binding and tensors before the session.
-    Ort::Session session_{nullptr};
-    std::vector<Ort::Value> tensors_;
-    Ort::IoBinding binding_{nullptr};
+    Ort::Env env;  // released after the session
+    Ort::Session session;
+    std::atomic<bool> hasRun{false};  ///< a run has succeeded
 };
 
-/// The shape of the input called `name`; symbolic dimensions are -1. Empty when there is no such
-/// tensor input.
-std::vector<std::int64_t> inputShape(const Ort::Session& session, const std::string& name);
-
-/// Whether the model has an input called `name`.
-bool hasInput(const Ort::Session& session, const std::string& name);
+/// The model of a session that was made in `env`. `path` is for texts only.
+std::shared_ptr<const Model> makeModel(const std::string& path, Ort::Env env, Ort::Session session);
 
 }  // namespace zorv

@@ -5,11 +5,13 @@
 #include "motion/motion_math.h"
 
 namespace zorv::motion {
-namespace {
 
-const std::vector<std::int64_t> kStitchedShape = {1, kKeypoints, 3};
-
-}  // namespace
+Emitter::Emitter(const MotionTables& tables, ModelRun& stitch, const Dump& dump)
+    : tables_(tables), stitch_(stitch), dump_(dump) {
+    stitch_.bindInput(0, xs_.data());
+    stitch_.bindInput(1, xd_.data());
+    stitch_.bindOutput(0, stitched_.data());
+}
 
 void Emitter::emitFrame(const float* motion, int i, Dump::Mode mode, float* outXs, float* outXd) {
     const float* predicted = motion + kPoseFloats;
@@ -29,8 +31,7 @@ void Emitter::emitFrame(const float* motion, int i, Dump::Mode mode, float* outX
     placeKeypoints(source, poseToR(pitch, yaw, roll), source.exp, xs_.data());
     placeKeypoints(source, poseToR(pitch + tables_.deltaPitch, yaw, roll), expression.data(),
                    xd_.data());
-    stitch_.run({{xs_.data(), kSetFloats}, {xd_.data(), kSetFloats}},
-                {stitched_.data(), kSetFloats}, kStitchedShape);
+    stitch_.run();
 
     const float* target = tables_.target.data() + frame * kSetFloats;
     for (std::size_t j = 0; j < kSetFloats; ++j) {

@@ -3,8 +3,8 @@
 
 #include <array>
 
+#include "common/model_run.h"
 #include "motion/motion_dump.h"
-#include "motion/motion_net.h"
 #include "motion/motion_tables.h"
 
 namespace zorv::motion {
@@ -13,8 +13,9 @@ namespace zorv::motion {
 class Emitter {
   public:
     /// All three must outlive the emitter.
-    Emitter(const MotionTables& tables, Net& stitch, const Dump& dump)
-        : tables_(tables), stitch_(stitch), dump_(dump) {}
+    Emitter(const MotionTables& tables, ModelRun& stitch, const Dump& dump);
+    Emitter(const Emitter&) = delete;  // the model is bound to its arrays
+    Emitter& operator=(const Emitter&) = delete;
 
     /// Writes 63 source and 63 driving floats for target frame `i`. The head pose follows the
     /// target frame; of the motion vector only the lips' expression is used.
@@ -23,7 +24,7 @@ class Emitter {
 
   private:
     const MotionTables& tables_;
-    Net& stitch_;
+    ModelRun& stitch_;
     const Dump& dump_;
     std::array<float, kSetFloats> reference_{};
     bool referenceSet_ = false;

@@ -15,14 +15,10 @@ constexpr std::int64_t kHeldBack = kFadeFrames + 1;
 
 MotionEngine::MotionEngine(const std::string& dir, int threads, const std::string& ep)
     : tables_(loadMotionTables(dir)),
-      student_(Net::open(env_, dir + "/hubert_student.onnx", std::max(threads, 1), ep,
-                         dir + "/.coreml_cache")),
-      lmdm_(Net::open(env_, dir + "/lmdm.onnx", std::max(threads, 1), ep, dir + "/.coreml_cache")),
-      stitch_(
-          Net::open(env_, dir + "/stitch.onnx", std::max(threads, 1), ep, dir + "/.coreml_cache")),
-      front_(tables_, student_, dump_),
-      generator_(tables_, lmdm_, dump_),
-      emitter_(tables_, stitch_, dump_) {}
+      models_(dir, threads, ep),
+      front_(tables_, models_.student, dump_),
+      generator_(tables_, models_.lmdm, dump_),
+      emitter_(tables_, models_.stitch, dump_) {}
 
 int MotionEngine::lookAheadSamples() const {
     if (eager_ != 0) {

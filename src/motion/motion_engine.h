@@ -7,6 +7,7 @@
 #include "motion/motion_features.h"
 #include "motion/motion_generator.h"
 #include "motion/motion_math.h"
+#include "motion/motion_models.h"
 
 namespace zorv::motion {
 
@@ -20,7 +21,7 @@ namespace zorv::motion {
 /// that the frames do not depend on how the audio was cut or when anyone asked.
 class MotionEngine {
   public:
-    /// `threads` below 1 means 1. `ep` as in Net::open.
+    /// `threads` below 1 means 1. `ep` as in MotionModels.
     MotionEngine(const std::string& dir, int threads, const std::string& ep);
 
     int nt() const { return tables_.nt; }
@@ -53,8 +54,7 @@ class MotionEngine {
 
     const Dump dump_ = Dump::fromEnvironment();
     const MotionTables tables_;
-    Ort::Env env_ = makeOrtEnv("zorv_motion");
-    Net student_, lmdm_, stitch_;
+    MotionModels models_;
     FrontEnd front_;
     Generator generator_;
     Emitter emitter_;

@@ -17,12 +17,11 @@ WindowScratch& windowScratch() {
     return *scratch;
 }
 
-const std::vector<std::int64_t> kSpeechShape = {1, kSpeechRows, kSpeechFloats};
 constexpr std::size_t kFirstPair = 6;  ///< the speech row that belongs to a window's first frame
 
 }  // namespace
 
-FrontEnd::FrontEnd(const MotionTables& tables, Net& student, const Dump& dump)
+FrontEnd::FrontEnd(const MotionTables& tables, ModelRun& student, const Dump& dump)
     : tables_(tables),
       student_(student),
       dump_(dump),
@@ -31,7 +30,10 @@ FrontEnd::FrontEnd(const MotionTables& tables, Net& student, const Dump& dump)
       features_(kFeatureFloats),
       speech_(kSpeechRows * kSpeechFloats),
       audio_(1, 16384, 4),
-      rows_(kRowFloats, 16, 8) {}
+      rows_(kRowFloats, 16, 8) {
+    student_.bindInput(0, features_.data());
+    student_.bindOutput(0, speech_.data());
+}
 
 bool FrontEnd::nextWindowHeard() const {
     return nextWindow_ * kSamplesPerFrame + kWindowFollowSamples <= samples();
@@ -71,8 +73,7 @@ void FrontEnd::processWindow(std::int64_t frame) {
     WindowScratch& scratch = windowScratch();
     copyWindow(frame, scratch.samples.data());
     bandFeatures(spectrum_, kernels_, scratch.samples.data(), scratch.spectrum, features_.data());
-    student_.run({{features_.data(), features_.size()}}, {speech_.data(), speech_.size()},
-                 kSpeechShape);
+    student_.run();
     for (std::size_t r = 0; r < kSpeechRows; ++r) {
         float* row = speech_.data() + r * kSpeechFloats;
         for (std::size_t j = 0; j < kSpeechFloats; ++j) {

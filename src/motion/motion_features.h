@@ -3,9 +3,9 @@
 
 #include <vector>
 
+#include "common/model_run.h"
 #include "motion/frame_store.h"
 #include "motion/motion_dump.h"
-#include "motion/motion_net.h"
 #include "motion/motion_spectrum.h"
 #include "motion/motion_tables.h"
 
@@ -16,7 +16,7 @@ namespace zorv::motion {
 class FrontEnd {
   public:
     /// All three must outlive the front end; `student` is the speech-feature model.
-    FrontEnd(const MotionTables& tables, Net& student, const Dump& dump);
+    FrontEnd(const MotionTables& tables, ModelRun& student, const Dump& dump);
 
     void push(const float* samples, std::size_t n) { audio_.append(samples, n); }
     /// Samples pushed since the last reset.
@@ -45,7 +45,7 @@ class FrontEnd {
     void appendRow(const float* first, const float* second, std::int64_t frame);
 
     const MotionTables& tables_;
-    Net& student_;
+    ModelRun& student_;
     const Dump& dump_;
     const SpectrumTables spectrum_;
     const SpectrumKernels& kernels_;

@@ -8,13 +8,12 @@
 namespace zorv::motion {
 namespace {
 
-const std::vector<std::int64_t> kPredictionShape = {1, kChunkFrames, kMotionFloats};
 /// Smoothing the seam reads the frame before the faded ones, which is also the next conditioning.
 constexpr std::int64_t kSeamFrames = kFadeFrames + 1;
 
 }  // namespace
 
-Generator::Generator(const MotionTables& tables, Net& lmdm, const Dump& dump)
+Generator::Generator(const MotionTables& tables, ModelRun& lmdm, const Dump& dump)
     : tables_(tables),
       lmdm_(lmdm),
       dump_(dump),
@@ -23,7 +22,11 @@ Generator::Generator(const MotionTables& tables, Net& lmdm, const Dump& dump)
       prediction_(kChunkFrames * kMotionFloats),
       results_(kMotionFloats, 64, 6),
       cond_(tables.initial),
-      savedTail_(kFadeFrames * kMotionFloats) {}
+      savedTail_(kFadeFrames * kMotionFloats) {
+    lmdm_.bindInput(0, condInput_.data());
+    lmdm_.bindInput(1, rowsInput_.data());
+    lmdm_.bindOutput(0, prediction_.data());
+}
 
 void Generator::runNextChunk(const FrameStore& rows) {
     restoreTail();
@@ -109,8 +112,7 @@ void Generator::predict(const FrameStore& rows, std::int64_t start, std::int64_t
     for (std::int64_t i = count; i < kChunkFrames; ++i) {
         std::copy_n(rows.at(start + count - 1), kRowFloats, rowsInput_.data() + i * kRowFloats);
     }
-    lmdm_.run({{condInput_.data(), condInput_.size()}, {rowsInput_.data(), rowsInput_.size()}},
-              {prediction_.data(), prediction_.size()}, kPredictionShape);
+    lmdm_.run();
 }
 
 void Generator::takeFirst() {

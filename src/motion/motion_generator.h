@@ -4,9 +4,9 @@
 #include <array>
 #include <vector>
 
+#include "common/model_run.h"
 #include "motion/frame_store.h"
 #include "motion/motion_dump.h"
-#include "motion/motion_net.h"
 #include "motion/motion_tables.h"
 
 namespace zorv::motion {
@@ -17,7 +17,7 @@ namespace zorv::motion {
 class Generator {
   public:
     /// All three must outlive the generator.
-    Generator(const MotionTables& tables, Net& lmdm, const Dump& dump);
+    Generator(const MotionTables& tables, ModelRun& lmdm, const Dump& dump);
 
     /// First frame of the next chunk.
     std::int64_t nextChunkFrame() const { return chunk_ * kChunkStep; }
@@ -54,7 +54,7 @@ class Generator {
     void dumpResults(const char* name, bool asHandedOut) const;
 
     const MotionTables& tables_;
-    Net& lmdm_;
+    ModelRun& lmdm_;
     const Dump& dump_;
     std::vector<float> condInput_, rowsInput_;  ///< what lmdm reads: 265, [80][1103]
     std::vector<float> prediction_;             ///< what it writes: [80][265]

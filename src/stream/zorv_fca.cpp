@@ -6,6 +6,8 @@
 #include <stdexcept>
 
 #include "common/error.h"
+#include "common/model_registry.h"
+#include "common/ort.h"
 #include "telemetry/telemetry.h"
 
 namespace zorv {
@@ -15,50 +17,55 @@ constexpr std::size_t kHidden = 384;
 constexpr std::size_t kLayerFloats =
     std::size_t{delta::kLastLayer + 1} * delta::kWindowFrames * delta::kEmbeddingFloats;
 
+ModelRun open(const std::string& path, int threads, const ModelContract& contract) {
+    auto model = sharedModel(path, "fca " + std::to_string(threads), [&] {
+        Ort::Env env = makeOrtEnv("zorv_fca");
+        Ort::Session session(env, path.c_str(), makeSessionOptions(threads));
+        return makeModel(path, std::move(env), std::move(session));
+    });
+    return {std::move(model), contract};
+}
+
+constexpr std::int64_t kContextFloats =
+    std::int64_t{delta::kContextFrames} * delta::kEmbeddingFloats;
+constexpr std::int64_t kSet = delta::kSetFloats;
+
 }  // namespace
 
 /// Inputs of the recurrent model; its outputs are copied back into prev and hidden.
 struct DeltaModel::Recurrence {
-    std::vector<float> context =
-        std::vector<float>(std::size_t{delta::kContextFrames} * delta::kEmbeddingFloats);
+    explicit Recurrence(ModelRun& model) {
+        model.bindInput(0, context.data());
+        model.bindInput(1, prev.data());
+        model.bindInput(2, hidden.data());
+    }
+
+    std::vector<float> context = std::vector<float>(kContextFloats);
     std::vector<float> prev = std::vector<float>(delta::kSetFloats);
     std::vector<float> hidden = std::vector<float>(kHidden);
-    Ort::Value inputs[3] = {
-        tensorOver(context.data(), context.size(), {1, static_cast<std::int64_t>(context.size())}),
-        tensorOver(prev.data(), delta::kSetFloats, {1, delta::kSetFloats}),
-        tensorOver(hidden.data(), kHidden, {1, 1, kHidden})};
 };
 
 DeltaModel::DeltaModel(const std::string& encoderPath, const std::string& streamingPath,
                        int threads)
-    : env_(makeOrtEnv("zorv_fca")), options_(makeSessionOptions(std::max(threads, 1))) {
-    encoder_ = Ort::Session(env_, encoderPath.c_str(), options_);
-    streaming_ = Ort::Session(env_, streamingPath.c_str(), options_);
-}
+    : encoder_(open(encoderPath, std::max(threads, 1),
+                    {{{"input_values", {1, delta::kWindowSamples}}},
+                     {{"audio_emb",
+                       {delta::kLastLayer + 1, delta::kWindowFrames, delta::kEmbeddingFloats},
+                       Fit::kAtLeast}}})),
+      streaming_(
+          open(streamingPath, std::max(threads, 1),
+               {{{"cond", {1, kContextFloats}}, {"prev", {1, kSet}}, {"h", {1, 1, kHidden}}},
+                {{"m", {1, kSet}, Fit::kAtLeast}, {"hn", {1, 1, kHidden}, Fit::kAtLeast}}})) {}
 
 void DeltaModel::checkStop() const {
     if (stop_ && *stop_) throw std::runtime_error("cancelled");
 }
 
-Ort::Value DeltaModel::encode(float* window) {
-    checkStop();
-    const char* input = "input_values";
-    const char* output = "audio_emb";
-    const Ort::Value samples =
-        tensorOver(window, delta::kWindowSamples, {1, delta::kWindowSamples});
-    auto outputs = encoder_.Run(Ort::RunOptions{nullptr}, &input, &samples, 1, &output, 1);
-    outputFloats(outputs[0], output, kLayerFloats);
-    return std::move(outputs[0]);
-}
-
 void DeltaModel::step(Recurrence& state, float* out) {
     checkStop();
-    const char* inputs[] = {"cond", "prev", "h"};
-    const char* outputs[] = {"m", "hn"};
-    const auto results =
-        streaming_.Run(Ort::RunOptions{nullptr}, inputs, state.inputs, 3, outputs, 2);
-    const float* offsets = outputFloats(results[0], "m", delta::kSetFloats);
-    const float* hidden = outputFloats(results[1], "hn", kHidden);
+    streaming_.run();
+    const float* offsets = streaming_.floats(0, delta::kSetFloats);
+    const float* hidden = streaming_.floats(1, kHidden);
     std::copy_n(offsets, delta::kSetFloats, out);
     std::copy_n(offsets, delta::kSetFloats, state.prev.begin());
     std::copy_n(hidden, kHidden, state.hidden.begin());
@@ -67,18 +74,21 @@ void DeltaModel::step(Recurrence& state, float* out) {
 void DeltaModel::deltas(const float* audio, int n, float* out) {
     const int frames = delta::frameCount(n);
     std::vector<float> samples(delta::kWindowSamples);
+    encoder_.bindInput(0, samples.data());
     delta::CausalCentring centring;
     delta::ContextRing ring;
-    Recurrence state;
+    Recurrence state(streaming_);
 
     int next = 0;  // the frame whose offsets are due
     for (int w = 0; w < delta::windowCount(frames); ++w) {
         const delta::Window window = delta::windowAt(w, frames);
         delta::normalizedWindow(audio, n, window.start, samples.data());
-        const Ort::Value layers = encode(samples.data());
+        checkStop();
+        encoder_.run();
+        const float* layers = encoder_.floats(0, kLayerFloats);
         for (int f = window.begin; f < window.end; ++f) {
             float* slot = ring.slot(f);
-            delta::averageLayers(layers.GetTensorData<float>(), f - window.start, slot);
+            delta::averageLayers(layers, f - window.start, slot);
             centring.centre(slot, slot);
             // A frame waits for its context ahead; behind the clip's end there is none to wait for.
             const int ready = f == frames - 1 ? f : f - delta::kContextAhead;
@@ -88,6 +98,7 @@ void DeltaModel::deltas(const float* audio, int n, float* out) {
             }
         }
     }
+    encoder_.forgetOutputs();
 }
 
 }  // namespace zorv

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "common/ort.h"
+#include "common/model_run.h"
 #include "stream/delta_math.h"
 
 namespace zorv {
@@ -30,17 +30,10 @@ class DeltaModel {
     struct Recurrence;
 
     void checkStop() const;
-    /// Encodes one window; returns a checked tensor of at least 10 x 200 x 768 floats.
-    Ort::Value encode(float* window);
     /// One frame: context, previous offsets and state become the frame's offsets and next state.
     void step(Recurrence& state, float* out);
 
-    // Released in reverse order: sessions before options and environment.
-    Ort::Env env_;
-    Ort::SessionOptions options_;
-    Ort::Session encoder_{nullptr};
-    Ort::Session streaming_{nullptr};
-
+    ModelRun encoder_, streaming_;
     const std::atomic<bool>* stop_ = nullptr;
 };
 

@@ -52,6 +52,13 @@ class Graph:
         save(model, path)
 
 
+def told_by_a_run(g, value, number):
+    """The number, which depends on `value` as far as anyone can tell ahead of a run."""
+    first = g("Slice", g("Reshape", value, g.ints(-1)), g.ints(0), g.ints(1))
+    zero = g("Mul", g("Cast", g("IsNaN", first), to=TensorProto.FLOAT), 0.0)
+    return g("Cast", g("Add", zero, float(number)), to=TensorProto.INT64)
+
+
 def weighted_sum(g, keypoints, weights):
     """[B, 21, 3] keypoints -> [B, 1, 1, 1]."""
     product = g("Mul", keypoints, np.reshape(weights, (1, 21, 3)))
@@ -64,8 +71,10 @@ def motion(g, kd, ks):
     return g("Sub", weighted_sum(g, kd, (1 + index) / 10000), weighted_sum(g, ks, (64 - index) / 20000))
 
 
-def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None):
-    """The standard graph. fail_at: runs fail when kp_driving[0] lies outside -fail_at .. fail_at."""
+def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None, rgb="rgb", extra=(),
+             **shapes):
+    """The standard graph. fail_at: runs fail when kp_driving[0] lies outside -fail_at .. fail_at.
+    shapes: declared for inputs instead of the right ones, or "float16" for the element type."""
     g = Graph()
     mean = g("ReduceMean", "pooled64", axes=list(range(1, 1 + len(pooled_shape))), keepdims=0)
     mean = g("Reshape", mean, g.ints(-1, 1, 1, 1))
@@ -75,11 +84,21 @@ def renderer(path, batch=1, pooled_shape=(64, 32, 32), crop=CROP, fail_at=None):
         first = g("Slice", g("Reshape", "kp_driving", g.ints(-1)), g.ints(0), g.ints(1))
         row = g("Cast", g("Floor", g("Div", first, float(fail_at))), to=TensorProto.INT64)
         moved = g("Add", moved, g("Gather", g.const([0.0]), row))  # only rows -1 and 0 exist
-    g("Add", base, moved, out="rgb")
-    g.save(path,
-           {"pooled64": [batch, *pooled_shape], "P_rgb": [batch, 3, crop, crop],
-            "kp_driving": [batch, 21, 3], "kp_source": [batch, 21, 3]},
-           {"rgb": [batch, 3, crop, crop]})
+    g("Add", base, moved, out=rgb)
+    inputs = {"pooled64": [batch, *pooled_shape], "P_rgb": [batch, 3, crop, crop],
+              "kp_driving": [batch, 21, 3], "kp_source": [batch, 21, 3], **{name: [1] for name in extra}}
+    for name, shape in shapes.items():  # what the graph reads is made of what it is given
+        right = inputs[name]
+        for node in g.nodes:
+            node.input[:] = [name + "_right" if i == name else i for i in node.input]
+        if shape == "float16":
+            g("Cast", name, to=TensorProto.FLOAT, out=name + "_right")
+        else:
+            g("Reshape", name, g.ints(*right), out=name + "_right")
+            inputs[name] = shape
+        g.nodes.insert(0, g.nodes.pop())
+    types = {name: TensorProto.FLOAT16 for name, shape in shapes.items() if shape == "float16"}
+    g.save(path, inputs, {rgb: [batch, 3, crop, crop]}, types)
 
 
 def own_operators(path):
@@ -111,19 +130,35 @@ def sampler(path, domain, rank=4):
            domains=[domain] if domain else [])
 
 
-def warped(path, external=False):
+def warped(path, external=False, way="plain"):
     """The standard graph with its image moved by the first driving keypoint: once by a node that
     the library replaces, once by one that it leaves alone, and half of each. external: constants
-    lie in a file of their own beside the model."""
-    g = Graph(16)
+    lie in a file of their own beside the model. way: "resized" samples down to half the size and up
+    again, "half" in half precision, "deep" a volume."""
+    g = Graph(20 if way == "deep" else 16)
     line = (np.arange(CROP) * 2 + 1) / CROP - 1
     move = g("Reshape", g("Slice", "kp_driving", g.ints(0, 0), g.ints(1, 2), g.ints(1, 2)), g.ints(1, 1, 1, 2))
     grid = g("Add", np.stack(np.meshgrid(line, line), -1)[None], move)
-    replaced = g("GridSample", "P_rgb", grid, mode="bilinear", padding_mode="border", align_corners=0)
-    kept = g("GridSample", "P_rgb", grid, mode="bilinear", padding_mode="border", align_corners=1)
-    mean = g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1)
+    how = {"mode": "linear" if way == "deep" else "bilinear", "padding_mode": "border", "align_corners": 0}
+    if way == "resized":
+        rough = (np.arange(CROP // 2) * 4 + 2) / CROP - 1
+        small = g("GridSample", "P_rgb", np.stack(np.meshgrid(rough, rough), -1)[None], **how)
+        replaced = g("GridSample", small, grid, **how)
+    elif way == "half":
+        halves = [g("Cast", t, to=TensorProto.FLOAT16) for t in ("P_rgb", grid)]
+        replaced = g("Cast", g("GridSample", *halves, **how), to=TensorProto.FLOAT)
+    elif way == "deep":
+        flat = g("Concat", grid, np.zeros((1, CROP, CROP, 1)), axis=3)
+        volume = g("GridSample", g("Unsqueeze", "P_rgb", g.ints(2)), g("Unsqueeze", flat, g.ints(1)), **how)
+        replaced = g("Squeeze", volume, g.ints(2))
+    else:
+        replaced = g("GridSample", "P_rgb", grid, **how)
+    kept = g("GridSample", "P_rgb", grid, mode=how["mode"], padding_mode="border", align_corners=1)
     image = g("Mul", g("Add", replaced, kept), 0.5)
-    g("Add", g("Add", image, mean), motion(g, "kp_driving", "kp_source"), out="rgb")
+    if way != "deep":
+        image = g("Add", image, g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1))
+        image = g("Add", image, motion(g, "kp_driving", "kp_source"))
+    g("Identity", image, out="rgb")
     g.save(path,
            {"pooled64": [1, 64, 32, 32], "P_rgb": [1, 3, CROP, CROP],
             "kp_driving": [1, 21, 3], "kp_source": [1, 21, 3]},
@@ -167,9 +202,9 @@ def fca_stream(path, m_values=63, hidden=384):
     g("Sub", g("Add", now, past), memory, out="m")
     drive = g("Mul", g("ReduceMean", "cond", axes=[1], keepdims=1), np.cos(np.arange(384)).reshape(1, 384))
     state = g("Add", g("Mul", "h", 0.5), g("Add", drive, g("ReduceMean", "prev", axes=[1], keepdims=1)))
-    g("Slice", state, g.ints(0), g.ints(hidden), g.ints(2), out="hn")
+    g("Slice", state, g.ints(0), told_by_a_run(g, "prev", hidden), g.ints(2), out="hn")
     g.save(path, {"cond": [1, 5376], "prev": [1, 63], "h": [1, 1, 384]},
-           {"m": [1, m_values], "hn": [1, 1, hidden]})
+           {"m": [1, m_values], "hn": [1, 1, "values"]})
 
 # The expression engine's models, for a width of 16. The last value of an encoder row is the last
 # value of its positional row, and the last value of the decoder's state counts its runs.
@@ -184,11 +219,7 @@ def a2x_trunk(path, steps=399, declared=None):
     blocks = g("MatMul", g("Reshape", "input_values", g.ints(400, 80)), mix)
     blocks = g("Add", blocks, np.arange(400).reshape(400, 1) / 1000)
     channels = g("Reshape", g("Transpose", blocks, perm=[1, 0]), g.ints(1, 640, 400))
-    # The end depends on the input as far as anyone can tell ahead of a run.
-    last = g("Slice", g("Reshape", "input_values", g.ints(-1)), g.ints(0), g.ints(1))
-    zero = g("Mul", g("Cast", g("IsNaN", last), to=TensorProto.FLOAT), 0.0)
-    end = g("Cast", g("Add", zero, float(steps)), to=TensorProto.INT64)
-    channels = g("Slice", channels, g.ints(0), end, g.ints(2))
+    channels = g("Slice", channels, g.ints(0), told_by_a_run(g, "input_values", steps), g.ints(2))
     g("Cast", channels, to=TensorProto.FLOAT16, out="trunk_steps")
     g.save(path, {"input_values": [1, 32000]}, {"trunk_steps": [1, 640, declared or steps]},
            {"trunk_steps": TensorProto.FLOAT16})
@@ -266,7 +297,7 @@ def fail_above(g, value, level):
     return g("Gather", g.const([0.0]), row)  # only row 0 exists
 
 
-def hubert_student(path, fail_level=None):
+def hubert_student(path, fail_level=None, transforms=21):
     """Row r mixes the bands of transforms r and r + 1; windows with a band above 10 (louder than
     any speech) stand out by the excess."""
     g = Graph()
@@ -280,10 +311,10 @@ def hubert_student(path, fail_level=None):
     if fail_level is not None:
         loud = g("Add", loud, fail_above(g, "mel", fail_level))
     g("Add", rows, loud, out="features")
-    g.save(path, {"mel": [1, 80, 21]}, {"features": [1, 20, 1024]})
+    g.save(path, {"mel": [1, 80, transforms]}, {"features": [1, "rows", 1024]})
 
 
-def lmdm(path, fail_level=None, frames=80):
+def lmdm(path, fail_level=None, frames=None):
     """tanh(rows W) / 3 + cond / 4 + a wave over the chunk's frames, plus 1 where a row is loud."""
     g = Graph()
     mix = np.random.default_rng(12).normal(size=(1103, 265)) / 20
@@ -294,8 +325,10 @@ def lmdm(path, fail_level=None, frames=80):
     if fail_level is not None:
         loud = g("Add", loud, fail_above(g, "rows", fail_level))
     whole = g("Add", g("Add", motion, past), g("Add", loud, wave))
-    g("Slice", whole, g.ints(0), g.ints(frames), g.ints(1), out="motion")
-    g.save(path, {"cond": [1, 265], "rows": [1, 80, 1103]}, {"motion": [1, frames, 265]})
+    if frames is not None:
+        whole = g("Slice", whole, g.ints(0), told_by_a_run(g, "cond", frames), g.ints(1))
+    g("Identity", whole, out="motion")
+    g.save(path, {"cond": [1, 265], "rows": [1, 80, 1103]}, {"motion": [1, "frames", 265]})
 
 
 def stitch(path, fail_level=None):
@@ -312,6 +345,7 @@ def stitch(path, fail_level=None):
 def motion_models(path):
     hubert_student(path("hubert_student"))
     hubert_student(path("hubert_student_fails"), fail_level=12)
+    hubert_student(path("hubert_student_open"), transforms="n")
     lmdm(path("lmdm"))
     lmdm(path("lmdm_fails"), fail_level=3)
     lmdm(path("lmdm_short"), frames=79)
@@ -353,9 +387,16 @@ def main(directory):
     renderer(path("render_pooled_3d"), pooled_shape=(64, 1024))
     renderer(path("render_pooled_small"), pooled_shape=(64, 16, 32))
     renderer(path("render_crop_8"), crop=8)
+    renderer(path("render_other_output"), rgb="picture")
+    renderer(path("render_extra_input"), extra=["gain"])
+    renderer(path("render_flat_keypoints"), kp_driving=[1, 63])
+    renderer(path("render_half_image"), P_rgb="float16")
+    renderer(path("render_open"), P_rgb=[1, 3, "h", "w"], kp_driving=["b", 21, 3])
     own_operators(path("render_own_operators"))
     warped(path("render_warped"))
     warped(path("render_warped_external"), external=True)
+    for way in ("resized", "half", "deep"):
+        warped(path("render_warped_" + way), way=way)
     sampler(path("sampler"), "")
     sampler(path("sampler_fast"), "com.velmarin")
     sampler(path("sampler_fast_rank3"), "com.velmarin", rank=3)

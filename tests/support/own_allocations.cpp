@@ -44,7 +44,7 @@ Result ORT_API_CALL marked(Arguments... arguments) noexcept {
     const Away away;
     std::optional<RuntimeLeaksStatus> leaks;
     if constexpr (kSame<Entry, &OrtApi::CreateStatus>) leaks.emplace();
-    if constexpr (kSame<Entry, &OrtApi::Run> || kSame<Entry, &OrtApi::RunWithBinding>) ++modelRuns;
+    if constexpr (kSame<Entry, &OrtApi::Run>) ++modelRuns;
     return (runtime->*Entry)(arguments...);
 }
 
@@ -77,13 +77,16 @@ void markAll(OrtApi& api) {
          &A::GetTensorTypeAndShape, &A::ReleaseTensorTypeAndShapeInfo, &A::GetDimensionsCount,
          &A::GetDimensions, &A::GetTensorElementType, &A::GetTensorShapeElementCount>(api);
     mark<&A::CreateCpuMemoryInfo, &A::ReleaseMemoryInfo, &A::CreateTensorWithDataAsOrtValue,
-         &A::ReleaseValue, &A::IsTensor, &A::GetTensorMutableData, &A::CreateIoBinding,
-         &A::ReleaseIoBinding, &A::BindInput, &A::BindOutput>(api);
-    mark<&A::Run, &A::RunWithBinding, &A::CreateRunOptions, &A::ReleaseRunOptions,
-         &A::AddRunConfigEntry, &A::RunOptionsSetTerminate, &A::RunOptionsUnsetTerminate,
-         &A::CreateStatus, &A::ReleaseStatus, &A::GetErrorCode, &A::GetErrorMessage>(api);
+         &A::ReleaseValue, &A::IsTensor, &A::GetTensorMutableData>(api);
+    mark<&A::Run, &A::CreateRunOptions, &A::ReleaseRunOptions, &A::AddRunConfigEntry,
+         &A::RunOptionsSetTerminate, &A::RunOptionsUnsetTerminate, &A::CreateStatus,
+         &A::ReleaseStatus, &A::GetErrorCode, &A::GetErrorMessage>(api);
     mark<&A::KernelContext_GetInput, &A::KernelContext_GetOutput, &A::KernelInfoGetAttribute_int64,
-         &A::KernelInfoGetAttributeArray_int64>(api);
+         &A::KernelInfoGetAttributeArray_int64, &A::KernelInfo_GetInputTypeInfo>(api);
+    mark<&A::ShapeInferContext_GetInputCount, &A::ShapeInferContext_GetInputTypeShape,
+         &A::ShapeInferContext_SetOutputTypeShape, &A::CreateTensorTypeAndShapeInfo,
+         &A::SetTensorElementType, &A::SetDimensions, &A::GetSymbolicDimensions,
+         &A::SetSymbolicDimensions>(api);
 }
 
 /// Where the model runtime's library lies.

@@ -95,12 +95,14 @@ class ProgramTest : public testing::Test {
         return finish(start(arguments, inChild));
     }
 
-    /// One line that names the program and holds `advice`; progress lines before it are no fault.
+    /// One line that names the program and holds `advice`; progress lines and the model runtime's
+    /// own log before it are no fault.
     void expectAdvice(const Outcome& outcome, int code, const std::string& advice) {
         EXPECT_EQ(outcome.code, code) << outcome.err;
         std::string err = outcome.err;
         while (!err.empty() && err.find(" left\n") < err.find('\n'))
             err.erase(0, err.find('\n') + 1);
+        while (err.starts_with("\x1b[")) err.erase(0, err.find('\n') + 1);
         EXPECT_EQ(err.rfind("zorv: ", 0), 0u) << outcome.err;
         EXPECT_EQ(err.find('\n'), err.size() - 1) << outcome.err;
         EXPECT_NE(err.find(advice), std::string::npos) << outcome.err;

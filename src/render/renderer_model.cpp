@@ -1,0 +1,160 @@
+#include "render/renderer_model.h"
+
+#include <onnxruntime_session_options_config_keys.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "bundle/zorv_bundle.h"
+#include "common/error.h"
+#include "common/log.h"
+#include "common/model_registry.h"
+#include "common/ort.h"
+#include "render/custom_operators.h"
+#include "render/gridsample/op.h"
+#include "render/gridsample/rewrite.h"
+#include "render/int8conv/fold.h"
+#include "render/int8conv/int8conv_vnni.h"
+
+namespace zorv {
+namespace {
+
+/// A default-on feature is off when its variable starts with '0'.
+bool switchedOff(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value && value[0] == '0';
+}
+
+/// All that shapes a session beside its file.
+struct Recipe {
+    int threads;
+    const ExecutionProvider& provider;
+    // Threads that spin between frames would take the processor from other sessions.
+    bool spinning = switchedOn("ZORV_ORT_SPIN");
+    bool kleidiAi = switchedOn("ZORV_KLEIDIAI");
+    bool fastSampling = !switchedOff("ZORV_GS_FAST");
+    bool int8Operator = !switchedOff("ZORV_INT8");
+    bool int8Folds = int8Operator && !switchedOff("ZORV_INT8_FOLD");
+
+    std::string text() const {
+        std::string text = "renderer " + std::to_string(threads) + ' ' + provider.name;
+        const std::map<std::string, std::string> sorted(provider.options.begin(),
+                                                        provider.options.end());
+        for (const auto& [key, value] : sorted) text += ' ' + key + '=' + value;
+        for (const bool on : {spinning, kleidiAi, fastSampling, int8Operator, int8Folds}) {
+            text += on ? " 1" : " 0";
+        }
+        return text;
+    }
+
+    Ort::SessionOptions options() const {
+        Ort::SessionOptions options = makeSessionOptions(threads);
+        if (!spinning) options.AddConfigEntry("session.intra_op.allow_spinning", "0");
+        if (!kleidiAi) options.AddConfigEntry("mlas.disable_kleidiai", "1");
+        if (!provider.name.empty()) {
+            options.AppendExecutionProvider(provider.name, provider.options);
+        }
+        if (fastSampling) registerGridSampleFast(options);
+        if (int8Operator) registerInt8ConvVNNI(options);
+        return options;
+    }
+};
+
+MappedFile mapModel(const std::string& path) {
+    try {
+        return mapFile(path);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string("Renderer: ") + error.what());
+    }
+}
+
+/// A model changed for the library's own operators. The file is mapped while it is read, so that
+/// the changed model is the only copy that is left.
+struct RewrittenModel {
+    RewrittenModel(const std::string& path, const Recipe& recipe) {
+        const MappedFile file = mapModel(path);
+        std::string_view model(reinterpret_cast<const char*>(file.data()), file.length());
+        if (recipe.fastSampling) samplers = rewriteGridSampleToFast(model, bytes);
+        if (samplers > 0) model = bytes;
+        std::string folded;
+        if (recipe.int8Folds) folds = foldIntoInt8Conv(model, folded);
+        if (!folds.empty()) bytes = std::move(folded);
+    }
+
+    bool changed() const { return samplers > 0 || !folds.empty(); }
+
+    void log(const std::string& key) const {
+        if (samplers > 0) {
+            logLine(
+                "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
+                "node(s) (%s)",
+                samplers, key.c_str());
+        }
+        if (folds.empty()) return;
+        const auto count = [&](Int8Fold::Kind kind) {
+            return std::count_if(folds.begin(), folds.end(),
+                                 [&](const Int8Fold& fold) { return fold.kind == kind; });
+        };
+        logLine(
+            "[zorv] folded into Int8ConvVNNI: %td Resize, %td Pad; DepthToSpace -> "
+            "DepthToSpaceFast: %td (%s)",
+            count(Int8Fold::Kind::kResize), count(Int8Fold::Kind::kPad),
+            count(Int8Fold::Kind::kDepthToSpace), key.c_str());
+    }
+
+    std::string bytes;  ///< empty unless changed
+    std::size_t samplers = 0;
+    std::vector<Int8Fold> folds;
+};
+
+/// A session of the rewritten model; none when there is nothing to rewrite or the runtime refuses
+/// what comes of it: GridSample nodes of half precision or of more than two spatial dimensions.
+std::optional<Ort::Session> openRewritten(const Ort::Env& env, const std::string& path,
+                                          const std::string& key, const Recipe& recipe) {
+    const RewrittenModel model(path, recipe);
+    if (!model.changed()) return std::nullopt;
+    Ort::SessionOptions options = recipe.options();
+    // A model in memory has no folder of its own in which to look for external tensor files.
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    options.AddConfigEntry(kOrtSessionOptionsModelExternalInitializersFileFolderPath,
+                           folder.c_str());
+    try {
+        auto session = createOperatorSession(env, model.bytes.data(), model.bytes.size(), options);
+        model.log(key);
+        return session;
+    } catch (const Ort::Exception& error) {
+        logLine("[zorv] %s is loaded as it is, the runtime refuses its load-time rewrite: %s",
+                key.c_str(), oneLine(error.what()).c_str());
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+bool switchedOn(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value && value[0] == '1';
+}
+
+std::shared_ptr<const Model> openRendererModel(const std::string& path, const std::string& key,
+                                               int threads, const ExecutionProvider& provider) {
+    const Recipe recipe{threads, provider};
+    return sharedModel(path, recipe.text(), [&] {
+        Ort::Env env = makeOrtEnv("zorv");
+        std::optional<Ort::Session> session;
+        if (recipe.fastSampling || recipe.int8Folds) {
+            session = openRewritten(env, path, key, recipe);
+        }
+        if (!session) session = createOperatorSession(env, path, recipe.options());
+        return makeModel(path, std::move(env), std::move(*session));
+    });
+}
+
+}  // namespace zorv
