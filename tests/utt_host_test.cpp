@@ -1,6 +1,7 @@
 // The utterance engine as a host plays it: pictures with their sound, events, settings, wake-ups.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,14 +22,40 @@ using test::UttPlayerOptions;
 
 constexpr int kRates[] = {8000, 11025, 16000, 22050, 24000, 44100, 48000};
 
+/// Where frames are pulled to, in any form.
+struct Screen {
+    Screen() {
+        frame.struct_size = sizeof frame;
+        for (int p = 0; p < 3; ++p) {
+            frame.plane[p] = planes.data() + p * 2048;
+            frame.stride[p] = 192;
+        }
+        frame.sound_capacity = static_cast<std::int32_t>(sound.size());
+    }
+    bool pull(zorv_utt* utt) {
+        frame.sound = sound.data();
+        const int result = zorv_utt_pull(utt, &frame);
+        EXPECT_GE(result, 0) << zorv_utt_last_error();
+        return result == 1;
+    }
+
+    std::vector<std::uint8_t> planes = std::vector<std::uint8_t>(16384);
+    std::vector<std::int16_t> sound = std::vector<std::int16_t>(1920);
+    zorv_utt_frame frame = {};
+};
+
+zorv_utt_latency_info latency(zorv_utt* utt) {
+    zorv_utt_latency_info info = {};
+    info.struct_size = sizeof info;
+    EXPECT_EQ(zorv_utt_latency(utt, &info), 1);
+    return info;
+}
+
 /// A host that pushes, stalls, ends, interrupts and pulls at random, and checks what comes back.
 class RandomHost {
   public:
     RandomHost(UttPlayer& player, unsigned seed, int rate, bool skips)
-        : accounts(rate, skips), player_(player), random_(seed), rate_(rate) {
-        sound_.resize(static_cast<std::size_t>(rate / 25));
-        planes_.resize(16384);
-    }
+        : accounts(rate, skips), player_(player), random_(seed), rate_(rate) {}
 
     /// One run: some utterances, then until all of them are over.
     void run(bool failing) {
@@ -89,20 +116,7 @@ class RandomHost {
     }
 
     void pull(int n) {
-        zorv_utt_frame frame = {};
-        frame.struct_size = sizeof frame;
-        for (int p = 0; p < 3; ++p) {
-            frame.plane[p] = planes_.data() + p * 2048;
-            frame.stride[p] = 192;
-        }
-        frame.sound_capacity = rate_ / 25;
-        for (int k = 0; k < n; ++k) {
-            frame.sound = sound_.data();
-            const int result = zorv_utt_pull(player_.utt(), &frame);
-            ASSERT_GE(result, 0) << zorv_utt_last_error();
-            if (result == 0) return;
-            accounts.pulled(frame);
-        }
+        while (n-- > 0 && screen_.pull(player_.utt())) accounts.pulled(screen_.frame);
     }
 
     void listen() {
@@ -114,8 +128,7 @@ class RandomHost {
     UttPlayer& player_;
     std::mt19937 random_;
     const int rate_;
-    std::vector<std::int16_t> sound_;
-    std::vector<std::uint8_t> planes_;
+    Screen screen_;
 };
 
 struct RunOptions {
@@ -168,6 +181,50 @@ TEST(UttAccountsTest, FailuresLeaveNoHoleUntold) {
     options.player.steady = "b4";
     options.player.steadyModel = "render_fails_b4";
     randomRuns(options, 10, 15, 400);
+}
+
+// A minute of speech whose renders take longer than a frame lasts, pulled 25 times per second.
+TEST(UttLateTest, SkippingStaysWithTheClockAndWaitingLosesNothing) {
+    const auto play = [](bool skips, double renderMs, int seconds) {
+        UttPlayer player;
+        zorv_utt_set_late(player.utt(), skips);
+        zorv_utt_set_idle_ahead(player.utt(), 1);
+        player.script.renderMs = renderMs;
+        player.say(seconds * 25, 0.1f);
+        Screen screen;
+        const auto allowed = renderMs <= 60 ? 2 : std::llround((renderMs + 40) / 40);
+        double start = -1;
+        std::int64_t shown = 0, lag = 0, out = 0, quick = 0;
+        for (int tick = 0; tick < seconds * 25 * 6 && shown < seconds * 25 - 1; ++tick) {
+            player.advance(40);
+            // The last third of the minute is easy again.
+            if (tick == seconds * 25 * 2 / 3 && skips) {
+                player.script.renderMs = 10;
+                quick = static_cast<std::int64_t>(latency(player.utt()).frames_left_out_late);
+            }
+            if (!screen.pull(player.utt()) || screen.frame.kind != 1) continue;
+            const std::int64_t number = screen.frame.first_sample / 640;
+            if (start < 0) start = player.clock.nowMs();
+            lag = std::llround((player.clock.nowMs() - start) / 40) - number;
+            out += number - shown - (screen.frame.flags & ZORV_FRAME_FIRST ? 0 : 1);
+            shown = number;
+            EXPECT_TRUE(!skips || lag <= allowed)
+                << lag << " at frame " << number << ", " << renderMs;
+        }
+        const zorv_utt_latency_info info = latency(player.utt());
+        EXPECT_EQ(shown, seconds * 25 - 1) << "the last frame is never left out";
+        EXPECT_EQ(static_cast<std::int64_t>(info.frames_left_out_late), out);
+        EXPECT_GT(info.late_slots, 100u);
+        if (skips) {
+            EXPECT_LE(out - quick, 8) << "it recovers";
+            EXPECT_LE(info.frames_left_out_late, info.late_slots);
+        } else {
+            EXPECT_EQ(out, 0);
+        }
+    };
+    play(true, 60, 60);
+    play(true, 200, 30);
+    play(false, 60, 20);
 }
 
 }  // namespace

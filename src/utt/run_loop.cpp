@@ -25,11 +25,12 @@ constexpr std::size_t at(int frame) {
 
 RunLoop::RunLoop(EngineState& state, zorv_ctx& ctx, const UttOptions& options,
                  const std::vector<float>& rows, MotionDispatch& dispatch,
-                 FrameCompositor& compositor)
+                 FrameCompositor& compositor, std::function<void(int frames)> onRender)
     : state_(state),
       ctx_(ctx),
       options_(options),
       walk_(rows, ctx.manifest.NT),
+      onRender_(std::move(onRender)),
       dispatch_(dispatch),
       compositor_(compositor) {}
 
@@ -410,6 +411,7 @@ const float* RunLoop::render(Renderer& renderer, const std::int32_t* index, cons
     if (!state_.beginRender(renderer, generation_)) return nullptr;
     try {
         const float* crops = renderer.render(index, source, driving, n);
+        if (onRender_) onRender_(n);
         state_.endRender();
         return crops;
     } catch (...) {

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "capi/zorv_ctx.h"
@@ -25,7 +26,8 @@ class RunLoop {
   public:
     /// `rows`: NT x 63 floats, the bundle frames' own keypoints, or empty.
     RunLoop(EngineState& state, zorv_ctx& ctx, const UttOptions& options,
-            const std::vector<float>& rows, MotionDispatch& dispatch, FrameCompositor& compositor);
+            const std::vector<float>& rows, MotionDispatch& dispatch, FrameCompositor& compositor,
+            std::function<void(int frames)> onRender);
 
     /// The thread's body: returns once the state is stopping.
     void run();
@@ -139,6 +141,7 @@ class RunLoop {
     zorv_ctx& ctx_;
     const UttOptions& options_;
     const KeypointWalk walk_;
+    const std::function<void(int frames)> onRender_;
     MotionDispatch& dispatch_;
     FrameCompositor& compositor_;
 

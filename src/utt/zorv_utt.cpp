@@ -50,7 +50,7 @@ zorv_utt::zorv_utt(zorv_ctx& ctx, const zorv_utt_opts& opts,
       state_(surroundings.clock ? *surroundings.clock : steadyClock_),
       compositor_(ctx, state_, options_.pipelined),
       dispatch_([this] { state_.announce(); }),
-      loop_(state_, ctx, options_, rows_, dispatch_, compositor_) {
+      loop_(state_, ctx, options_, rows_, dispatch_, compositor_, surroundings.onRender) {
     try {
         start();
     } catch (...) {

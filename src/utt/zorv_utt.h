@@ -21,6 +21,7 @@ namespace zorv {
 struct UttSurroundings {
     Clock* clock = nullptr;  ///< null: the steady clock; must outlive the engine
     std::function<std::unique_ptr<MotionSource>(const UttOptions&)> openSource = openMotionSource;
+    std::function<void(int frames)> onRender;  ///< null, or called after each run of a renderer
 };
 
 }  // namespace zorv

@@ -125,6 +125,12 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
             return makeFakeSource(bundle, script);
         };
     }
+    surroundings.onRender = [this](int frames) {
+        if (script.renderMs == 0) return;
+        renderedMs_ = clock.nowMs() + frames * script.renderMs;
+        waitFor([&] { return clock.nowMs() >= renderedMs_ || script.renderMs == 0; });
+        renderedMs_ = 0;
+    };
     utt_ = std::make_unique<zorv_utt>(context_, opts, surroundings);
     ::unsetenv("ZORV_UTT_PIPELINE_PASTE");
     if (options.waitUntilReady) {
@@ -134,6 +140,7 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
 
 UttPlayer::~UttPlayer() {
     script.hold = false;
+    script.renderMs = 0;
 }
 
 void UttPlayer::push(int frames, float level) {
@@ -149,7 +156,7 @@ void UttPlayer::say(int frames, float level) {
 
 void UttPlayer::advance(double ms) {
     clock.advance(ms);
-    EXPECT_TRUE(waitFor([&] { return utt_->atRest(); }));
+    EXPECT_TRUE(waitFor([&] { return utt_->atRest() || clock.nowMs() < renderedMs_; }));
 }
 
 void UttPlayer::waitForFrames(int n) {

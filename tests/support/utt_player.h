@@ -40,6 +40,7 @@ struct SourceScript {
     std::atomic<float> gain{1};          ///< of the level
     std::atomic<bool> failAvail{false};  ///< once
     std::atomic<bool> hold{false};       ///< avail() blocks while set
+    std::atomic<double> renderMs{0};     ///< of each frame, on the player's clock
     std::atomic<int> resets{0};
     std::atomic<int> eager{0};
 };
@@ -106,6 +107,7 @@ class UttPlayer {
     zorv_ctx context_;
     zorv_ctx reference_;
     std::size_t bytes_ = 0;
+    std::atomic<double> renderedMs_{0};  ///< when the render under way ends; 0: there is none
     std::unique_ptr<zorv_utt> utt_;
 };
 
