@@ -14,7 +14,8 @@ namespace zorv::test {
 
 class SoundAccounts {
   public:
-    SoundAccounts(int rate, bool skips) : samples_(rate / 25), skips_(skips) {}
+    /// nt: frames of the bundle.
+    SoundAccounts(int rate, bool skips, int nt) : samples_(rate / 25), skips_(skips), nt_(nt) {}
 
     void pushed(std::uint64_t number, const std::int16_t* pcm, std::size_t n) {
         if (number == 0) return note("a push without a number", 0);
@@ -24,7 +25,11 @@ class SoundAccounts {
         if (number != utterances_.size()) note("numbers do not count on", number);
     }
     /// An interrupt has returned.
-    void interrupted() { dead_ = utterances_.size(); }
+    void interrupted() {
+        dead_ = utterances_.size();
+        ramps_ = kind_ != 0;
+        cut_ = true;
+    }
     /// From now on a failure may end an utterance.
     void mayFail() { mayFail_ = true; }
 
@@ -32,6 +37,13 @@ class SoundAccounts {
         const std::int64_t skipped = frame.pts - pts_ - 1;
         pts_ = frame.pts;
         if (skipped != 0 && (!skips_ || skipped < 0)) note("time does not run on", frame.utterance);
+        // What was left out among frames that an interrupt dropped has not moved the body.
+        const std::int64_t body = (frame_ + 1 + (cut_ ? 0 : skipped)) % nt_;
+        if (!mayFail_ && frame.frame != body) note("the body jumps", frame.utterance);
+        if (ramps_ && frame.kind != 2) note("the mouth does not close", frame.utterance);
+        frame_ = frame.frame;
+        kind_ = frame.kind;
+        ramps_ = cut_ = false;
         if (frame.sound_samples != samples_) note("length of the sound", frame.utterance);
         if (frame.kind != 1) {
             if (frame.first_sample != -1) note("a place without speech", frame.utterance);
@@ -131,10 +143,14 @@ class SoundAccounts {
 
     const std::int64_t samples_;
     const bool skips_;
+    const int nt_;
     bool mayFail_ = false;
     std::map<std::uint64_t, Utterance> utterances_;
     std::uint64_t dead_ = 0;
     std::int64_t pts_ = -1;
+    int frame_ = -1, kind_ = 0;  ///< of the last frame
+    bool ramps_ = false;         ///< the next frame is a ramp's
+    bool cut_ = false;           ///< an interrupt has come since
 };
 
 }  // namespace zorv::test

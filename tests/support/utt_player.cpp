@@ -112,6 +112,7 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
         bundle.empty("target_frames/frame_00000" + std::to_string(frame) + ".jpg");
     }
     script.nt = options.sourceNt;
+    script.hold = options.holdOpening;
     zorv_utt_opts opts = {};
     const std::string& engine = options.engineDir;
     opts.motion_dir = engine.empty() ? motionDir.path().c_str() : engine.c_str();
@@ -122,6 +123,7 @@ UttPlayer::UttPlayer(const UttPlayerOptions& options)
     surroundings.clock = &clock;
     if (engine.empty()) {
         surroundings.openSource = [this](const UttOptions&) {
+            waitFor([this] { return !script.hold; });
             return makeFakeSource(bundle, script);
         };
     }

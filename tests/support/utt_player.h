@@ -65,7 +65,8 @@ struct UttPlayerOptions {
     double silenceS = -1;
     int sourceNt = 0;
     bool waitUntilReady = true;
-    std::string engineDir;  ///< not empty: a real motion source's directory, for nt frames
+    bool holdOpening = false;  ///< the source opens once script.hold is taken back
+    std::string engineDir;     ///< not empty: a real motion source's directory, for nt frames
 };
 
 class UttPlayer {
