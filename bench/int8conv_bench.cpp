@@ -108,6 +108,7 @@ class Direct {
         kernel_.entry->convolveRows(run, 0, geometry_.oh);
     }
     std::string name() const { return kernel_.name; }
+    bool enlarges() const { return geometry_.attributes.enlarged; }
 
   private:
     const zorv::Kernel<const zorv::Int8ConvKernels*>& kernel_;
@@ -216,8 +217,41 @@ void shapes(benchmark::internal::Benchmark* bench) {
     }
 }
 
+/// A 3 x 3 convolution of a picture enlarged by two, worked out from the small one, beside the
+/// plain one of the large picture, which is there already. Arguments: C, small side, M; one thread.
+void enlarging(benchmark::State& state) {
+    const std::int64_t c = state.range(0), side = state.range(1), m = state.range(2);
+    std::vector<float> x(static_cast<std::size_t>(c * side * side * 4));
+    std::mt19937 random(1);
+    for (float& v : x) v = static_cast<float>(random() % 3001) / 1000 - 1;
+    const zorv::ConvGeometry small({{1, 1}, {1, 1, 1, 1}, {1, 1}, 1, true}, {1, c, side, side},
+                                   {m, c, 3, 3});
+    const zorv::ConvGeometry large({{1, 1}, {1, 1, 1, 1}, {1, 1}, 1}, {1, c, 2 * side, 2 * side},
+                                   {m, c, 3, 3});
+    std::vector<std::unique_ptr<Direct>> direct;
+    Times times;
+    for (const auto& kernel : zorv::kInt8ConvKernels) {
+        if (kernel.level == zorv::SimdLevel::kPortable || !kernel.usable(zorv::simdLevel()))
+            continue;
+        for (const auto* geometry : {&small, &large}) {
+            direct.push_back(std::make_unique<Direct>(kernel, *geometry, x, 1));
+        }
+    }
+    const auto name = [](const Direct& one) {
+        return one.name() + (one.enlarges() ? "" : "_plain");
+    };
+    for (const auto& one : direct) one->run();
+    for (auto _ : state) {
+        for (const auto& one : direct) {
+            times[name(*one)].push_back(seconds(CLOCK_PROCESS_CPUTIME_ID, [&] { one->run(); }));
+        }
+    }
+    for (const auto& [what, values] : times) state.counters[what + "_us"] = median(values) * 1e6;
+}
+
 /// A renderer of realistic size: in float with the runtime's nodes alone, in float with our grid
-/// sampler, and its int8 twin. Argument: threads.
+/// sampler, and its int8 twin: as it is, with the nodes beside its convolutions left apart, and
+/// with the last layer in int8, too. Argument: threads.
 void wholeRenderers(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(0));
     if (!workersAgree(state, threads)) return;
@@ -230,6 +264,10 @@ void wholeRenderers(benchmark::State& state) {
     ::unsetenv("ZORV_GS_FAST");
     zorv::Renderer floats(manifest, identity, "float", threads, "");
     zorv::Renderer int8(manifest, identity, "int8", threads, "");
+    zorv::Renderer int8Last(manifest, identity, "int8_last", threads, "");
+    ::setenv("ZORV_INT8_FOLD", "0", 1);
+    zorv::Renderer int8Apart(manifest, identity, "int8", threads, "");
+    ::unsetenv("ZORV_INT8_FOLD");
 
     std::map<std::string, std::vector<double>> times;
     const clockid_t clock = threads == 1 ? CLOCK_PROCESS_CPUTIME_ID : CLOCK_MONOTONIC;
@@ -244,14 +282,19 @@ void wholeRenderers(benchmark::State& state) {
         take("bare", bare);
         take("float", floats);
         take("int8", int8);
+        take("int8_last", int8Last);
+        take("int8_apart", int8Apart);
         k = (k + 1) % drive.si.size();
     }
     state.counters["fps_without_operators"] = 1 / median(times["bare"]);
     state.counters["fps_float"] = 1 / median(times["float"]);
-    state.counters["fps_int8"] = 1 / median(times["int8"]);
+    for (const char* what : {"int8", "int8_last", "int8_apart"}) {
+        state.counters[std::string("fps_") + what] = 1 / median(times[what]);
+    }
 }
 
 BENCHMARK(wholeRenderers)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(enlarging)->Args({128, 64, 64})->Args({64, 128, 32})->Unit(benchmark::kMillisecond);
 BENCHMARK(besideTheChain)->Apply(shapes)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

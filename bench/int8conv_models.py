@@ -9,6 +9,7 @@
     model_float.onnx   a renderer of realistic size with random weights: encoder, warp by keypoints,
                        decoder; 6 GMAC per frame of 512 x 512
     model_int8.onnx    its twin, converted like any other float model
+    model_int8_last.onnx  the same with the last layer, of 12 channels, as int8
 """
 import os
 import pathlib
@@ -71,6 +72,7 @@ def main(directory):
     model = renderer()
     onnx.save(model, os.path.join(directory, "model_float.onnx"))
     onnx.save(int8_model.convert(model), os.path.join(directory, "model_int8.onnx"))
+    onnx.save(int8_model.convert(model, least_channels=12), os.path.join(directory, "model_int8_last.onnx"))
     random = np.random.default_rng(1)
     node = helper.make_node
     for c, side, m in SHAPES:
