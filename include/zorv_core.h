@@ -55,8 +55,8 @@ ZORV_API int zorv_version(void);
 /**
  * Which implementation of its inner loops the library uses in this process: the best one for the
  * processor, lowered by ZORV_SIMD.
- * kernel  "compositor", "grid_sampler", "int8_convolution", "speech_spectrum", "half_conversion"
- *         or "pixel_packing".
+ * kernel  "compositor", "grid_sampler", "int8_convolution", "speech_spectrum", "half_conversion",
+ *         "pixel_packing" or "yuv_conversion".
  * Returns "portable", "avx2", "avx512" or, for the int8 convolution, "avxvnni"; NULL for another
  * name. The text stays for the life of the process. Any thread.
  */
@@ -167,7 +167,7 @@ ZORV_API const float* zorv_render_drive_crop(zorv_ctx* ctx, int k);
  * Returns 1, or 0 on failure. A placement that cannot be inverted or that falls wholly outside
  * the frame leaves the plain target frame.
  * Thread-safety: one paste at a time per context; a paste may run beside a render of the same
- * context when its target frame has been loaded before (zorv_target_frame).
+ * context.
  */
 ZORV_API int zorv_paste_crop(zorv_ctx* ctx, int frame, const float* crop, uint8_t* out,
                              size_t out_size);
@@ -207,8 +207,9 @@ ZORV_API int zorv_render_drive_rgba(zorv_ctx* ctx, int k, uint8_t* out, size_t o
 
 /**
  * Target frame `frame` without a face pasted: W x H x 3 RGB bytes, valid until the context is
- * destroyed; NULL on failure (a file that is missing, damaged or of another size).
- * Thread-safety: one thread at a time per frame that has not been loaded yet; any thread after.
+ * destroyed; NULL on failure (a file that is missing, damaged or of another size). The first call
+ * for a frame decodes it; contexts that have the same bundle open share what is decoded.
+ * Thread-safety: any thread, at any time.
  */
 ZORV_API const uint8_t* zorv_target_frame(zorv_ctx* ctx, int frame);
 

@@ -29,7 +29,8 @@ using test::Outcome;
 using tools::SessionsRun;
 
 const std::vector<std::string> kKernels = {"compositor",       "grid_sampler",  "half_conversion",
-                                           "int8_convolution", "pixel_packing", "speech_spectrum"};
+                                           "int8_convolution", "pixel_packing", "speech_spectrum",
+                                           "yuv_conversion"};
 
 class DoctorCommand : public test::ProgramTest {
   protected:
@@ -64,7 +65,8 @@ TEST_F(DoctorCommand, TellsTheMachineWithoutASubject) {
                                                      : two;
     const json expected = {{"compositor", best},      {"grid_sampler", best},
                            {"int8_convolution", dot}, {"speech_spectrum", best},
-                           {"half_conversion", two},  {"pixel_packing", two}};
+                           {"half_conversion", two},  {"pixel_packing", two},
+                           {"yuv_conversion", two}};
     EXPECT_EQ(machine["kernels"], expected);
     EXPECT_GT(machine["cores_usable"], 0);
     EXPECT_LE(machine["cores_usable"], machine["cores_allowed"]);

@@ -68,7 +68,7 @@ class TargetFrames {
     static std::shared_ptr<TargetFrames> of(const Manifest& manifest);
 
   private:
-    /// Some 180 KiB for each frame of an ordinary bundle.
+    /// One takes a byte per blended pixel and little else.
     static constexpr std::size_t kPlacementBytes = std::size_t{48} << 20;
 
     struct Yuv {

@@ -6,6 +6,7 @@
 #include "motion/motion_spectrum.h"
 #include "paste/paste_kernels.h"
 #include "paste/rgba.h"
+#include "paste/yuv.h"
 #include "render/gridsample/gridsample_fast.h"
 #include "render/int8conv/kernels.h"
 #include "zorv_core.h"
@@ -30,6 +31,7 @@ constexpr Choice kChoices[] = {
     {"speech_spectrum", chosen<motion::kSpectrumKernels>},
     {"half_conversion", chosen<kHalfKernels>},
     {"pixel_packing", chosen<kRgbaKernels>},
+    {"yuv_conversion", chosen<kYuvKernels>},
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace zorv {
@@ -133,17 +134,25 @@ void Placement::coverRows(const PasteKernels& kernels, const PhaseTable& linear,
     }
 }
 
-void Placement::findArea() {
+/// The area, and no gaps between the rows' coverage: placements are kept for every target frame.
+void Placement::finish() {
     FrameArea found{W_, H_, 0, 0};
+    std::size_t used = 0;
     for (std::size_t i = 0; i < rows_.size(); ++i) {
-        const PlacedRow& row = rows_[i];
+        PlacedRow& row = rows_[i];
         if (row.count == 0) continue;
+        const auto count = static_cast<std::size_t>(row.count);
+        std::memmove(levels_.data() + used, levels_.data() + row.levels, count);
+        row.levels = used;
+        used += count;
         const int y = y0_ + static_cast<int>(i);
         found.left = std::min(found.left, x0_ + row.first);
         found.right = std::max(found.right, x0_ + row.first + row.count);
         found.top = std::min(found.top, y);
         found.bottom = y + 1;
     }
+    levels_.resize(used);
+    levels_.shrink_to_fit();
     if (found.bottom == 0) return;
     area_.left = found.left / 2 * 2;
     area_.top = found.top / 2 * 2;

@@ -45,7 +45,7 @@ class Placement {
         split(static_cast<std::ptrdiff_t>(rows_.size()), [&](std::ptrdiff_t a, std::ptrdiff_t b) {
             coverRows(kernels, linear, mask, stride, a, b);
         });
-        findArea();
+        finish();
     }
 
     bool located() const { return located_; }
@@ -72,7 +72,7 @@ class Placement {
     void findSpans(int side);
     void coverRows(const PasteKernels& kernels, const PhaseTable& linear, const float* mask,
                    std::ptrdiff_t stride, std::ptrdiff_t begin, std::ptrdiff_t end);
-    void findArea();
+    void finish();
 
     bool located_ = false;
     int W_ = 0;

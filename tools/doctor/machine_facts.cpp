@@ -93,7 +93,7 @@ MachineFacts machineFacts() {
     facts.processor = known.at("processor");
     facts.instructionSets = known.at("instruction_sets");
     for (const char* kernel : {"compositor", "grid_sampler", "int8_convolution", "speech_spectrum",
-                               "half_conversion", "pixel_packing"}) {
+                               "half_conversion", "pixel_packing", "yuv_conversion"}) {
         facts.kernels.emplace_back(kernel, zorv_kernel_path(kernel));
     }
     facts.allowedCores = known.at("cores");
