@@ -1,4 +1,4 @@
-// What the threads of one utterance engine share. docs/utterance.md tells who waits for whom.
+// What the threads of one utterance engine share. docs/threading.md tells who waits for whom.
 #pragma once
 
 #include <atomic>
