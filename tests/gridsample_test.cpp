@@ -1,7 +1,10 @@
 // The grid sampler: every instruction set against a plain reference, and the operator in sessions.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <ostream>
 #include <random>
@@ -219,6 +222,45 @@ TEST_P(GridSample, BorderPixelsIgnoreTheirNeighbours) {
         }
     }
     for (const float v : run(GetParam(), s, x, grid)) EXPECT_EQ(v, 1.0f);
+}
+
+/// Bytes of stack that `work` needs on a thread of its own.
+std::size_t stackOf(std::function<void()> work) {
+    constexpr std::byte kUntouched{0xa5};
+    std::vector<std::byte> stack(1 << 20, kUntouched);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack.data(), stack.size());
+    const auto body = [](void* what) -> void* {
+        (*static_cast<std::function<void()>*>(what))();
+        return nullptr;
+    };
+    pthread_t thread;
+    EXPECT_EQ(pthread_create(&thread, &attributes, body, &work), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    const auto deepest =
+        std::find_if(stack.begin(), stack.end(), [](std::byte byte) { return byte != kUntouched; });
+    return static_cast<std::size_t>(stack.end() - deepest);
+}
+
+// Hosts render on threads with small stacks.
+TEST_P(GridSample, NeedsLittleStack) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers make frames larger";
+#endif
+    const Shape s{19, 64, 64};
+    const auto x = randomPlanes(s);
+    std::vector<float> y(s.count());
+    const std::size_t thread = stackOf([] {});
+    for (const Warp warp : kWarps) {
+        const auto grid = gridOf(warp, s);
+        const auto sample = [&] {
+            GetParam().entry(x.data(), grid.data(), y.data(), s.C, s.H, s.W);
+        };
+        EXPECT_LT(stackOf(sample), thread + (16 << 10))
+            << GetParam().name << " warp " << static_cast<int>(warp);
+    }
 }
 
 TEST(GridSampleTable, FollowsProcessorAndSetting) {

@@ -1,4 +1,4 @@
-// Sampling of eight points at a time, with AVX2 and FMA. Like gridsample_tiles.h only for files of
+// Sampling of eight points at a time, with AVX2 and FMA. Like tiles.h only for files of
 // one instruction set.
 #pragma once
 

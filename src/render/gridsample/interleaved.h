@@ -1,17 +1,18 @@
 // Sampling of scattered points from an interleaved copy of the planes: the eight channels of a
 // pixel are one load, so a point costs four loads for eight channels, wherever it lies. Like
-// gridsample_tiles.h only for files of one instruction set.
+// tiles.h only for files of one instruction set.
 #pragma once
 
 #include <algorithm>
 #include <cmath>
 
 #include "render/gridsample/eight.h"
+#include "render/gridsample/scratch.h"
 
 namespace zorv {
 namespace {
 
-/// Planes of at most kPixels pixels, eight channels at a time, copied to the stack (128 KiB).
+/// Planes of at most kPixels pixels, eight channels at a time (128 KiB).
 class InterleavedPlanes {
   public:
     static constexpr std::int64_t kChannels = 8;
@@ -143,7 +144,8 @@ void sampleByGrid(const float* x, const float* grid, float* y, std::int64_t C,
                   const PlaneShape& shape) {
     if (!mostlyScattered(grid, shape)) return sampleByTiles<Sampler>(x, grid, y, C, shape);
     if (!InterleavedPlanes::takes(C, shape)) return sampleByTiles<Eight>(x, grid, y, C, shape);
-    InterleavedPlanes().sample(x, grid, y, C, shape);
+    auto& planes = *new (gridSampleScratch(sizeof(InterleavedPlanes))) InterleavedPlanes;
+    planes.sample(x, grid, y, C, shape);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // across the plane: only the points and the output have an order, so a group may run over the end
 // of a row. What a group needs (places and weights) is worked out once and used for all channels.
 //
-// For one instruction set only: included by gridsample_avx2.cpp and gridsample_avx512.cpp, and
+// For one instruction set only: included by kernel_avx2.cpp and kernel_avx512.cpp, and
 // everything here has internal linkage or a type of theirs as its parameter, so that no code of a
 // wider set is shared with the baseline.
 #pragma once
@@ -41,9 +41,10 @@ inline __attribute__((always_inline)) void forEachChannel(std::int64_t channels,
     for (std::int64_t c = 0; c < channels; ++c) Stores::store(y + c * plane, one(c * plane));
 }
 
-/// Pixels of a tile, whose places and weights lie on the stack: enough that scattered points find
-/// a plane that was fetched for their tile, few enough for the nearest caches.
-constexpr int kTilePixels = 1024;
+/// Pixels of a tile, whose places and weights lie on the stack (12 KiB): enough that scattered
+/// points find a plane that was fetched for their tile, few enough for small stacks. (Not on the
+/// heap: stores to the tile could then be stores to anything, and the compiler loads all anew.)
+constexpr int kTilePixels = 512;
 
 /// Sampler has kLanes, Group, Stores (writes full blocks, all of them by flush()), and
 ///   bool prepare(Group&, const float* grid, const PlaneShape&): takes kLanes points; says whether
