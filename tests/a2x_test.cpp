@@ -209,15 +209,23 @@ TEST(A2x, MemoryIsLetGoAsFramesArePulledAndTheTablesEndIsTheEnd) {
         const auto engine = openExpression(dir, 12, shortWindow);
         for (int round = 0; round < 2; ++round) {
             engine->reset(0, 1, 1);
+            A2xError::clear();
+            testing::internal::CaptureStderr();
             std::size_t early = 0, most = 0;
             Frames frames;
             for (int second = 0; second < kRows / 25 + 40; ++second) {
                 engine->push(audio);
                 engine->drain(frames, 8);
+                const bool over =
+                    engine->error().starts_with("zorv_a2x: end of a2x_pos.f32: 1500 frames (60 s)");
+                EXPECT_EQ(over, frames.size() == kRows) << engine->error();
                 if (second == 20) early = statusBytes("VmRSS:");
                 if (second > 20) most = std::max(most, statusBytes("VmRSS:"));
             }
             EXPECT_EQ(frames.size(), std::size_t{kRows});
+            EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                      "[zorv_a2x] " + engine->error() + "\n")
+                << "once";
             // A thousand frames of features are 35 MiB.
             EXPECT_LT(most, early + (20 << 20));
             const auto runs = engine->get()->encoderRuns();

@@ -2,6 +2,7 @@
 // does not matter, a reset starts afresh, and engines in several threads do not disturb each other.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 #include <thread>
 
@@ -63,6 +64,22 @@ TEST_P(EnginesTest, FramesDependOnTheSamplesAtEachPollAndNotOnTheCuts) {
         EXPECT_TRUE(polled == whole) << "polls change nothing";
         EXPECT_TRUE(stream(*engine, audio, 320, 320, 100) == whole) << "20 ms at a time";
     }
+}
+
+TEST_P(EnginesTest, SamplesThatAreNotFiniteCountAsZero) {
+    const EnginePtr engine = open();
+    std::vector<float> bad = speechLike(640 * 60), zeros = bad;
+    const float values[] = {NAN, INFINITY, -INFINITY};
+    for (std::size_t i = 640; i < bad.size(); i += 9999) bad[i] = values[i % 3], zeros[i] = 0;
+    EXPECT_TRUE(engine->wholeClip(bad) == engine->wholeClip(zeros));
+    if (GetParam() == Which::kMotion) return;
+    const auto clip = [&](const std::vector<float>& audio) {
+        std::vector<float> out(60 * 63);
+        auto* a2x = dynamic_cast<test::ExpressionEngine&>(*engine).get();
+        EXPECT_EQ(zorv_a2x_deltas(a2x, audio.data(), 640 * 60, out.data(), 60), 60);
+        return out;
+    };
+    EXPECT_EQ(clip(bad), clip(zeros));
 }
 
 TEST_P(EnginesTest, AResetFromEveryStateStartsAfresh) {

@@ -48,7 +48,7 @@ struct ReferencePaste {
         double sum = 0;
         for (int i = 0; i < K; ++i) {
             const double d = i - (K - 1) * 0.5;
-            sum += g[i] = std::exp(-d * d / (2.0 * sigma * sigma));
+            sum += g[i] = sigma == 0 ? d == 0 : std::exp(-d * d / (2.0 * sigma * sigma));
         }
         std::vector<float> across(S * S), out(S * S);
         const auto value = [&](int y, int x) { return scale * crop[y * S + x]; };

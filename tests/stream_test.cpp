@@ -200,6 +200,8 @@ TEST(Stream, FailureInTheMiddleDeliversWhatCameBefore) {
         };
         EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
         EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
+        EXPECT_TRUE(std::string(zorv_last_error()).starts_with("zorv_render_kp_crop: Non-zero"))
+            << "the worker's text: " << zorv_last_error();
         EXPECT_EQ(collector.frames.size(), 5u);
         EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 5)), 5)
             << "unusable after a failure";

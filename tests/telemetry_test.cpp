@@ -208,10 +208,14 @@ TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     EXPECT_EQ(zorv_create("/home/nobody/subject", "render", 1, nullptr), nullptr);
     EXPECT_EQ(zorv_target_frame(ctx, -1), nullptr);
+    EXPECT_EQ(zorv_stream_create("/home/nobody/subject", "", 1, 0, 1), nullptr);
     zorv_destroy(ctx);
     zorv_destroy(nullptr);
 
+    EXPECT_GT(zorv_telemetry_take(nullptr, 0), 0u);
+    EXPECT_STREQ(zorv_telemetry_last_error(), "zorv_telemetry_take: buffer too small");
     const json batch = taken();
+    EXPECT_EQ(zorv_telemetry_pending(), 0u) << "asking for the size is no failure";
     EXPECT_EQ(entry(batch, "counters", "zorv.handle.opened", "context")["value"], 1);
     EXPECT_EQ(entry(batch, "counters", "zorv.handle.closed", "context")["value"], 1);
     EXPECT_EQ(entry(batch, "counters", "zorv.frames.rendered")["value"], 3);
@@ -222,7 +226,8 @@ TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {
     EXPECT_LE(render["sum"], took.count());
     EXPECT_EQ(entry(batch, "histograms", "zorv.composite.duration")["count"], 3);
     EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_target_frame: bad args")["value"], 1);
-    EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_create: cannot open")["value"], 1);
+    EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_create: cannot open")["value"], 2)
+        << "the stream hands on what its context has told";
     EXPECT_EQ(batch.dump().find("nobody"), std::string::npos) << batch["counters"].dump();
 }
 

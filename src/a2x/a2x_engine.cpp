@@ -7,6 +7,7 @@
 #include "a2x/zorv_a2x.h"
 #include "common/error.h"
 #include "common/log.h"
+#include "common/units.h"
 
 namespace zorv::a2x {
 namespace {
@@ -24,6 +25,8 @@ int engineThreads(int threads) {
 }  // namespace zorv::a2x
 
 using namespace zorv::a2x;
+using zorv::kKeypointFloats;
+using zorv::kSamplesPerFrame;
 
 zorv_a2x::zorv_a2x(const std::string& dir, int threads)
     : threads_(engineThreads(threads)),
@@ -116,11 +119,25 @@ std::int64_t zorv_a2x::ready() const {
 std::int64_t zorv_a2x::avail() {
     const std::int64_t block = use_win_ ? kBlockFrames : kStreamChunk;
     if (dec_done_ < ready()) extend(std::min(dec_done_ + block, ready()));
+    noticeTableEnd();
     return dec_done_ - pulled_;
+}
+
+// Only when the last frame has been handed out: whoever takes the text for the end of the stream
+// loses none.
+void zorv_a2x::noticeTableEnd() {
+    if (end_told_ || state_.empty() || pulled_ < limit_ || total() <= limit_) return;
+    const std::string text = std::string(kTableEnd) + ": " + std::to_string(limit_) + " frames (" +
+                             std::to_string(limit_ / zorv::kFramesPerSecond) +
+                             " s) are spoken; audio beyond them is dropped until zorv_a2x_reset";
+    end_told_ = true;
+    zorv::A2xError::set(text);
+    zorv::logLine("[zorv_a2x] %s", text.c_str());
 }
 
 int zorv_a2x::pull(int* idx, float* src, float* drv, int max) {
     if (pulled_ >= dec_done_) extend(std::min(ready(), pulled_ + max));
+    noticeTableEnd();
     const std::int64_t end = std::min({dec_done_, ready(), pulled_ + max});
     int count = 0;
     for (; pulled_ < end; ++pulled_, ++count) {
@@ -144,7 +161,7 @@ void zorv_a2x::reset(std::int32_t start, std::int32_t dir, bool loop) {
     enc_out_.clear();
     frames_.clear();
     samples_ = enc_done_ = dec_done_ = pulled_ = 0;
-    finished_ = false;
+    finished_ = end_told_ = false;
     state_ = std::move(state);
     start_ = start;
     step_ = dir < 0 ? -1 : 1;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "common/half.h"
+#include "common/samples.h"
 
 namespace zorv::a2x {
 namespace {
@@ -37,6 +38,7 @@ void copyWindow(const AudioView& audio, std::int64_t first, std::size_t count, f
     }
     std::fill_n(window, begin - first, 0.f);
     std::copy(audio.data + begin, audio.data + end, window + (begin - first));
+    silenceNonFinite(window + (begin - first), static_cast<std::size_t>(end - begin));
     std::fill(window + (end - first), window + count, 0.f);
 }
 

@@ -6,13 +6,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/units.h"
+
 namespace zorv::a2x {
 
-constexpr int kSamplesPerFrame = 640;
 constexpr std::size_t kLayers = 12;
 constexpr std::size_t kLayerFloats = 768;
 constexpr std::size_t kFeatureFloats = kLayers * kLayerFloats;  ///< one frame
-constexpr std::size_t kKeypointFloats = 63;
 
 // The legacy encoder hears 8 s at a time.
 constexpr int kWindowFrames = 200;
@@ -47,7 +47,8 @@ struct AudioView {
     bool finished;
 };
 
-/// Copies samples [first, first + count) into `window`, zeros where there is no audio.
+/// Copies samples [first, first + count) into `window`, zeros where there is no audio and for
+/// samples that are not finite.
 void copyWindow(const AudioView& audio, std::int64_t first, std::size_t count, float* window);
 
 /// Brings all n values, padding included, to mean 0 and variance 1. Silence stays silence.

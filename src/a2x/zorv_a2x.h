@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "a2x/a2x_features.h"
 #include "a2x/a2x_model.h"
@@ -18,6 +19,11 @@ namespace zorv {
 /// The family's last error. No call clears it, so that a host finds it after the calls that follow
 /// the failing one; whoever must tell old from new clears it first.
 using A2xError = LastError<zorv_a2x>;
+
+namespace a2x {
+/// How the text begins that tells, once per stream, that it has come to the positional table's end.
+constexpr std::string_view kTableEnd = "zorv_a2x: end of a2x_pos.f32";
+}  // namespace a2x
 }  // namespace zorv
 
 /// One engine; one thread at a time. Samples flow one way: `audio` -> track.feat (features) ->
@@ -57,6 +63,8 @@ struct zorv_a2x {
     zorv::a2x::LegacyWindow& legacyWindow();
 
     std::int64_t ready() const;
+    /// Tells, once, that what is left of the stream's audio lies beyond the positional table.
+    void noticeTableEnd();
     zorv::a2x::AudioView audioView() const;
     /// Brings decoding up to frame `want` as far as the audio allows. A failure leaves its text in
     /// the last error and fewer frames decoded.
@@ -91,6 +99,7 @@ struct zorv_a2x {
     // The stream.
     std::int64_t samples_ = 0;
     bool finished_ = false;
+    bool end_told_ = false;
     zorv::a2x::PagedRows audio_;
     zorv::a2x::FeatureTrack track_;
     zorv::a2x::PagedRows enc_out_, frames_;

@@ -7,10 +7,9 @@
 #include <vector>
 
 #include "common/half.h"
+#include "common/units.h"
 
 namespace zorv {
-
-constexpr int kKeypointFloats = 63;  ///< 21 keypoints x (x, y, z)
 
 /// Sharpening that the compositor applies to a crop.
 struct Unsharp {

@@ -2,14 +2,12 @@
 
 #include "capi/frame_arguments.h"
 #include "capi/zorv_ctx.h"
-#include "common/error.h"
 #include "telemetry/telemetry.h"
 #include "zorv_core.h"
 
 namespace {
 
-struct ContextFamily;
-using Errors = zorv::LastError<ContextFamily>;
+using Errors = zorv::ContextError;
 
 bool hasFrame(const zorv_ctx* ctx, int frame) {
     return frame >= 0 && frame < ctx->manifest.NT;

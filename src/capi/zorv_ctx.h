@@ -8,10 +8,17 @@
 
 #include "bundle/zorv_bundle.h"
 #include "capi/target_frames.h"
+#include "common/error.h"
 #include "common/memory.h"
 #include "paste/frame_view.h"
 #include "paste/zorv_paste.h"
 #include "render/zorv_renderer.h"
+
+struct zorv_ctx;
+
+namespace zorv {
+using ContextError = LastError<zorv_ctx>;
+}  // namespace zorv
 
 /// One opened bundle with its renderer, its compositor and its target frames. One thread at a time
 /// renders; one thread at a time composes, which may be another one; any thread may ask for a

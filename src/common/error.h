@@ -11,7 +11,7 @@
 
 namespace zorv {
 
-/// Told of every text that becomes a last error; null for none.
+/// Told of every text that becomes a last error for the first time; null for none.
 inline std::atomic<void (*)(const char* text)> failureObserver{nullptr};
 
 /// A text of the model runtime, which may have several lines, as one.

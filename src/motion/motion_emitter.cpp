@@ -16,12 +16,12 @@ Emitter::Emitter(const MotionTables& tables, ModelRun& stitch, const Dump& dump)
 void Emitter::emitFrame(const float* motion, int i, Dump::Mode mode, float* outXs, float* outXd) {
     const float* predicted = motion + kPoseFloats;
     if (!referenceSet_) {
-        std::copy_n(predicted, kSetFloats, reference_.begin());
+        std::copy_n(predicted, kKeypointFloats, reference_.begin());
         referenceSet_ = true;
     }
     const auto frame = static_cast<std::size_t>(i);
     const KeypointInfo& source = tables_.source[frame];
-    std::array<float, kSetFloats> expression;
+    std::array<float, kKeypointFloats> expression;
     mixExpression(predicted, reference_.data(), tables_.expressionGain, source.exp,
                   expression.data());
 
@@ -33,13 +33,13 @@ void Emitter::emitFrame(const float* motion, int i, Dump::Mode mode, float* outX
                    xd_.data());
     stitch_.run();
 
-    const float* target = tables_.target.data() + frame * kSetFloats;
-    for (std::size_t j = 0; j < kSetFloats; ++j) {
+    const float* target = tables_.target.data() + frame * kKeypointFloats;
+    for (std::size_t j = 0; j < kKeypointFloats; ++j) {
         outXs[j] = target[j];
         outXd[j] = (stitched_[j] - xs_[j]) * tables_.bridgeGain + target[j];
     }
-    dump_.write("/xsla.bin", xs_.data(), kSetFloats, mode);
-    dump_.write("/xdla.bin", stitched_.data(), kSetFloats, mode);
+    dump_.write("/xsla.bin", xs_.data(), kKeypointFloats, mode);
+    dump_.write("/xdla.bin", stitched_.data(), kKeypointFloats, mode);
 }
 
 }  // namespace zorv::motion

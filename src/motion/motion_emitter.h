@@ -26,9 +26,10 @@ class Emitter {
     const MotionTables& tables_;
     ModelRun& stitch_;
     const Dump& dump_;
-    std::array<float, kSetFloats> reference_{};
+    std::array<float, kKeypointFloats> reference_{};
     bool referenceSet_ = false;
-    std::array<float, kSetFloats> xs_{}, xd_{}, stitched_{};  ///< what the model reads and writes
+    std::array<float, kKeypointFloats> xs_{}, xd_{},
+        stitched_{};  ///< what the model reads and writes
 };
 
 }  // namespace zorv::motion

@@ -51,7 +51,7 @@ int MotionEngine::pull(int* idx, float* xs, float* xd, int max) {
     const Cursor cursor = cursor_;
     try {
         for (int k = 0; k < count; ++k) {
-            emitNext(idx ? idx + k : nullptr, xs + kSetFloats * k, xd + kSetFloats * k);
+            emitNext(idx ? idx + k : nullptr, xs + kKeypointFloats * k, xd + kKeypointFloats * k);
         }
     } catch (...) {  // the next pull starts with the same frame
         emitted_ = first;
@@ -147,8 +147,8 @@ void MotionEngine::emitNext(int* idx, float* xs, float* xd) {
     cursor_.advance(nt());
     const Dump::Mode mode = emitted_ == 0 ? Dump::Mode::kFresh : Dump::Mode::kAppend;
     emitter_.emitFrame(motion.data(), frame, mode, xs, xd);
-    dump_.write("/xs.bin", xs, kSetFloats, mode);
-    dump_.write("/xd.bin", xd, kSetFloats, mode);
+    dump_.write("/xs.bin", xs, kKeypointFloats, mode);
+    dump_.write("/xd.bin", xd, kKeypointFloats, mode);
     ++emitted_;
 }
 

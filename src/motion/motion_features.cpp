@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "common/samples.h"
+
 namespace zorv::motion {
 namespace {
 
@@ -97,7 +99,9 @@ void FrontEnd::copyWindow(std::int64_t frame, float* samples) const {
     const std::int64_t from = std::clamp<std::int64_t>(0, first, last);
     const std::int64_t to = std::clamp<std::int64_t>(audio_.end(), from, last);
     std::fill_n(samples, from - first, 0.f);
-    audio_.copy(from, static_cast<std::size_t>(to - from), samples + (from - first));
+    const auto heard = static_cast<std::size_t>(to - from);
+    audio_.copy(from, heard, samples + (from - first));
+    silenceNonFinite(samples + (from - first), heard);
     std::fill_n(samples + (to - first), last - to, 0.f);
 }
 

@@ -4,18 +4,18 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/units.h"
+
 namespace zorv::motion {
 
-constexpr int kSamplesPerFrame = 640;
-
 constexpr std::size_t kKeypoints = 21;
-constexpr std::size_t kSetFloats = 3 * kKeypoints;  ///< one keypoint set
+static_assert(3 * kKeypoints == kKeypointFloats);
 constexpr std::size_t kAngleBins = 66;
 
 /// One frame's place, pose and expression, as the tables store it.
 struct KeypointInfo {
-    float exp[kSetFloats];  ///< expression offsets
-    float kp[kSetFloats];   ///< canonical keypoints
+    float exp[kKeypointFloats];  ///< expression offsets
+    float kp[kKeypointFloats];   ///< canonical keypoints
     float pitch[kAngleBins];
     float roll[kAngleBins];
     float scale;
@@ -29,7 +29,7 @@ static_assert(sizeof(KeypointInfo) == kInfoFloats * sizeof(float));
 ///     scale - 1 | pitch 66 | yaw 66 | roll 66 | t 3 | exp 63
 ///     `------------------ pose, 202 ------------'
 constexpr std::size_t kPoseFloats = 1 + 3 * kAngleBins + 3;
-constexpr std::size_t kMotionFloats = kPoseFloats + kSetFloats;
+constexpr std::size_t kMotionFloats = kPoseFloats + kKeypointFloats;
 static_assert(kMotionFloats == 265);
 
 /// A conditioning row, what the generator hears per frame:

@@ -6,8 +6,8 @@
 namespace zorv::motion {
 namespace {
 
-constexpr std::array<float, kSetFloats> makeLipMask() {
-    std::array<float, kSetFloats> mask{};
+constexpr std::array<float, kKeypointFloats> makeLipMask() {
+    std::array<float, kKeypointFloats> mask{};
     for (const int keypoint : kLipKeypoints) {
         for (int axis = 0; axis < 3; ++axis) {
             mask[static_cast<std::size_t>(3 * keypoint + axis)] = 1;
@@ -15,7 +15,7 @@ constexpr std::array<float, kSetFloats> makeLipMask() {
     }
     return mask;
 }
-constexpr std::array<float, kSetFloats> kLipMask = makeLipMask();
+constexpr std::array<float, kKeypointFloats> kLipMask = makeLipMask();
 
 }  // namespace
 
@@ -49,7 +49,7 @@ Rotation poseToR(float pitch, float yaw, float roll) {
 
 void mixExpression(const float* predicted, const float* reference, float gain, const float* source,
                    float* expression) {
-    for (std::size_t j = 0; j < kSetFloats; ++j) {
+    for (std::size_t j = 0; j < kKeypointFloats; ++j) {
         expression[j] =
             kLipMask[j] != 0 ? (predicted[j] - reference[j]) * gain + source[j] : source[j];
     }

@@ -58,6 +58,6 @@ MotionModels::MotionModels(const std::string& dir, int threads, const std::strin
                  {shaped({1, kChunkFrames, kMotionFloats})}})),
       stitch(open(
           dir, "stitch.onnx", std::max(threads, 1), ep,
-          {{values({1, kSetFloats}), values({1, kSetFloats})}, {shaped({1, kKeypoints, 3})}})) {}
+          {{values({1, kKeypointFloats}), values({1, kKeypointFloats})}, {shaped({1, kKeypoints, 3})}})) {}
 
 }  // namespace zorv::motion

@@ -63,7 +63,7 @@ std::array<float, kMotionFloats> motionOf(const KeypointInfo& info) {
         to = std::copy_n(angle, kAngleBins, to);
     }
     to = std::copy_n(info.t, 3, to);
-    std::copy_n(info.exp, kSetFloats, to);
+    std::copy_n(info.exp, kKeypointFloats, to);
     return motion;
 }
 
@@ -110,7 +110,7 @@ MotionTables loadMotionTables(const std::string& dir) {
     const std::vector<float> eyeBall = readFloats(dir + "/ch_eye_ball.bin", kEyeBallFloats);
     const std::vector<float> bounds = readFloats(dir + "/v_min_max.bin", 2 * kMotionFloats);
     tables.source = readInfos(dir + "/src_xs_info.bin", meta.nSrc);
-    tables.target = readFloats(dir + "/xs_target.bin", checkedProduct(meta.nt, kSetFloats));
+    tables.target = readFloats(dir + "/xs_target.bin", checkedProduct(meta.nt, kKeypointFloats));
 
     float* tail = tables.rowTail.data();
     for (const auto* part : {&eyeOpen, &eyeBall, &constants}) {

@@ -70,6 +70,10 @@ PhaseTable linearTable() {
 
 std::vector<float> gaussianKernel(int ksize, float sigma) {
     std::vector<float> kernel(static_cast<std::size_t>(ksize));
+    if (sigma == 0) {  // the limit of ever narrower kernels
+        kernel[kernel.size() / 2] = 1;
+        return kernel;
+    }
     const double centre = (ksize - 1) * 0.5;
     const double width = 2.0 * static_cast<double>(sigma) * static_cast<double>(sigma);
     const auto weight = [&](int i) { return std::exp(-(i - centre) * (i - centre) / width); };

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include "common/samples.h"
+
 namespace zorv::delta {
 
 int windowCount(int frames) {
@@ -23,6 +25,7 @@ void normalizedWindow(const float* audio, int n, int startFrame, float* window) 
     const std::ptrdiff_t first = std::ptrdiff_t{startFrame} * kSamplesPerFrame;
     const auto heard = std::clamp<std::ptrdiff_t>(n - first, 0, kWindowSamples);
     std::copy_n(audio + first, heard, window);
+    silenceNonFinite(window, static_cast<std::size_t>(heard));
     std::fill(window + heard, window + kWindowSamples, 0.f);
 
     double sum = 0;

@@ -9,17 +9,17 @@
 #include <queue>
 #include <vector>
 
+#include "common/units.h"
+
 namespace zorv::delta {
 
-constexpr int kSamplesPerFrame = 640;
 constexpr int kWindowFrames = 200;
 constexpr int kWindowSamples = kWindowFrames * kSamplesPerFrame;
 constexpr int kHopFrames = 100;
 /// Every window but the first skips this many frames, which hear too little of the past.
 constexpr int kWindowLeadFrames = 50;
 constexpr int kEmbeddingFloats = 768;
-constexpr std::size_t kSetFloats = 63;  ///< one keypoint set
-constexpr int kFirstLayer = 4;          ///< the encoder layers that are averaged: 4 .. 9
+constexpr int kFirstLayer = 4;  ///< the encoder layers that are averaged: 4 .. 9
 constexpr int kLastLayer = 9;
 constexpr int kContextBack = 1;   ///< frames of context before a frame
 constexpr int kContextAhead = 5;  ///< and after it
@@ -44,8 +44,8 @@ struct Window {
 int windowCount(int frames);
 Window windowAt(int index, int frames);
 
-/// Copies the window's samples out of a clip of n samples, zeros behind its end, and brings all
-/// kWindowSamples of them, the zeros included, to mean 0 and variance 1.
+/// Copies the window's samples out of a clip of n samples, zeros behind its end and for
+/// samples that are not finite, and brings all kWindowSamples of them to mean 0 and variance 1.
 void normalizedWindow(const float* audio, int n, int startFrame, float* window);
 
 /// The embedding of one window frame: the mean of layers kFirstLayer .. kLastLayer.

@@ -28,7 +28,7 @@ ModelRun open(const std::string& path, int threads, const ModelContract& contrac
 
 constexpr std::int64_t kContextFloats =
     std::int64_t{delta::kContextFrames} * delta::kEmbeddingFloats;
-constexpr std::int64_t kSet = delta::kSetFloats;
+constexpr std::int64_t kSet = kKeypointFloats;
 
 }  // namespace
 
@@ -41,7 +41,7 @@ struct DeltaModel::Recurrence {
     }
 
     std::vector<float> context = std::vector<float>(kContextFloats);
-    std::vector<float> prev = std::vector<float>(delta::kSetFloats);
+    std::vector<float> prev = std::vector<float>(kKeypointFloats);
     std::vector<float> hidden = std::vector<float>(kHidden);
 };
 
@@ -64,10 +64,10 @@ void DeltaModel::checkStop() const {
 void DeltaModel::step(Recurrence& state, float* out) {
     checkStop();
     streaming_.run();
-    const float* offsets = streaming_.floats(0, delta::kSetFloats);
+    const float* offsets = streaming_.floats(0, kKeypointFloats);
     const float* hidden = streaming_.floats(1, kHidden);
-    std::copy_n(offsets, delta::kSetFloats, out);
-    std::copy_n(offsets, delta::kSetFloats, state.prev.begin());
+    std::copy_n(offsets, kKeypointFloats, out);
+    std::copy_n(offsets, kKeypointFloats, state.prev.begin());
     std::copy_n(hidden, kHidden, state.hidden.begin());
 }
 
@@ -94,7 +94,7 @@ void DeltaModel::deltas(const float* audio, int n, float* out) {
             const int ready = f == frames - 1 ? f : f - delta::kContextAhead;
             for (; next <= ready; ++next) {
                 ring.gather(next, frames, state.context.data());
-                step(state, out + static_cast<std::size_t>(next) * delta::kSetFloats);
+                step(state, out + static_cast<std::size_t>(next) * kKeypointFloats);
             }
         }
     }

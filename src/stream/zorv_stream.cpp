@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "capi/zorv_ctx.h"
 #include "common/error.h"
 #include "common/file.h"
 #include "common/thread.h"
@@ -53,43 +54,48 @@ bool StreamRun::deliver(zorv_frame_callback callback, void* user) {
         const WorkerGuard worker(startThread([this] { render(); }), ring_);
         pasteFrames(callback, user);
     }
+    if (*renderError_.get()) ContextError::repeat(renderError_.get());
     return !failed_;
 }
 
 void StreamRun::preload() const {
-    // The walk repeats after 2 NT - 2 frames. A frame that cannot be decoded fails its paste.
+    // The walk repeats after 2 NT - 2 frames.
     const std::int64_t distinct =
         std::min<std::int64_t>(frames_ - stream_.skipFrames, std::int64_t{2} * stream_.NT);
     TargetWalk walk = walkFrom(stream_);
     for (std::int64_t i = 0; i < distinct && !stream_.cancelled; ++i, walk.advance()) {
-        zorv_target_frame(stream_.ctx.get(), walk.current());
+        try {
+            if (walk.current() < stream_.NT) stream_.ctx->target(walk.current());
+        } catch (const std::exception&) {  // told by its paste
+        }
     }
 }
 
 void StreamRun::render() noexcept {
     try {
         renderFrames();
-    } catch (...) {
+    } catch (const std::exception& error) {
+        ContextError::set("zorv_stream_run", error);
         failed_ = true;
     }
+    renderError_.set({zorv_last_error()});
     ring_.finish();
 }
 
 void StreamRun::renderFrames() {
-    const std::vector<float> noBase(delta::kSetFloats);
-    std::vector<float> driving(delta::kSetFloats);
+    const std::vector<float> noBase(kKeypointFloats);
+    std::vector<float> driving(kKeypointFloats);
     const auto cropFloats =
         std::size_t{3} * static_cast<unsigned>(stream_.crop) * static_cast<unsigned>(stream_.crop);
     TargetWalk walk = walkFrom(stream_);
     for (int k = stream_.skipFrames; k < frames_ && !stream_.cancelled; ++k, walk.advance()) {
         const int frame = walk.current();
         // Index 1 of a bundle of one frame has no base row; the context rejects it.
-        const float* base =
-            frame < stream_.NT
-                ? stream_.xsTarget.data() + delta::kSetFloats * static_cast<unsigned>(frame)
-                : noBase.data();
-        driveKeypoints(base, offsets_ + delta::kSetFloats * static_cast<unsigned>(k),
-                       stream_.deltaGain, delta::kSetFloats, driving.data());
+        const float* base = frame < stream_.NT ? stream_.xsTarget.data() +
+                                                     kKeypointFloats * static_cast<unsigned>(frame)
+                                               : noBase.data();
+        driveKeypoints(base, offsets_ + kKeypointFloats * static_cast<unsigned>(k),
+                       stream_.deltaGain, kKeypointFloats, driving.data());
         const float* crop = zorv_render_kp_crop(stream_.ctx.get(), frame, base, driving.data());
         if (!crop) {
             failed_ = true;
@@ -139,15 +145,16 @@ class TakeBack {
     std::atomic<bool>& cancelled_;
 };
 
-zorv_stream* noStream(const std::string& message) {
-    StreamError::set(message);
+/// Hands on what another family's create function said.
+zorv_stream* noStream(const char* function, const char* text) {
+    StreamError::repeat(std::string(function) + ": " + text);
     return nullptr;
 }
 
 zorv_stream* openStream(const char* bundleDir, const char* encoderPath, int threads) {
     auto stream = std::make_unique<zorv_stream>();
     stream->ctx.reset(zorv_create(bundleDir, "render", threads, ""));
-    if (!stream->ctx) return noStream(std::string("zorv_create: ") + zorv_last_error());
+    if (!stream->ctx) return noStream("zorv_create", zorv_last_error());
     stream->NT = zorv_nt(stream->ctx.get());
     stream->W = zorv_width(stream->ctx.get());
     stream->H = zorv_height(stream->ctx.get());
@@ -156,14 +163,15 @@ zorv_stream* openStream(const char* bundleDir, const char* encoderPath, int thre
     const std::string dir = bundleDir;
     const std::string streamingPath = dir + "/fca_stream.onnx";
     stream->fca.reset(zorv_fca_create(encoderPath, streamingPath.c_str(), threads));
-    if (!stream->fca) return noStream(std::string("zorv_fca_create: ") + zorv_fca_last_error());
+    if (!stream->fca) return noStream("zorv_fca_create", zorv_fca_last_error());
     stream->fca->stopWhen(stream->cancelled);
 
-    stream->xsTarget.resize(zorv::delta::kSetFloats * static_cast<unsigned>(stream->NT));
+    stream->xsTarget.resize(zorv::kKeypointFloats * static_cast<unsigned>(stream->NT));
     const zorv::ReadStatus status = zorv::readExactly(
         dir + "/xs_target.bin", stream->xsTarget.data(), stream->xsTarget.size() * sizeof(float));
     if (status != zorv::ReadStatus::kOk && status != zorv::ReadStatus::kLong) {
-        return noStream("zorv_stream_create: cannot read xs_target.bin (NT*63 f32)");
+        StreamError::set("zorv_stream_create: cannot read xs_target.bin (NT*63 f32)");
+        return nullptr;
     }
     return stream.release();
 }
@@ -171,15 +179,15 @@ zorv_stream* openStream(const char* bundleDir, const char* encoderPath, int thre
 int runStream(const zorv_stream& stream, const float* audio, int samples,
               zorv_frame_callback callback, void* user) {
     const int frames = zorv::delta::frameCount(samples);
-    std::vector<float> offsets(zorv::delta::kSetFloats * static_cast<unsigned>(frames));
+    std::vector<float> offsets(zorv::kKeypointFloats * static_cast<unsigned>(frames));
     if (zorv_fca_deltas(stream.fca.get(), audio, samples, offsets.data(), frames) != frames) {
-        StreamError::set(std::string("zorv_fca_deltas: ") + zorv_fca_last_error());
+        StreamError::repeat(std::string("zorv_fca_deltas: ") + zorv_fca_last_error());
         return -1;
     }
     const int delivered = frames - stream.skipFrames;
     if (delivered < 1) return 0;
     if (!zorv::StreamRun(stream, offsets.data(), frames).deliver(callback, user)) {
-        StreamError::set("zorv_stream_run: render/paste failed");
+        StreamError::repeat("zorv_stream_run: render/paste failed");
         return -1;
     }
     return delivered;

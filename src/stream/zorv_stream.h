@@ -6,8 +6,10 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "stream/crop_ring.h"
 #include "stream/zorv_fca.h"
 
@@ -48,7 +50,8 @@ class StreamRun {
     StreamRun(const zorv_stream& stream, const float* offsets, int frames);
 
     /// Returns whether every frame was delivered. When a render fails, the frames before it still
-    /// are. The worker has been joined when this returns or throws.
+    /// are, and the context's last error on the calling thread has the worker's text. The worker
+    /// has been joined when this returns or throws.
     bool deliver(zorv_frame_callback callback, void* user);
 
   private:
@@ -66,6 +69,7 @@ class StreamRun {
 
     CropRing ring_;                    // synchronises itself
     std::atomic<bool> failed_{false};  // set by either thread
+    ErrorText renderError_;            // the worker's until it has been joined
 };
 
 }  // namespace zorv

@@ -81,7 +81,15 @@ size_t zorv_telemetry_take(char* buf, size_t cap) {
     Errors::clear();
     return zorv::guarded<Errors>("zorv_telemetry_take", size_t{0}, [&] {
         const size_t size = zorv::telemetry::recorder().take(buf, cap);
-        if (size > cap || (size > 0 && !buf)) Errors::set("zorv_telemetry_take: buffer too small");
+        if (size > cap || (size > 0 && !buf)) {
+            constexpr std::string_view kTooSmall = "zorv_telemetry_take: buffer too small";
+            // Without a buffer a host asks for the size, which is no failure.
+            if (buf && cap > 0) {
+                Errors::set(kTooSmall);
+            } else {
+                Errors::repeat(kTooSmall);
+            }
+        }
         return size;
     });
 }
