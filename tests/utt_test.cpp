@@ -113,11 +113,12 @@ TEST(SoundTest, KeepsWhatWasPushedUntilItIsReleased) {
 
 TEST(KeypointWalkTest, ShiftsSpeechAndFadesToRest) {
     std::vector<float> rows;
-    for (int i = 0; i < 3 * kKeypointFloats; ++i) rows.push_back(static_cast<float>(i * i % 97));
+    for (std::size_t i = 0; i < 3 * kKeypointFloats; ++i)
+        rows.push_back(static_cast<float>(i * i % 97));
     const KeypointWalk walk(rows, 3);
     EXPECT_EQ(walk.after(2), 0);
     Keypoints source, driving;
-    for (int i = 0; i < kKeypointFloats; ++i) {
+    for (std::size_t i = 0; i < kKeypointFloats; ++i) {
         source[i] = walk.row(2)[i];
         driving[i] = source[i] + static_cast<float>(i);
     }
@@ -126,7 +127,7 @@ TEST(KeypointWalkTest, ShiftsSpeechAndFadesToRest) {
     EXPECT_EQ(index, 1);
     const Keypoints offset = walk.offset(index, driving.data());
     const Keypoints half = walk.displaced(0, 0.5f, offset);
-    for (int i = 0; i < kKeypointFloats; ++i) {
+    for (std::size_t i = 0; i < kKeypointFloats; ++i) {
         EXPECT_EQ(source[i], walk.row(1)[i]);
         EXPECT_EQ(offset[i], static_cast<float>(i));
         EXPECT_EQ(half[i], walk.row(0)[i] + 0.5f * static_cast<float>(i));
@@ -681,6 +682,35 @@ TEST(UttFailureTest, AFailureCountsOnce) {
     EXPECT_EQ(countedFailures(), 1u) << "the warm-up's";
     zorv_telemetry_enable(0);
     zorv_telemetry_clear();
+}
+
+// Longer than the positional table: spoken up to there, told, and over without an end call.
+TEST(UttFailureTest, AnUtteranceBeyondTheSourcesTableEndsThere) {
+    const test::ScopedEnv encoder("W2V_ONNX", test::modelFile("a2x_w2v"));
+    const test::ExpressionDir shortTable({.window = 0, .rows = 30, .nt = 5});
+    UttPlayerOptions options;
+    options.engineDir = shortTable.path();
+    UttPlayer player(options);
+    // The models may need longer than many an idle frame.
+    std::vector<test::PulledFrame> frames;
+    const auto pullUntil = [&](int kind) {
+        EXPECT_TRUE(test::waitFor([&] {
+            frames.push_back(std::move(player.pull(1).at(0)));
+            return frames.back().info.kind == kind;
+        }));
+    };
+    player.push(80, 0.1f);
+    pullUntil(1);
+    pullUntil(2);
+    ASSERT_GE(frames.size(), 31u) << runs(frames);
+    frames.erase(frames.begin(), frames.end() - 31);
+    EXPECT_EQ(runs(frames), "S30 R1");
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 1u);
+    EXPECT_TRUE(failureText(player.utt()).starts_with("zorv_a2x: end of a2x_pos.f32: 30 frames"));
+    player.say(7, 0.1f);  // what is pushed later is the next utterance
+    pullUntil(1);
+    EXPECT_EQ(runs(player.pull(7)), "S6 R1");
+    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 1u);
 }
 
 TEST(UttFailureTest, WarmUpFailuresAreTold) {

@@ -67,10 +67,12 @@ void MotionExchange::perform(const MotionRequest& request, MotionResult& result)
     result.left = 0;
     result.lookAhead = 0;
     result.counted = false;
+    result.streamEnded = false;
     result.error.clear();
     try {
         result.failed = !steps(request, result);
         result.counted = result.failed;
+        result.streamEnded = result.failed && request.source->atStreamsEnd();
     } catch (const std::exception& error) {
         result.failed = true;
         result.error.set(error.what());

@@ -36,7 +36,8 @@ struct MotionResult {
     int left = 0;       ///< of those, not taken
     int lookAhead = 0;  ///< samples, at the request's rate, that a frame waits for
     bool failed = false;
-    bool counted = false;  ///< the failure is one of the source's, which counted it
+    bool counted = false;      ///< the failure is one of the source's, which counted it
+    bool streamEnded = false;  ///< and that of a stream that the source can take no further
     FailureText error;
 };
 

@@ -1,7 +1,10 @@
 #include "utt/motion_source.h"
 
+#include <string_view>
+#include <type_traits>
 #include <utility>
 
+#include "a2x/zorv_a2x.h"
 #include "common/error.h"
 #include "zorv_core.h"
 
@@ -63,6 +66,10 @@ class EngineSource final : public MotionSource {
     const char* error() override { return Api::lastError(); }
     // One of the two families keeps its text over calls that succeed.
     void clearError() override { LastError<typename Api::Engine>::clear(); }
+    bool atStreamsEnd() override {
+        return std::is_same_v<Api, ExpressionApi> &&
+               std::string_view(Api::lastError()).starts_with(a2x::kTableEnd);
+    }
 
   private:
     Owner engine_;

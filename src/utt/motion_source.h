@@ -39,6 +39,9 @@ class MotionSource {
     /// Of the calling thread's calls since clearError(); "" when none failed.
     virtual const char* error() = 0;
     virtual void clearError() = 0;
+    /// Whether error() tells that this stream has come to its end: its frames are all handed out,
+    /// audio that is left is not heard.
+    virtual bool atStreamsEnd() { return false; }
 };
 
 /// A failure that the source's own family has told, and counted, already.

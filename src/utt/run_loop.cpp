@@ -202,6 +202,10 @@ bool RunLoop::collectResult() {
         const MutexLock lock(state_.mutex);
         state_.lookAhead = result_.lookAhead;
     }
+    if (result_.streamEnded) {
+        endAtStreamsEnd();
+        return true;
+    }
     if (result_.failed) {
         failUtterance(result_.error.get(), result_.counted);
         return true;
@@ -211,6 +215,16 @@ bool RunLoop::collectResult() {
     utterance_.left = result_.left;
     utterance_.drained = result_.drains && result_.available == 0;
     return true;
+}
+
+/// The source can take no more of this utterance: what it gave is shown, what else was pushed so
+/// far is dropped, and what is pushed later is the next utterance.
+void RunLoop::endAtStreamsEnd() {
+    noteFailure(result_.error.get(), result_.counted);
+    const MutexLock lock(state_.mutex);
+    if (state_.generation != generation_) return;
+    state_.book.mark();
+    utterance_.drained = utterance_.cutShort = true;
 }
 
 /// A speech frame of this utterance could not be composited.
@@ -243,10 +257,10 @@ bool RunLoop::postRequest() {
     const int roomLeft = MotionFrames::kMax - pending_.count();
     // There is no source any more when no frame of the bundle can be shown.
     if (!awaitsSpeech() || !view_.source || dispatch_.busy() || roomLeft < 1) return false;
-    const bool finishing = view_.ended && !utterance_.drained;
+    if (utterance_.drained) return false;
     // A source that had frames may make more out of the audio that it has.
     const bool due = utterance_.resetDue || view_.hasSamples || utterance_.available > 0;
-    if (!due && !finishing) return false;
+    if (!due && !view_.ended) return false;
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
@@ -428,6 +442,7 @@ bool RunLoop::endUtterance() {
     {
         const MutexLock lock(state_.mutex);
         if (state_.generation != generation_) return false;
+        if (utterance_.cutShort) state_.book.fail(utterance_.number, freed);
         state_.book.spoken(utterance_.number, utterance_.frames, freed);
         state_.tellHost();
     }

@@ -63,6 +63,7 @@ class RunLoop {
         bool resetDue = false;    ///< the source has not been told
         bool finishSent = false;  ///< the source has all its audio
         bool drained = false;     ///< and has handed out all its frames
+        bool cutShort = false;    ///< the source could not take all of its audio
         int available = 0;        ///< frames that the source had in the last exchange
         int left = 0;             ///< and of those did not hand out
         std::int64_t frames = 0;  ///< made or left out
@@ -109,6 +110,7 @@ class RunLoop {
     bool dropFailedInput();
     bool dropAll();
     bool collectResult();
+    void endAtStreamsEnd();
     bool noticeFailure();
     bool startUtterance();
     bool postRequest();

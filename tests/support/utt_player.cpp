@@ -60,7 +60,7 @@ class FakeSource final : public MotionSource {
         for (int k = 0; k < n; ++k, ++emitted_, cursor_ = (cursor_ + 1) % nt_) {
             index[k] = cursor_;
             const float level = samples_[static_cast<std::size_t>(emitted_) * kFrameSamples];
-            for (int i = 0; i < kKeypointFloats; ++i) {
+            for (std::size_t i = 0; i < kKeypointFloats; ++i) {
                 const float rest = rows_[static_cast<std::size_t>(cursor_)][i];
                 source[k * kKeypointFloats + i] = rest;
                 driving[k * kKeypointFloats + i] = rest + script_.gain * level;
