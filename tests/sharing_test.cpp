@@ -112,6 +112,13 @@ TEST_F(SharedFrames, ABundleThatChangesOnDiskIsAnotherOne) {
     EXPECT_NE(frame(*open(), 0, 3), before);
     EXPECT_EQ(frame(*second, 0, 3), before);
 
+    // What was read while the files changed belongs to neither state.
+    const TargetFrames::State state = TargetFrames::stateOf(bundle.dir());
+    const auto now = TargetFrames::of(second->manifest, state);
+    EXPECT_EQ(TargetFrames::of(second->manifest, state), now);
+    replace("manifest.json", test::readFile(bundle.path("manifest.json")));
+    EXPECT_NE(TargetFrames::of(second->manifest, state), now);
+
     const std::weak_ptr<TargetFrames> shared = first->targets;
     first.reset();
     EXPECT_FALSE(shared.expired());

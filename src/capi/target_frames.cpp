@@ -7,26 +7,22 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/shared_registry.h"
-
 namespace zorv {
 namespace {
 
 /// Equal for contexts that decode the same pixels and place them alike.
 struct BundleIdentity {
     std::array<int, 4> sizes;  ///< W, H, NT, crop
-    std::vector<FileIdentity> files;
+    TargetFrames::State state;
+    std::vector<FileIdentity> frames;
     auto operator<=>(const BundleIdentity&) const = default;
 };
 
-BundleIdentity identityOf(const Manifest& manifest) {
-    BundleIdentity identity{{manifest.W, manifest.H, manifest.NT, manifest.crop}, {}};
-    identity.files.reserve(toCount(manifest.NT) + 3);
-    for (const char* name : {"/manifest.json", "/M.f32", "/mask_512.u8"}) {
-        identity.files.push_back(fileIdentity(manifest.dir + name));
-    }
+BundleIdentity identityOf(const Manifest& manifest, const TargetFrames::State& state) {
+    BundleIdentity identity{{manifest.W, manifest.H, manifest.NT, manifest.crop}, state, {}};
+    identity.frames.reserve(toCount(manifest.NT));
     for (int i = 0; i < manifest.NT; ++i) {
-        identity.files.push_back(fileIdentity(targetPath(manifest, i)));
+        identity.frames.push_back(fileIdentity(targetPath(manifest, i)));
     }
     return identity;
 }
@@ -43,10 +39,17 @@ std::string targetPath(const Manifest& manifest, int i) {
     return path;
 }
 
-std::shared_ptr<TargetFrames> TargetFrames::of(const Manifest& manifest) {
-    static SharedRegistry<BundleIdentity, TargetFrames> registry;
-    return registry.get(identityOf(manifest),
-                        [&] { return std::make_shared<TargetFrames>(manifest); });
+TargetFrames::State TargetFrames::stateOf(const std::string& bundleDir) {
+    return {fileIdentity(bundleDir + "/manifest.json"), fileIdentity(bundleDir + "/M.f32"),
+            fileIdentity(bundleDir + "/mask_512.u8")};
+}
+
+std::shared_ptr<TargetFrames> TargetFrames::of(const Manifest& manifest, const State& before) {
+    const auto make = [&] { return std::make_shared<TargetFrames>(manifest); };
+    if (stateOf(manifest.dir) != before) return make();
+    // Never freed: contexts may be opened by whatever runs at exit.
+    static auto& registry = *new SharedRegistry<BundleIdentity, TargetFrames>;
+    return registry.get(identityOf(manifest, before), make);
 }
 
 TargetFrames::TargetFrames(const Manifest& manifest)

@@ -13,6 +13,7 @@
 #include "bundle/zorv_bundle.h"
 #include "common/memory.h"
 #include "common/once.h"
+#include "common/shared_registry.h"
 #include "paste/frame_writer.h"
 
 namespace zorv {
@@ -63,9 +64,14 @@ class TargetFrames {
         return &frame.placement;
     }
 
-    /// Those of `manifest`'s bundle, which all contexts share that have it open and found every
-    /// file in the same state that the frames and placements come from.
-    static std::shared_ptr<TargetFrames> of(const Manifest& manifest);
+    /// The files besides the frames that pixels and placements come from, as they are now.
+    using State = std::array<FileIdentity, 3>;
+    static State stateOf(const std::string& bundleDir);
+
+    /// Those of `manifest`'s bundle, shared by all contexts that have it open with every file in
+    /// the same state. `before` is the state before the caller read the bundle: where it has
+    /// changed since, nobody knows what was read, and the caller gets frames of its own.
+    static std::shared_ptr<TargetFrames> of(const Manifest& manifest, const State& before);
 
   private:
     /// One takes a byte per blended pixel and little else.

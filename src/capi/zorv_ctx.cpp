@@ -38,6 +38,11 @@ std::vector<std::uint8_t> decodeTarget(const zorv::Manifest& manifest, int i) {
 
 zorv_ctx::zorv_ctx(const std::string& bundleDir, const std::string& modelKey, int threadCount,
                    const std::string& provider)
+    : zorv_ctx(zorv::TargetFrames::stateOf(bundleDir), bundleDir, modelKey, threadCount, provider) {
+}
+
+zorv_ctx::zorv_ctx(const zorv::TargetFrames::State& before, const std::string& bundleDir,
+                   const std::string& modelKey, int threadCount, const std::string& provider)
     : manifest(zorv::loadManifest(bundleDir)),
       identity(manifest),
       drive(zorv::loadDrive(manifest)),
@@ -45,7 +50,7 @@ zorv_ctx::zorv_ctx(const std::string& bundleDir, const std::string& modelKey, in
       ep(provider),
       renderer(std::make_unique<zorv::Renderer>(manifest, identity, modelKey, threads, ep)),
       paste(std::make_unique<zorv::Paste>(readMask(manifest), manifest.crop, manifest.unsharp)),
-      targets(zorv::TargetFrames::of(manifest)),
+      targets(zorv::TargetFrames::of(manifest, before)),
       frameBuf(frameBytes(zorv::PixelForm::kRgb)) {}
 
 std::size_t zorv_ctx::frameBytes(zorv::PixelForm form) const {

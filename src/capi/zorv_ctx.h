@@ -54,6 +54,9 @@ struct zorv_ctx {
     const float* lastCrop = nullptr;           ///< of the last successful render
 
   private:
+    zorv_ctx(const zorv::TargetFrames::State& before, const std::string& bundleDir,
+             const std::string& modelKey, int threadCount, const std::string& provider);
+
     const zorv::Placement& placement(int i);
 
     zorv::Placement ownPlacement_;  ///< of the last frame whose placement is not kept
