@@ -13,8 +13,8 @@
  *  4. Pointers that a function returns belong to the library; the text says which call ends
  *     their life. Pointers that a host passes in stay the host's and are not kept after the call
  *     returns, unless the text says otherwise.
- *  5. Audio is mono at 16,000 Hz. Video runs at 25 frames per second: one frame per 640 samples,
- *     a started block of 640 counting as a frame.
+ *  5. Audio is mono at 16,000 Hz; float samples that are not finite count as 0. Video runs at 25
+ *     frames per second: one frame per 640 samples, a started block of 640 counting as a frame.
  *  6. Frames are row-major bytes, R G B per pixel (R G B 255 for RGBA), W x H of the bundle.
  *     Crops are three float planes R, G, B of crop x crop values, nominally in [0, 1].
  *  7. A keypoint set is 63 floats: 21 keypoints x (x, y, z), keypoint after keypoint.
@@ -121,8 +121,8 @@ typedef struct zorv_ctx zorv_ctx;
 ZORV_API zorv_ctx* zorv_create(const char* bundle_dir, const char* model_key, int threads,
                                const char* ep);
 
-/** Frees the context and every pointer obtained from it. NULL is allowed. No other call on the
- *  context may be running. */
+/** Frees the context and every pointer obtained from it. NULL is allowed. Any thread; no other call
+ *  on the context may be running. */
 ZORV_API void zorv_destroy(zorv_ctx* ctx);
 
 /** This family's last error on the calling thread, "" if none. Valid until the thread's next
@@ -154,7 +154,8 @@ ZORV_API int zorv_drive_frames(const zorv_ctx* ctx);
 ZORV_API const float* zorv_render_kp_crop(zorv_ctx* ctx, int frame, const float* kp_a,
                                           const float* kp_b);
 
-/** zorv_render_kp_crop for frame k of the stored driving sequence, 0 <= k < zorv_drive_frames. */
+/** zorv_render_kp_crop for frame k of the stored driving sequence, 0 <= k < zorv_drive_frames.
+ *  Thread-safety: one thread at a time per context. */
 ZORV_API const float* zorv_render_drive_crop(zorv_ctx* ctx, int k);
 
 /**
@@ -202,7 +203,8 @@ ZORV_API const uint8_t* zorv_paste_last(zorv_ctx* ctx, int frame);
 ZORV_API int zorv_render_kp_rgba(zorv_ctx* ctx, int frame, const float* kp_a, const float* kp_b,
                                  uint8_t* out, size_t out_size);
 
-/** zorv_render_kp_rgba for frame k of the stored driving sequence, on that frame's own target. */
+/** zorv_render_kp_rgba for frame k of the stored driving sequence, on that frame's own target.
+ *  Thread-safety: one thread at a time per context. */
 ZORV_API int zorv_render_drive_rgba(zorv_ctx* ctx, int k, uint8_t* out, size_t out_size);
 
 /**
@@ -275,7 +277,7 @@ ZORV_API zorv_fca* zorv_fca_create(const char* encoder_path, const char* streami
  */
 ZORV_API int zorv_fca_deltas(zorv_fca* fca, const float* audio, int n, float* out, int max_frames);
 
-/** Frees the handle. NULL is allowed. */
+/** Frees the handle. NULL is allowed. Any thread; no other call on the handle may be running. */
 ZORV_API void zorv_fca_destroy(zorv_fca* fca);
 
 /** This family's last error on the calling thread, "" if none. Any thread. */
@@ -324,7 +326,8 @@ typedef struct zorv_a2x zorv_a2x;
  */
 ZORV_API zorv_a2x* zorv_a2x_create(const char* dir, int threads);
 
-/** Frees the engine; the speech encoder stays loaded. NULL is allowed. */
+/** Frees the engine; the speech encoder stays loaded. NULL is allowed. Any thread; no other call on
+ *  the engine may be running. */
 ZORV_API void zorv_a2x_destroy(zorv_a2x* a2x);
 
 /**
@@ -341,7 +344,8 @@ ZORV_API const char* zorv_a2x_last_error(void);
 /** Number of the bundle's keypoint frames (rows of xs_target.bin); 0 for NULL. Any thread. */
 ZORV_API int zorv_a2x_nt(zorv_a2x* a2x);
 
-/** Accepted for the sake of hosts that drive several kinds of engine; changes nothing. */
+/** Accepted for the sake of hosts that drive several kinds of engine; changes nothing. NULL is
+ *  ignored. Thread-safety: one thread at a time per engine. */
 ZORV_API void zorv_a2x_set_eager(zorv_a2x* a2x, int eager);
 
 /**
@@ -368,6 +372,10 @@ ZORV_API int zorv_a2x_total(zorv_a2x* a2x);
  * Decodes up to one block of frames (64, or 8 with short windows) and returns how many are ready
  * to pull. A failure leaves "zorv_a2x extend: ..." as the last error and fewer frames; calling
  * again tries again. An engine that was never reset has none.
+ *
+ * A stream is as long as a2x_pos.f32 has rows. When its last frame has been pulled and more audio
+ * was pushed, this call or zorv_a2x_pull says so once, on standard error and as a last error that
+ * begins with "zorv_a2x: end of a2x_pos.f32"; zorv_a2x_reset starts the next stream.
  * Thread-safety: one thread at a time per engine.
  */
 ZORV_API int zorv_a2x_avail(zorv_a2x* a2x);
@@ -401,7 +409,8 @@ ZORV_API void zorv_a2x_reset(zorv_a2x* a2x, int start, int dir, int loop);
  * max_frames  frames that fit at `out`.
  *
  * Returns the frames written; 0 when n < 1; -2, with nothing written and no text, when max_frames
- * is too small; -1 on failure, also for a clip of more frames than a2x_pos.f32 has rows.
+ * is too small; -1 on failure, also for a clip of more frames than a2x_pos.f32 has rows. What is in
+ * `out` after a failure is undefined.
  * Thread-safety: one thread at a time per engine.
  */
 ZORV_API int zorv_a2x_deltas(zorv_a2x* a2x, const float* pcm, int n, float* out, int max_frames);
@@ -410,11 +419,14 @@ ZORV_API int zorv_a2x_deltas(zorv_a2x* a2x, const float* pcm, int n, float* out,
  * Batch stream: a whole clip of speech becomes finished frames
  *
  *     int on_frame(void* user, int index, const uint8_t* rgb, int W, int H) {
- *         return fwrite(rgb, 1, (size_t)W * H * 3, (FILE*)user) ? 0 : 1;
+ *         job* it = user;
+ *         if (!fwrite(rgb, (size_t)W * H * 3, 1, it->file)) zorv_stream_cancel(it->stream);
+ *         return 0;                               // not looked at: only a cancel stops the run
  *     }
  *     zorv_stream* stream = zorv_stream_create("subject", "encoder.onnx", 2, 0, 1.0f);
  *     if (!stream) { puts(zorv_stream_last_error()); return 1; }
- *     int frames = zorv_stream_run(stream, audio, samples, on_frame, file);
+ *     job it = {stream, file};
+ *     int frames = zorv_stream_run(stream, audio, samples, on_frame, &it);
  *     if (frames < 0) puts(zorv_stream_last_error());
  *     zorv_stream_destroy(stream);
  * ------------------------------------------------------------------------------------------ */
@@ -424,9 +436,9 @@ typedef struct zorv_stream zorv_stream;
 
 /**
  * Receives one finished frame: W x H x 3 RGB bytes, valid during the call only. Called on the
- * thread that called zorv_stream_run, in order 0, 1, 2, ...; the result is ignored. It may call
- * any function of the library except those on this stream, zorv_stream_cancel apart. An exception
- * thrown from it ends the run; its worker is stopped first.
+ * thread that called zorv_stream_run, in order 0, 1, 2, ...; the result is ignored and stops
+ * nothing. It may call any function of the library except those on this stream, zorv_stream_cancel
+ * apart. An exception thrown from it ends the run; its worker is stopped first.
  */
 typedef int (*zorv_frame_callback)(void* user, int frame_index, const uint8_t* rgb, int W, int H);
 
@@ -452,7 +464,8 @@ ZORV_API zorv_stream* zorv_stream_create(const char* bundle_dir, const char* enc
  * user       handed to the callback.
  *
  * Returns the number of frames delivered, ceil(n_samples / 640) - skipFrames; 0 when that is
- * below 1; -1 on failure, with the frames before the failure delivered.
+ * below 1; -1 on failure, with the frames before the failure delivered. When a render failed,
+ * zorv_last_error tells why on the calling thread.
  * Thread-safety: one thread at a time per stream; the stream must not be NULL.
  */
 ZORV_API int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
@@ -470,7 +483,7 @@ ZORV_API int zorv_stream_width(zorv_stream* stream);
 /** Frame height in pixels. The stream must not be NULL. Any thread. */
 ZORV_API int zorv_stream_height(zorv_stream* stream);
 
-/** Frees the stream. NULL is allowed. No run may be in progress. */
+/** Frees the stream. NULL is allowed. Any thread; no run may be in progress. */
 ZORV_API void zorv_stream_destroy(zorv_stream* stream);
 
 /** This family's last error on the calling thread, "" if none. Any thread. */
@@ -495,7 +508,6 @@ ZORV_API const char* zorv_stream_last_error(void);
  * depend on how its audio was cut or when frames were asked for, except with eager passes, which
  * hand frames out early with the values that they have so far. Every function of the family
  * clears the calling thread's last error on entry.
- * Thread-safety of all functions on a handle: one thread at a time per handle.
  * ------------------------------------------------------------------------------------------ */
 
 /** A motion engine with one stream. */
@@ -514,28 +526,33 @@ typedef struct zorv_motion zorv_motion;
  */
 ZORV_API zorv_motion* zorv_motion_create(const char* motion_dir, int threads, const char* ep);
 
-/** Frees the engine, whatever its stream is doing. NULL is allowed. */
+/** Frees the engine, whatever its stream has reached. NULL is allowed. Any thread; no other call on
+ *  the engine may be running. */
 ZORV_API void zorv_motion_destroy(zorv_motion* motion);
 
 /** This family's last error on the calling thread, "" when its last call succeeded. Valid until
  *  the thread's next call of this family. Any thread. */
 ZORV_API const char* zorv_motion_last_error(void);
 
-/** Number of target frames that the directory was made for; 0 for NULL. */
+/** Number of target frames that the directory was made for; 0 for NULL. Thread-safety: one thread
+ *  at a time per engine. */
 ZORV_API int zorv_motion_nt(const zorv_motion* motion);
 
 /**
  * Appends n float samples (mono, 16,000 Hz, in [-1, 1]) to the stream; copies them and does
  * nothing else. n = 0 is allowed.
  * Returns 1; 0 with a null pointer, n < 0 or on a finished stream.
+ * Thread-safety: one thread at a time per engine.
  */
 ZORV_API int zorv_motion_push(zorv_motion* motion, const float* samples, int n);
 
 /** Ends the stream's audio, so that all its frames become available: one per started block of 640
- *  samples. A second call does nothing; NULL is ignored. */
+ *  samples. A second call does nothing; NULL is ignored. Thread-safety: one thread at a time per
+ *  engine. */
 ZORV_API void zorv_motion_finish(zorv_motion* motion);
 
-/** Frames of the whole stream; -1 before zorv_motion_finish and for NULL. */
+/** Frames of the whole stream; -1 before zorv_motion_finish and for NULL. Thread-safety: one thread
+ *  at a time per engine. */
 ZORV_API int zorv_motion_total(const zorv_motion* motion);
 
 /**
@@ -545,14 +562,17 @@ ZORV_API int zorv_motion_total(const zorv_motion* motion);
  * value  0 off (the default), N > 0 a pass for every N frames of new audio, negative as often as
  *        the measured cost of a pass allows (every 1 to 8 frames).
  * Survives zorv_motion_reset. NULL is ignored.
+ * Thread-safety: one thread at a time per engine.
  */
 ZORV_API void zorv_motion_set_eager(zorv_motion* motion, int value);
 
 /** How much sound a frame waits for: samples (16,000 Hz) from its own first one until it can be
- *  pulled, at most; with adaptive passes by what they have cost so far. 0 for NULL. */
+ *  pulled, at most; with adaptive passes by what they have cost so far. 0 for NULL. Thread-safety:
+ *  one thread at a time per engine. */
 ZORV_API int zorv_motion_look_ahead(const zorv_motion* motion);
 
-/** Number of frames that zorv_motion_pull would hand out now; 0 for NULL and on failure. */
+/** Number of frames that zorv_motion_pull would hand out now; 0 for NULL and on failure.
+ *  Thread-safety: one thread at a time per engine. */
 ZORV_API int zorv_motion_avail(zorv_motion* motion);
 
 /**
@@ -564,7 +584,9 @@ ZORV_API int zorv_motion_avail(zorv_motion* motion);
  * max  frames that fit, at least 1.
  *
  * Returns the number of frames written, at most max; 0 when none is ready and on failure (the
- * last-error string tells which). After a failure the stream may be short of frames: reset.
+ * last-error string tells which). A call that fails takes no frame: the next one starts with the
+ * same; what it left in the arrays is undefined. When that fails again: reset.
+ * Thread-safety: one thread at a time per engine.
  */
 ZORV_API int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* xd, int max);
 
@@ -576,7 +598,7 @@ ZORV_API int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* x
  * direction    negative walks the target frames downwards, else upwards.
  * loop         0 turns round at both ends, else the walk goes on at the other end.
  *
- * NULL is ignored.
+ * NULL is ignored. Thread-safety: one thread at a time per engine.
  */
 ZORV_API void zorv_motion_reset(zorv_motion* motion, int start_frame, int direction, int loop);
 
@@ -920,34 +942,34 @@ ZORV_API const char* zorv_utt_last_error(void);
  * its members and every name that the library records); what does not fit is counted as dropped.
  * No file or socket is opened. Hosts may record under names of their own: dotted lower case,
  * outside "zorv.". Names longer than 96 bytes, units longer than 32 and event texts longer than 256
- * are cut, with a mark. Every function may be called from any thread.
+ * are cut, with a mark.
  * ------------------------------------------------------------------------------------------ */
 
-/** Switches recording on (not 0) or off (0). What was recorded stays. */
+/** Switches recording on (not 0) or off (0). What was recorded stays. Any thread. */
 ZORV_API void zorv_telemetry_enable(int on);
 
-/** 1 while recording is on, else 0. */
+/** 1 while recording is on, else 0. Any thread. */
 ZORV_API int zorv_telemetry_enabled(void);
 
 /** Adds n to a counter. unit: "{frame}", "By" and the like; NULL means "1". Returns 1, also while
- *  off; 0 with "zorv_telemetry_count: bad args" for a name that is NULL or "". */
+ *  off; 0 with "zorv_telemetry_count: bad args" for a name that is NULL or "". Any thread. */
 ZORV_API int zorv_telemetry_count(const char* name, const char* unit, uint64_t n);
 
 /** Sets a gauge; the batch holds its latest value, null when that is not finite. Arguments and
- *  result as for zorv_telemetry_count. */
+ *  result as for zorv_telemetry_count. Any thread. */
 ZORV_API int zorv_telemetry_gauge(const char* name, const char* unit, double value);
 
 /** Adds a duration in seconds to a histogram; one that is negative or not finite counts as
- *  dropped. Result as for zorv_telemetry_count. */
+ *  dropped. Result as for zorv_telemetry_count. Any thread. */
 ZORV_API int zorv_telemetry_duration(const char* name, double seconds);
 
-/** Adds an event with the time of this call. Result as for zorv_telemetry_count. */
+/** Adds an event with the time of this call. Result as for zorv_telemetry_count. Any thread. */
 ZORV_API int zorv_telemetry_event(const char* name, const char* text);
 
 /**
  * Closes the batch of what was recorded so far and returns the bytes that zorv_telemetry_take
  * needs for it, its end mark included; 0 when nothing was recorded. A closed batch stays as it is
- * until it is taken or cleared; what is recorded later belongs to the next one.
+ * until it is taken or cleared; what is recorded later belongs to the next one. Any thread.
  */
 ZORV_API size_t zorv_telemetry_pending(void);
 
@@ -955,13 +977,14 @@ ZORV_API size_t zorv_telemetry_pending(void);
  * Writes the closed batch (closing one when there is none), a JSON text with its end mark, to
  * `buf` and lets it go. Returns its bytes, 0 when nothing was recorded. A result above `cap` means
  * that nothing was written and the batch is kept ("zorv_telemetry_take: buffer too small").
+ * Any thread.
  */
 ZORV_API size_t zorv_telemetry_take(char* buf, size_t cap);
 
-/** Throws away what was recorded, the closed batch included. */
+/** Throws away what was recorded, the closed batch included. Any thread. */
 ZORV_API void zorv_telemetry_clear(void);
 
-/** This family's last error on the calling thread, "" if none. */
+/** This family's last error on the calling thread, "" if none. Any thread. */
 ZORV_API const char* zorv_telemetry_last_error(void);
 
 #ifdef __cplusplus
