@@ -17,7 +17,7 @@ FPS = 25
 KEYPOINT_FLOATS = 63
 SAMPLES_PER_FRAME = RATE // FPS
 
-PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+PathLike = Union[str, os.PathLike[str]]
 
 
 class ZorvError(RuntimeError):

@@ -104,8 +104,7 @@ class Face:
     eager         frames per provisional step of the models; 0: adaptive; -2: hybrid, steps of 3.
     threads       threads of the model runtime; 0: as many as there are processors.
     ramp_frames   frames from speech back to rest; 0: 6.
-    steady_model  model key of a second renderer for batches of speech; None: "b24_fp32" where the
-                  bundle has it; "-": none.
+    steady_model  model key of a second renderer for batches of speech; None: "b24_fp32"; "-": none.
 
     The constructor loads the renderer; ``Face.open`` does so in a thread, for event loops. The
     models of speech load in the background: what is pushed meanwhile is spoken then (``ready``).

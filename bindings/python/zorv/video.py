@@ -1,9 +1,9 @@
 """Frames and their sound become a video file, through PyAV."""
 import os
 from fractions import Fraction
-from typing import TYPE_CHECKING, Any, Iterable, Optional, Tuple, Union
+from typing import TYPE_CHECKING, Any, Iterable, Optional, Tuple
 
-from ._library import FPS
+from ._library import FPS, PathLike
 from ._sound import Samples
 from .frame import Frame
 
@@ -14,7 +14,7 @@ _FORMATS = {"rgb": "rgb24", "rgba": "rgba", "i420": "yuv420p", "nv12": "nv12"}
 _SOUND_RATE = 48000  # of the file: every player and encoder has it
 
 
-def write_video(path: Union[str, "os.PathLike[str]"], frames: Iterable[Frame],
+def write_video(path: PathLike, frames: Iterable[Frame],
                 sound: "Optional[Sound]" = None, rate: int = 16000) -> int:
     """Writes H.264 and AAC to `path` (its ending says which container) and returns the frames.
 
