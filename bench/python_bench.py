@@ -1,19 +1,22 @@
 """What Python costs beside the C interface, on the demo subject.
 
-    python_bench.py DEMO [batch] [idle] [sessions]     with ZORV_LIBRARY and PYTHONPATH
+    python_bench.py DEMO [batch] [idle] [sessions] [catalogue]    with ZORV_LIBRARY and PYTHONPATH
 
 batch     frames per second of Clip and of the batch stream called from C types, by turns.
 idle      processor time of a session that idles, I420 in asyncio, with and without the pull.
 sessions  8 speaking sessions in one process: processor time of the calling thread inside each binding
           call, which bounds the time that it holds the interpreter lock; and the event loop's delay
           beside that of an empty loop in another process at the same time.
+catalogue clips per second of two workers of one thread each, and of one.
 """
 import asyncio
 import ctypes
 import subprocess
 import sys
+import tempfile
 import threading
 import time
+import wave
 from array import array
 from math import pi, sin
 
@@ -145,7 +148,29 @@ async def sessions(count=8):
         await asyncio.to_thread(face.close)
 
 
-for job in sys.argv[2:] or ("batch", "idle", "sessions"):
-    work = globals()[job]()
-    if work is not None:
-        asyncio.run(work)
+def catalogue(clips=24, seconds=2):
+    from distributed import Client, LocalCluster
+    speeds = []
+    for workers in (1, 2, 1, 2):
+        with tempfile.TemporaryDirectory() as folder, LocalCluster(
+                workers, threads_per_worker=1, dashboard_address=None) as cluster, \
+                Client(cluster) as client:
+            with wave.open(f"{folder}/sound.wav", "wb") as sound:
+                sound.setparams((1, 2, 16000, 0, "NONE", ""))
+                sound.writeframes(voice(seconds).tobytes())
+            jobs = [zorv.Job(BUNDLE, f"{folder}/sound.wav", f"{folder}/{i}.mp4", ENCODER)
+                    for i in range(clips + 2 * workers)]
+            zorv.render_catalogue(jobs[clips:], client)  # the models are open
+            start = time.perf_counter()
+            results = zorv.render_catalogue(jobs[:clips], client)
+            speeds.append(clips / (time.perf_counter() - start))
+            assert {result.state for result in results} == {"made"}, results
+            print(f"catalogue, {workers} workers: {speeds[-1]:.2f} clips of {seconds} s per second")
+    print(f"catalogue: two workers make {max(speeds[1::2]) / max(speeds[::2]):.2f} times as much")
+
+
+if __name__ == "__main__":
+    for job in sys.argv[2:] or ("batch", "idle", "sessions", "catalogue"):
+        work = globals()[job]()
+        if work is not None:
+            asyncio.run(work)

@@ -168,6 +168,32 @@ class Async(Case, unittest.IsolatedAsyncioTestCase):
                 await task
                 await task.result()
 
+    async def test_opening_and_closing_can_be_cancelled(self):
+        opened = []
+        with mock.patch.object(zorv.Face, "close", autospec=True,
+                               side_effect=lambda face: opened.append(face)):
+            opening = asyncio.create_task(zorv.Face.open(BUNDLE, MOTION))
+            await asyncio.sleep(0)
+            opening.cancel()
+            with self.assertRaises(asyncio.CancelledError):
+                await opening
+            while not opened:  # it is closed as soon as it is there
+                await asyncio.sleep(0.001)
+        subject = opened.pop()
+
+        async def leave():
+            async with subject:
+                pass
+
+        leaving = asyncio.create_task(leave())
+        await asyncio.sleep(0)
+        leaving.cancel()
+        with self.assertRaises(asyncio.CancelledError):
+            await leaving
+        subject.close()  # waits for the one that goes on
+        with self.assertRaises(zorv.ZorvError):
+            await zorv.Face.open(DEMO / "none", MOTION)
+
     async def test_pace(self):
         """25 per second; up to 8 late frames are caught up, more start a new schedule."""
         clock, delays, shown = [100.0], {5: 0.2, 20: 0.33, 40: 0.5}, []

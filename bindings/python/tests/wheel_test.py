@@ -20,6 +20,17 @@ import zorv
 with zorv.Clip("build/demo/bundle", encoder="build/demo/speech_encoder.onnx") as clip:
     frames = list(clip.render(bytes(2 * 4800), rate=48000))
 assert [frame.data.shape for frame in frames] == [(720, 1280, 3)] * 3, frames
+
+import asyncio
+async def live():
+    async with await zorv.Face.open("build/demo/bundle", "build/demo/motion", rate=48000) as face:
+        line = face.push(bytes(2 * 4800))
+        face.end()
+        async for frame in face.frames():
+            if frame.flags & zorv.FrameFlags.LAST:
+                break
+        assert await face.finished(line) == (4800, "end")
+asyncio.run(live())
 """
 
 

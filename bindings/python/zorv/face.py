@@ -349,7 +349,7 @@ class Face:
 
 def _close_unwanted(opening: "asyncio.Future[Face]") -> None:
     if not opening.cancelled() and opening.exception() is None:
-        opening.result().close()
+        threading.Thread(target=opening.result().close, name="zorv-close").start()
 
 
 async def _readable(descriptors: List[int]) -> None:
