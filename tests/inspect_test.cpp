@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -155,6 +156,13 @@ Damage otherModel(const std::string& model, const std::string& what, const std::
             what, expected, works};
 }
 
+/// A picture that other programs show.
+std::string bitmap(unsigned char width, unsigned char height) {
+    std::string bytes("BM\0\0\0\0\0\0\0\0\x36\0\0\0\x28\0\0\0", 18);
+    bytes += {static_cast<char>(width), 0, 0, 0, static_cast<char>(height), 0, 0, 0, 1, 0, 24, 0};
+    return bytes + std::string(24 + size_t{3} * width * height, '\0');
+}
+
 // Each damage is found at its file and nowhere else, with what was expected there, and it is a
 // damage: something of the library stops working.
 TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
@@ -187,6 +195,14 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
         removed(frame, picture, showsIt),
         {[=](TestBundle& bundle) { bundle.noise(frame); }, frame, "cannot be decoded", picture,
          showsIt},
+        {[=](TestBundle& bundle) { test::writeFile(bundle.path(frame), bitmap(48, 40)); }, frame,
+         "cannot be decoded", picture, showsIt},
+        {[=](TestBundle& bundle) {  // a Huffman table of 4080 symbols
+             std::string jpeg = test::readFile(bundle.path(frame));
+             jpeg.replace(jpeg.find("\xff\xc4") + 5, 16, 16, '\xff');
+             test::writeFile(bundle.path(frame), jpeg);
+         },
+         frame, "cannot be decoded", picture, showsIt},
         {[=](TestBundle& bundle) {
              const TestBundle wide({.width = 64});
              test::writeFile(bundle.path(frame), test::readFile(wide.path(frame)));
@@ -273,6 +289,10 @@ TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
     };
     const std::vector<std::pair<std::string, std::function<void(TestBundle&)>>> oddities = {
         {"mask_512.u8", [](TestBundle& bundle) { bundle.extend("mask_512.u8"); }},
+        {"manifest.json",
+         [](TestBundle& bundle) {
+             bundle.replace("manifest.json", "\"sigma\": 1.0", "\"sigma\": 0");
+         }},
         {"mask_512.u8", put("mask_512.u8", std::string(256, '\0'))},
         {"xs_target.bin", [](TestBundle& bundle) { bundle.extend("xs_target.bin"); }},
         {"M.f32", put("M.f32", std::string(72, '\0'))},
@@ -293,7 +313,7 @@ TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
         TestBundle bundle;
         oddities[i].second(bundle);
         const BundleReport report = tools::checkBundle(bundle.dir());
-        const bool renamed = i == 7;  // the number after the earlier "W" is 0
+        const bool renamed = i == 8;  // the number after the earlier "W" is 0
         EXPECT_EQ(opens(bundle), !renamed);
         EXPECT_EQ(report.good(), !renamed) << findingsOf(report);
         EXPECT_NE(fileIn(report, oddities[i].first)->severity(), Severity::kOk)
@@ -329,11 +349,21 @@ TEST(Inspect, SaysWhichGridSampleNodesAreRewritten) {
     ASSERT_EQ(census.kept.size(), 1u);
     EXPECT_EQ(census.kept[0].why, "align_corners is not 0");
     EXPECT_NE(census.kept[0].name, census.rewritten[0]);
+    ASSERT_TRUE(file->model->rewriteDifference) << "was not rendered without the rewrite";
+    EXPECT_LT(*file->model->rewriteDifference, 1e-5);
+    EXPECT_TRUE(report.good()) << findingsOf(report);
     const std::string text = tools::reportText(report);
     for (const std::string& line : {"runs as GridSampleFast: 1 node: " + census.rewritten[0],
                                     census.kept[0].name + ", since align_corners is not 0"}) {
         EXPECT_NE(text.find(line), std::string::npos) << text;
     }
+    EXPECT_EQ(std::getenv("ZORV_GS_FAST"), nullptr) << "stays switched off";
+
+    bundle.useModel("warped", "render_warped_sensitive");
+    const BundleReport other = tools::checkBundle(bundle.dir());
+    EXPECT_EQ(filesWith(other, Severity::kFault), std::set<std::string>{"model_warped.onnx"});
+    EXPECT_NE(findingsOf(other).find("renders otherwise with GridSampleFast"), std::string::npos)
+        << findingsOf(other);
 }
 
 // A node in the branch of another one, of a model that is nothing else.

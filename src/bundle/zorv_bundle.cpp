@@ -134,7 +134,7 @@ Manifest loadManifest(const std::string& dir) {
         default:
             throw std::runtime_error("short read " + path);
     }
-    if (strField(text, "format") != "zorv-bundle-v0") {
+    if (strField(text, "format") != kBundleFormat) {
         throw std::runtime_error("not an zorv-bundle-v0: " + dir);
     }
     Manifest manifest;
@@ -150,7 +150,8 @@ Manifest loadManifest(const std::string& dir) {
     manifest.frames = toInt32(numField(text, "frames"));
     manifest.M_src_w = toInt32(numFieldOpt(text, "M_src_w", manifest.W));
     manifest.M_src_h = toInt32(numFieldOpt(text, "M_src_h", manifest.H));
-    if (manifest.NT < 1 || manifest.H < 1 || manifest.W < 1 || manifest.crop <= 0) {
+    if (!isBundleSize(manifest.NT) || !isBundleSize(manifest.H) || !isBundleSize(manifest.W) ||
+        !isBundleSize(manifest.crop)) {
         throw std::runtime_error("manifest: bad dims");
     }
     return manifest;
@@ -185,6 +186,20 @@ std::vector<float> readRaw<float>(const std::string& path, std::size_t n) {
     return readElements<float>(path, n);
 }
 
+std::vector<float> loadPlacements(const Manifest& manifest) {
+    std::vector<float> all =
+        readRaw<float>(manifest.dir + "/M.f32", checkedProduct(toCount(manifest.NT), 6));
+    if (manifest.M_src_w < 1 || manifest.M_src_h < 1) return all;
+    if (manifest.M_src_w == manifest.W && manifest.M_src_h == manifest.H) return all;
+    const double sx = static_cast<double>(manifest.W) / manifest.M_src_w;
+    const double sy = static_cast<double>(manifest.H) / manifest.M_src_h;
+    for (std::size_t k = 0; k < all.size(); ++k) {
+        const double scale = k % 6 < 3 ? sx : sy;  // a, b, tx across; c, d, ty down
+        all[k] = static_cast<float>(all[k] * scale);
+    }
+    return all;
+}
+
 Identity::Identity(const Manifest& manifest) : NT_(manifest.NT), crop_(manifest.crop) {
     const std::string dir = manifest.dir + "/";
     const std::size_t frames = toCount(NT_);
@@ -198,8 +213,7 @@ Identity::Identity(const Manifest& manifest) : NT_(manifest.NT), crop_(manifest.
     if (canOpen(dir + "fs_red.f16")) {
         fsRedMap_ = mapFile(dir + "fs_red.f16", checkedProduct(frames, kFsRedBytes));
     }
-    mVec_ = readRaw<float>(dir + "M.f32", checkedProduct(frames, 6));
-    rescaleM(manifest);
+    mVec_ = loadPlacements(manifest);
 }
 
 const std::uint16_t* Identity::pooled64(int i) const {
@@ -216,17 +230,6 @@ const std::uint16_t* Identity::P(int i) const {
 const std::uint16_t* Identity::fsRed(int i) const {
     return reinterpret_cast<const std::uint16_t*>(fsRedMap_.data() +
                                                   static_cast<std::size_t>(i) * kFsRedBytes);
-}
-
-void Identity::rescaleM(const Manifest& manifest) {
-    if (manifest.M_src_w < 1 || manifest.M_src_h < 1) return;
-    if (manifest.M_src_w == manifest.W && manifest.M_src_h == manifest.H) return;
-    const double sx = static_cast<double>(manifest.W) / manifest.M_src_w;
-    const double sy = static_cast<double>(manifest.H) / manifest.M_src_h;
-    for (std::size_t k = 0; k < mVec_.size(); ++k) {
-        const double scale = k % 6 < 3 ? sx : sy;  // a, b, tx across; c, d, ty down
-        mVec_[k] = static_cast<float>(mVec_[k] * scale);
-    }
 }
 
 Drive loadDrive(const Manifest& manifest) {

@@ -11,6 +11,14 @@
 
 namespace zorv {
 
+/// What "format" has to be.
+constexpr const char* kBundleFormat = "zorv-bundle-v0";
+
+/// Whether NT, H, W or crop may be `value`.
+constexpr bool isBundleSize(std::int32_t value) {
+    return value >= 1;
+}
+
 /// Sharpening that the compositor applies to a crop.
 struct Unsharp {
     float amount = 1.3f;
@@ -66,6 +74,10 @@ MappedFile mapFile(const std::string& path);
 template <class T>
 std::vector<T> readRaw(const std::string& path, std::size_t n);
 
+/// The placements of all target frames, 6 floats each, see Identity::M: carried over from the frame
+/// space in which they were computed to W x H.
+std::vector<float> loadPlacements(const Manifest& manifest);
+
 /// Per-target-frame tensors of one subject; any thread may read them. Indices are not checked.
 class Identity {
   public:
@@ -85,9 +97,6 @@ class Identity {
     bool hasFsRed() const { return !fsRedMap_.empty(); }
 
   private:
-    /// Carries placements over from the frame space they were computed in to W x H.
-    void rescaleM(const Manifest& manifest);
-
     int NT_;
     int crop_;
     MappedFile pooled64Map_;

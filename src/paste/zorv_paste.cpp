@@ -15,7 +15,6 @@
 namespace zorv {
 namespace {
 
-constexpr int kMaxSide = 1024;
 /// Of a crop with the border that the sharpening kernel adds. A kernel so much wider than any crop
 /// comes from a damaged manifest, and one paste with it would take minutes.
 constexpr std::uint64_t kMaxPadded = 1 << 14;

@@ -25,6 +25,8 @@ class Paste {
   public:
     /// `mask` is side x side, row-major: 0 keeps the frame, 255 takes the crop. Throws
     /// std::runtime_error for a mask of another size or an even kernel size.
+    static constexpr int kMaxSide = 1024;
+
     Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp);
     /// With given inner loops and number of workers.
     Paste(const std::vector<std::uint8_t>& mask, int side, Unsharp unsharp,

@@ -134,7 +134,7 @@ def warped(path, external=False, way="plain"):
     """The standard graph with its image moved by the first driving keypoint: once by a node that
     the library replaces, once by one that it leaves alone, and half of each. external: constants
     lie in a file of their own beside the model. way: "resized" samples down to half the size and up
-    again, "half" in half precision, "deep" a volume."""
+    again, "half" in half precision, "deep" a volume, "sensitive" shows what rounding leaves."""
     g = Graph(20 if way == "deep" else 16)
     line = (np.arange(CROP) * 2 + 1) / CROP - 1
     move = g("Reshape", g("Slice", "kp_driving", g.ints(0, 0), g.ints(1, 2), g.ints(1, 2)), g.ints(1, 1, 1, 2))
@@ -155,6 +155,8 @@ def warped(path, external=False, way="plain"):
         replaced = g("GridSample", "P_rgb", grid, **how)
     kept = g("GridSample", "P_rgb", grid, mode=how["mode"], padding_mode="border", align_corners=1)
     image = g("Mul", g("Add", replaced, kept), 0.5)
+    if way == "sensitive":
+        image = g("Sin", g("Mul", image, 1e9))
     if way != "deep":
         image = g("Add", image, g("ReduceMean", "pooled64", axes=[1, 2, 3], keepdims=1))
         image = g("Add", image, motion(g, "kp_driving", "kp_source"))
@@ -395,7 +397,7 @@ def main(directory):
     own_operators(path("render_own_operators"))
     warped(path("render_warped"))
     warped(path("render_warped_external"), external=True)
-    for way in ("resized", "half", "deep"):
+    for way in ("resized", "half", "deep", "sensitive"):
         warped(path("render_warped_" + way), way=way)
     sampler(path("sampler"), "")
     sampler(path("sampler_fast"), "com.velmarin")

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <stdexcept>
 
+#include "bundle/zorv_bundle.h"
 #include "failure.h"
-#include "file_view.h"
 #include "interrupt.h"
+#include "paste/paste_placement.h"
 
 namespace fs = std::filesystem;
 
@@ -142,44 +144,27 @@ std::string someOf(const std::vector<int>& rows) {
     return text;
 }
 
-bool missesFrame(const float* m, int side, int width, int height) {
-    float left = HUGE_VALF, right = -HUGE_VALF, top = HUGE_VALF, bottom = -HUGE_VALF;
-    for (const int corner : {0, 1, 2, 3}) {
-        const auto x = static_cast<float>(corner & 1 ? side - 1 : 0);
-        const auto y = static_cast<float>(corner & 2 ? side - 1 : 0);
-        const float px = m[0] * x + m[1] * y + m[2], py = m[3] * x + m[4] * y + m[5];
-        left = std::min(left, px), right = std::max(right, px);
-        top = std::min(top, py), bottom = std::max(bottom, py);
-    }
-    return right < 0 || bottom < 0 || left > static_cast<float>(width - 1) ||
-           top > static_cast<float>(height - 1);
-}
-
 void checkPlacements(const std::string& directory, const BundleFacts& facts, FileReport& report) {
+    if (!facts.crop || !facts.width || !facts.height) return;
     const std::vector<float> placements = readPlacements(directory, facts);
-    std::vector<int> singular, outside;
+    std::vector<int> unseen;
     for (size_t row = 0; row < placements.size() / 6; ++row) {
         const float* m = placements.data() + row * 6;
         if (!std::all_of(m, m + 6, [](float value) { return finite(value); })) continue;
-        if (1.0 * m[0] * m[4] - 1.0 * m[1] * m[3] == 0) {
-            singular.push_back(static_cast<int>(row));
-        } else if (facts.crop && facts.width && facts.height &&
-                   missesFrame(m, *facts.crop, *facts.width, *facts.height)) {
-            outside.push_back(static_cast<int>(row));
+        if (!Placement().locate(m, *facts.crop, *facts.width, *facts.height)) {
+            unseen.push_back(static_cast<int>(row));
         }
     }
-    if (!singular.empty()) {
+    if (!unseen.empty()) {
         report.warn(
-            fmt::format("singular placement in row {}: nothing is pasted there", someOf(singular)),
-            "a d - b c other than 0");
-    }
-    if (!outside.empty()) {
-        report.warn(fmt::format("placement wholly outside the frame in row {}", someOf(outside)));
+            fmt::format("nothing is pasted in row {}: the placement is singular or wholly "
+                        "outside the frame",
+                        someOf(unseen)));
     }
 }
 
 /// The values that the library reads, `bytes` of them.
-void checkValues(const TensorFile& file, const FileView& data, size_t bytes,
+void checkValues(const TensorFile& file, const MappedFile& data, size_t bytes,
                  const BundleFacts& facts, FileReport& report) {
     const size_t count = bytes / file.elementBytes;
     const size_t row = bytesOf(file, facts, 1).value_or(file.elementBytes) / file.elementBytes;
@@ -246,30 +231,39 @@ void checkTensorFile(const TensorFile& file, const std::string& directory, const
     if (*size == 0) return;
     try {
         throwIfInterrupted();
-        const FileView data(directory + "/" + report.name);
-        if (data.size() != *size) fail("its size changes");
+        const MappedFile data = mapFile(directory + "/" + report.name, *size);
         checkValues(file, data, bytesOf(file, facts, 0).value_or(*size), facts, report);
     } catch (const Interrupted&) {
         throw;
-    } catch (const Failure& error) {
+    } catch (const std::runtime_error& error) {
         report.fault(fmt::format("cannot be read: {}", error.what()));
         return;
     }
     if (report.name == "M.f32") checkPlacements(directory, facts, report);
 }
 
-std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts) {
-    const auto count = static_cast<size_t>(facts.targetFrames.value_or(0)) * 6;
-    std::vector<float> placements = readFloats(directory + "/M.f32", count);
-    if (!facts.width || !facts.height || facts.placementWidth < 1 || facts.placementHeight < 1) {
-        return placements;
+std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts) try {
+    Manifest manifest;
+    manifest.dir = directory;
+    manifest.NT = facts.targetFrames.value_or(0);
+    manifest.W = facts.width.value_or(0);
+    manifest.H = facts.height.value_or(0);
+    if (facts.width && facts.height) {
+        manifest.M_src_w = facts.placementWidth;
+        manifest.M_src_h = facts.placementHeight;
     }
-    const double across = 1.0 * *facts.width / facts.placementWidth;
-    const double down = 1.0 * *facts.height / facts.placementHeight;
-    for (size_t i = 0; i < placements.size(); ++i) {
-        placements[i] = static_cast<float>(placements[i] * (i % 6 < 3 ? across : down));
-    }
-    return placements;
+    return loadPlacements(manifest);
+} catch (const std::exception&) {  // the report says why
+    return {};
+}
+
+std::vector<float> readFloats(const std::string& path, size_t count) try {
+    const MappedFile file = mapFile(path, fs::file_size(path));
+    if (file.length() / sizeof(float) < count) return {};
+    const auto* values = reinterpret_cast<const float*>(file.data());
+    return {values, values + count};
+} catch (const std::exception&) {
+    return {};
 }
 
 }  // namespace zorv::tools

@@ -37,4 +37,7 @@ void checkTensorFile(const TensorFile& file, const std::string& directory, const
 /// The placements of M.f32 in pixels of the W x H frames, 6 each; empty when they are not there.
 std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts);
 
+/// The first `count` floats of a file; empty when it cannot be read or has fewer.
+std::vector<float> readFloats(const std::string& path, size_t count);
+
 }  // namespace zorv::tools

@@ -12,8 +12,6 @@
 
 namespace zorv::tools {
 
-constexpr int kKeypointFloats = 63;  // 21 keypoints x (x, y, z)
-
 /// kWarning: the library accepts it, but hardly anyone means it. kFault: something fails.
 enum class Severity { kOk, kWarning, kFault };
 

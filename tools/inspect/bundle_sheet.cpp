@@ -7,9 +7,10 @@
 #include <cmath>
 
 #include "av.h"
+#include "bundle/zorv_bundle.h"
 #include "bundle_files.h"
+#include "common/file.h"
 #include "failure.h"
-#include "file_view.h"
 #include "frame_check.h"
 
 namespace zorv::tools {
@@ -111,11 +112,11 @@ BundleSheet::BundleSheet(const BundleReport& report)
     drives_ = rows("drive/xd.f32", facts.driveFrames);
     indices_ = as<int32_t>(readFloats(directory_ + "/drive/si.i32",
                                       static_cast<size_t>(facts.driveFrames.value_or(0))));
-    try {
-        const FileView mask(directory_ + "/mask_512.u8");
-        const auto pixels = static_cast<size_t>(side_) * static_cast<size_t>(side_);
-        if (mask.size() >= pixels) mask_.assign(mask.data(), mask.data() + pixels);
-    } catch (const Failure&) {  // the report says so
+    std::string mask;  // empty when it cannot be read: the report says so
+    readWholeFile(directory_ + "/mask_512.u8", mask);
+    const auto pixels = static_cast<size_t>(side_) * static_cast<size_t>(side_);
+    if (mask.size() >= pixels) {
+        mask_.assign(mask.begin(), mask.begin() + static_cast<std::ptrdiff_t>(pixels));
     }
 }
 

@@ -6,22 +6,14 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
+#include <stdexcept>
 
+#include "capi/target_frames.h"
+#include "capi/zorv_image.h"
+#include "common/file.h"
 #include "failure.h"
-#include "file_view.h"
 #include "interrupt.h"
 #include "progress.h"
-
-// The library decodes frames with the same code, so both agree on what a picture is.
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC
-#define STBI_NO_HDR
-#define STBI_NO_LINEAR
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#include <stb_image.h>
-#pragma GCC diagnostic pop
 
 namespace fs = std::filesystem;
 
@@ -29,16 +21,16 @@ namespace zorv::tools {
 namespace {
 
 constexpr const char* kFolder = "target_frames";
-constexpr size_t kLongestPath = 1023;  // of a frame, in the library
+constexpr size_t kMostPixels = 1 << 28;  // more are not worth the memory: no size is as large
 
-bool isJpeg(const FileView& file) {
-    return file.size() > 3 && file.data()[0] == 0xff && file.data()[1] == 0xd8;
+bool isJpeg(const std::string& file) {
+    return file.size() > 3 && file.compare(0, 2, "\xff\xd8") == 0;
 }
 
 /// Whether the picture's data are followed by their end mark. The decoder fills the missing part
 ///  of a file that was cut off with grey and says nothing.
-bool isCompleteJpeg(const FileView& file) {
-    const uint8_t* bytes = file.data();
+bool isCompleteJpeg(const std::string& file) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(file.data());
     size_t at = 2;
     while (at + 4 <= file.size() && bytes[at] == 0xff) {  // segments before the picture's data
         const size_t length = static_cast<size_t>(bytes[at + 2] << 8 | bytes[at + 3]);
@@ -78,6 +70,20 @@ std::vector<int> framesInFolder(const std::string& directory, std::vector<std::s
     return indices;
 }
 
+std::string pathOf(const std::string& directory, int index) {
+    Manifest manifest;
+    manifest.dir = directory;
+    return targetPath(manifest, index);
+}
+
+std::string contentOf(const std::string& directory, int index) {
+    std::string content;
+    if (readWholeFile(pathOf(directory, index), content) != ReadStatus::kOk) {
+        fail("cannot be read");
+    }
+    return content;
+}
+
 /// Appends what was found about frames first .. last, to the run before when it is in that state.
 void append(std::vector<FileReport>& runs, int first, int last, const Finding& finding,
             const std::string& content) {
@@ -97,9 +103,8 @@ void append(std::vector<FileReport>& runs, int first, int last, const Finding& f
 
 Finding checkFrame(const std::string& directory, int index, const BundleFacts& facts) {
     try {
-        const std::string path = directory + "/" + frameName(index);
         decodeFrame(directory, index, facts.width.value_or(0), facts.height.value_or(0));
-        if (!isJpeg(FileView(path))) {
+        if (!isJpeg(contentOf(directory, index))) {
             return {Severity::kWarning, "a picture, but no JPEG", wantedSize(facts)};
         }
     } catch (const Interrupted&) {
@@ -117,28 +122,24 @@ std::string frameName(int index) {
 }
 
 std::vector<uint8_t> decodeFrame(const std::string& directory, int index, int width, int height) {
-    const std::string path = directory + "/" + frameName(index);
-    if (path.size() > kLongestPath) {
-        fail("its path has {} characters, more than {}", path.size(), kLongestPath);
+    const std::string path = pathOf(directory, index);
+    if (path.size() < directory.size() + 1 + frameName(index).size()) {
+        fail("its path has more than {} characters", path.size());
     }
-    const FileView file(path);
-    if (file.size() > INT_MAX) fail("{} bytes are too many for a picture", file.size());
-    const int size = static_cast<int>(file.size());
-    int w = 0, h = 0, channels = 0;
-    if (size == 0) fail("is empty");
-    if (!stbi_info_from_memory(file.data(), size, &w, &h, &channels)) {
-        fail("cannot be decoded: {}", stbi_failure_reason());
+    int w = 0, h = 0;
+    std::vector<uint8_t> rgb;
+    try {
+        rgb = loadImageRGB(path, w, h, kMostPixels);
+    } catch (const std::runtime_error&) {
+        fail("cannot be decoded");
     }
     // Sizes that the manifest does not tell are not compared.
     if ((width > 0 && w != width) || (height > 0 && h != height)) fail("is {} x {}", w, h);
-    const std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
-        stbi_load_from_memory(file.data(), size, &w, &h, &channels, 3), stbi_image_free);
-    if (!pixels) fail("cannot be decoded: {}", stbi_failure_reason());
-    if (isJpeg(file) && !isCompleteJpeg(file)) {
-        fail("is cut off after {} bytes, in the middle of the picture", size);
+    if (const std::string file = contentOf(directory, index);
+        isJpeg(file) && !isCompleteJpeg(file)) {
+        fail("is cut off after {} bytes, in the middle of the picture", file.size());
     }
-    return {pixels.get(),
-            pixels.get() + size_t{3} * static_cast<size_t>(w) * static_cast<size_t>(h)};
+    return rgb;
 }
 
 std::vector<FileReport> checkFrames(const std::string& directory, const BundleFacts& facts) {

@@ -4,29 +4,20 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <limits>
+#include <exception>
 #include <nlohmann/json.hpp>
 
+#include "bundle/zorv_bundle.h"
 #include "bundle_files.h"
-#include "failure.h"
-#include "file_view.h"
+#include "common/file.h"
+#include "common/key_finder.h"
+#include "common/memory.h"
+#include "paste/zorv_paste.h"
 
 namespace zorv::tools {
 namespace {
 
-constexpr const char* kFormat = "zorv-bundle-v0";
-constexpr int kMaxCrop = 1024;           // the compositor refuses wider ones
-constexpr int64_t kMaxPadded = 1 << 14;  // crop with the border of the sharpening kernel
-constexpr double kMaxCache = 0x1p46;     // bytes of all frames; beyond it no address space is left
 constexpr const char* kSpace = " \t\r\n";
-
-int32_t cutToInt32(double value) {
-    using Limits = std::numeric_limits<int32_t>;
-    if (std::isnan(value)) return 0;
-    if (value <= Limits::min()) return Limits::min();
-    return value >= Limits::max() ? Limits::max() : static_cast<int32_t>(value);
-}
 
 int occurrences(const std::string& text, const std::string& needle) {
     int count = 0;
@@ -34,9 +25,8 @@ int occurrences(const std::string& text, const std::string& needle) {
     return count;
 }
 
-/// Reads keys as the library does (the first occurrence of the quoted key anywhere in the text and
-/// what follows the next colon) and reports what is wrong with each, and where that reading differs
-/// from what a JSON parser would see.
+/// Reads keys with the library's key finder and reports what is wrong with each, and where that
+/// reading differs from what a JSON parser would see.
 class KeyReader {
   public:
     KeyReader(const std::string& text, FileReport& report) : text_(text), report_(report) {}
@@ -44,19 +34,15 @@ class KeyReader {
     std::optional<std::string> quoted(const std::string& key) {
         const auto at = place(key, true);
         if (!at) return std::nullopt;
-        const size_t open = text_.find('"', *at);
-        const size_t close = open == text_.npos ? open : text_.find('"', open + 1);
-        if (close == text_.npos) {
-            report_.fault(fmt::format("no quoted text follows key \"{}\"", key));
-            return std::nullopt;
-        }
-        return text_.substr(open + 1, close - open - 1);
+        const auto text = quotedFrom(text_, *at);
+        if (!text) report_.fault(fmt::format("no quoted text follows key \"{}\"", key));
+        return text;
     }
 
     std::optional<double> number(const std::string& key, bool required = true) {
         const auto at = place(key, required);
         if (!at) return std::nullopt;
-        const double value = std::strtod(text_.c_str() + *at, nullptr);
+        const double value = numberFrom(text_, *at);
         const size_t start = text_.find_first_not_of(kSpace, *at);
         if (start == text_.npos || std::string("+-.0123456789").find(text_[start]) == text_.npos) {
             report_.warn(fmt::format("\"{}\" is {}, which reads as {}", key, excerpt(*at), value),
@@ -65,12 +51,13 @@ class KeyReader {
         return value;
     }
 
-    /// A whole number of at least `least`; nothing, and a fault, when it is not.
-    std::optional<int> whole(const std::string& key, int least) {
+    /// A whole number that `accepts` takes; nothing, and a fault, when it does not.
+    template <class Accepts>
+    std::optional<int> whole(const std::string& key, int least, const Accepts& accepts) {
         const auto value = number(key);
         if (!value) return std::nullopt;
-        const int32_t cut = cutToInt32(*value);
-        if (cut < least) {
+        const int32_t cut = toInt32(*value);
+        if (!accepts(cut)) {
             report_.fault(fmt::format("\"{}\" reads as {}", key, cut),
                           fmt::format("a whole number of at least {}", least));
             return std::nullopt;
@@ -85,13 +72,12 @@ class KeyReader {
   private:
     std::optional<size_t> place(const std::string& key, bool required) {
         const std::string needle = '"' + key + '"';
-        const size_t at = text_.find(needle);
-        if (at == text_.npos) {
+        const KeyPosition found = findKeyPosition(text_, key);
+        if (found.status == KeyStatus::kMissing) {
             if (required) report_.fault(fmt::format("key {} is missing", needle));
             return std::nullopt;
         }
-        const size_t end = at + needle.size(), colon = text_.find(':', end);
-        if (colon == text_.npos) {
+        if (found.status == KeyStatus::kNoColon) {
             if (required) {
                 report_.fault(fmt::format("no colon follows key {}", needle));
             } else {
@@ -102,14 +88,15 @@ class KeyReader {
         const int count = occurrences(text_, needle);
         if (count > 1) {
             report_.warn(fmt::format("{} is quoted {} times; the first one is read: {}", needle,
-                                     count, excerpt(colon + 1)),
+                                     count, excerpt(found.afterColon)),
                          "one key of that name and no such text before it");
         }
-        if (text_.find_first_not_of(kSpace, end) != colon) {
+        const size_t end = text_.find(needle) + needle.size();
+        if (text_.find_first_not_of(kSpace, end) + 1 != found.afterColon) {
             report_.warn(fmt::format("{} is not followed by a colon; a later one is taken: {}",
-                                     needle, excerpt(colon + 1)));
+                                     needle, excerpt(found.afterColon)));
         }
-        return colon + 1;
+        return found.afterColon;
     }
 
     std::string excerpt(size_t from) const {
@@ -122,20 +109,31 @@ class KeyReader {
     FileReport& report_;
 };
 
+/// Why the compositor takes no such kernel; "" when it does.
+std::string kernelFault(const BundleFacts& facts, int ksize) try {
+    const int side = std::min(facts.crop.value_or(1), Paste::kMaxSide);
+    const size_t pixels = static_cast<size_t>(side) * static_cast<size_t>(side);
+    const Paste taken(std::vector<uint8_t>(pixels), side, {1, 1, ksize});
+    return "";
+} catch (const std::exception& error) {
+    return error.what();
+}
+
 void readSharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     facts.amount = keys.number("amount");
     facts.sigma = keys.number("sigma");
     if (!std::isfinite(facts.amount.value_or(0)) || !std::isfinite(facts.sigma.value_or(0))) {
         report.warn("\"amount\" or \"sigma\" is not finite", "finite numbers");
     }
+    if (facts.sigma == 0) {
+        report.warn("\"sigma\" is 0, so that crops are not sharpened", "a number above 0");
+    }
     const auto ksize = keys.number("ksize");
     if (!ksize) return;
-    const int size = cutToInt32(*ksize);
-    const int64_t most = kMaxPadded - std::min(facts.crop.value_or(1), kMaxCrop) + 1;
-    if (size < 1 || size % 2 == 0) {
-        report.fault(fmt::format("\"ksize\" reads as {}", size), "an odd number of at least 1");
-    } else if (size > most) {
-        report.fault(fmt::format("\"ksize\" reads as {}", size), fmt::format("at most {}", most));
+    const int size = toInt32(*ksize);
+    if (const std::string why = kernelFault(facts, size); !why.empty()) {
+        report.fault(fmt::format("\"ksize\" reads as {}: {}", size, why),
+                     "an odd number of at least 1 that leaves room for the crop");
     } else {
         facts.ksize = size;
     }
@@ -143,8 +141,8 @@ void readSharpening(KeyReader& keys, BundleFacts& facts, FileReport& report) {
 
 void readPlacementSize(KeyReader& keys, BundleFacts& facts, FileReport& report) {
     const int width = facts.width.value_or(0), height = facts.height.value_or(0);
-    facts.placementWidth = cutToInt32(keys.number("M_src_w", false).value_or(width));
-    facts.placementHeight = cutToInt32(keys.number("M_src_h", false).value_or(height));
+    facts.placementWidth = toInt32(keys.number("M_src_w", false).value_or(width));
+    facts.placementHeight = toInt32(keys.number("M_src_h", false).value_or(height));
     if (!facts.width || !facts.height) return;
     const std::string size =
         fmt::format("M_src_w x M_src_h is {} x {}", facts.placementWidth, facts.placementHeight);
@@ -164,10 +162,14 @@ void readPlacementSize(KeyReader& keys, BundleFacts& facts, FileReport& report) 
 
 void checkFrameCache(const BundleFacts& facts, FileReport& report) {
     if (!facts.targetFrames || !facts.width || !facts.height) return;
-    const double bytes = 3.0 * *facts.targetFrames * *facts.width * *facts.height;
-    if (bytes > kMaxCache) {
-        report.fault(fmt::format("NT frames of W x H take {:.3g} bytes", bytes),
-                     fmt::format("at most {:.3g}", kMaxCache));
+    try {
+        const ZeroedArray<uint8_t> cache(
+            checkedProduct(checkedProduct(toCount(*facts.targetFrames), toCount(*facts.width)),
+                           checkedProduct(toCount(*facts.height), 3)));
+    } catch (const std::bad_alloc&) {
+        report.fault(fmt::format("NT frames of W x H take {:.3g} bytes",
+                                 3.0 * *facts.targetFrames * *facts.width * *facts.height),
+                     "what fits into the address space");
     }
 }
 
@@ -175,20 +177,21 @@ BundleFacts readFacts(const std::string& text, FileReport& report) {
     BundleFacts facts;
     KeyReader keys(text, report);
     const auto format = keys.quoted("format");
-    if (format && *format != kFormat) {
-        report.fault(fmt::format("\"format\" is \"{}\"", *format), fmt::format("\"{}\"", kFormat));
+    if (format && *format != kBundleFormat) {
+        report.fault(fmt::format("\"format\" is \"{}\"", *format),
+                     fmt::format("\"{}\"", kBundleFormat));
     }
     facts.agent = keys.quoted("agent").value_or("");
-    facts.targetFrames = keys.whole("NT", 1);
-    facts.height = keys.whole("H", 1);
-    facts.width = keys.whole("W", 1);
-    facts.crop = keys.whole("crop", 1);
-    if (facts.crop && *facts.crop > kMaxCrop) {
+    facts.targetFrames = keys.whole("NT", 1, isBundleSize);
+    facts.height = keys.whole("H", 1, isBundleSize);
+    facts.width = keys.whole("W", 1, isBundleSize);
+    facts.crop = keys.whole("crop", 1, isBundleSize);
+    if (facts.crop && *facts.crop > Paste::kMaxSide) {
         report.fault(fmt::format("\"crop\" is {}: such crops cannot be pasted", *facts.crop),
-                     fmt::format("at most {}", kMaxCrop));
+                     fmt::format("at most {}", Paste::kMaxSide));
     }
     checkFrameCache(facts, report);
-    facts.driveFrames = keys.whole("frames", 0);
+    facts.driveFrames = keys.whole("frames", 0, [](int32_t count) { return count >= 0; });
     readSharpening(keys, facts, report);
     readPlacementSize(keys, facts, report);
     return facts;
@@ -197,13 +200,10 @@ BundleFacts readFacts(const std::string& text, FileReport& report) {
 }  // namespace
 
 BundleFacts checkManifest(const std::string& directory, FileReport& report) {
+    if (!fileSizeOf(directory, report)) return {};
     std::string text;
-    try {
-        if (!fileSizeOf(directory, report)) return {};
-        const FileView file(directory + "/" + report.name);
-        text.assign(reinterpret_cast<const char*>(file.data()), file.size());
-    } catch (const Failure& error) {
-        report.fault(fmt::format("cannot be read: {}", error.what()));
+    if (readWholeFile(directory + "/" + report.name, text) != ReadStatus::kOk) {
+        report.fault("cannot be read");
         return {};
     }
     report.content = fmt::format("{} bytes", text.size());

@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
+#include "bundle/zorv_bundle.h"
 #include "bundle_files.h"
 #include "common/file.h"
 #include "failure.h"
@@ -21,6 +23,8 @@
 
 namespace zorv::tools {
 namespace {
+
+constexpr float kOneLevel = 1.0f / 255;  // of a picture
 
 /// Stands in for an operator of the library, so that models with it can be loaded and looked at.
 struct NoKernel {
@@ -208,16 +212,17 @@ const float* renderOne(zorv_ctx* context) {
     return zorv_render_kp_crop(context, 0, still, still);
 }
 
-void judgeCrop(const float* crop, size_t count, FileReport& report) {
+void judgeCrop(const std::vector<float>& crop, FileReport& report) {
     float low = HUGE_VALF, high = -HUGE_VALF;
     size_t bad = 0;
-    for (const float* value = crop; value < crop + count; ++value) {
-        if (!std::isfinite(*value)) ++bad;
-        low = std::min(low, *value), high = std::max(high, *value);
+    for (const float value : crop) {
+        if (!std::isfinite(value)) ++bad;
+        low = std::min(low, value), high = std::max(high, value);
     }
     if (bad > 0) {
-        report.warn(fmt::format("{} of {} values that it rendered are not finite", bad, count),
-                    "values of about 0 to 1");
+        report.warn(
+            fmt::format("{} of {} values that it rendered are not finite", bad, crop.size()),
+            "values of about 0 to 1");
     } else {
         report.model->range = {low, high};
     }
@@ -225,6 +230,70 @@ void judgeCrop(const float* crop, size_t count, FileReport& report) {
         report.warn(fmt::format("renders {:.2f} to {:.2f}", low, high), "values of about 0 to 1");
     }
 }
+
+/// Whether the model says the same with its own GridSample nodes as with those of the library.
+void compareCrops(const std::vector<float>& rewritten, const std::vector<float>& asItIs,
+                  FileReport& report) {
+    float most = 0;
+    for (size_t i = 0; i < rewritten.size(); ++i) {
+        if (std::isnan(rewritten[i]) && std::isnan(asItIs[i])) continue;
+        const float difference = std::abs(rewritten[i] - asItIs[i]);
+        most = difference <= most ? most : difference;  // one that is not a number stays
+    }
+    report.model->rewriteDifference = most;
+    if (most <= kOneLevel) return;
+    report.fault(
+        fmt::format("renders otherwise with GridSampleFast in place of GridSample: by up "
+                    "to {:.3g}",
+                    most),
+        fmt::format("at most {:.3g}; ZORV_GS_FAST=0 leaves the nodes as they are", kOneLevel));
+}
+
+/// Opens the bundle in the library and renders one frame: the crop, or why there is none.
+struct Trial {
+    std::vector<float> crop;
+    std::string failure;
+
+    Trial(const std::string& directory, const std::string& key) {
+        throwIfInterrupted();
+        const int threads = static_cast<int>(std::thread::hardware_concurrency());
+        const Context context(zorv_create(directory.c_str(), key.c_str(), threads, nullptr));
+        if (!context) {
+            failure = fmt::format("the library cannot open it: {}", zorv_last_error());
+            return;
+        }
+        const float* rendered = renderOne(context.get());
+        if (!rendered) {
+            failure = fmt::format("fails when it is run: {}", zorv_last_error());
+            return;
+        }
+        const auto side = static_cast<size_t>(zorv_crop(context.get()));
+        crop.assign(rendered, rendered + 3 * side * side);
+    }
+};
+
+/// Contexts that are opened meanwhile leave models as they are on disk. Only while no other thread
+///  reads the environment.
+class WithoutRewrite {
+  public:
+    WithoutRewrite() {
+        if (const char* value = std::getenv(kSwitch)) before_ = value;
+        setenv(kSwitch, "0", 1);  // NOLINT(concurrency-mt-unsafe)
+    }
+    ~WithoutRewrite() {
+        if (before_) {
+            setenv(kSwitch, before_->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+        } else {
+            unsetenv(kSwitch);  // NOLINT(concurrency-mt-unsafe)
+        }
+    }
+    WithoutRewrite(const WithoutRewrite&) = delete;
+    WithoutRewrite& operator=(const WithoutRewrite&) = delete;
+
+  private:
+    static constexpr const char* kSwitch = "ZORV_GS_FAST";
+    std::optional<std::string> before_;
+};
 
 /// Zeros for a delta model's input.
 struct Zeros {
@@ -332,20 +401,22 @@ void checkDeltaModel(const std::string& directory, FileReport& report) {
 }
 
 void tryRenderer(const std::string& directory, const std::string& key, FileReport& report) {
-    throwIfInterrupted();
-    const int threads = static_cast<int>(std::thread::hardware_concurrency());
-    const Context context(zorv_create(directory.c_str(), key.c_str(), threads, nullptr));
-    if (!context) {
-        report.fault(fmt::format("the library cannot open it: {}", zorv_last_error()));
+    const Trial trial(directory, key);
+    if (!trial.failure.empty()) {
+        report.fault(trial.failure);
         return;
     }
-    const float* crop = renderOne(context.get());
-    if (!crop) {
-        report.fault(fmt::format("fails when it is run: {}", zorv_last_error()));
-        return;
+    judgeCrop(trial.crop, report);
+    const auto& operators = report.model->operators;
+    // Operators of the library that are in the file itself cannot be had without the rewrite.
+    if (!operators || operators->rewritten.empty() || !operators->fast.empty()) return;
+    const WithoutRewrite switched;
+    const Trial asItIs(directory, key);
+    if (asItIs.failure.empty()) {
+        compareCrops(trial.crop, asItIs.crop, report);
+    } else {
+        report.warn("only as GridSampleFast: " + asItIs.failure);
     }
-    const auto side = static_cast<size_t>(zorv_crop(context.get()));
-    judgeCrop(crop, 3 * side * side, report);
 }
 
 }  // namespace zorv::tools

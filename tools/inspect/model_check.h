@@ -13,8 +13,9 @@ void checkRendererModel(const std::string& directory, const BundleFacts& facts, 
 /// The same for the delta model of the batch stream, with one run on zeros.
 void checkDeltaModel(const std::string& directory, FileReport& report);
 
-/// Opens the bundle with renderer `key` in the library and renders one frame. Only for a bundle
-///  whose files are all right: a failure is the model's.
+/// Opens the bundle with renderer `key` in the library and renders one frame, and once more without
+/// the rewrite of its GridSample nodes, if it has any. Only for a bundle whose files are all right:
+/// a failure is the model's.
 void tryRenderer(const std::string& directory, const std::string& key, FileReport& report);
 
 /// "4 x 64 x N x 32"

@@ -46,6 +46,7 @@ struct ModelReport {
     std::vector<ModelTensor> inputs, outputs;
     std::optional<OperatorCensus> operators;       // renderers
     std::optional<std::pair<float, float>> range;  // of the crop that it rendered on trial
+    std::optional<float> rewriteDifference;  // largest, of a crop rendered without the rewrite
 };
 
 }  // namespace zorv::tools

@@ -99,6 +99,9 @@ void writeModel(const ModelReport& model, std::back_insert_iterator<std::string>
         fmt::format_to(out, ", rendered a crop of {:.2f} to {:.2f}", model.range->first,
                        model.range->second);
     }
+    if (model.rewriteDifference) {
+        fmt::format_to(out, ", {:.2g} from one without GridSampleFast", *model.rewriteDifference);
+    }
     fmt::format_to(out, "\n");
     for (const auto* tensors : {&model.inputs, &model.outputs}) {
         for (const ModelTensor& tensor : *tensors) {
@@ -165,6 +168,7 @@ json modelJson(const ModelReport& model) {
                    {"outputs", tensorsJson(model.outputs)}};
     if (model.graph != "delta") result["batch"] = orNull(model.batch);
     if (model.operators) result["operators"] = operatorsJson(*model.operators);
+    if (model.rewriteDifference) result["rewrite_difference"] = *model.rewriteDifference;
     if (model.range) result["rendered_range"] = {model.range->first, model.range->second};
     return result;
 }
