@@ -1,5 +1,5 @@
-# Installed tree: header, library with soname, CMake package, pkg-config file, command line, pages,
-# licence texts. The components are the packages of cmake/Package.cmake.
+# Installed tree: header, library with soname, CMake package, pkg-config file, command line with its
+# manual page, pages, licence texts. The components are the packages of cmake/Package.cmake.
 #
 # The library finds ONNX Runtime without environment variables: a runtime that the system does not
 # provide is copied into a folder of the library's own, so that it never stands in the way of
@@ -61,6 +61,8 @@ install(FILES ${PROJECT_BINARY_DIR}/zorv_core.pc DESTINATION ${CMAKE_INSTALL_LIB
 if(TARGET zorv)
     set_target_properties(zorv PROPERTIES INSTALL_RPATH "${tool_paths}")
     install(TARGETS zorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(FILES ${PROJECT_BINARY_DIR}/tools/zorv.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT tools)
 endif()
 
 include(Licences)

@@ -13,6 +13,7 @@
 #include "inspect_command.h"
 #include "interrupt.h"
 #include "live_command.h"
+#include "man_page.h"
 #include "progress.h"
 #include "sync_command.h"
 
@@ -121,9 +122,12 @@ void reportFailure(std::string text) {
 int run(int argc, char** argv, int& failureCode) {
     CLI::App app("Talking-face video of a prepared subject");
     app.require_subcommand(1);
-    app.set_version_flag("--version",
-                         fmt::format("zorv {}.{}.{}", zorv_version() / 10000,
-                                     zorv_version() / 100 % 100, zorv_version() % 100));
+    const std::string version = fmt::format("zorv {}.{}.{}", zorv_version() / 10000,
+                                            zorv_version() / 100 % 100, zorv_version() % 100);
+    app.set_version_flag("--version", version);
+    // For the build; no help lists an option without a group.
+    const auto page = [&] { throw CLI::CallForVersion(manPage(app, version), 0); };
+    app.add_flag_callback("--man-page", page)->group("");
     RenderOptions renderOptions;
     SyncOptions syncOptions;
     InspectOptions inspectOptions;

@@ -39,5 +39,10 @@ expect "$work/host"
 
 if [ -x "$root/bin/zorv" ]; then
     env -i "$root/bin/zorv" --version >/dev/null
+    # The manual page knows every command.
+    gzip -dc "$root/share/man/man1/zorv.1.gz" >"$work/page"
+    for command in $(env -i "$root/bin/zorv" --help | sed '1,/^Subcommands/d' | awk '{print $1}'); do
+        grep "^\.SS zorv $command" "$work/page" >/dev/null || { echo "no $command in zorv(1)"; exit 1; }
+    done
 fi
 echo "installed tree works: $(du -sm "$root" | cut -f1) MiB"

@@ -38,6 +38,8 @@ for package in "${!deb[@]}"; do
     gzip -t "$work/root/usr/share/doc/$package/"changelog*.gz || die "$package has no change log"
 done
 
+[ -s "$work/root/usr/share/man/man1/zorv.1.gz" ] || die "no manual page"
+
 # A host is built against the development package and runs on the library's.
 lib=$(dirname "$(find "$work/root" -name 'libzorv_core.so')")
 export PKG_CONFIG_PATH="$lib/pkgconfig"
