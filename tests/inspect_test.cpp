@@ -178,7 +178,7 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
         manifest("\"frames\": 4", "\"frames\": -4", "\"frames\" reads as -4", "at least 0"),
         removed("pooled64.f16", "3 x 64 x 32 x 32 float16 = 393216 bytes"),
         truncated("pooled64.f16", "393215 bytes, 1 too few", "393216 bytes"),
-        removed("P.f16", "4608 bytes"),
+        removed("P.f16", "4608 bytes", renders),
         {[](TestBundle& bundle) { bundle.extend("P.f16", 1536); }, "P.f16",
          "6144 bytes, 1536 too many (4 rows)", "3 x 3 x 16 x 16 float16 = 4608 bytes", opens},
         truncated("M.f32", "71 bytes, 1 too few", "3 x 6 float32 = 72 bytes"),
