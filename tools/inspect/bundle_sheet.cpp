@@ -264,7 +264,7 @@ void BundleSheet::drawKeypoints(Canvas& canvas, const View& view, const Placemen
                                 int frame) {
     const float* points = keypointsOf(frame);
     if (!points) return;
-    for (int i = 0; i < kKeypointFloats; i += 3) {
+    for (size_t i = 0; i < kKeypointFloats; i += 3) {
         // Coordinates run from -1 to 1 across the crop.
         const auto pixel = [&](float value) { return (value + 1.0) * side_ / 2 - 0.5; };
         const Point at = placed.toFrame({pixel(points[i]), pixel(points[i + 1])});
