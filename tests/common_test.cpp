@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -137,6 +138,19 @@ TEST(Cpu, SettingLowersButNeverRaises) {
     EXPECT_EQ(chooseSimdLevel("avx2", SimdLevel::kAvx512), SimdLevel::kAvx2);
     EXPECT_EQ(chooseSimdLevel("avx2", SimdLevel::kPortable), SimdLevel::kPortable);
     EXPECT_EQ(chooseSimdLevel("avx512", SimdLevel::kAvx2), SimdLevel::kAvx2);
+}
+
+TEST(Cpu, FindsWhatTheKernelFinds) {
+    std::ifstream file("/proc/cpuinfo");
+    std::string flags;
+    while (std::getline(file, flags) && !flags.starts_with("flags")) continue;
+    const auto has = [&](const std::string& flag) {
+        return (flags + " ").find(" " + flag + " ") != std::string::npos;
+    };
+    const SimdLevel level = detectedSimdLevel();
+    EXPECT_EQ(level >= SimdLevel::kAvx2, has("avx2") && has("fma") && has("f16c"));
+    EXPECT_EQ(hasAvxVnni(), level >= SimdLevel::kAvx2 && has("avx_vnni"));
+    EXPECT_EQ(hasAvx512Vnni(), level >= SimdLevel::kAvx512 && has("avx512_vnni"));
 }
 
 TEST(LastError, IsThereForDestructorsThatRunAfterItsThreadsOwnObjects) {

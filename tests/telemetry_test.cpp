@@ -11,7 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/expression_dir.h"
+#include "support/scoped_env.h"
 #include "support/test_bundle.h"
+#include "support/test_motion.h"
 
 namespace zorv {
 namespace {
@@ -229,6 +232,31 @@ TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {
     EXPECT_EQ(entry(batch, "counters", "zorv.failures", "zorv_create: cannot open")["value"], 2)
         << "the stream hands on what its context has told";
     EXPECT_EQ(batch.dump().find("nobody"), std::string::npos) << batch["counters"].dump();
+}
+
+TEST_F(TelemetryTest, EveryFamilyCountsWhatItOpensAndCloses) {
+    const test::TestBundle bundle;
+    const test::TestMotion motion;
+    const test::ExpressionDir expression;
+    const test::ScopedEnv speech("W2V_ONNX", test::modelFile("a2x_w2v"));
+    const std::string encoder = test::modelFile("encoder"), dir = bundle.dir();
+    zorv_ctx* ctx = zorv_create(dir.c_str(), "render", 1, nullptr);
+    zorv_utt_opts opts = {};
+    opts.motion_dir = motion.dir().c_str();
+    opts.steady_model = "-";
+    zorv_utt_destroy(zorv_utt_create(ctx, &opts));
+    zorv_destroy(ctx);
+    zorv_fca_destroy(zorv_fca_create(encoder.c_str(), test::modelFile("fca_stream").c_str(), 1));
+    zorv_stream_destroy(zorv_stream_create(dir.c_str(), encoder.c_str(), 1, 0, 1));
+    zorv_motion_destroy(zorv_motion_create(motion.dir().c_str(), 1, nullptr));
+    zorv_a2x_destroy(zorv_a2x_create(expression.path().c_str(), 1));
+    const json batch = taken();
+    for (const char* family : {"context", "utt", "fca", "stream", "motion", "a2x"}) {
+        const json opened = entry(batch, "counters", "zorv.handle.opened", family);
+        ASSERT_TRUE(opened.is_object()) << family;
+        EXPECT_EQ(entry(batch, "counters", "zorv.handle.closed", family)["value"], opened["value"])
+            << family;
+    }
 }
 
 TEST_F(TelemetryTest, WhatDoesNotFitIsCountedAsDropped) {

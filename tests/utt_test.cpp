@@ -226,6 +226,8 @@ TEST(UttOptionsTest, DefaultsComeFromContextEnvironmentAndFiles) {
     EXPECT_EQ(options.silenceMs, 1500);
     EXPECT_EQ(options.rampFrames, 9);
     EXPECT_EQ(options.rampFramesInterrupt, 8);
+    opts.threads = 1;
+    EXPECT_EQ(resolveOptions(opts, 3).threads, 1) << "fewer than the context has";
     opts.silence_end_s = -3;
     EXPECT_EQ(resolveOptions(opts, 3).silenceMs, -1);
 
