@@ -1,5 +1,4 @@
 """Checks of the demo subject that need no renderer: files, placement, movement, graphs, caching."""
-import json
 import pathlib
 import sys
 import tempfile
@@ -17,7 +16,6 @@ import expression_model
 import int8_model
 import make_demo
 import motion_model
-import refinement
 import render_model
 import rig
 from drawing import sample_bilinear
@@ -112,16 +110,6 @@ class Shapes(unittest.TestCase):
             np.testing.assert_allclose(points[:, 0] - dx, rig.REST[:, 0], atol=1e-3)
             np.testing.assert_allclose(points[:, 1] - dy, rig.REST[:, 1], atol=1e-3)
 
-    def test_walk_is_smooth_and_alive(self):
-        poses = [character.Pose(index, 120) for index in range(120)]
-        nose = np.array([pose.matrix @ (*pose.keypoints()[0, :2], 1) for pose in poses])
-        steps = np.linalg.norm(np.diff(nose, axis=0), axis=1)
-        self.assertLess(steps.max(), 2.0)                          # pixels per frame: no jumps
-        self.assertLess(max(steps[0], steps[-1]), 0.1)             # at rest where the walk turns
-        self.assertGreater(np.ptp(nose[:, 0]), 6)
-        self.assertEqual(min(pose.lids for pose in poses), 0)      # blinks shut the eyes
-        self.assertGreater(np.median([pose.lids for pose in poses]), 0.8)
-
     def test_grids_have_the_size_of_what_they_sample(self):
         for key, (graph, batch) in bundle.RENDERERS.items():
             model = onnx.shape_inference.infer_shapes(graph(bundle.CROP, batch).model(), strict_mode=True)
@@ -134,14 +122,6 @@ class Shapes(unittest.TestCase):
                 self.assertEqual(grid, [batch, *sampled[2:], 2], key)
                 self.assertLessEqual({"mode", "padding_mode"}, {a.name for a in node.attribute})
 
-    def test_refinement_keeps_flat_areas_and_raises_contrast(self):
-        for last in refinement.layers()[3:]:
-            np.testing.assert_allclose(last.sum(axis=(1, 2, 3)), 1, atol=1e-6)
-        for weights in refinement.layers()[:3]:
-            np.testing.assert_allclose(weights.sum(axis=(1, 2, 3)), 1, atol=1e-6)
-            self.assertGreaterEqual(weights.min(), 0)
-        self.assertLess(last[0, 12], 0)
-
     def test_attention_by_position_is_a_bell_curve_anywhere(self):
         e = expression_model
         for frame in (0, 1000, e.LONGEST - 1 - e.LEFT):
@@ -149,27 +129,6 @@ class Shapes(unittest.TestCase):
             weight = np.exp(e.SMOOTHING_SHARPNESS * (rows @ rows[0] - rows[0] @ rows[0]))
             np.testing.assert_allclose(weight[:3], (1, 0.5, 1 / 16), atol=0.01)
             self.assertLess(weight[4:].max(), 1e-3)
-
-    def test_bands_share_the_spectrum_out(self):
-        matrix = motion_model.band_matrix()
-        self.assertEqual(matrix.shape, (257, 80))
-        np.testing.assert_array_equal((matrix > 0).sum(axis=1), np.arange(257) >= motion_model.SINGLE_BINS[0])
-        # The squares of the bands add up to the mean square of a tone, wherever it lies.
-        time, window = np.arange(512), motion_model.hann(512)
-        for bin_number in (5.0, 20.3, 44.5):
-            magnitudes = np.abs(np.fft.rfft(0.5 * np.sin(2 * np.pi * bin_number * time / 512) * window))
-            self.assertAlmostEqual(float(np.sum((magnitudes @ matrix) ** 2)), 0.125, delta=0.004)
-
-    def test_reduced_features_hold_the_picture(self):
-        line = np.linspace(0, 1, bundle.CROP, dtype=np.float32)
-        picture = np.stack(np.broadcast_arrays(line[None], line[:, None], 0.5 * (line[None] + line[:, None])))
-        values = render_model.pack_features(picture)
-        self.assertEqual(values.shape, (262144,))
-        luma = values[:render_model.LUMA ** 2].reshape(render_model.LUMA, -1)
-        wanted = np.tensordot(render_model.LUMA_WEIGHTS, picture, 1)
-        self.assertAlmostEqual(float(luma.mean()), float(wanted.mean()), places=3)
-        tilt = float(wanted[11, -11] - wanted[-11, 11])             # planes are neither turned nor mirrored
-        self.assertAlmostEqual(float(luma[10, -10] - luma[-10, 10]), tilt, places=2)
 
 
 class Int8Model(unittest.TestCase):

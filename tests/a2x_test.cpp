@@ -290,9 +290,6 @@ TEST(A2x, CreationSaysWhichFileOrKeyIsWrong) {
     const std::string tables = "pos/norm/xs_target read failed", opened = "no failure";
     const std::pair<std::string, std::string> metas[] = {
         {"", notStreaming},
-        {R"({"h": 16, "left": 8})", notStreaming},
-        {R"({"h": 0, "window": 0, "left": -1})", notStreaming},
-        {R"({"h": 16, "window": 0, "left": 8, "maxlen": 10})", opened},
         {R"({"h": 0, "window": 0, "left": 8})", "a2x_meta.json: h must be at least 1"},
         {R"({"h": 16, "window": 0, "left": 8, "layers": -1})",
          "a2x_meta.json: layers must be at least 0"},

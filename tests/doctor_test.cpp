@@ -192,49 +192,23 @@ TEST(SessionVerdict, RunsWhatItEstimatesAndHalfOfItWhenThatFails) {
 }
 
 TEST(SessionVerdict, SaysWhatWasSeenAndWhatIsAnEstimate) {
-    const tools::SessionCost cost = {0.3, 1 << 28};
     const tools::Capacity two = {2, 4.0 * (1 << 30)}, sixty = {60, 64.0 * (1 << 30)};
-    const SessionsRun one = runOf(1, 200, 0);
-    struct Case {
-        tools::Capacity capacity;
-        std::vector<SessionsRun> runs;
-        int sessions;
-        bool confirmed;
-        std::string words;
+    const SessionsRun one = runOf(1, 200, 0), late = runOf(4, 800, 100);
+    const auto judge = [&](const tools::Capacity& capacity, const std::vector<SessionsRun>& runs,
+                           const std::string& words) {
+        const tools::Verdict verdict = tools::judge({0.3, 1 << 28}, capacity, runs);
+        EXPECT_NE(verdict.text.find(words), std::string::npos) << verdict.text;
+        return std::pair(verdict.sessions, verdict.confirmed);
     };
-    const std::vector<Case> cases = {
-        {two,
-         {one, runOf(4, 800, 3)},
-         4,
-         true,
-         "carries 4 live sessions of this subject at a time:"},
-        {sixty,
-         {one, runOf(16, 3200, 0)},
-         140,
-         false,
-         "140 live sessions of this subject at a time by estimate"},
-        {two,
-         {one, runOf(4, 800, 100), runOf(2, 400, 0)},
-         2,
-         true,
-         "4 at a time ran with 100 of 800"},
-        {two, {one, runOf(4, 800, 100), runOf(2, 400, 40)}, 1, true, "1 live session of"},
-        {two, {one, runOf(4, 800, 0, "no memory")}, 1, true, "4 at a time failed: no memory"},
-        {{0.4, 1e9}, {one}, 1, true, "nothing to spare"},
-        {two,
-         {runOf(1, 200, 50)},
-         0,
-         false,
-         "of 200 frames that a single session owed 50 were late"},
-        {two, {runOf(1, 200, 0, "bad model")}, 0, false, "a session failed: bad model"},
-    };
-    for (const Case& expected : cases) {
-        SCOPED_TRACE(expected.words);
-        const tools::Verdict verdict = tools::judge(cost, expected.capacity, expected.runs);
-        EXPECT_EQ(verdict.sessions, expected.sessions);
-        EXPECT_EQ(verdict.confirmed, expected.confirmed);
-        EXPECT_NE(verdict.text.find(expected.words), std::string::npos) << verdict.text;
-    }
+    using P = std::pair<int, bool>;
+    EXPECT_EQ(judge(two, {one, runOf(4, 800, 3)}, "carries 4 live sessions"), P(4, true));
+    EXPECT_EQ(judge(sixty, {one, runOf(16, 3200, 0)}, "by estimate"), P(140, false));
+    EXPECT_EQ(judge(two, {one, late, runOf(2, 400, 0)}, "100 of 800"), P(2, true));
+    EXPECT_EQ(judge(two, {one, late, runOf(2, 400, 40)}, "1 live session of"), P(1, true));
+    EXPECT_EQ(judge(two, {one, runOf(4, 800, 0, "no memory")}, "no memory"), P(1, true));
+    EXPECT_EQ(judge({0.4, 1e9}, {one}, "nothing to spare"), P(1, true));
+    EXPECT_EQ(judge(two, {runOf(1, 200, 50)}, "50 were late"), P(0, false));
+    EXPECT_EQ(judge(two, {runOf(1, 200, 0, "bad model")}, "bad model"), P(0, false));
 }
 
 TEST(CgroupLimits, TheTightestOfAllLevelsHolds) {

@@ -270,14 +270,6 @@ TEST(Inspect, FindsEverythingInOneRun) {
                                "model_bad.onnx", "model_render.onnx"}))
         << findingsOf(report);
 
-    // Absurd counts neither take memory nor time; the missing frames are one line.
-    bundle.write();
-    bundle.replace("manifest.json", "\"NT\": 3", "\"NT\": 1e99");
-    const BundleReport absurd = tools::checkBundle(bundle.dir());
-    const FileReport* missing = fileIn(absurd, "target_frames/frame_000003.jpg");
-    ASSERT_TRUE(missing);
-    EXPECT_EQ(missing->count, 2147483647 - 3);
-
     const test::TempDir empty;
     EXPECT_EQ(filesWith(tools::checkBundle(empty.path()), Severity::kFault).size(), 10u);
 }
@@ -494,18 +486,6 @@ TEST(InspectCommand, ExitStatusReportAndSheet) {
     EXPECT_EQ(test::readFile(sheet).substr(1, 3), "PNG");
     auto report = nlohmann::json::parse(outcome.out);
     EXPECT_EQ(report["good"], true);
-    EXPECT_EQ(report["manifest"]["NT"], 3);
-    EXPECT_EQ(report["manifest"]["frames"], 4);
-    const auto model = [&]() -> nlohmann::json {
-        for (const auto& file : report["files"]) {
-            if (file["name"] == "model_render.onnx") return file["model"];
-        }
-        return {};
-    };
-    EXPECT_EQ(model()["graph"], "standard");
-    EXPECT_EQ(model()["batch"], 1);
-    EXPECT_EQ(model()["inputs"][1]["shape"], (std::vector{1, 3, 16, 16}));
-
     bundle.useModel("render", "render_symbolic_batch");
     bundle.replace("manifest.json", "tiny", "t\xff\x1b[1m");
     outcome = run(dir + " --json 2>/dev/null");
@@ -513,8 +493,6 @@ TEST(InspectCommand, ExitStatusReportAndSheet) {
     report = nlohmann::json::parse(outcome.out);
     EXPECT_EQ(report["good"], false);
     EXPECT_EQ(report["faults"], 1);
-    EXPECT_TRUE(model()["batch"].is_null());
-    EXPECT_EQ(model()["inputs"][0]["shape"][0], "N");
 
     outcome = run(dir + " 2>&1");
     EXPECT_EQ(outcome.code, 1);

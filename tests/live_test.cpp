@@ -122,11 +122,6 @@ TEST_F(LiveCommand, AnInterruptEndsTheSpeech) {
     EXPECT_GT(seen["interrupt_to_frame_ms"], 0);
     EXPECT_EQ(seen["due_speech_frames"], 0) << "nothing was said to its end";
     EXPECT_TRUE(seen["output"].is_null());
-    const Outcome text = run(command(speech(2), {"--interrupt-at", "0.8"}));
-    for (const char* words : {"ready after ", "interrupt: another frame after ",
-                              " 0 speech frames pulled after it", "late, ", "processor time"}) {
-        EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
-    }
     expectNothingWritten();
 }
 

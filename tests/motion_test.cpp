@@ -199,8 +199,6 @@ TEST(Motion, DirectoriesThatDoNotOpenSayWhy) {
     }
 
     const std::pair<const char*, const char*> metas[] = {
-        {"{}", "meta.json: missing nt"},
-        {R"({"nt": 3})", "meta.json: missing n_src"},
         {R"({"nt": 3, "n_src": 3})", "meta.json: missing n_emo"},
         {R"({"nt": 3, "n_src": 4, "n_emo": 4})", "zorv_motion: n_src != nt unsupported"},
         {R"({"nt": 0, "n_src": 0, "n_emo": 4})", "meta.json: bad nt"},

@@ -208,18 +208,6 @@ TEST(Stream, FailureInTheMiddleDeliversWhatCameBefore) {
     }
 }
 
-TEST(Stream, PasteFailureEndsTheRunWhileTheRingIsFull) {
-    TestBundle bundle;
-    bundle.remove("target_frames/frame_000002.jpg");
-    const StreamPtr stream = openStream(bundle);
-    ASSERT_TRUE(stream) << zorv_stream_last_error();
-    Collector collector;
-    collector.during = [](int) { waitUntilOthersSleep(); };
-    EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 30)), -1);
-    EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: render/paste failed");
-    EXPECT_EQ(collector.frames.size(), 2u);
-}
-
 TEST(Stream, TargetFramesAreDecodedBeforeTheFirstIsDelivered) {
     TestBundle bundle({.nt = 4});
     const StreamPtr stream = openStream(bundle, 1);
@@ -297,33 +285,6 @@ TEST(Stream, ACancelledRunEndsWithATextAndTheNextIsWhole) {
         if (!ended) collector.run(stream.get(), {});  // too late for that one
     }
     zorv_stream_cancel(nullptr);
-}
-
-TEST(StreamCreate, ReportsWhichPartFailed) {
-    TestBundle bundle;
-    const auto failure = [&](const char* encoder = nullptr) -> std::string {
-        const std::string file = encoder ? encoder : modelFile("encoder");
-        zorv_stream* stream = zorv_stream_create(bundle.dir().c_str(), file.c_str(), 1, 0, 1);
-        EXPECT_EQ(stream, nullptr);
-        zorv_stream_destroy(stream);
-        bundle.write();
-        return zorv_stream_last_error();
-    };
-    bundle.remove("manifest.json");
-    EXPECT_EQ(failure(), "zorv_create: zorv_create: cannot open " + bundle.path("manifest.json"));
-    bundle.truncate("mask_512.u8");
-    EXPECT_EQ(failure(), "zorv_create: zorv_create: mask read failed");
-    const std::string noTargets = "zorv_stream_create: cannot read xs_target.bin (NT*63 f32)";
-    bundle.remove("xs_target.bin");
-    EXPECT_EQ(failure(), noTargets);
-    bundle.truncate("xs_target.bin");
-    EXPECT_EQ(failure(), noTargets);
-    bundle.remove("fca_stream.onnx");
-    EXPECT_TRUE(failure().starts_with("zorv_fca_create: zorv_fca_create: "));
-    EXPECT_TRUE(failure("missing.onnx").starts_with("zorv_fca_create: zorv_fca_create: "));
-
-    bundle.extend("xs_target.bin");  // what follows NT x 63 values does not matter
-    EXPECT_TRUE(openStream(bundle)) << zorv_stream_last_error();
 }
 
 }  // namespace
