@@ -2,130 +2,20 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
 #include <optional>
 
-#include "render/onnx_node.h"
+#include "render/onnx_graph.h"
 
 namespace zorv {
 namespace {
 
 constexpr std::string_view kDomain = "com.velmarin.int8";
-/// Models with deeper subgraphs stay as they are.
-constexpr int kDeepest = 16;
-
-/// Who makes and who reads each name of the only graph of a model.
-class Graph {
-  public:
-    explicit Graph(const GsField& message) { usable_ = add(message, 0); }
-
-    bool usable() const { return usable_; }
-    const std::vector<OnnxNode>& nodes() const { return nodes_; }
-    const std::vector<OnnxTensor>& initializers() const { return initializers_; }
-    int readersOf(std::string_view name) const {
-        const auto found = readers_.find(name);
-        return found == readers_.end() ? 0 : found->second;
-    }
-
-    int makersOf(std::string_view name) const {
-        const auto found = makers_.find(name);
-        return found == makers_.end() ? 0 : found->second.count;
-    }
-
-    /// The node whose only output is `name`, when one other node reads it, once, and nobody else.
-    const OnnxNode* soleSource(std::string_view name) const {
-        const auto found = makers_.find(name);
-        const bool sole = !name.empty() && found != makers_.end() && found->second.count == 1 &&
-                          found->second.node != kNone && readersOf(name) == 1;
-        if (!sole) return nullptr;
-        const OnnxNode& node = nodes_[found->second.node];
-        return node.outputs.size() == 1 ? &node : nullptr;
-    }
-
-    /// The constant of that name: an initializer that no input overrides, or a Constant's.
-    std::optional<OnnxTensor> constant(std::string_view name) const {
-        const auto found = makers_.find(name);
-        if (found == makers_.end() || found->second.count != 1) return std::nullopt;
-        const Maker& maker = found->second;
-        if (maker.initializer != kNone) return initializers_[maker.initializer];
-        if (maker.node == kNone || !nodes_[maker.node].isStandard("Constant")) return std::nullopt;
-        const OnnxAttribute* const value = nodes_[maker.node].attribute("value");
-        return value && value->tensor ? std::optional(OnnxTensor(*value->tensor)) : std::nullopt;
-    }
-
-    static constexpr std::size_t kNone = SIZE_MAX;
-
-  private:
-    struct Maker {
-        int count = 0;
-        std::size_t node = kNone, initializer = kNone;
-    };
-
-    /// Subgraphs count as readers of what they name. False when they lie too deep.
-    bool add(const GsField& graph, int depth) {
-        if (depth > kDeepest) return false;
-        GsReader reader(graph);
-        for (GsField field; reader.next(field);) {
-            if (field.isBytes(onnx::kGraphNode) && !addNode(field, depth)) return false;
-            if (field.isBytes(onnx::kGraphOutput)) ++readers_[nameOf(field)];
-            if (depth > 0) continue;
-            if (field.isBytes(onnx::kGraphInput)) ++makers_[nameOf(field)].count;
-            if (field.isBytes(onnx::kGraphInitializer)) {
-                initializers_.emplace_back(field);
-                Maker& maker = makers_[initializers_.back().name];
-                ++maker.count, maker.initializer = initializers_.size() - 1;
-            }
-        }
-        return true;
-    }
-
-    bool addNode(const GsField& field, int depth) {
-        OnnxNode node(field);
-        for (const std::string_view name : node.inputs) ++readers_[name];
-        for (const OnnxAttribute& attribute : node.attributes) {
-            for (const GsField& graph : attribute.graphs) {
-                if (!add(graph, depth + 1)) return false;
-            }
-        }
-        if (depth > 0) return true;
-        for (const std::string_view name : node.outputs) {
-            Maker& maker = makers_[name];
-            ++maker.count, maker.node = nodes_.size();
-        }
-        nodes_.push_back(std::move(node));
-        return true;
-    }
-
-    static std::string_view nameOf(const GsField& value) {
-        std::string_view name;
-        GsReader reader(value);
-        for (GsField field; reader.next(field);) {
-            if (field.isBytes(onnx::kValueName)) name = field.text();
-        }
-        return name;
-    }
-
-    bool usable_ = false;
-    std::vector<OnnxNode> nodes_;
-    std::vector<OnnxTensor> initializers_;
-    std::map<std::string_view, int> readers_;
-    std::map<std::string_view, Maker> makers_;
-};
-
 using Pads = std::array<std::int64_t, 4>;  // top, left, bottom, right
-
-/// Whether every attribute of `node` is named once and `allowed`, which judges one, lets it pass.
-template <class Allowed>
-bool attributesFit(const OnnxNode& node, const Allowed& allowed) {
-    return std::all_of(node.attributes.begin(), node.attributes.end(), [&](const auto& one) {
-        return node.attribute(one.name) == &one && allowed(one);
-    });
-}
 
 /// An Int8ConvVNNI and what is found in front of it.
 class Convolution {
   public:
-    Convolution(const Graph& graph, const OnnxNode& node)
+    Convolution(const OnnxGraph& graph, const OnnxNode& node)
         : graph_(graph), node_(node), x_(node.input(0)) {
         const auto of = [&](const char* name, auto& values) {
             const OnnxAttribute* const given = node.attribute(name);
@@ -226,13 +116,8 @@ class Convolution {
             node.isStandard("Resize") && node.inputs.size() <= 4 && node.input(3).empty() &&
             stated("mode", "nearest") && stated("coordinate_transformation_mode", "asymmetric") &&
             stated("nearest_mode", "floor") && attributesFit(node, [](const OnnxAttribute& one) {
-                // Without a meaning for this mode are the last two.
                 return one.name == "mode" || one.name == "coordinate_transformation_mode" ||
-                       one.name == "nearest_mode" || one.name == "cubic_coeff_a" ||
-                       one.name == "extrapolation_value" ||
-                       ((one.name == "exclude_outside" || one.name == "antialias") &&
-                        one.integer == 0) ||
-                       (one.name == "keep_aspect_ratio_policy" && one.text == "stretch");
+                       one.name == "nearest_mode" || saysNothingNew(one);
             });
         const auto scales = graph_.constant(node.input(2));
         const auto values = fits && scales ? scales->floats(4) : std::nullopt;
@@ -241,7 +126,7 @@ class Convolution {
 
     static constexpr std::array<std::int64_t, 2> kOnes = {1, 1};
 
-    const Graph& graph_;
+    const OnnxGraph& graph_;
     const OnnxNode& node_;
     std::string_view x_;
     Pads pads_ = {};
@@ -274,9 +159,9 @@ std::string rebuiltDepthToSpace(const OnnxNode& node) {
     return out;
 }
 
-std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits) {
+std::vector<Int8Fold> foldGraph(const OnnxGraph& graph, std::vector<WireEdit>& edits) {
     std::vector<Int8Fold> folds;
-    std::map<std::string_view, int> dropped;  // readers of a name that go
+    OnnxGraph::Readers dropped;
     const auto replace = [&](const GsField& field, std::string with = {}) {
         edits.push_back({field.raw, field.rawLength, std::move(with)});
     };
@@ -299,21 +184,7 @@ std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits
         folds.push_back({Int8Fold::Kind::kDepthToSpace, std::string(node.label()), ""});
         replace(node.field, rebuiltDepthToSpace(node));
     }
-    // Settings that nobody reads any more; the runtime would warn of them.
-    const auto unread = [&](std::string_view name) {
-        const auto gone = dropped.find(name);
-        return gone != dropped.end() && gone->second == graph.readersOf(name) &&
-               graph.makersOf(name) == 1;
-    };
-    for (const OnnxTensor& constant : graph.initializers()) {
-        if (unread(constant.name)) replace(constant.field);
-    }
-    for (const OnnxNode& node : graph.nodes()) {
-        const bool constant = node.isStandard("Constant") && node.outputs.size() == 1;
-        if (constant && unread(node.outputs.front())) replace(node.field);
-    }
-    std::sort(edits.begin(), edits.end(),
-              [](const WireEdit& a, const WireEdit& b) { return a.at < b.at; });
+    graph.finish(edits, dropped);
     return folds;
 }
 
@@ -321,23 +192,14 @@ std::vector<Int8Fold> foldGraph(const Graph& graph, std::vector<WireEdit>& edits
 
 std::vector<Int8Fold> foldIntoInt8Conv(std::string_view model, std::string& out) {
     if (model.find("Int8ConvVNNI") == std::string_view::npos) return {};
-    std::optional<GsField> message;
-    GsReader reader(model);
-    for (GsField field; reader.next(field);) {
-        if (!field.isBytes(onnx::kModelGraph)) continue;
-        if (message) return {};  // graphs that are to be merged
-        message = field;
-    }
-    if (!message) return {};
-    const Graph graph(*message);
+    const auto graph = OnnxGraph::of(model);
     const bool concerned =
-        graph.usable() &&
-        std::any_of(graph.nodes().begin(), graph.nodes().end(), [](const auto& n) {
-            return n.opType == "Int8ConvVNNI" && n.domain == kDomain;
+        graph && std::any_of(graph->nodes().begin(), graph->nodes().end(), [](const auto& node) {
+            return node.opType == "Int8ConvVNNI" && node.domain == kDomain;
         });
     if (!concerned) return {};
     std::vector<WireEdit> edits;
-    std::vector<Int8Fold> folds = foldGraph(graph, edits);
+    std::vector<Int8Fold> folds = foldGraph(*graph, edits);
     if (!folds.empty()) writeEdited(model, edits, "", out);
     return folds;
 }
