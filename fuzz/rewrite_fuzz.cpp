@@ -14,6 +14,7 @@
 #include "fuzz_input.h"
 #include "render/gridsample/rewrite.h"
 #include "render/int8conv/fold.h"
+#include "render/resize/resize_fast.h"
 
 namespace {
 
@@ -208,6 +209,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(zorv::rewriteGridSampleToFast(bytes) == 0);
     });
     require(model == untouched && (count > 0 || (out == "as before" && bytes == untouched)));
+    std::string resized = "as before";
+    std::vector<std::string> resizes;
+    unlessMalformed([&] {
+        resizes = zorv::rewriteResizeToFast(model, resized);
+        std::string again;
+        if (!resizes.empty()) require(zorv::rewriteResizeToFast(resized, again).empty());
+    });
+    require(model == untouched && resizes.empty() == (resized == "as before"));
     std::vector<zorv::Int8Fold> folds;
     unlessMalformed([&] { folds = zorv::foldIntoInt8Conv(model, folded); });
     require(model == untouched && folds.empty() == (folded == "as before"));

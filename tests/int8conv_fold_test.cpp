@@ -1,4 +1,5 @@
-// The load-time folds into int8 convolutions: which nodes, and that no bit of the results changes.
+// The load-time folds into int8 convolutions and the fast Resize: which nodes, and that no bit of
+// the results changes.
 #include "render/int8conv/fold.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,9 @@
 
 #include "common/ort.h"
 #include "render/custom_operators.h"
+#include "render/gridsample/op.h"
 #include "render/int8conv/int8conv_vnni.h"
+#include "render/resize/resize_fast.h"
 #include "support/failure.h"
 #include "support/onnx_message.h"
 
@@ -17,34 +20,12 @@ namespace zorv {
 namespace {
 
 using test::intAttribute;
+using test::Ints;
+using test::intsAttribute;
 using test::Message;
+using test::tensor;
 using test::textAttribute;
-using Ints = std::vector<std::int64_t>;
-
-Message intsAttribute(const std::string& name, const Ints& values) {
-    Message message = Message().bytes(1, name).integer(20, 7);
-    for (const std::int64_t value : values) message.integer(8, static_cast<std::uint64_t>(value));
-    return message;
-}
-
-/// A TensorProto; `type` is 1 for float, 3 for int8, 7 for 64-bit integers.
-template <class T>
-Message tensor(std::uint64_t type, const Ints& dims, const std::vector<T>& values) {
-    Message message = Message().integer(2, type);
-    for (const std::int64_t dim : dims) message.integer(1, static_cast<std::uint64_t>(dim));
-    return message.bytes(
-        9, std::string(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T)));
-}
-
-/// A ValueInfoProto of floats; without dimensions it leaves the shape open.
-Message value(const std::string& name, const Ints& dims = {}) {
-    Message type = Message().integer(1, 1), shape;
-    for (const std::int64_t dim : dims) {
-        shape.bytes(1, Message().integer(1, static_cast<std::uint64_t>(dim)));
-    }
-    if (!dims.empty()) type.bytes(2, shape);
-    return Message().bytes(1, name).bytes(2, Message().bytes(1, type));
-}
+using test::value;
 
 struct Node {
     std::string type;
@@ -180,6 +161,7 @@ std::vector<float> run(const std::string& model, const Ints& dims, std::vector<f
     const Ort::Env env = makeOrtEnv("test");
     Ort::SessionOptions options = makeSessionOptions(1);
     registerInt8ConvVNNI(options);
+    registerGridSampleFast(options);
     Ort::Session session = createOperatorSession(env, model.data(), model.size(), options);
     const Ort::Value input = tensorOver(x.data(), x.size(), dims);
     const char* const inputs[] = {"x"};
@@ -298,6 +280,66 @@ TEST(Int8Fold, MalformedModelsAreRefusedWhole) {
                                            text == "onnx: bad varint"))
             << length << ' ' << text;
     }
+}
+
+std::string resizeModel(const Ints& dims, const Message& constant, bool sizes,
+                        const std::string& mode, const std::string& coordinates) {
+    Message node = Message().bytes(1, "x").bytes(1, "").bytes(1, sizes ? "" : "target");
+    if (sizes) node.bytes(1, "target");
+    node.bytes(2, "y").bytes(4, "Resize").bytes(5, textAttribute("mode", mode));
+    node.bytes(5, textAttribute("coordinate_transformation_mode", coordinates));
+    const Message graph = Message()
+                              .bytes(2, "resize")
+                              .bytes(11, value("x", dims))
+                              .bytes(5, Message(constant).bytes(8, "target"))
+                              .bytes(1, node)
+                              .bytes(12, value("y"));
+    return Message().integer(1, 8).bytes(7, graph).bytes(8, Message().integer(2, 16)).text();
+}
+
+TEST(ResizeFast, GivesTheRuntimesBits) {
+    std::mt19937 random(7);
+    const auto any = [&](unsigned most) { return static_cast<std::int64_t>(1 + random() % most); };
+    for (int i = 0; i < 60; ++i) {
+        const Ints dims = {any(2), any(3), any(20), any(70)};
+        const Message sizes = tensor<std::int64_t>(7, {4}, {dims[0], dims[1], any(60), any(90)});
+        const auto factor = static_cast<float>(1 + i % 4);
+        const Message scales = tensor<float>(1, {4}, {1, 1, factor, 2});
+        const std::string model =
+            resizeModel(dims, i % 2 ? sizes : scales, i % 2 != 0, "linear", "half_pixel");
+        std::string fast, again = "untouched";
+        ASSERT_EQ(rewriteResizeToFast(model, fast), std::vector<std::string>{"y"});
+        EXPECT_EQ(fast.find("target"), std::string::npos);
+        EXPECT_TRUE(rewriteResizeToFast(fast, again).empty() && again == "untouched");
+        std::vector<float> x(elementCount(dims));
+        for (float& v : x) v = static_cast<float>(random() % 2001) / 700 - 1;
+        EXPECT_EQ(run(fast, dims, x), run(model, dims, x)) << i;
+    }
+}
+
+TEST(ResizeFast, TakesOnlyWhatItReproduces) {
+    const Ints dims = {1, 2, 3, 4};
+    const auto stays = [&](const Message& constant, bool sizes, const char* mode,
+                           const char* coordinates) {
+        std::string out;
+        return rewriteResizeToFast(resizeModel(dims, constant, sizes, mode, coordinates), out)
+            .empty();
+    };
+    const Message sizes = tensor<std::int64_t>(7, {4}, {1, 2, 6, 8});
+    EXPECT_FALSE(stays(sizes, true, "linear", "half_pixel"));
+    EXPECT_TRUE(stays(sizes, true, "cubic", "half_pixel"));
+    EXPECT_TRUE(stays(sizes, true, "linear", "align_corners"));
+    for (const std::vector<float>& scales :
+         {std::vector<float>{1, 1, 1.5f, 2}, {1, 2, 2, 2}, {1, 1, 0.5f, 1}, {2, 2}}) {
+        const auto rank = static_cast<std::int64_t>(scales.size());
+        EXPECT_TRUE(stays(tensor<float>(1, {rank}, scales), false, "linear", "half_pixel"));
+    }
+    // Channels last, which the runtime can do: refused while the model is loaded.
+    const Message last = tensor<std::int64_t>(7, {4}, {1, 4, 6, 4});
+    std::string fast;
+    rewriteResizeToFast(resizeModel(dims, last, true, "linear", "half_pixel"), fast);
+    EXPECT_NE(test::failure([&] { run(fast, dims, std::vector<float>(24)); }).find("ResizeFast"),
+              std::string::npos);
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include "render/gridsample/rewrite.h"
 #include "render/int8conv/fold.h"
 #include "render/int8conv/int8conv_vnni.h"
+#include "render/resize/resize_fast.h"
 
 namespace zorv {
 namespace {
@@ -40,6 +41,7 @@ struct Recipe {
     bool spinning = switchedOn("ZORV_ORT_SPIN");
     bool kleidiAi = switchedOn("ZORV_KLEIDIAI");
     bool fastSampling = !switchedOff("ZORV_GS_FAST");
+    bool fastResize = fastSampling && !switchedOff("ZORV_RESIZE_FAST");
     bool int8Operator = !switchedOff("ZORV_INT8");
     bool int8Folds = int8Operator && !switchedOff("ZORV_INT8_FOLD");
 
@@ -48,7 +50,8 @@ struct Recipe {
         const std::map<std::string, std::string> sorted(provider.options.begin(),
                                                         provider.options.end());
         for (const auto& [key, value] : sorted) text += ' ' + key + '=' + value;
-        for (const bool on : {spinning, kleidiAi, fastSampling, int8Operator, int8Folds}) {
+        for (const bool on :
+             {spinning, kleidiAi, fastSampling, fastResize, int8Operator, int8Folds}) {
             text += on ? " 1" : " 0";
         }
         return text;
@@ -83,12 +86,14 @@ struct RewrittenModel {
         std::string_view model(reinterpret_cast<const char*>(file.data()), file.length());
         if (recipe.fastSampling) samplers = rewriteGridSampleToFast(model, bytes);
         if (samplers > 0) model = bytes;
-        std::string folded;
+        std::string resized, folded;
+        if (recipe.fastResize) resizes = rewriteResizeToFast(model, resized).size();
+        if (resizes > 0) model = bytes = std::move(resized);
         if (recipe.int8Folds) folds = foldIntoInt8Conv(model, folded);
         if (!folds.empty()) bytes = std::move(folded);
     }
 
-    bool changed() const { return samplers > 0 || !folds.empty(); }
+    bool changed() const { return samplers + resizes > 0 || !folds.empty(); }
 
     void log(const std::string& key) const {
         if (samplers > 0) {
@@ -96,6 +101,10 @@ struct RewrittenModel {
                 "[zorv] std GridSample -> com.velmarin::GridSampleFast load-time rewrite: %zu "
                 "node(s) (%s)",
                 samplers, key.c_str());
+        }
+        if (resizes > 0) {
+            logLine("[zorv] bilinear Resize -> com.velmarin::ResizeFast: %zu node(s) (%s)", resizes,
+                    key.c_str());
         }
         if (folds.empty()) return;
         const auto count = [&](Int8Fold::Kind kind) {
@@ -110,7 +119,7 @@ struct RewrittenModel {
     }
 
     std::string bytes;  ///< empty unless changed
-    std::size_t samplers = 0;
+    std::size_t samplers = 0, resizes = 0;
     std::vector<Int8Fold> folds;
 };
 

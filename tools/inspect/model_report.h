@@ -37,6 +37,7 @@ struct OperatorCensus {
     std::vector<std::string> fast;       // GridSampleFast already in the file
     std::vector<std::string> int8;       // Int8ConvVNNI
     std::vector<FoldedNode> folded;
+    std::vector<std::string> resized;       // Resize: made ResizeFast when the model is loaded
     std::vector<std::string> depthToSpace;  // made DepthToSpaceFast when the model is loaded
 };
 

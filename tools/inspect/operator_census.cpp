@@ -3,6 +3,7 @@
 #include "render/gridsample/rewrite.h"
 #include "render/int8conv/fold.h"
 #include "render/onnx_node.h"
+#include "render/resize/resize_fast.h"
 
 namespace zorv::tools {
 namespace {
@@ -51,6 +52,7 @@ OperatorCensus countOperators(std::string_view model) {
         if (field.isBytes(onnx::kModelGraph)) countGraph(field, 0, census);
     }
     std::string folded;
+    census.resized = rewriteResizeToFast(model, folded);
     for (const Int8Fold& fold : foldIntoInt8Conv(model, folded)) {
         if (fold.kind == Int8Fold::Kind::kDepthToSpace) {
             census.depthToSpace.push_back(fold.node);

@@ -84,6 +84,9 @@ void writeOperators(const OperatorCensus& census, std::back_insert_iterator<std:
         fmt::format_to(out, "           {}, runs inside Int8ConvVNNI {}: {}\n", node.type,
                        plain(node.into), plain(node.name));
     }
+    if (!census.resized.empty()) {
+        fmt::format_to(out, "           Resize, runs as ResizeFast: {}\n", names(census.resized));
+    }
     if (!census.depthToSpace.empty()) {
         fmt::format_to(out, "           DepthToSpace, runs as DepthToSpaceFast: {}\n",
                        names(census.depthToSpace));
@@ -159,6 +162,7 @@ json operatorsJson(const OperatorCensus& census) {
             {"grid_sample_fast", census.fast},
             {"int8_conv", census.int8},
             {"int8_conv_folded", folded},
+            {"resize_rewritten", census.resized},
             {"depth_to_space_rewritten", census.depthToSpace}};
 }
 

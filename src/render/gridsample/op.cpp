@@ -6,6 +6,7 @@
 
 #include "render/custom_operators.h"
 #include "render/gridsample/gridsample_fast.h"
+#include "render/resize/resize_fast.h"
 
 namespace zorv {
 namespace {
@@ -105,7 +106,7 @@ void GridSampleFastKernel::compute(Ort::KernelContext context) {
 }  // namespace
 
 void registerGridSampleFast(Ort::SessionOptions& options) {
-    registerOperators<GridSampleFast>(options);
+    registerOperators<GridSampleFast, ResizeFast>(options);
 }
 
 }  // namespace zorv
