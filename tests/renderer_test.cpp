@@ -16,11 +16,13 @@ using test::failure;
 using test::ScopedEnv;
 using test::TestBundle;
 
+constexpr int kFloats = static_cast<int>(kKeypointFloats);
+
 /// A bundle with all inputs that a renderer may want, and the formula of the test models.
 class RendererTest : public testing::Test {
   protected:
     RendererTest() : bundle(options()), manifest(loadManifest(bundle.dir())), identity(manifest) {
-        for (int i = 0; i < 4 * kKeypointFloats; ++i) {
+        for (int i = 0; i < 4 * kFloats; ++i) {
             source.push_back(0.01f * static_cast<float>(i % 17));
             driving.push_back(0.02f * static_cast<float>(i % 23));
         }
@@ -49,7 +51,7 @@ class RendererTest : public testing::Test {
         for (int i = 0; i < 65536; ++i) mean += widen(identity.pooled64(frame)[i]);
         mean /= 65536;
         double motion = 0;
-        for (int i = 0; i < kKeypointFloats; ++i) {
+        for (int i = 0; i < kFloats; ++i) {
             const std::size_t at = item * kKeypointFloats + static_cast<std::size_t>(i);
             motion += double{driving[at]} * (1 + i) / 10000 - double{source[at]} * (64 - i) / 20000;
         }
