@@ -86,7 +86,7 @@ class Convolution {
         const auto amounts = graph_.constant(pad_->input(1));
         const auto all = fits && amounts ? amounts->integers(8) : std::nullopt;
         if (!all || std::any_of(all->begin(), all->end(), [](auto one) { return one < 0; }) ||
-            (*all)[0] + (*all)[1] + (*all)[4] + (*all)[5] != 0) {
+            ((*all)[0] | (*all)[1] | (*all)[4] | (*all)[5]) != 0) {
             return false;
         }
         if (!pad_->input(2).empty()) {
