@@ -29,7 +29,7 @@ using test::ScopedEnv;
 using test::TestBundle;
 using test::TestMotion;
 
-constexpr int kFrameSamples = 640;
+constexpr int kRate = 24000, kFrameSamples = kRate / 25;
 
 /// A motion source that stays open when the engine lets it go: its own opening is driven elsewhere.
 class Lent final : public MotionSource {
@@ -77,7 +77,12 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
         }));
         int ready = 0;
         while ((ready = inLibrary([&] { return zorv_utt_ready(utt.get()); })) == 0) pause();
-        if (ready == 1) return utt;
+        if (ready == 1) {
+            attempt(test::kUtterance, "zorv_utt_set_input",
+                    [&] { return zorv_utt_set_input(utt.get(), kRate); });
+            if (GetParam()) zorv_utt_set_pixels(utt.get(), ZORV_PIXELS_I420);
+            return utt;
+        }
         test::noteFailure(zorv_utt_last_error());
         utt.reset();
         return open(surroundings);
@@ -100,35 +105,54 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
         for (std::size_t i = 0; i < pcm.size(); ++i) {
             pcm[i] = static_cast<std::int16_t>(i * i % 20011);
         }
-        attempt(test::kUtterance, "zorv_utt_push_audio",
-                [&] { return zorv_utt_push_audio(utt, pcm.data(), static_cast<int>(pcm.size())); });
+        attempt(test::kUtterance, "zorv_utt_push",
+                [&] { return zorv_utt_push(utt, pcm.data(), static_cast<int>(pcm.size())); });
         inLibrary([&] { zorv_utt_end_utterance(utt); });
     }
 
-    int pull(zorv_utt* utt, zorv_utt_frame_info& info) {
+    int pull(zorv_utt* utt) {
+        zorv_utt_frame frame = {};
+        frame.struct_size = sizeof frame;
+        for (int p = 0; p < 3; ++p) {
+            frame.plane[p] = frame_.data() + p * 2048;
+            frame.stride[p] = 48 * (GetParam() ? 1 : 4);
+        }
+        frame.sound = sound_.data();
+        frame.sound_capacity = kFrameSamples;
         for (;;) {
-            const int pulled = inLibrary(
-                [&] { return zorv_utt_pull_frame(utt, frame_.data(), frame_.size(), &info); });
-            if (pulled == 1) return info.kind;
+            const int pulled = inLibrary([&] { return zorv_utt_pull(utt, &frame); });
+            if (pulled == 1) return frame.kind;
             if (hasFailed(utt)) return -1;
             pause();
         }
     }
 
+    /// The types of the events that wait, and how far the last one says that speech was shown.
+    std::string events(zorv_utt* utt) {
+        zorv_utt_event event = {};
+        event.struct_size = sizeof event;
+        std::string types;
+        while (inLibrary([&] { return zorv_utt_next_event(utt, &event); }) == 1) {
+            types += static_cast<char>('0' + event.type);
+        }
+        return types + ' ' + std::to_string(event.samples);
+    }
+
     /// Says `frames` frames and pulls to the end of the lips' way back to rest, or `interruptAt`
     /// speech frames, an interrupt, and that. Empty when the engine has told a failure.
     std::string utterance(zorv_utt* utt, int frames, int interruptAt) {
+        events(utt);
         say(utt, frames);
         std::string result;
         int speech = 0;
         for (bool interrupted = false;;) {
-            zorv_utt_frame_info info;
-            const int kind = pull(utt, info);
+            const int kind = pull(utt);
             if (kind < 0 || hasFailed(utt)) return {};
-            if (kind == 0 && speech > 0) return result;
+            if (kind == 0 && speech > 0) return result + events(utt);
             if (kind != 1 && speech == 0) continue;
             result += static_cast<char>('0' + kind);
             result.append(frame_.begin(), frame_.end());
+            result.append(reinterpret_cast<const char*>(sound_.data()), sound_.size() * 2);
             speech += kind == 1;
             if (speech == interruptAt && !interrupted) {
                 interrupted = true;
@@ -158,6 +182,7 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
   private:
     std::uint64_t failures_ = 0;
     std::vector<std::uint8_t> frame_ = std::vector<std::uint8_t>(48 * 40 * 4);
+    std::vector<std::int16_t> sound_ = std::vector<std::int16_t>(kFrameSamples);
 
   protected:
     std::string run(const UttSurroundings& surroundings) {
@@ -190,7 +215,9 @@ INSTANTIATE_TEST_SUITE_P(Pipelined, UtteranceFaults, testing::Bool());
 
 class UtteranceOpening : public UtteranceFaults {};
 
-TEST_F(UtteranceOpening, WithTheMotionEngine) {
+INSTANTIATE_TEST_SUITE_P(Engine, UtteranceOpening, testing::Values(false));
+
+TEST_P(UtteranceOpening, WithTheMotionEngine) {
     // Memory that stays out is driven in the parts: the engine above, the source in its own test.
     drive("zorv_utt_create",
           {Fault::kAllocation, Fault::kOpen, Fault::kRead, Fault::kMap, Fault::kThread}, [&] {
