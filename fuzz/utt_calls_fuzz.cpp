@@ -16,6 +16,7 @@
 
 #include "fuzz_input.h"
 #include "support/expression_dir.h"
+#include "support/random_host.h"
 #include "support/scoped_env.h"
 #include "support/test_motion.h"
 #include "support/threads.h"
@@ -45,7 +46,8 @@ struct Step {
 };
 
 /// The life of one engine: a byte for its source and modes, one for its end by silence, then two
-/// per call: thread and call, and a value; a thread of 3 ends the life.
+/// per call: thread and call, and a value; a thread of 3 ends the life. Or, told by the second
+/// byte, random runs of one host that keeps accounts of its sound, from a seed of two bytes.
 struct Life {
     explicit Life(FuzzInput& input) {
         const int flags = input.byte();
@@ -53,7 +55,11 @@ struct Life {
         options.pipelined = flags & 0x20;
         options.steady = flags & 0x40 ? "b4" : "-";
         drained = !(flags & 0x80);
-        options.silenceS = input.byte() % 4 == 3 ? 0.6 : -1;
+        const int how = input.byte();
+        options.silenceS = how % 4 == 3 ? 0.6 : -1;
+        accounts = how & 0x80;
+        if (accounts) seed = input.word();
+        if (accounts) return;
         for (int count = 0; !input.empty() && count < 80; ++count) {
             const int byte = input.byte(), thread = byte >> 6;
             if (thread == 3) break;
@@ -68,6 +74,8 @@ struct Life {
     int source;
     test::UttPlayerOptions options;
     bool drained;  ///< before it is destroyed, else destroyed at once
+    bool accounts;
+    unsigned seed = 0;
     std::vector<Step> steps[3];
 };
 
@@ -316,6 +324,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         options.nt = fuzz::kFrames;
         if (life.source == 1) options.engineDir = motion.dir();
         if (life.source == 2) options.engineDir = expression.path();
+        if (life.accounts) {
+            test::RandomRuns runs;
+            runs.player = options;
+            runs.failing = life.seed % 4 == 0;
+            if (runs.failing) runs.player.render = "render_fails";
+            test::randomRuns(runs, 1, 25, life.seed);
+            continue;
+        }
         fuzz::Performance(life, options).run();
     }
     return 0;

@@ -49,6 +49,10 @@ def utt_calls(_):
         "three_lives": (life(0, AT_ONCE) + line + pull(9) + NEXT + life(1, AT_ONCE) + push(9999) + INTERRUPT + NEXT
                         + life(0, BATCHED) + line),
     }
+    # Ten thousand random runs: 25 in each life, three lives each.
+    for number in range(134):
+        seeds[f"accounts_{number}"] = b"".join(
+            life(0, BATCHED * (n % 2), 0x80) + (3 * number + n + 1000).to_bytes(2, "little") for n in range(3))
     for source in range(3):
         for flags in (0, PIPELINED | BATCHED):
             name = f"{source}_{flags:02x}"

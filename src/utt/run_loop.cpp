@@ -298,9 +298,12 @@ bool RunLoop::speak() {
     if (pending_.count() == 0) return false;
     setState(UttState::kSpeaking);
     rampLeft_ = 0;
-    const bool late = catchUp();
+    const Lateness lateness = catchUp();
     const int pending = pending_.count();
-    const bool batches = view_.steady && !late;
+    if (lateness == Lateness::kOwing && dispatch_.busy() && utterance_.left > 0) {
+        return false;  // the exchange under way brings what is left out next, and wakes us
+    }
+    const bool batches = view_.steady && lateness == Lateness::kNone;
     const int batch = batches ? std::min(view_.steady->batch(), MotionFrames::kMax) : 0;
     if (pending < batch && dispatch_.busy() && pending + utterance_.left >= batch) {
         return false;  // the exchange under way will fill the batch, and wakes us
@@ -310,24 +313,24 @@ bool RunLoop::speak() {
 }
 
 /// With the late policy that leaves frames out: does so for each slot that was missed, keeping one.
-/// True while speech is late.
-bool RunLoop::catchUp() {
+RunLoop::Lateness RunLoop::catchUp() {
     int skip = 0;
-    bool late = false;
+    Lateness lateness = Lateness::kNone;
     {
         const MutexLock lock(state_.mutex);
-        if (!state_.settings.skipsLate || state_.generation != generation_) return false;
+        if (!state_.settings.skipsLate || state_.generation != generation_) return lateness;
         state_.passSlots();
-        late = state_.late.late();
         skip = static_cast<int>(std::min<double>(state_.late.owed(), pending_.count() - 1));
         state_.late.leftOut(skip);
+        if (state_.late.late()) lateness = Lateness::kLate;
+        if (state_.late.owed() > 0) lateness = Lateness::kOwing;
         state_.leftOutLate += static_cast<std::uint64_t>(skip);
     }
     pending_.next += skip;
     utterance_.frames += skip;
     skipped_ += skip;
     gap_ |= skip > 0;
-    return late;
+    return lateness;
 }
 
 /// Renders the first frames that are pending: together with the steady renderer when there are n

@@ -124,7 +124,12 @@ class RunLoop {
 
     bool room() const { return view_.waiting < static_cast<int>(FrameRing::kSlots); }
     bool roomForOthers() const { return room() && view_.waitingOthers < view_.idleAhead; }
-    bool catchUp();
+    enum class Lateness {
+        kNone,
+        kLate,
+        kOwing
+    };  ///< owing: too few frames were there to leave out
+    Lateness catchUp();
     void renderSpeech(int n);
     void enqueueRendered();
     void enqueue(const float* crop, FrameInfo&& info, double renderMs);

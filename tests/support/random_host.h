@@ -55,7 +55,7 @@ class RandomHost {
             listen();
             return accounts.settled() || !accounts.fault.empty();
         })) << accounts.over
-            << " of " << accounts.utterances();
+            << " of " << accounts.begun();
     }
 
     SoundAccounts accounts;

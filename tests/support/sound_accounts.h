@@ -18,15 +18,18 @@ class SoundAccounts {
     SoundAccounts(int rate, bool skips, int nt) : samples_(rate / 25), skips_(skips), nt_(nt) {}
 
     void pushed(std::uint64_t number, const std::int16_t* pcm, std::size_t n) {
-        if (number == 0) return note("a push without a number", 0);
-        if (number < utterances_.size()) note("a number from before", number);
-        utterances_.try_emplace(number).first->second.sound.insert(utterances_[number].sound.end(),
-                                                                   pcm, pcm + n);
-        if (number != utterances_.size()) note("numbers do not count on", number);
+        if (number != begun_ && number != begun_ + 1) note("numbers do not count on", number);
+        if (number > begun_) utterances_[begun_ = number];
+        const auto found = utterances_.find(number);
+        if (found == utterances_.end()) {  // it is over before its end mark
+            if (!mayFail_) note("a push to what is over", number);
+            return;
+        }
+        found->second.sound.insert(found->second.sound.end(), pcm, pcm + n);
     }
     /// An interrupt has returned.
     void interrupted() {
-        dead_ = utterances_.size();
+        dead_ = begun_;
         ramps_ = kind_ != 0;
         cut_ = true;
     }
@@ -64,15 +67,13 @@ class SoundAccounts {
         const auto size = static_cast<std::int64_t>(utterance.sound.size());
         if (event.missed != 0) note("events are missing", event.utterance);
         if (event.type == ZORV_UTT_STARTED) {
-            if (utterance.started || utterance.over || event.utterance != over + 1) {
+            if (utterance.started || event.utterance != over + 1) {
                 note("a start out of turn", event.utterance);
             }
             utterance.started = true;
             return;
         }
-        if (utterance.over || event.utterance != ++over)
-            note("an end out of turn", event.utterance);
-        utterance.over = true;
+        if (event.utterance != ++over) note("an end out of turn", event.utterance);
         if (utterance.started != (utterance.end > 0)) note("a start that was not", event.utterance);
         if (event.samples != std::min(utterance.end, size)) note("position", event.utterance);
         if (event.pts != utterance.pts) note("time of the end", event.utterance);
@@ -94,12 +95,12 @@ class SoundAccounts {
         if (static_cast<std::int64_t>(event.frames_left_out) != holes) {
             note("number of frames left out", event.utterance);
         }
-        utterance.sound = {};
+        utterances_.erase(found);
     }
 
     /// Every utterance has come to its end.
-    bool settled() const { return over == utterances_.size(); }
-    std::size_t utterances() const { return utterances_.size(); }
+    bool settled() const { return over == begun_; }
+    std::uint64_t begun() const { return begun_; }
 
     std::string fault;  ///< the first one; "" while all is well
     std::uint64_t over = 0, finished = 0, interrupts = 0, failed = 0, speech = 0, gaps = 0;
@@ -110,7 +111,7 @@ class SoundAccounts {
         std::int64_t end = 0;  ///< of the last piece that came back
         std::int64_t holes = 0;
         std::int64_t pts = -1;
-        bool started = false, over = false;
+        bool started = false;
     };
 
     void note(const char* what, std::uint64_t number) {
@@ -145,7 +146,8 @@ class SoundAccounts {
     const bool skips_;
     const int nt_;
     bool mayFail_ = false;
-    std::map<std::uint64_t, Utterance> utterances_;
+    std::map<std::uint64_t, Utterance> utterances_;  ///< that are not over
+    std::uint64_t begun_ = 0;
     std::uint64_t dead_ = 0;
     std::int64_t pts_ = -1;
     int frame_ = -1, kind_ = 0;  ///< of the last frame
