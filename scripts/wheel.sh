@@ -31,19 +31,20 @@ cp build/wheel/licences/{onnxruntime*,stb,speexdsp}.txt "$stage/licences"
 # The libraries that every Linux of the tag has.
 everywhere='^(lib(c|m|dl|rt|pthread|gcc_s|stdc\+\+)\.so|ld-linux)'
 needed() { objdump -p "$1" | awk '$1 == "NEEDED" {print $2}' | grep -vE "$everywhere" || true; }
-collect() { # library; what it needs comes with it
-    local from=$1 to name
-    name=$(objdump -p "$from" | awk '$1 == "SONAME" {print $2}')
-    to="$stage/zorv/lib/$name"
+# Another package of the process may bring its own of these, so ours have names of their own.
+own_name() { echo "libzorv_${1#lib}"; }
+collect() { # library, name; what it needs comes with it
+    local from=$1 to="$stage/zorv/lib/$2" name
     [ ! -f "$to" ] || return 0
     cp -L "$from" "$to"
     strip --strip-unneeded "$to"
-    patchelf --set-rpath '$ORIGIN' "$to"
+    patchelf --set-soname "$2" --set-rpath '$ORIGIN' "$to"
     for name in $(needed "$from"); do
-        collect "$(ldd "$from" | awk -v name="$name" '$1 == name {print $3}')"
+        patchelf --replace-needed "$name" "$(own_name "$name")" "$to"
+        collect "$(ldd "$from" | awk -v name="$name" '$1 == name {print $3}')" "$(own_name "$name")"
     done
 }
-collect build/wheel/lib/libzorv_core.so
+collect build/wheel/lib/libzorv_core.so libzorv_core.so.0
 
 glibc=$(objdump -T "$stage"/zorv/lib/* | grep -oE 'GLIBC_2\.[0-9]+' | sort -Vu | tail -n 1)
 ZORV_WHEEL_PLATFORM="manylinux_2_${glibc#GLIBC_2.}_$(uname -m)"

@@ -14,7 +14,7 @@ EXAMPLES = Path(__file__).parents[1] / "examples"
 class Examples(unittest.TestCase):
     def run_example(self, name, *arguments, folder):
         done = subprocess.run([sys.executable, EXAMPLES / name, *map(str, arguments)], cwd=folder,
-                              capture_output=True, text=True, timeout=240)
+                              capture_output=True, text=True, timeout=540)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         return done.stdout
 

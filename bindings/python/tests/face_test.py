@@ -1,5 +1,4 @@
 import asyncio
-import gc
 import os
 import subprocess
 import sys

@@ -36,7 +36,7 @@ asyncio.run(live())
 
 def run(*command, cwd, **environment):
     done = subprocess.run([str(part) for part in command], cwd=cwd, env=environment,
-                          capture_output=True, text=True, timeout=300)
+                          capture_output=True, text=True, timeout=1200)
     if done.returncode or done.stderr:
         sys.exit(f"{command}: {done.returncode}\n{done.stdout}{done.stderr}")
 

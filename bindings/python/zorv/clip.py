@@ -11,7 +11,7 @@ from typing import TYPE_CHECKING, Any, Callable, Iterator, Optional
 
 from . import _encoder
 from ._library import (FPS, FRAME_CALLBACK, KEYPOINT_FLOATS, RATE, SAMPLES_PER_FRAME, PathLike,
-                       ZorvError, c_integer, fail, last_error, lib, model_threads, open_context,
+                       ZorvError, fail, last_error, lib, model_threads, open_context,
                        path_bytes)
 from ._sound import Samples, address
 from .frame import Frame, FrameFlags, Memory, place_of
