@@ -3,7 +3,7 @@
 //   batch_bench, with ZORV_DEMO_BUNDLE and ZORV_DEMO_ENCODER (defaults under build/demo)
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <cmath>
 #include <cstdlib>
@@ -32,12 +32,8 @@ std::vector<float> clip(std::int64_t seconds) {
     return audio;
 }
 
-using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
-using Delta = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
-using Stream = std::unique_ptr<zorv_stream, decltype(&zorv_stream_destroy)>;
-
-Context openContext() {
-    Context ctx(zorv_create(demoBundle().c_str(), "render", 1, nullptr), zorv_destroy);
+zorv::ContextPtr openContext() {
+    zorv::ContextPtr ctx = zorv::openContext(demoBundle(), "render", 1);
     for (int i = 0; i < zorv_nt(ctx.get()); ++i) zorv_target_frame(ctx.get(), i);
     return ctx;
 }
@@ -54,9 +50,7 @@ void deltasAlone(benchmark::State& state) {
     const auto audio = clip(state.range(0));
     const int frames = static_cast<int>(audio.size() / 640);
     std::vector<float> out(static_cast<std::size_t>(frames) * 63);
-    const Delta fca(
-        zorv_fca_create(demoEncoder().c_str(), (demoBundle() + "/fca_stream.onnx").c_str(), 1),
-        zorv_fca_destroy);
+    const zorv::DeltaPtr fca = zorv::openDelta(demoEncoder(), demoBundle() + "/fca_stream.onnx", 1);
     for (auto _ : state) {
         if (zorv_fca_deltas(fca.get(), audio.data(), static_cast<int>(audio.size()), out.data(),
                             frames) != frames) {
@@ -68,7 +62,7 @@ void deltasAlone(benchmark::State& state) {
 }
 
 void rendersAlone(benchmark::State& state) {
-    const Context ctx = openContext();
+    const zorv::ContextPtr ctx = openContext();
     const std::int64_t frames = state.range(0) * 25;
     for (auto _ : state) {
         for (std::int64_t i = 0; i < frames; ++i) {
@@ -83,7 +77,7 @@ void rendersAlone(benchmark::State& state) {
 }
 
 void pastesAlone(benchmark::State& state) {
-    const Context ctx = openContext();
+    const zorv::ContextPtr ctx = openContext();
     const std::int64_t frames = state.range(0) * 25;
     const float* crop = zorv_render_drive_crop(ctx.get(), 0);
     if (!crop) {
@@ -104,10 +98,9 @@ void pastesAlone(benchmark::State& state) {
 void wholeStream(benchmark::State& state) {
     const auto audio = clip(state.range(0));
     const int frames = static_cast<int>(audio.size() / 640);
-    const Stream stream(zorv_stream_create(demoBundle().c_str(), demoEncoder().c_str(), 1, 0, 1.0f),
-                        zorv_stream_destroy);
+    const zorv::StreamPtr stream = zorv::openStream(demoBundle(), demoEncoder(), 1);
     // Decodes the target frames, which later runs find in the cache.
-    if (!stream || zorv_stream_run(stream.get(), audio.data(), 16000 * 10, nullptr, nullptr) < 0) {
+    if (zorv_stream_run(stream.get(), audio.data(), 16000 * 10, nullptr, nullptr) < 0) {
         state.SkipWithError(zorv_stream_last_error());
         return;
     }

@@ -5,7 +5,7 @@
 // resident pages of files, which all processes and handles that map them share.
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <chrono>
 #include <cstdio>
@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "demo_subject.h"
-#include "sources.h"
+#include "live_engine.h"
 #include "stopwatch.h"
 #include "workload.h"
 
@@ -60,11 +60,6 @@ struct Family {
     void (*use)(void* handle);
 };
 
-Handle opened(void* handle, void (*destroy)(void*), const char* error) {
-    if (!handle) throw std::runtime_error(error);
-    return {handle, destroy};
-}
-
 std::vector<float> speech() {
     std::vector<float> samples;
     for (const int16_t sample : spokenSound(kSeconds)) {
@@ -74,9 +69,7 @@ std::vector<float> speech() {
 }
 
 Handle openContext() {
-    return opened(
-        zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr),
-        [](void* ctx) { zorv_destroy(static_cast<zorv_ctx*>(ctx)); }, zorv_last_error());
+    return Handle(zorv::openContext(zorv::bench::demoBundle(), "render", kThreads));
 }
 void useContext(void* handle) {
     auto* ctx = static_cast<zorv_ctx*>(handle);
@@ -90,11 +83,8 @@ void useContext(void* handle) {
 }
 
 Handle openStream() {
-    return opened(
-        zorv_stream_create(zorv::bench::demoBundle().c_str(), zorv::bench::demoEncoder().c_str(),
-                           kThreads, 0, 1),
-        [](void* stream) { zorv_stream_destroy(static_cast<zorv_stream*>(stream)); },
-        zorv_stream_last_error());
+    return Handle(
+        zorv::openStream(zorv::bench::demoBundle(), zorv::bench::demoEncoder(), kThreads));
 }
 void useStream(void* handle) {
     const std::vector<float> samples = speech();
@@ -105,87 +95,64 @@ void useStream(void* handle) {
 }
 
 Handle openMotion() {
-    return opened(
-        zorv_motion_create(zorv::bench::demoMotion().c_str(), kThreads, nullptr),
-        [](void* motion) { zorv_motion_destroy(static_cast<zorv_motion*>(motion)); },
-        zorv_motion_last_error());
+    return std::make_shared<zorv::Motion>(zorv::openMotion(zorv::bench::demoMotion(), kThreads));
 }
 Handle openExpression() {
-    return opened(
-        zorv_a2x_create(zorv::bench::demoExpression().c_str(), kThreads),
-        [](void* a2x) { zorv_a2x_destroy(static_cast<zorv_a2x*>(a2x)); }, zorv_a2x_last_error());
+    return std::make_shared<zorv::Expression>(
+        zorv::openExpression(zorv::bench::demoExpression(), kThreads));
 }
 
 /** Speech in pieces of half a second, frames pulled as they come. */
-template <class Family>
+template <class Engine>
 void useSource(void* handle) {
-    auto* source = static_cast<typename Family::Handle*>(handle);
-    Family::reset(source, 0, 1, 1);
-    KeypointFrames frames;
+    auto& source = *static_cast<Engine*>(handle);
+    source.reset(0, 1, 1);
+    zorv::KeypointFrames frames;
     const std::vector<float> samples = speech();
     constexpr size_t kPiece = 8000;
     for (size_t at = 0; at < samples.size(); at += kPiece) {
-        Family::push(source, samples.data() + at, static_cast<int>(kPiece));
-        while (Family::avail(source) > 0) {
-            Family::pull(source, frames.target.data(), frames.source.data(), frames.driving.data(),
-                         KeypointFrames::kCapacity);
+        source.push(samples.data() + at, static_cast<int>(kPiece));
+        while (source.pull(frames) > 0) {
         }
     }
 }
 
-/** An utterance engine and its context. */
-struct Session {
-    explicit Session(const std::string& source)
-        : ctx(zorv_create(zorv::bench::demoBundle().c_str(), "render", kThreads, nullptr)),
-          utt(ctx ? zorv_utt_open(ctx, source.c_str()) : nullptr) {
-        while (utt && zorv_utt_ready(utt) == 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        if (zorv_utt_ready(utt) < 0) {
-            throw std::runtime_error(std::string(zorv_last_error()) + zorv_utt_last_error());
-        }
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-    ~Session() {
-        zorv_utt_destroy(utt);
-        zorv_destroy(ctx);
-    }
-
-    zorv_ctx* ctx;
-    zorv_utt* utt;
-};
-
+Handle openSession(const std::string& motionDir) {
+    LiveSetup setup;
+    setup.bundle = zorv::bench::demoBundle();
+    setup.motionDir = motionDir;
+    setup.threads = kThreads;
+    return std::make_shared<LiveEngine>(setup);
+}
 Handle openMotionSession() {
-    return std::make_shared<Session>(zorv::bench::demoMotion());
+    return openSession(zorv::bench::demoMotion());
 }
 Handle openExpressionSession() {
-    return std::make_shared<Session>(zorv::bench::demoExpression());
+    return openSession(zorv::bench::demoExpression());
 }
 
 /** All target frames, then the speech, as fast as frames come. */
 void useSession(void* handle) {
-    auto& session = *static_cast<Session*>(handle);
-    std::vector<uint8_t> rgba(static_cast<size_t>(zorv_width(session.ctx)) *
-                              static_cast<size_t>(zorv_height(session.ctx)) * 4);
+    const auto& session = *static_cast<LiveEngine*>(handle);
+    std::vector<uint8_t> rgba(session.frameBytes());
     const std::vector<int16_t> sound = spokenSound(kSeconds);
-    const int idle = zorv_nt(session.ctx);
+    const int idle = session.targetFrames();
     for (int pulled = 0; pulled < idle + 25 * kSeconds;) {
-        if (!zorv_utt_pull_frame(session.utt, rgba.data(), rgba.size(), nullptr)) {
+        if (!zorv_utt_pull_frame(session.utt(), rgba.data(), rgba.size(), nullptr)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             continue;
         }
         if (++pulled != idle) continue;
-        zorv_utt_push_audio(session.utt, sound.data(), static_cast<int>(sound.size()));
-        zorv_utt_end_utterance(session.utt);
+        zorv_utt_push_audio(session.utt(), sound.data(), static_cast<int>(sound.size()));
+        zorv_utt_end_utterance(session.utt());
     }
 }
 
 constexpr Family kFamilies[] = {
     {"context", openContext, useContext},
     {"batch stream", openStream, useStream},
-    {"motion engine", openMotion, useSource<Motion>},
-    {"expression engine", openExpression, useSource<Expression>},
+    {"motion engine", openMotion, useSource<zorv::Motion>},
+    {"expression engine", openExpression, useSource<zorv::Expression>},
     {"utterance engine, motion", openMotionSession, useSession},
     {"utterance engine, expression", openExpressionSession, useSession},
 };

@@ -10,7 +10,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -36,12 +36,12 @@ using zorv::bench::cpuSeconds;
 using zorv::bench::demoMotion;
 using zorv::bench::median;
 using zorv::bench::wallSeconds;
-using MotionPtr = std::unique_ptr<zorv_motion, decltype(&zorv_motion_destroy)>;
+using MotionPtr = std::unique_ptr<zorv_motion, zorv::Destroy<zorv_motion_destroy>>;
 
 constexpr int kSecond = 16000;
 
 MotionPtr openEngine() {
-    return {zorv_motion_create(demoMotion().c_str(), 1, nullptr), &zorv_motion_destroy};
+    return MotionPtr(zorv_motion_create(demoMotion().c_str(), 1, nullptr));
 }
 
 /// A buzz whose pitch and loudness wander.

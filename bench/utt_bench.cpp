@@ -6,6 +6,7 @@
 // All in real time; ZORV_DEMO_BUNDLE, ZORV_DEMO_MOTION, ZORV_DEMO_EXPRESSION and ZORV_DEMO_ENCODER
 // name the subject.
 #include <sys/resource.h>
+#include <zorv_core.hpp>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -210,23 +211,19 @@ json idle(const Settings& settings) {
 }
 
 /// Processor seconds that the source needs for the sound in pieces of 20 ms.
-template <class Family>
-double sourceCpu(typename Family::Handle* handle, const std::vector<int16_t>& sound) {
-    const std::unique_ptr<typename Family::Handle, decltype(Family::destroy)> owner(
-        handle, Family::destroy);
-    Family::reset(handle, 0, 1, 0);
-    Family::setEager(handle, -1);
-    KeypointFrames frames;
+template <class Engine>
+double sourceCpu(Engine engine, const std::vector<int16_t>& sound) {
+    engine.reset();
+    engine.setEager(-1);
+    zorv::KeypointFrames frames;
     const double cpu = cpuSeconds();
     for (size_t at = 0; at + kPieceSamples <= sound.size(); at += kPieceSamples) {
         float piece[kPieceSamples];
         for (size_t i = 0; i < kPieceSamples; ++i) {
             piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
         }
-        Family::push(handle, piece, kPieceSamples);
-        while (Family::avail(handle) > 0) {
-            Family::pull(handle, frames.target.data(), frames.source.data(), frames.driving.data(),
-                         KeypointFrames::kCapacity);
+        engine.push(piece, kPieceSamples);
+        while (engine.pull(frames) > 0) {
         }
     }
     return cpuSeconds() - cpu;
@@ -234,8 +231,7 @@ double sourceCpu(typename Family::Handle* handle, const std::vector<int16_t>& so
 
 /// Processor seconds of one run of a renderer model.
 double renderCpu(const LiveSetup& setup, const char* key) {
-    const std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)> ctx(
-        zorv_create(setup.bundle.c_str(), key, setup.threads, nullptr), zorv_destroy);
+    const zorv::ContextPtr ctx = zorv::openContext(setup.bundle, key, setup.threads);
     constexpr int kRuns = 100;
     for (int i = 0; i < 10; ++i) zorv_render_drive_crop(ctx.get(), i);
     const double cpu = cpuSeconds();
@@ -249,11 +245,10 @@ json cost(const Settings& settings) {
     const LiveSetup setup = setupOf(settings);
     const std::vector<int16_t> sound = soundOf(settings, static_cast<int>(60 * settings.minutes));
     const double seconds = static_cast<double>(sound.size()) / 16000;
-    const char* dir = setup.motionDir.c_str();
     const bool motion = settings.source == "motion";
     const double source =
-        (motion ? sourceCpu<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound)
-                : sourceCpu<Expression>(zorv_a2x_create(dir, setup.threads), sound)) /
+        (motion ? sourceCpu(zorv::openMotion(setup.motionDir, setup.threads), sound)
+                : sourceCpu(zorv::openExpression(setup.motionDir, setup.threads), sound)) /
         seconds;
     // A frame rendered alone costs about as much as one of a batch.
     const double render = 25 * renderCpu(setup, "render");

@@ -38,8 +38,8 @@ set_target_properties(zorv_core PROPERTIES INSTALL_RPATH "${library_paths}")
 install(TARGETS zorv_core EXPORT zorv_coreTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/include/zorv_core.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/include/zorv_core.h ${PROJECT_SOURCE_DIR}/include/zorv_core.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT zorv_coreTargets NAMESPACE zorv:: DESTINATION ${ZORV_PACKAGE_DIR}
     COMPONENT development)
 

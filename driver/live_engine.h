@@ -1,11 +1,10 @@
 // An utterance engine on a bundle, opened and ready to speak.
 #pragma once
 
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace zorv::driver {
@@ -35,12 +34,8 @@ class LiveEngine {
     void check() const { check_(); }
 
   private:
-    struct Destroy {
-        void operator()(zorv_ctx* ctx) const { zorv_destroy(ctx); }
-        void operator()(zorv_utt* utt) const { zorv_utt_destroy(utt); }
-    };
-    std::unique_ptr<zorv_ctx, Destroy> ctx_;
-    std::unique_ptr<zorv_utt, Destroy> utt_;  // goes before its context
+    ContextPtr ctx_;
+    UtterancePtr utt_;  // goes before its context
     std::function<void()> check_;
     double readySeconds_ = 0;
 };

@@ -1,10 +1,11 @@
 #include "sources.h"
 
+#include <zorv_core.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -22,16 +23,10 @@ int sourceEager(int option) {
     return option == kHybrid || asked ? kHybridSteps : kAdaptive;
 }
 
-template <class Family>
-size_t feed(typename Family::Handle* handle, const std::vector<int16_t>& sound, int eager) {
-    if (!handle) {
-        throw std::runtime_error(std::string("cannot open the motion source again: ") +
-                                 Family::lastError() + "; run it again");
-    }
-    const std::unique_ptr<typename Family::Handle, decltype(Family::destroy)> owner(
-        handle, Family::destroy);
-    Family::setEager(handle, eager);
-    Family::reset(handle, 0, 1, 1);
+template <class Engine>
+size_t feed(Engine engine, const std::vector<int16_t>& sound, int eager) {
+    engine.setEager(eager);
+    engine.reset(0, 1, 1);
     size_t pieces = 0;
     for (size_t at = 0; at < sound.size(); at += kPieceSamples) {
         float piece[kPieceSamples];
@@ -40,8 +35,8 @@ size_t feed(typename Family::Handle* handle, const std::vector<int16_t>& sound, 
             piece[i] = static_cast<float>(sound[at + i]) * (1.0f / 32768);
         }
         ++pieces;
-        if (!Family::push(handle, piece, static_cast<int>(count))) break;
-        if (Family::avail(handle) > 0) break;
+        engine.push(piece, static_cast<int>(count));
+        if (engine.avail() > 0) break;
     }
     return pieces;
 }
@@ -53,12 +48,14 @@ bool isExpressionDir(const std::string& motionDir) {
     return std::filesystem::exists(motionDir + "/a2x_enc_stream.onnx", error);
 }
 
-size_t piecesBeforeFirstFrame(const LiveSetup& setup, const std::vector<int16_t>& sound) {
-    const char* dir = setup.motionDir.c_str();
+size_t piecesBeforeFirstFrame(const LiveSetup& setup, const std::vector<int16_t>& sound) try {
     const int eager = sourceEager(setup.eager);
     return isExpressionDir(setup.motionDir)
-               ? feed<Expression>(zorv_a2x_create(dir, setup.threads), sound, eager)
-               : feed<Motion>(zorv_motion_create(dir, setup.threads, nullptr), sound, eager);
+               ? feed(openExpression(setup.motionDir, setup.threads), sound, eager)
+               : feed(openMotion(setup.motionDir, setup.threads), sound, eager);
+} catch (const Error& error) {
+    throw std::runtime_error(std::string("cannot open the motion source again: ") + error.what() +
+                             "; run it again");
 }
 
 }  // namespace zorv::driver

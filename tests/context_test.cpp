@@ -9,17 +9,15 @@
 #include <vector>
 
 #include "support/test_bundle.h"
-#include "zorv_core.h"
+#include "zorv_core.hpp"
 
 namespace zorv {
 namespace {
 
 using test::TestBundle;
 
-using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
-
-Context open(const TestBundle& bundle, const char* key = "render") {
-    return Context(zorv_create(bundle.dir().c_str(), key, 0, nullptr), zorv_destroy);
+ContextPtr open(const TestBundle& bundle, const char* key = "render") {
+    return ContextPtr(zorv_create(bundle.dir().c_str(), key, 0, nullptr));
 }
 
 std::string openError(const TestBundle& bundle, const char* key = "render") {
@@ -39,7 +37,7 @@ class ContextTest : public testing::Test {
 };
 
 TEST_F(ContextTest, PasteAndRgbaAgree) {
-    const Context owner = open(bundle);
+    const ContextPtr owner = open(bundle);
     ASSERT_TRUE(owner) << zorv_last_error();
     zorv_ctx* ctx = owner.get();
     const std::vector<float> source(63, 0.1f), driving(63, 0.3f);
@@ -93,7 +91,7 @@ TEST_F(ContextTest, FailedRenderAndTargetLeaveTheContextUsable) {
     bundle.useModel("render", "render_fails");
     bundle.remove("target_frames/frame_000001.jpg");
     bundle.noise("target_frames/frame_000002.jpg");
-    const Context owner = open(bundle);
+    const ContextPtr owner = open(bundle);
     ASSERT_TRUE(owner) << zorv_last_error();
     zorv_ctx* ctx = owner.get();
     const std::vector<float> good(63, 0.0f), bad(63, 1000.0f);

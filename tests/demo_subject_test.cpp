@@ -16,13 +16,12 @@
 
 #include "support/scoped_env.h"
 #include "support/test_bundle.h"
-#include "zorv_core.h"
+#include "zorv_core.hpp"
 
 namespace zorv {
 namespace {
 
 namespace fs = std::filesystem;
-using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
 
 template <class T>
 std::vector<T> readArray(const std::string& path) {
@@ -53,8 +52,8 @@ class DemoSubject : public testing::Test {
         mask_ = readArray<std::uint8_t>(source_ + "/mask_512.u8");
     }
 
-    Context open(const char* key) const {
-        return Context(zorv_create(dir_.path().c_str(), key, 2, nullptr), zorv_destroy);
+    ContextPtr open(const char* key) const {
+        return ContextPtr(zorv_create(dir_.path().c_str(), key, 2, nullptr));
     }
 
     /// Mean absolute difference of `rgb` to target frame i over the pixels under the mask.
@@ -91,7 +90,7 @@ class DemoSubject : public testing::Test {
 
 TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
     for (const char* key : {"render", "b24_fp32", "synth", "refined", "refined_int8"}) {
-        const Context ctx = open(key);
+        const ContextPtr ctx = open(key);
         ASSERT_TRUE(ctx) << zorv_last_error();
         for (const int frame : {0, zorv_nt(ctx.get()) / 2, zorv_nt(ctx.get()) - 1}) {
             const float* rest = keypoints_.data() + 63 * frame;
@@ -106,7 +105,7 @@ TEST_F(DemoSubject, AtRestTheCropVanishesInItsFrame) {
 }
 
 TEST_F(DemoSubject, TheInt8VariantKeepsThePicture) {
-    const Context exact = open("refined"), int8 = open("refined_int8");
+    const ContextPtr exact = open("refined"), int8 = open("refined_int8");
     ASSERT_TRUE(exact && int8) << zorv_last_error();
     const auto pixels = static_cast<std::size_t>(zorv_crop(exact.get()) * zorv_crop(exact.get()));
     for (int k = 0; k < zorv_drive_frames(exact.get()); k += 15) {
@@ -137,7 +136,7 @@ TEST_F(DemoSubject, Int8ModelsNeedTheirOperator) {
 }
 
 TEST_F(DemoSubject, TheStoredSequenceMovesTheFace) {
-    const Context ctx = open("render");
+    const ContextPtr ctx = open("render");
     ASSERT_TRUE(ctx) << zorv_last_error();
     const auto targets = readArray<std::int32_t>(source_ + "/drive/si.i32");
     double largest = 0;

@@ -2,7 +2,7 @@
 // memory runs out at every allocation: the call that meets it says so, nothing leaks, hangs or is
 // lost, and made again the call gives what it always gives.
 #include <gtest/gtest.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cstdint>
@@ -48,30 +48,21 @@ void add(std::string& result, const T* values, std::size_t n) {
     if (values) result.append(reinterpret_cast<const char*>(values), n * sizeof(T));
 }
 
-template <auto Destroy>
-struct Deleter {
-    template <class Handle>
-    void operator()(Handle* handle) const {
-        Destroy(handle);
-    }
-};
-using Context = std::unique_ptr<zorv_ctx, Deleter<zorv_destroy>>;
-using Stream = std::unique_ptr<zorv_stream, Deleter<zorv_stream_destroy>>;
-using Motion = std::unique_ptr<zorv_motion, Deleter<zorv_motion_destroy>>;
-using A2x = std::unique_ptr<zorv_a2x, Deleter<zorv_a2x_destroy>>;
+using MotionPtr = std::unique_ptr<zorv_motion, Destroy<zorv_motion_destroy>>;
+using ExpressionPtr = std::unique_ptr<zorv_a2x, Destroy<zorv_a2x_destroy>>;
 
 /// Audio of so few frames that the engines run each model, but few times.
 std::vector<float> speech(int frames) {
     return test::speechLike(640 * frames);
 }
 
-Context openContext(const TestBundle& bundle, const char* model) {
-    return Context(attempt(test::kContext, "zorv_create",
-                           [&] { return zorv_create(bundle.dir().c_str(), model, 1, ""); }));
+ContextPtr openContext(const TestBundle& bundle, const char* model) {
+    return ContextPtr(attempt(test::kContext, "zorv_create",
+                              [&] { return zorv_create(bundle.dir().c_str(), model, 1, ""); }));
 }
 
 std::string openAndMeasure(const TestBundle& bundle, const char* model) {
-    const Context context = openContext(bundle, model);
+    const ContextPtr context = openContext(bundle, model);
     const int sizes[] = {zorv_nt(context.get()), zorv_width(context.get()),
                          zorv_height(context.get()), zorv_crop(context.get()),
                          zorv_drive_frames(context.get())};
@@ -125,7 +116,7 @@ TEST_F(ContextFaults, Opening) {
 
 TEST_F(ContextFaults, Rendering) {
     for (const char* model : {"warped", "own"}) {
-        const Context context(zorv_create(bundle.dir().c_str(), model, 1, ""));
+        const ContextPtr context(zorv_create(bundle.dir().c_str(), model, 1, ""));
         ASSERT_TRUE(context) << zorv_last_error();
         drive(model, allFaults(), [&] { return renderAll(context.get(), bundle); });
     }
@@ -161,8 +152,8 @@ class StreamFaults : public testing::Test {
         bundle.useModel("render", "render");
         test::writeFile(bundle.path("fca_stream.onnx"), test::readFile(modelFile("fca_stream")));
     }
-    Stream open() {
-        return Stream(attempt(test::kStream, "zorv", [&] {
+    StreamPtr open() {
+        return StreamPtr(attempt(test::kStream, "zorv", [&] {
             return zorv_stream_create(bundle.dir().c_str(), encoder.c_str(), 1, 1, 1);
         }));
     }
@@ -172,13 +163,13 @@ class StreamFaults : public testing::Test {
 
 TEST_F(StreamFaults, Opening) {
     drive("zorv_stream_create", allFaults(), [&] {
-        const Stream stream = open();
+        const StreamPtr stream = open();
         return std::to_string(zorv_stream_width(stream.get()));
     });
 }
 
 TEST_F(StreamFaults, Running) {
-    const Stream stream = open();
+    const StreamPtr stream = open();
     ASSERT_TRUE(stream) << zorv_stream_last_error();
     const std::vector<float> audio = speech(8);
     drive("zorv_stream_run", allFaults(), [&] {
@@ -215,9 +206,9 @@ struct Keypoints {
 
 class MotionFaults : public testing::Test {
   protected:
-    Motion open() {
-        return Motion(attempt(test::kMotion, "zorv_motion_create",
-                              [&] { return zorv_motion_create(files.dir().c_str(), 1, ""); }));
+    MotionPtr open() {
+        return MotionPtr(attempt(test::kMotion, "zorv_motion_create",
+                                 [&] { return zorv_motion_create(files.dir().c_str(), 1, ""); }));
     }
     const TestMotion files;
 };
@@ -231,7 +222,8 @@ TEST_F(MotionFaults, Streaming) {
     constexpr int kFrames = 110;  // longer than the memory that an engine sets aside
     const std::vector<float> audio = speech(kFrames);
     drive("zorv_motion stream", kMemory, [&] {
-        const Motion motion(zorv_motion_create(files.dir().c_str(), 1, ""));  // has bound nothing
+        const MotionPtr motion(
+            zorv_motion_create(files.dir().c_str(), 1, ""));  // has bound nothing
         attempt(test::kMotion, "zorv_motion_push", [&] {
             return zorv_motion_push(motion.get(), audio.data(), static_cast<int>(audio.size()));
         });
@@ -277,9 +269,9 @@ class A2xFaults : public testing::Test {
         add(result, frames.driving, 20 * kSet);
         return result;
     }
-    A2x open() {
-        return A2x(attempt(test::kA2x, "zorv_a2x_create",
-                           [&] { return zorv_a2x_create(dir.path().c_str(), 1); }));
+    ExpressionPtr open() {
+        return ExpressionPtr(attempt(test::kA2x, "zorv_a2x_create",
+                                     [&] { return zorv_a2x_create(dir.path().c_str(), 1); }));
     }
 
     const ScopedEnv encoder{"W2V_ONNX", modelFile("a2x_w2v")};
@@ -292,7 +284,8 @@ TEST_F(A2xFaults, OpeningAndStreaming) {
     drive("zorv_a2x_create", allFaults(),
           [&] { return std::to_string(zorv_a2x_nt(open().get())); });
     drive("zorv_a2x stream", kMemory, [&] {
-        const A2x engine(zorv_a2x_create(dir.path().c_str(), 1));  // has bound nothing yet
+        const ExpressionPtr engine(
+            zorv_a2x_create(dir.path().c_str(), 1));  // has bound nothing yet
         return stream(engine.get());
     });
 }
@@ -305,7 +298,7 @@ TEST_F(A2xFaults, ShortWindowsAndSilence) {
     drive("zorv_a2x_create, short windows", {Fault::kAllocation},
           [&] { return std::to_string(zorv_a2x_nt(open().get())); });
     drive("zorv_a2x stream, short windows", kMemory, [&] {
-        const A2x engine(zorv_a2x_create(dir.path().c_str(), 1));
+        const ExpressionPtr engine(zorv_a2x_create(dir.path().c_str(), 1));
         return stream(engine.get());
     });
 }

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -18,11 +18,8 @@ namespace {
 using test::modelFile;
 using test::speechLike;
 
-using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
-
-FcaPtr openFca(const std::string& encoder = "encoder", const std::string& stream = "fca_stream") {
-    return {zorv_fca_create(modelFile(encoder).c_str(), modelFile(stream).c_str(), 1),
-            &zorv_fca_destroy};
+DeltaPtr openFca(const std::string& encoder = "encoder", const std::string& stream = "fca_stream") {
+    return DeltaPtr(zorv_fca_create(modelFile(encoder).c_str(), modelFile(stream).c_str(), 1));
 }
 
 /// The algorithm as a whole-clip computation: every array at full length, every threshold from a
@@ -147,7 +144,7 @@ class Reference {
 };
 
 TEST(FcaDeltas, EqualsTheWholeClipComputationAroundEveryEdge) {
-    const FcaPtr fca = openFca();
+    const DeltaPtr fca = openFca();
     ASSERT_TRUE(fca) << zorv_fca_last_error();
     Reference reference;
     // Around one frame, the warm-up, the context, and the frames at which windows take over.
@@ -177,7 +174,7 @@ TEST(FcaDeltas, EqualsTheWholeClipComputationAroundEveryEdge) {
 }
 
 TEST(FcaDeltas, SamplesThatAreNotFiniteCountAsZero) {
-    const FcaPtr fca = openFca();
+    const DeltaPtr fca = openFca();
     ASSERT_TRUE(fca);
     std::vector<float> bad = speechLike(640 * 220), zeros = bad;
     for (const auto& [at, value] : {std::pair{5, NAN}, {640 * 150, INFINITY}}) {
@@ -193,7 +190,7 @@ TEST(FcaModels, WhatDoesNotFitIsReportedAndTheHandleStaysUsable) {
     const std::vector<float> audio = speechLike(640);
     std::vector<float> out(63);
     const auto failure = [&](const std::string& encoder, const std::string& stream) -> std::string {
-        const FcaPtr fca = openFca(encoder, stream);
+        const DeltaPtr fca = openFca(encoder, stream);
         if (!fca) return zorv_fca_last_error();
         for (int i = 0; i < 2; ++i) {  // fails the same way every time
             EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), 640, out.data(), 1), -1);

@@ -1,7 +1,7 @@
 // zorv inspect: names all that the library would refuse in a bundle, and nothing else.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -64,29 +64,25 @@ std::string findingsOf(const BundleReport& report) {
     return text;
 }
 
-using Context = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
-
-Context openContext(const TestBundle& bundle, const std::string& key = "render") {
-    return {zorv_create(bundle.dir().c_str(), key.c_str(), 1, nullptr), &zorv_destroy};
+ContextPtr openContext(const TestBundle& bundle, const std::string& key = "render") {
+    return ContextPtr(zorv_create(bundle.dir().c_str(), key.c_str(), 1, nullptr));
 }
 bool opens(const TestBundle& bundle) {
     return openContext(bundle) != nullptr;
 }
 bool renders(const TestBundle& bundle) {
-    const Context context = openContext(bundle);
+    const ContextPtr context = openContext(bundle);
     return context && zorv_render_drive_crop(context.get(), 0);
 }
 bool shows(const TestBundle& bundle, int frame) {
-    const Context context = openContext(bundle);
+    const ContextPtr context = openContext(bundle);
     return context && zorv_target_frame(context.get(), frame);
 }
 bool speaks(const TestBundle& bundle) {
-    zorv_stream* stream =
-        zorv_stream_create(bundle.dir().c_str(), test::modelFile("encoder").c_str(), 1, 0, 1.0f);
+    const StreamPtr stream(
+        zorv_stream_create(bundle.dir().c_str(), test::modelFile("encoder").c_str(), 1, 0, 1.0f));
     const std::vector<float> audio(640, 0.1f);
-    const bool made = stream && zorv_stream_run(stream, audio.data(), 640, nullptr, nullptr) == 1;
-    if (stream) zorv_stream_destroy(stream);
-    return made;
+    return stream && zorv_stream_run(stream.get(), audio.data(), 640, nullptr, nullptr) == 1;
 }
 
 TEST(Inspect, ShowsWhatAGoodBundleHolds) {

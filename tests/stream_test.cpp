@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <atomic>
 #include <cstring>
@@ -25,14 +25,11 @@ using test::speechLike;
 using test::TestBundle;
 using test::waitUntilOthersSleep;
 
-using CtxPtr = std::unique_ptr<zorv_ctx, decltype(&zorv_destroy)>;
-using FcaPtr = std::unique_ptr<zorv_fca, decltype(&zorv_fca_destroy)>;
-using StreamPtr = std::unique_ptr<zorv_stream, decltype(&zorv_stream_destroy)>;
 using Frames = std::vector<std::vector<std::uint8_t>>;
 
 StreamPtr openStream(const TestBundle& bundle, int skip = 0, float gain = 1) {
-    return {zorv_stream_create(bundle.dir().c_str(), modelFile("encoder").c_str(), 1, skip, gain),
-            &zorv_stream_destroy};
+    return StreamPtr(
+        zorv_stream_create(bundle.dir().c_str(), modelFile("encoder").c_str(), 1, skip, gain));
 }
 
 /// Collects what a run delivers and checks the callback's contract.
@@ -65,10 +62,9 @@ struct Collector {
 /// The same video, one step after the other on one thread.
 Frames sequentialFrames(const TestBundle& bundle, const std::vector<float>& audio, int skip,
                         float gain, const std::vector<int>& targets) {
-    const CtxPtr ctx(zorv_create(bundle.dir().c_str(), "render", 1, nullptr), &zorv_destroy);
-    const FcaPtr fca(
-        zorv_fca_create(modelFile("encoder").c_str(), bundle.path("fca_stream.onnx").c_str(), 1),
-        &zorv_fca_destroy);
+    const ContextPtr ctx(zorv_create(bundle.dir().c_str(), "render", 1, nullptr));
+    const DeltaPtr fca(
+        zorv_fca_create(modelFile("encoder").c_str(), bundle.path("fca_stream.onnx").c_str(), 1));
     const int count = static_cast<int>(targets.size());
     std::vector<float> offsets(targets.size() * 63);
     EXPECT_EQ(zorv_fca_deltas(fca.get(), audio.data(), static_cast<int>(audio.size()),

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the library, moves the tree, and builds a C program against it from elsewhere: through
+# Installs the library, moves the tree, and builds programs against it from elsewhere: through
 # find_package and through pkg-config, run with an empty environment.
 #   install_test.sh BUILD_DIR SOURCES
 set -euo pipefail
@@ -27,10 +27,11 @@ expect() { # program
 }
 
 mkdir "$work/project"
-cp "$sources/main.c" "$sources/CMakeLists.txt" "$work/project"
+cp "$sources"/main.c* "$sources/CMakeLists.txt" "$work/project"
 cmake -S "$work/project" -B "$work/build" -DCMAKE_PREFIX_PATH="$root" >"$work/log" &&
     cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 expect "$work/build/host"
+expect "$work/build/host_cpp"
 
 export PKG_CONFIG_PATH="$(dirname "$library")/pkgconfig"
 eval cc -std=c99 "'$work/project/main.c'" -o "'$work/host'" \

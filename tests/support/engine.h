@@ -1,7 +1,7 @@
 // The two families that turn pushed speech into keypoint frames, as one.
 #pragma once
 
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cstddef>
@@ -78,34 +78,6 @@ class Engine {
 
 using EnginePtr = std::unique_ptr<Engine>;
 
-struct MotionFamily {
-    using Handle = zorv_motion;
-    static constexpr auto destroy = zorv_motion_destroy;
-    static constexpr auto nt = zorv_motion_nt;
-    static constexpr auto reset = zorv_motion_reset;
-    static constexpr auto setEager = zorv_motion_set_eager;
-    static constexpr auto push = zorv_motion_push;
-    static constexpr auto finish = zorv_motion_finish;
-    static constexpr auto total = zorv_motion_total;
-    static constexpr auto avail = zorv_motion_avail;
-    static constexpr auto pull = zorv_motion_pull;
-    static constexpr auto error = zorv_motion_last_error;
-};
-
-struct ExpressionFamily {
-    using Handle = zorv_a2x;
-    static constexpr auto destroy = zorv_a2x_destroy;
-    static constexpr auto nt = zorv_a2x_nt;
-    static constexpr auto reset = zorv_a2x_reset;
-    static constexpr auto setEager = zorv_a2x_set_eager;
-    static constexpr auto push = zorv_a2x_push;
-    static constexpr auto finish = zorv_a2x_finish;
-    static constexpr auto total = zorv_a2x_total;
-    static constexpr auto avail = zorv_a2x_avail;
-    static constexpr auto pull = zorv_a2x_pull;
-    static constexpr auto error = zorv_a2x_last_error;
-};
-
 template <class Family>
 class FamilyEngine final : public Engine {
   public:
@@ -113,7 +85,7 @@ class FamilyEngine final : public Engine {
 
     /// Takes the handle over; a null one throws the family's text.
     explicit FamilyEngine(Handle* handle) : handle_(handle, Family::destroy) {
-        if (!handle) throw std::runtime_error(Family::error());
+        if (!handle) throw std::runtime_error(Family::lastError());
     }
     Handle* get() const { return handle_.get(); }
 
@@ -130,7 +102,7 @@ class FamilyEngine final : public Engine {
     int pull(int* index, float* source, float* driving, int max) override {
         return Family::pull(get(), index, source, driving, max);
     }
-    std::string error() override { return Family::error(); }
+    std::string error() override { return Family::lastError(); }
 
   private:
     std::unique_ptr<Handle, void (*)(Handle*)> handle_;

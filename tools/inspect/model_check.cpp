@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <onnxruntime_cxx_api.h>
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -200,11 +200,6 @@ std::optional<int64_t> batchOf(const ModelReport& model, const char* pooled, Fil
     return std::nullopt;
 }
 
-struct DestroyContext {
-    void operator()(zorv_ctx* context) const { zorv_destroy(context); }
-};
-using Context = std::unique_ptr<zorv_ctx, DestroyContext>;
-
 /// A crop of frame 0, or of the first frame of the stored sequence.
 const float* renderOne(zorv_ctx* context) {
     if (zorv_drive_frames(context) > 0) return zorv_render_drive_crop(context, 0);
@@ -257,7 +252,7 @@ struct Trial {
     Trial(const std::string& directory, const std::string& key) {
         throwIfInterrupted();
         const int threads = static_cast<int>(std::thread::hardware_concurrency());
-        const Context context(zorv_create(directory.c_str(), key.c_str(), threads, nullptr));
+        const ContextPtr context(zorv_create(directory.c_str(), key.c_str(), threads, nullptr));
         if (!context) {
             failure = fmt::format("the library cannot open it: {}", zorv_last_error());
             return;

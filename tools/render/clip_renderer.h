@@ -42,6 +42,10 @@ std::vector<std::string> engineNames();
 /// Threads for the models: as asked for, else (0) one per processor.
 int modelThreads(int asked);
 
+/// Of the expression engine: the encoder that the environment names.
+std::unique_ptr<ClipRenderer> openExpressionRenderer(const RenderOptions& options);
+std::unique_ptr<ClipRenderer> openMotionRenderer(const RenderOptions& options);
+
 /// Engine "fca": the library's batch stream does everything.
 std::unique_ptr<ClipRenderer> openStreamRenderer(const RenderOptions& options);
 

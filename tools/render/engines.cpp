@@ -6,8 +6,6 @@
 #include "clip_renderer.h"
 #include "failure.h"
 #include "input_check.h"
-#include "keypoint_engine.h"
-#include "sources.h"
 
 namespace zorv::tools {
 namespace {
@@ -48,16 +46,6 @@ void checkMotionOptions(const RenderOptions& options) {
     checkMotionDir(options);
 }
 
-std::unique_ptr<ClipRenderer> openMotionRenderer(const RenderOptions& options) {
-    zorv_motion* engine =
-        zorv_motion_create(options.motionDir.c_str(), modelThreads(options.threads), nullptr);
-    if (!engine) {
-        fail("cannot open the motion directory '{}': {}; prepare it again", options.motionDir,
-             zorv_motion_last_error());
-    }
-    return openKeypointRenderer(options, std::make_unique<FamilyEngine<driver::Motion>>(engine));
-}
-
 // ZORV_A2X_... settings of the environment hold, so that the short-window form of the speech
 // encoder can be tried, too.
 void checkExpressionOptions(const RenderOptions& options) {
@@ -65,21 +53,15 @@ void checkExpressionOptions(const RenderOptions& options) {
     checkEncoder(options);
 }
 
-std::unique_ptr<ClipRenderer> openExpressionRenderer(const RenderOptions& options) {
+std::unique_ptr<ClipRenderer> openWithEncoder(const RenderOptions& options) {
     nameEncoder(options.encoder);
-    zorv_a2x* engine = zorv_a2x_create(options.motionDir.c_str(), modelThreads(options.threads));
-    if (!engine) {
-        fail("cannot open '{}' with encoder '{}': {}; check the directory and the encoder",
-             options.motionDir, options.encoder, zorv_a2x_last_error());
-    }
-    return openKeypointRenderer(options,
-                                std::make_unique<FamilyEngine<driver::Expression>>(engine));
+    return openExpressionRenderer(options);
 }
 
 constexpr Engine kEngines[] = {
     {"fca", checkStreamOptions, openStreamRenderer},
     {"motion", checkMotionOptions, openMotionRenderer},
-    {"a2x", checkExpressionOptions, openExpressionRenderer},
+    {"a2x", checkExpressionOptions, openWithEncoder},
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
 // --engine fca: the library's batch stream does everything.
-#include <zorv_core.h>
+#include <zorv_core.hpp>
 
 #include <exception>
 
@@ -8,11 +8,6 @@
 
 namespace zorv::tools {
 namespace {
-
-struct Destroy {
-    void operator()(zorv_stream* stream) const { zorv_stream_destroy(stream); }
-};
-using Stream = std::unique_ptr<zorv_stream, Destroy>;
 
 /// Where the frames go while the stream runs, and why it was stopped.
 struct Delivery {
@@ -64,7 +59,7 @@ class StreamRenderer : public ClipRenderer {
     }
 
   private:
-    Stream stream_;
+    StreamPtr stream_;
 };
 
 }  // namespace
