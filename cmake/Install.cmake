@@ -65,6 +65,15 @@ if(TARGET zorv)
         COMPONENT tools)
 endif()
 
+if(TARGET gstzorv)
+    set_target_properties(gstzorv PROPERTIES INSTALL_RPATH "")
+    if(NOT CMAKE_INSTALL_FULL_LIBDIR MATCHES "^/usr/lib")
+        set_target_properties(gstzorv PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+    endif()
+    install(TARGETS gstzorv LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0
+        COMPONENT gstreamer)
+endif()
+
 include(Licences)
 if(ZORV_LICENCES_MISSING)
     list(JOIN ZORV_LICENCES_MISSING ", " missing)

@@ -3,6 +3,7 @@
 #   libzorv-core0      the library, and a runtime that the system does not provide
 #   libzorv-core-dev   header, link, pkg-config file, CMake package
 #   zorv               the command line
+#   gstreamer1.0-zorv  the GStreamer plugin, where it was built
 set(CPACK_PACKAGE_NAME zorv-core)
 set(CPACK_PACKAGE_VENDOR "")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "zorv_core packaging <packaging@zorv.invalid>"
@@ -17,6 +18,9 @@ set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_COMPONENTS_ALL library development)
 if(TARGET zorv)
     list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+if(TARGET gstzorv)
+    list(APPEND CPACK_COMPONENTS_ALL gstreamer)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
@@ -51,6 +55,14 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "${synopsis} - command line
 Renders clips, speaks in real time with a report of its timing, inspects
 subjects and measures whether a mouth follows the sound.")
+
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-zorv)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_DEPENDS "${library} (= ${version})")
+set(CPACK_DEBIAN_GSTREAMER_DESCRIPTION
+"${synopsis} - GStreamer plugin
+The element zorvface turns a stream of speech into video of a talking face.")
 
 # Libraries of our own are no package's yet: the dependency on the same version stands for them.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY} ${ort_dir})
@@ -109,6 +121,9 @@ install(FILES ${ZORV_PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzorv-cor
     COMPONENT development EXCLUDE_FROM_ALL)
 if(TARGET zorv)
     zorv_package_documents(tools zorv ${ZORV_LICENCES_tools})
+endif()
+if(TARGET gstzorv)
+    zorv_package_documents(gstreamer gstreamer1.0-zorv)
 endif()
 
 include(CPack)

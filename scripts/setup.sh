@@ -2,7 +2,7 @@
 # Installs what building zorv needs and finds (or fetches) ONNX Runtime.
 #
 #   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
-#   scripts/setup.sh --dev      also what the full test run needs (clang, doxygen, valgrind, qemu ...)
+#   scripts/setup.sh --dev      also what the full test run needs (clang, doxygen, GStreamer, qemu ...)
 #   scripts/setup.sh --package  also what scripts/package.sh needs (Debian's packaging tools, the
 #                               licence texts of a fetched runtime)
 #   scripts/setup.sh --wheel    also what scripts/wheel.sh needs (Python's packaging tools, patchelf,
@@ -27,10 +27,15 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
 PYTHON_PACKAGES=(python3-av python3-distributed mypy)
-DEV_PACKAGES=(clang clang-format clang-tidy cppcheck valgrind qemu-user llvm git doxygen dpkg-dev)
+GSTREAMER_BUILD_PACKAGES=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev)
+GSTREAMER_PACKAGES=("${GSTREAMER_BUILD_PACKAGES[@]}" gstreamer1.0-tools gstreamer1.0-libav
+                    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+                    gstreamer1.0-plugins-ugly nginx libnginx-mod-rtmp)
+DEV_PACKAGES=("${GSTREAMER_PACKAGES[@]}" clang clang-format clang-tidy cppcheck valgrind qemu-user
+              llvm git doxygen dpkg-dev)
 
 WHEEL_PACKAGES=(python3-build python3-setuptools python3-wheel python3-venv patchelf)
-PACKAGE_PACKAGES=(dpkg-dev fakeroot lintian xz-utils)
+PACKAGE_PACKAGES=("${GSTREAMER_BUILD_PACKAGES[@]}" dpkg-dev fakeroot lintian xz-utils)
 
 say() { printf '[setup] %s\n' "$*" >&2; }
 die() { printf '[setup] %s\n' "$*" >&2; exit 1; }
