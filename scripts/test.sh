@@ -92,6 +92,8 @@ if [ "$ALL" = 1 ]; then
     say 'the Python package in environments of its own'
     scripts/wheel.sh
     python3 bindings/python/tests/wheel_test.py . build/demo
+    say 'the Node package where it is installed'
+    scripts/node.sh --test
     say 'tests with the portable paths'
     ZORV_SIMD=portable ctest --preset release -j 2 -LE 'slow|large' -E '^(memcheck|without_avx|install|demo|library|header)'
 fi
