@@ -42,11 +42,7 @@ class WorkerGuard {
 }  // namespace
 
 StreamRun::StreamRun(const zorv_stream& stream, const float* offsets, int frames)
-    : stream_(stream),
-      offsets_(offsets),
-      frames_(frames),
-      ring_(std::size_t{3} * static_cast<unsigned>(stream.crop) *
-            static_cast<unsigned>(stream.crop)) {}
+    : stream_(stream), offsets_(offsets), frames_(frames), ring_(cropFloats(stream.crop)) {}
 
 bool StreamRun::deliver(zorv_frame_callback callback, void* user) {
     preload();
@@ -85,8 +81,6 @@ void StreamRun::render() noexcept {
 void StreamRun::renderFrames() {
     const std::vector<float> noBase(kKeypointFloats);
     std::vector<float> driving(kKeypointFloats);
-    const auto cropFloats =
-        std::size_t{3} * static_cast<unsigned>(stream_.crop) * static_cast<unsigned>(stream_.crop);
     TargetWalk walk = walkFrom(stream_);
     for (int k = stream_.skipFrames; k < frames_ && !stream_.cancelled; ++k, walk.advance()) {
         const int frame = walk.current();
@@ -104,7 +98,7 @@ void StreamRun::renderFrames() {
         // The renderer's buffer is overwritten by its next render, hence the copy.
         float* slot = ring_.acquire();
         if (!slot) return;
-        std::copy_n(crop, cropFloats, slot);
+        std::copy_n(crop, cropFloats(stream_.crop), slot);
         ring_.publish();
     }
 }
