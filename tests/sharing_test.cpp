@@ -1,5 +1,6 @@
-// What contexts of one process share: the same bundle's frames are decoded once, whichever thread
-// asks, a bundle that changes on disk is another one, and the last context frees what was shared.
+// What contexts of one process share: the same bundle's frames are decoded once and equal models
+// opened once, whichever thread asks, what changes on disk is another one, and the last user frees
+// what was shared.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,8 +16,10 @@
 #include "capi/zorv_ctx.h"
 #include "common/once.h"
 #include "common/shared_registry.h"
+#include "render/renderer_model.h"
 #include "support/failure.h"
 #include "support/kernels.h"
+#include "support/scoped_env.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
@@ -86,6 +89,11 @@ class SharedFrames : public testing::Test {
                     ctx.packed(form, bytes.data()));
         return bytes;
     }
+    std::vector<float> crop(Renderer& renderer, int i) const {
+        const std::vector<float> keypoints = bundle.baseKeypoints(1);
+        const float* rgb = renderer.render(&i, keypoints.data(), keypoints.data(), 1);
+        return {rgb, rgb + face.size()};
+    }
     /// By another file, so that the outcome does not hang on the clock of the file system.
     void replace(const std::string& name, const std::string& content) const {
         test::writeFile(bundle.path("new"), content);
@@ -128,9 +136,11 @@ TEST_F(SharedFrames, ABundleThatChangesOnDiskIsAnotherOne) {
 
 TEST_F(SharedFrames, ContextsComeAndGoOnEightThreads) {
     std::vector<std::vector<std::uint8_t>> expected;
+    std::vector<std::vector<float>> crops;
     const int frames = bundle.options().nt;
     {
         const auto ctx = open();
+        for (int i = 0; i < frames; ++i) crops.push_back(crop(*ctx->renderer, i));
         for (int i = 0; i < 4 * frames; ++i)
             expected.push_back(frame(*ctx, i % frames, i / frames));
     }
@@ -144,9 +154,58 @@ TEST_F(SharedFrames, ContextsComeAndGoOnEightThreads) {
                 EXPECT_TRUE(test::same(frame(*ctx, at % frames, at / frames),
                                        expected[static_cast<std::size_t>(at)]))
                     << "frame " << at % frames << " kind " << at / frames;
+                EXPECT_EQ(crop(*ctx->renderer, at % frames),
+                          crops[static_cast<std::size_t>(at % frames)]);
             }
         }
     });
+}
+
+TEST_F(SharedFrames, EqualModelsAreOneUntilFileThreadsOrASwitchDiffer) {
+    const std::string path = bundle.path("model_render.onnx");
+    const auto model = [](const std::string& file, int threads = 1) {
+        return openRendererModel(file, "render", threads, {});
+    };
+    auto first = model(path);
+    EXPECT_EQ(model(path), first);
+    EXPECT_EQ(model(bundle.dir() + "/drive/../model_render.onnx"), first);
+    EXPECT_NE(model(path, 2), first);
+    for (const auto& [name, value] : {std::pair{"ZORV_GS_FAST", "0"},
+                                      {"ZORV_INT8", "0"},
+                                      {"ZORV_INT8_FOLD", "0"},
+                                      {"ZORV_RESIZE_FAST", "0"},
+                                      {"ZORV_ORT_SPIN", "1"},
+                                      {"ZORV_KLEIDIAI", "1"},
+                                      {"ZORV_SHARE", "0"}}) {
+        const test::ScopedEnv env(name, value);
+        EXPECT_NE(model(path), first) << name;
+    }
+    const std::string good = test::readFile(path);
+    replace("model_render.onnx", good.substr(0, good.size() / 2));
+    EXPECT_NE(test::failure([&] { model(path); }), "no failure");
+    replace("model_render.onnx", good);
+    EXPECT_NE(model(path), first);
+
+    const std::weak_ptr<const Model> freed = first;
+    first.reset();
+    EXPECT_TRUE(freed.expired());
+}
+
+TEST_F(SharedFrames, AStopOfOneRendererIsNotSeenByAnotherOfTheSameModel) {
+    const auto stopped = open(), other = open();
+    const auto expected = crop(*other->renderer, 1);
+    std::atomic<bool> done{false};
+    std::thread renders([&] {
+        while (!done) EXPECT_EQ(crop(*other->renderer, 1), expected);
+    });
+    for (int i = 0; i < 50; ++i) {
+        stopped->renderer->stop();
+        EXPECT_NE(test::failure([&] { crop(*stopped->renderer, 1); }), "no failure");
+        stopped->renderer->rearm();
+        EXPECT_EQ(crop(*stopped->renderer, 1), expected);
+    }
+    done = true;
+    renders.join();
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
 #include "render/custom_operators.h"
 
-#include <mutex>
+#include "common/mutex.h"
 
 namespace zorv {
 namespace {
 
-std::mutex& creationMutex() {
-    static std::mutex mutex;
+/// Guards the runtime's table of custom domains, which the creation of a session reads and writes.
+Mutex& creationMutex() {
+    static Mutex mutex;
     return mutex;
 }
 
@@ -14,13 +15,13 @@ std::mutex& creationMutex() {
 
 Ort::Session createOperatorSession(const Ort::Env& env, const std::string& path,
                                    const Ort::SessionOptions& options) {
-    const std::lock_guard lock(creationMutex());
+    const MutexLock lock(creationMutex());
     return Ort::Session(env, path.c_str(), options);
 }
 
 Ort::Session createOperatorSession(const Ort::Env& env, const void* model, std::size_t bytes,
                                    const Ort::SessionOptions& options) {
-    const std::lock_guard lock(creationMutex());
+    const MutexLock lock(creationMutex());
     return Ort::Session(env, model, bytes, options);
 }
 

@@ -110,7 +110,7 @@ void Renderer::Impl::load(const Manifest& manifest, const std::string& modelKey,
     featSynth = opened->input("fs_red") != nullptr;
     batch = findBatch(*opened);
     model.emplace(opened, contractOf(featSynth, batch, manifest.crop),
-                  switchedOn("ZORV_ARENA_SHRINK") ? GiveBack::kAlways : GiveBack::kNever);
+                  switchedOn("ZORV_ARENA_SHRINK") ? GiveBack::kAlways : GiveBack::kAfterFirst);
 }
 
 std::int32_t Renderer::Impl::findBatch(const Model& opened) {

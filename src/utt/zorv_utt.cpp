@@ -122,7 +122,8 @@ void zorv_utt::warmUp() {
     }
     // The run loop renders nothing before the engine is ready.
     const zorv::Drive& drive = ctx_.drive;
-    if (drive.frames > 0) {
+    // The second render pays for the memory that the first one learned of.
+    for (int i = 0; i < 2 && drive.frames > 0; ++i) {
         ctx_.renderer->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
         if (steady) steady->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
     }
