@@ -250,7 +250,7 @@ TEST_F(RenderCommand, RendersThroughTheExpressionEngine) {
     const auto mistake = [&](const std::string& advice) { expectMistake(arguments, advice); };
     const test::ExpressionDir brief({.rows = 30});
     arguments.back() = brief.path();
-    mistake("rendering stopped after frame 30 of 100: the engine has no more frames");
+    mistake("rendering stopped after frame 30 of 100: zorv_a2x: end of a2x_pos.f32");
     const test::ExpressionDir longer({.nt = 4});
     arguments.back() = longer.path();
     mistake("is for a subject of 4 target frames");

@@ -100,7 +100,7 @@ class ProgramTest : public testing::Test {
     void expectAdvice(const Outcome& outcome, int code, const std::string& advice) {
         EXPECT_EQ(outcome.code, code) << outcome.err;
         std::string err = outcome.err;
-        while (!err.empty() && err.find(" left\n") < err.find('\n'))
+        while (!err.empty() && (err[0] == '[' || err.find(" left\n") < err.find('\n')))
             err.erase(0, err.find('\n') + 1);
         while (err.starts_with("\x1b[")) err.erase(0, err.find('\n') + 1);
         EXPECT_EQ(err.rfind("zorv: ", 0), 0u) << outcome.err;
