@@ -466,7 +466,7 @@ ZORV_API zorv_stream* zorv_stream_create(const char* bundle_dir, const char* enc
  * Returns the number of frames delivered, ceil(n_samples / 640) - skipFrames; 0 when that is
  * below 1; -1 on failure, with the frames before the failure delivered. When a render failed,
  * zorv_last_error tells why on the calling thread.
- * Thread-safety: one thread at a time per stream; the stream must not be NULL.
+ * Thread-safety: one thread at a time per stream.
  */
 ZORV_API int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
                              zorv_frame_callback callback, void* user);
@@ -478,9 +478,9 @@ ZORV_API int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samp
  */
 ZORV_API void zorv_stream_cancel(zorv_stream* stream);
 
-/** Frame width in pixels. The stream must not be NULL. Any thread. */
+/** Frame width in pixels; 0 for NULL. Any thread. */
 ZORV_API int zorv_stream_width(zorv_stream* stream);
-/** Frame height in pixels. The stream must not be NULL. Any thread. */
+/** Frame height in pixels; 0 for NULL. Any thread. */
 ZORV_API int zorv_stream_height(zorv_stream* stream);
 
 /** Frees the stream. NULL is allowed. Any thread; no run may be in progress. */

@@ -84,7 +84,7 @@ TEST_F(A2xProcess, CreationFailsWithTheRuntimesTextWhenTheEncoderDoesNotLoad) {
     EXPECT_TRUE(lines.at(0).starts_with("zorv_a2x_create: Load model from /no such file"));
 }
 
-TEST_F(A2xProcess, RefusedCudaIsSaidOncePerPlacementAndChangesNothing) {
+TEST_F(A2xProcess, RefusedCudaIsSaidOncePerProviderChoiceAndChangesNothing) {
     const auto refused = [](const std::string& line, const std::string& tag) {
         return line.starts_with("[zorv_a2x] CUDA EP append failed (" + tag + "): ") &&
                line.ends_with(" -- falling back to CPU");

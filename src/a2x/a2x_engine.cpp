@@ -30,7 +30,7 @@ using zorv::kSamplesPerFrame;
 
 zorv_a2x::zorv_a2x(const std::string& dir, int threads)
     : threads_(engineThreads(threads)),
-      placement_(threads_, "enc/dec"),
+      provider_(threads_, "enc/dec"),
       meta_(dir),
       tables_(dir, meta_),
       enc_left_(meta_.fieldOf(meta_.left)),
@@ -42,8 +42,8 @@ zorv_a2x::zorv_a2x(const std::string& dir, int threads)
       enc_out_(limit_, static_cast<std::size_t>(meta_.h)),
       frames_(limit_, kKeypointFloats) {
     openSharedEncoder();
-    enc_.emplace(placement_.open(dir + "/a2x_enc_stream.onnx"), meta_);
-    dec_.emplace(placement_.open(dir + "/a2x_dec.onnx"), meta_.h);
+    enc_.emplace(provider_.open(dir + "/a2x_enc_stream.onnx"), meta_);
+    dec_.emplace(provider_.open(dir + "/a2x_dec.onnx"), meta_.h);
     primeWithSilence();
 }
 
@@ -150,7 +150,7 @@ int zorv_a2x::pull(int* idx, float* src, float* drv, int max) {
             *drv++ = own[i] + offsets[i];
         }
     }
-    frames_.letGo(pulled_);
+    frames_.releaseBefore(pulled_);
     return count;
 }
 
@@ -205,20 +205,20 @@ void zorv_a2x::encode(std::int64_t upto) {
         const float* rows = encodeChunk(track_.feat, s, e, end);
         std::copy_n(rows, (e - s) * meta_.h, enc_out_.row(s));
         enc_done_ = e;
-        letGoBehindEncoder();
+        releaseBehindEncoder();
     }
 }
 
-void zorv_a2x::letGoBehindEncoder() {
+void zorv_a2x::releaseBehindEncoder() {
     if (enc_done_ >= limit_) {  // the stream ends here
-        track_.feat.letGo(limit_);
-        audio_.letGo(audio_.rows());
+        track_.feat.releaseBefore(limit_);
+        audio_.releaseBefore(audio_.rows());
         return;
     }
-    track_.feat.letGo(std::max<std::int64_t>(enc_done_ - enc_left_, 0));
+    track_.feat.releaseBefore(std::max<std::int64_t>(enc_done_ - enc_left_, 0));
     const std::int64_t heard = use_win_ ? shortWindowStart(track_.w2v_next, win_right_)
                                         : track_.w2v_next * kSamplesPerFrame;
-    audio_.letGo(std::max<std::int64_t>(heard, 0));
+    audio_.releaseBefore(std::max<std::int64_t>(heard, 0));
 }
 
 void zorv_a2x::decodeFrame(const float* ctx, DecoderState& state, float* offsets) {
@@ -228,13 +228,14 @@ void zorv_a2x::decodeFrame(const float* ctx, DecoderState& state, float* offsets
     }
 }
 
-// Frames count as decoded when all of the call's are; the state is carried on even so.
+// A failure part way counts none of the call's frames as decoded, though the state has moved on
+// over those before it.
 void zorv_a2x::decode(std::int64_t upto) {
     for (std::int64_t t = dec_done_; t < upto; ++t) {
         decodeFrame(enc_out_.row(t), state_, frames_.row(t));
     }
     dec_done_ = upto;
-    enc_out_.letGo(dec_done_);
+    enc_out_.releaseBefore(dec_done_);
 }
 
 void zorv_a2x::deltas(const float* pcm, int n, float* out) {
@@ -253,6 +254,6 @@ void zorv_a2x::deltas(const float* pcm, int n, float* out) {
         for (std::int64_t t = s; t < e; ++t, rows += meta_.h, out += kKeypointFloats) {
             decodeFrame(rows, state, out);
         }
-        track.feat.letGo(std::max<std::int64_t>(e - enc_left_, 0));
+        track.feat.releaseBefore(std::max<std::int64_t>(e - enc_left_, 0));
     }
 }

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "a2x/a2x_placement.h"
+#include "a2x/a2x_provider.h"
 #include "a2x/a2x_settings.h"
 #include "common/error.h"
 #include "common/log.h"
@@ -47,17 +47,17 @@ Mutex g_zeroemb_mtx;
 /// Constant once it is not empty.
 std::vector<float> g_zeroemb ZORV_GUARDED_BY(g_zeroemb_mtx);
 
-std::shared_ptr<const Model> openChecked(Placement& placement, const std::string& path,
+std::shared_ptr<const Model> openChecked(ProviderChoice& provider, const std::string& path,
                                          const ModelContract& contract) {
-    auto model = placement.open(path);
+    auto model = provider.open(path);
     ModelAgreement(*model, contract);
     return model;
 }
 
 void armLocked(const char* trunkPath, const char* headPath, int threads) ZORV_REQUIRES(g_w2v_mtx) {
-    Placement placement(threads, kW2vTag);
-    auto trunk = openChecked(placement, trunkPath, trunkContract());
-    auto head = openChecked(placement, headPath, headContract());
+    ProviderChoice provider(threads, kW2vTag);
+    auto trunk = openChecked(provider, trunkPath, trunkContract());
+    auto head = openChecked(provider, headPath, headContract());
     const std::vector<std::int64_t>& shape = trunk->outputs()[0].shape;
     const std::int64_t steps = shape.size() == 3 && shape[2] >= 1 ? shape[2] : 0;
     g_w2vwin_LT = steps;
@@ -106,8 +106,8 @@ void requireRoom(std::int64_t right, std::int64_t steps, const Model& trunk) {
 std::shared_ptr<const Model> get_shared_w2v(const std::string& path, int threads) {
     const MutexLock lock(g_w2v_mtx);
     if (!g_w2v_session) {
-        Placement placement(threads, kW2vTag);
-        g_w2v_session = openChecked(placement, path, legacyContract());
+        ProviderChoice provider(threads, kW2vTag);
+        g_w2v_session = openChecked(provider, path, legacyContract());
     }
     return g_w2v_session;
 }

@@ -25,16 +25,16 @@ class PagedRows {
     }
 
     /// Rows below `first` will not be read until the next clear().
-    void letGo(std::int64_t first) {
+    void releaseBefore(std::int64_t first) {
         const std::size_t end = static_cast<std::size_t>(first < rows_ ? first : rows_) * width_;
         if (end < kept_ + kLeastFloats && end < floats_.size()) return;  // not worth a call yet
-        floats_.discard(kept_, end);
+        floats_.release(kept_, end);
         kept_ = end;
     }
 
     /// All rows are zero again and use no memory.
     void clear() {
-        floats_.discard(0, floats_.size());
+        floats_.release(0, floats_.size());
         kept_ = 0;
     }
 

@@ -58,17 +58,21 @@ int zorv_a2x_nt(zorv_a2x* a2x) {
 }
 
 void zorv_a2x_set_eager(zorv_a2x* a2x, int eager) {
-    if (a2x) a2x->set_eager(eager);
+    if (!a2x) return;
+    zorv::guarded<A2xError>("zorv_a2x_set_eager", [&] { a2x->set_eager(eager); });
 }
 
 int zorv_a2x_push(zorv_a2x* a2x, const float* pcm, int n) {
     if (!a2x || (!pcm && n > 0)) return fail("zorv_a2x_push: NULL a2x/pcm", 0);
-    a2x->push(pcm, n);
-    return 1;
+    return zorv::guarded<A2xError>("zorv_a2x_push", 0, [&] {
+        a2x->push(pcm, n);
+        return 1;
+    });
 }
 
 void zorv_a2x_finish(zorv_a2x* a2x) {
-    if (a2x) a2x->finish();
+    if (!a2x) return;
+    zorv::guarded<A2xError>("zorv_a2x_finish", [&] { a2x->finish(); });
 }
 
 int zorv_a2x_look_ahead(const zorv_a2x* a2x) {
@@ -94,10 +98,7 @@ int zorv_a2x_pull(zorv_a2x* a2x, int* idx, float* src, float* drv, int max) {
 
 void zorv_a2x_reset(zorv_a2x* a2x, int start, int dir, int loop) {
     if (!a2x) return;
-    zorv::guarded<A2xError>("zorv_a2x_reset", 0, [&] {
-        a2x->reset(start, dir, loop != 0);
-        return 1;
-    });
+    zorv::guarded<A2xError>("zorv_a2x_reset", [&] { a2x->reset(start, dir, loop != 0); });
 }
 
 int zorv_a2x_deltas(zorv_a2x* a2x, const float* pcm, int n, float* out, int max_frames) {

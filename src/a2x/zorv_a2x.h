@@ -11,7 +11,7 @@
 
 #include "a2x/a2x_features.h"
 #include "a2x/a2x_model.h"
-#include "a2x/a2x_placement.h"
+#include "a2x/a2x_provider.h"
 #include "a2x/paged_rows.h"
 #include "common/error.h"
 
@@ -72,7 +72,7 @@ struct zorv_a2x {
     void produceFeatures(std::int64_t upto);
     void encode(std::int64_t upto);
     void decode(std::int64_t upto);
-    void letGoBehindEncoder();
+    void releaseBehindEncoder();
     /// Encoder rows [s, e) within a sequence of `end` frames. Valid until the next encoder run.
     const float* encodeChunk(zorv::a2x::PagedRows& feat, std::int64_t s, std::int64_t e,
                              std::int64_t end);
@@ -81,7 +81,7 @@ struct zorv_a2x {
 
     // Constant after creation, but for what the models keep of their last run.
     const int threads_;  ///< of the model runtime, for the sessions that this engine loads
-    zorv::a2x::Placement placement_;
+    zorv::a2x::ProviderChoice provider_;
     const zorv::a2x::Meta meta_;
     zorv::a2x::Tables tables_;
     const std::int64_t enc_left_, enc_right_;  ///< receptive field of the encoder, frames

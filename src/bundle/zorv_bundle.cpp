@@ -200,9 +200,9 @@ std::vector<float> loadPlacements(const Manifest& manifest) {
     return all;
 }
 
-Identity::Identity(const Manifest& manifest) : NT_(manifest.NT), crop_(manifest.crop) {
+Identity::Identity(const Manifest& manifest) : crop_(manifest.crop) {
     const std::string dir = manifest.dir + "/";
-    const std::size_t frames = toCount(NT_);
+    const std::size_t frames = toCount(manifest.NT);
     const std::size_t side = toCount(crop_);
     const std::size_t imageBytes = fileSize(side, fileSize(side, 3 * 2));
 

@@ -97,7 +97,6 @@ class Identity {
     bool hasFsRed() const { return !fsRedMap_.empty(); }
 
   private:
-    int NT_;
     int crop_;
     MappedFile pooled64Map_;
     MappedFile pMap_;

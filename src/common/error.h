@@ -30,7 +30,7 @@ class ErrorText {
         whole_.clear();
     }
     /// Clears it and keeps no memory.
-    void letGo() noexcept {
+    void release() noexcept {
         clear();
         std::string().swap(whole_);
     }
@@ -83,7 +83,7 @@ class LastError {
     /// later, those of static objects at exit among them, may still make calls.
     struct Text {
         Text() : value() {}
-        ~Text() { value.letGo(); }
+        ~Text() { value.release(); }
         union {
             ErrorText value;
         };
@@ -105,6 +105,15 @@ Result guarded(const char* function, Result failure, Body&& body) {
         Errors::set(function, error);
         return failure;
     }
+}
+
+/// The same for functions that return nothing.
+template <class Errors, class Body>
+void guarded(const char* function, Body&& body) {
+    guarded<Errors>(function, 0, [&] {
+        body();
+        return 0;
+    });
 }
 
 }  // namespace zorv

@@ -23,7 +23,7 @@ ZeroedPages::~ZeroedPages() {
     if (base_) ::munmap(base_, bytes_);
 }
 
-void ZeroedPages::discard(std::size_t begin, std::size_t end) {
+void ZeroedPages::release(std::size_t begin, std::size_t end) {
     const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     const std::size_t first = (begin + page - 1) / page * page;
     // The last page belongs to this mapping alone.

@@ -40,7 +40,7 @@ class ZeroedPages {
 
     /// Bytes [begin, end) will not be read before they are written again: gives back the memory
     /// of the whole pages inside, which then read as zeros; the edges keep what they hold.
-    void discard(std::size_t begin, std::size_t end);
+    void release(std::size_t begin, std::size_t end);
 
   private:
     void* base_ = nullptr;
@@ -58,9 +58,9 @@ class ZeroedArray {
     const T* data() const { return static_cast<const T*>(pages_.data()); }
     std::size_t size() const { return size_; }
 
-    /// ZeroedPages::discard of elements [begin, end).
-    void discard(std::size_t begin, std::size_t end) {
-        pages_.discard(begin * sizeof(T), end * sizeof(T));
+    /// ZeroedPages::release of elements [begin, end).
+    void release(std::size_t begin, std::size_t end) {
+        pages_.release(begin * sizeof(T), end * sizeof(T));
     }
 
   private:

@@ -60,15 +60,13 @@ int zorv_motion_push(zorv_motion* motion, const float* samples, int n) {
 void zorv_motion_finish(zorv_motion* motion) {
     MotionError::clear();
     if (!motion) return;
-    zorv::guarded<MotionError>("zorv_motion_finish", 0, [&] {
-        motion->finish();
-        return 1;
-    });
+    zorv::guarded<MotionError>("zorv_motion_finish", [&] { motion->finish(); });
 }
 
 void zorv_motion_set_eager(zorv_motion* motion, int value) {
     MotionError::clear();
-    if (motion) motion->setEager(value);
+    if (!motion) return;
+    zorv::guarded<MotionError>("zorv_motion_set_eager", [&] { motion->setEager(value); });
 }
 
 int zorv_motion_look_ahead(const zorv_motion* motion) {
@@ -100,7 +98,9 @@ int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* xd, int ma
 
 void zorv_motion_reset(zorv_motion* motion, int start_frame, int direction, int loop) {
     MotionError::clear();
-    if (motion) motion->reset(start_frame, direction, loop != 0);
+    if (!motion) return;
+    zorv::guarded<MotionError>("zorv_motion_reset",
+                               [&] { motion->reset(start_frame, direction, loop != 0); });
 }
 
 }  // extern "C"

@@ -71,7 +71,7 @@ void coverRow(const RowPositions& row, const PhaseTable& linear, const float* ma
 
 std::uint8_t blend(std::uint8_t pixel, float alpha, float value) {
     const float out = static_cast<float>(pixel) * (1 - alpha) + alpha * value;
-    if (!(out >= 0)) return 0;  // not a number as well
+    if (!(out >= 0)) return 0;  // negative, or not a number
     return out > 255 ? 255 : static_cast<std::uint8_t>(out);
 }
 

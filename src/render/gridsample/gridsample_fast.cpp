@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/memory.h"
+
 namespace zorv {
 namespace {
 
@@ -17,11 +19,21 @@ AxisTap tapOf(float g, std::int64_t size) {
     const float position = (1.0f + g) * 0.5f * static_cast<float>(size) - 0.5f;
     const float before = std::floor(position);
     const auto last = static_cast<float>(size - 1);
-    if (!(before >= 0.0f)) return {};  // NaN too
+    if (!(before >= 0.0f)) return {};  // before the first pixel, or not a number
     if (before >= last) return {size - 1, size - 1, 0.0f};
     const auto a = static_cast<std::int64_t>(before);
     return {a, a + 1, position - before};
 }
+
+/// Lets its memory go when its thread ends but stays usable: destructors that run later, those of
+/// static objects at exit among them, may still render.
+struct Scratch {
+    Scratch() : pages() {}
+    ~Scratch() { pages = {}; }
+    union {
+        ZeroedArray<std::byte> pages;
+    };
+};
 
 }  // namespace
 
@@ -48,6 +60,12 @@ void gs_points(const float* x, const float* grid, float* y, std::int64_t C, std:
                                 w11 * bottom[at + u.b];
         }
     }
+}
+
+void* gridSampleScratch(std::size_t bytes) {
+    thread_local Scratch scratch;
+    if (scratch.pages.size() < bytes) scratch.pages = ZeroedArray<std::byte>(bytes);
+    return scratch.pages.data();
 }
 
 void gridsample_fast(const float* x, const float* grid, float* y, std::int64_t C, std::int64_t H,

@@ -3,6 +3,7 @@
 // its own that files of one instruction set must not define.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/cpu.h"
@@ -33,6 +34,12 @@ inline constexpr Kernel<GridSampleFunction*> kGridSampleKernels[] = {
     {SimdLevel::kAvx2, "avx2", nullptr, gs_avx2},
     {SimdLevel::kPortable, "portable", nullptr, gs_portable},
 };
+
+/// Working memory that is too large for the stacks of hosts' threads: at least `bytes` bytes at the
+/// start of a page, the calling thread's own until its next call; they hold what was left there.
+/// Allocated by the thread's first calls and kept until it ends. Throws std::bad_alloc. (Not
+/// inline: it must not be compiled for one instruction set.)
+void* gridSampleScratch(std::size_t bytes);
 
 /// Runs the kernel of this process.
 GridSampleFunction gridsample_fast;

@@ -7,7 +7,6 @@
 #include <cmath>
 
 #include "render/gridsample/eight.h"
-#include "render/gridsample/scratch.h"
 
 namespace zorv {
 namespace {

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "a2x/a2x_placement.h"
+#include "a2x/a2x_provider.h"
 #include "common/ort.h"
 #include "support/failure.h"
 #include "support/scoped_env.h"
@@ -71,7 +71,7 @@ std::string standardError(auto&& body) {
     return testing::internal::GetCapturedStderr();
 }
 
-TEST(A2xPlacement, AsksTheDeviceForExactlyFourThings) {
+TEST(A2xProvider, AsksTheDeviceForExactlyFourThings) {
     FakeCuda cuda;
     const ScopedEnv on("ZORV_A2X_CUDA", "1"), limit("ZORV_A2X_CUDA_MEM_MIB", "512");
     Ort::SessionOptions options;
@@ -92,26 +92,26 @@ TEST(A2xPlacement, AsksTheDeviceForExactlyFourThings) {
               "[zorv_a2x] CUDA EP appended (enc/dec, V2: no-max-workspace, mem<=3072MiB)\n");
 }
 
-TEST(A2xPlacement, ADeviceThatRefusesASessionIsGivenUpForTheCpu) {
+TEST(A2xProvider, ADeviceThatRefusesASessionIsGivenUpForTheCpu) {
     FakeCuda cuda;
     const ScopedEnv on("ZORV_A2X_CUDA", "1");
     testing::internal::CaptureStderr();
-    Placement placement(1, "w2v");
+    ProviderChoice provider(1, "w2v");
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(placement.open(modelFile("a2x_dec")));
+    EXPECT_TRUE(provider.open(modelFile("a2x_dec")));
     EXPECT_EQ(cuda.onDevice, 1);
     cuda.refuses = true;
-    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(modelFile("a2x_dec"))); }),
+    EXPECT_EQ(standardError([&] { EXPECT_TRUE(provider.open(modelFile("a2x_dec"))); }),
               "[zorv_a2x] CUDA EP append failed (w2v): no device -- falling back to CPU\n");
-    EXPECT_EQ(standardError([&] { EXPECT_TRUE(placement.open(modelFile("a2x_dec"))); }), "");
+    EXPECT_EQ(standardError([&] { EXPECT_TRUE(provider.open(modelFile("a2x_dec"))); }), "");
     EXPECT_EQ(cuda.onDevice, 2);
     EXPECT_EQ(cuda.onCpu, 2);
     EXPECT_TRUE(test::failure([&] {
-                    placement.open("/no such file");
+                    provider.open("/no such file");
                 }).starts_with("Load model from /no such file"));
 }
 
-TEST(A2xPlacement, MemoryLimitsAreWholeMiBAndHaveADefault) {
+TEST(A2xProvider, MemoryLimitsAreWholeMiBAndHaveADefault) {
     const std::size_t standard = std::size_t{3072} << 20;
     for (const char* none : {"0", "-5", "", "x"}) EXPECT_EQ(cudaMemoryLimit(none), standard);
     EXPECT_EQ(cudaMemoryLimit(nullptr), standard);

@@ -1,4 +1,4 @@
-#include "a2x/a2x_placement.h"
+#include "a2x/a2x_provider.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -67,15 +67,15 @@ bool zorv_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag) {
     return true;
 }
 
-Placement::Placement(int threads, const char* tag)
+ProviderChoice::ProviderChoice(int threads, const char* tag)
     : threads_(threads),
       tag_(tag),
       options_(std::make_unique<Ort::SessionOptions>(cpuOptions(threads))),
       onDevice_(zorv_a2x_maybe_cuda(*options_, tag)) {}
 
-Placement::~Placement() = default;
+ProviderChoice::~ProviderChoice() = default;
 
-std::shared_ptr<const Model> Placement::open(const std::string& path) {
+std::shared_ptr<const Model> ProviderChoice::open(const std::string& path) {
     if (onDevice_) {
         // A provider can be appended where there is no device; only a session tells.
         try {
@@ -89,7 +89,7 @@ std::shared_ptr<const Model> Placement::open(const std::string& path) {
     return openShared(path);
 }
 
-std::shared_ptr<const Model> Placement::openShared(const std::string& path) {
+std::shared_ptr<const Model> ProviderChoice::openShared(const std::string& path) {
     std::string recipe = "a2x " + std::to_string(std::max(threads_, 1));
     if (onDevice_) {
         recipe += " cuda " + std::to_string(cudaMemoryLimit(std::getenv("ZORV_A2X_CUDA_MEM_MIB")));

@@ -1,8 +1,9 @@
-// What the kernel tables of all families have chosen.
+// What belongs to no family: the version, the log, what the kernel tables have chosen.
 #include <string_view>
 
 #include "common/cpu.h"
 #include "common/half.h"
+#include "common/log.h"
 #include "motion/motion_spectrum.h"
 #include "paste/paste_kernels.h"
 #include "paste/rgba.h"
@@ -36,6 +37,14 @@ constexpr Choice kChoices[] = {
 
 }  // namespace
 }  // namespace zorv
+
+int zorv_version(void) {
+    return ZORV_VERSION;
+}
+
+void zorv_set_log(void (*line)(void* user, const char* text), void* user) {
+    zorv::setLog(line, user);
+}
 
 const char* zorv_kernel_path(const char* kernel) {
     if (!kernel) return nullptr;

@@ -23,12 +23,12 @@ std::size_t cudaMemoryLimit(const char* setting);
 bool zorv_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag);
 
 /// How one kind of models is opened, chosen once.
-class Placement {
+class ProviderChoice {
   public:
     /// `threads` of the model runtime, at least 1 in effect; they sleep between runs, as many
     /// engines may share one machine. `tag`: "w2v" or "enc/dec"; a literal.
-    Placement(int threads, const char* tag);
-    ~Placement();
+    ProviderChoice(int threads, const char* tag);
+    ~ProviderChoice();
 
     /// Opens a model, or takes an equal one that somebody still holds. A device that refuses it is
     /// given up, with the line of a provider that was not appended, and this model and all later
