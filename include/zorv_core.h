@@ -76,11 +76,10 @@ ZORV_API const char* zorv_kernel_path(const char* kernel);
 #define ZORV_MATRIX_BT709 2 /**< ITU-R BT.709. */
 
 /**
- * Where the library's own lines go (what it falls back to, what it does to a model): `line` gets each
- * without its line end, on the thread that has something to say, several at once if need be, and must
- * not call this function. NULL restores standard error, where lines of the process's exit always go.
- * line  NULL or a function; text is valid during the call only.
- * user  handed to it.
+ * Where the library's own lines go (what it falls back to, what it does to a model): `line` gets
+ * each without its line end, on the thread that has something to say, several at once if need be,
+ * and must not call this function. NULL restores standard error, where lines of the process's exit
+ * always go. line  NULL or a function; text is valid during the call only. user  handed to it.
  * Returns once no call of the former function runs. Any thread.
  */
 ZORV_API void zorv_set_log(void (*line)(void* user, const char* text), void* user);
