@@ -1,6 +1,7 @@
 // A day in the life of an utterance engine, as fast as it goes: every pull moves the clock by one
 // frame, so that silence limits and stalls come when they would. A bundle of 64 x 64 pixels, models
-// that are formulas. Prints JSON; ends with 1 when a frame was lost, shown twice or out of order.
+// that are formulas. Prints JSON; ends with 1 when a sample of sound was lost, played twice or out
+// of order, or an utterance was not told exactly one beginning and one end.
 //   utt_day [hours] [formula|models]   the motion source: a formula in C++, or the motion engine
 #include <malloc.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "stopwatch.h"
+#include "support/random_host.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
 #include "support/utt_player.h"
@@ -27,7 +28,7 @@ namespace {
 using namespace zorv;
 
 constexpr double kFrameMs = 40;
-constexpr int kFrameSamples = 640;
+constexpr int kRate = 24000, kFrameSamples = kRate / 25;
 constexpr int kTicksPerHour = 3600 * 25, kQuietTicks = 60 * 25;
 
 /// What the allocator keeps for later is not the engine's.
@@ -39,87 +40,10 @@ double residentKiB() {
     return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
-/// What was pushed and has not been shown to its end.
-struct Utterance {
-    int samples = 0;
-    int due() const { return (samples + kFrameSamples - 1) / kFrameSamples; }
-    int shown = 0;
-};
-
-struct Accounts {
-    long utterances = 0, whole = 0, interrupted = 0, speech = 0, late = 0;
-    long wrong = 0;  ///< utterances with other frames than they should have, frames out of order
-};
-
-/// Follows the frames that are pulled.
-class Bookkeeper {
-  public:
-    void push(int samples) {
-        if (!open_) {
-            queue_.emplace_back();
-            ++accounts.utterances;
-        }
-        open_ = true;
-        queue_.back().samples += samples;
-    }
-    void end() { open_ = false; }
-    void interrupt() {
-        accounts.interrupted += static_cast<long>(queue_.size());
-        queue_.clear();
-        open_ = false;
-        cut_ = true;
-    }
-    void pulled(const zorv_utt_frame_info& info) {
-        const bool first = sequence_ < 0;
-        const auto sequence = static_cast<long>(info.sequence);
-        if (!first && (cut_ ? sequence <= sequence_ : sequence != sequence_ + 1)) ++accounts.wrong;
-        if (!first && info.frame != (frame_ + 1) % nt) ++accounts.wrong;
-        sequence_ = sequence;
-        frame_ = info.frame;
-        cut_ = false;
-        if (info.kind != 1) return;
-        ++accounts.speech;
-        if (info.speech_sequence == 0) closeFront();
-        if (queue_.empty() || info.speech_sequence != queue_.front().shown) {
-            ++accounts.wrong;
-        } else {
-            ++queue_.front().shown;
-        }
-    }
-    /// No utterance waits behind another.
-    bool alone() const { return queue_.size() == 1; }
-    /// At most the end of one utterance is still to be seen.
-    bool caughtUp() const {
-        return queue_.empty() || (alone() && queue_.front().due() - queue_.front().shown < 25);
-    }
-    /// All has been said and shown.
-    void close() {
-        closeFront();
-        accounts.wrong += static_cast<long>(queue_.size());
-    }
-
-    Accounts accounts;
-    int nt = 1;
-
-  private:
-    /// The utterance that was shown last is over.
-    void closeFront() {
-        if (queue_.empty() || queue_.front().shown == 0) return;
-        if (queue_.front().shown != queue_.front().due()) ++accounts.wrong;
-        ++accounts.whole;
-        queue_.pop_front();
-    }
-
-    std::deque<Utterance> queue_;
-    bool open_ = false, cut_ = false;
-    long sequence_ = -1;
-    int frame_ = 0;
-};
-
 /// What the agent does next: seeded, a frame at a time.
 class Agent {
   public:
-    Agent(zorv_utt& utt, Bookkeeper& books) : utt_(utt), books_(books) {}
+    Agent(zorv_utt& utt, test::SoundAccounts& accounts) : utt_(utt), accounts_(accounts) {}
 
     void tick() {
         if (pause_ > 0) {
@@ -136,7 +60,6 @@ class Agent {
         if (left_ > 0) {
             left_ = 0;
             utt_.endUtterance();
-            books_.end();
         }
     }
 
@@ -144,50 +67,40 @@ class Agent {
     int among(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random_); }
 
     void begin() {
-        left_ = among(1, 12 * 16000);
+        left_ = among(1, 12 * kRate);
         // One at a time: what waits to be spoken would make the memory of a day, not of the engine.
-        burst_ = among(0, 9) == 0 && books_.caughtUp();
+        burst_ = among(0, 9) == 0 && accounts_.settled();
         interruptIn_ = among(0, 4) == 0 ? among(1, 200) : 0;
     }
     void push(int samples) {
         const auto level = static_cast<std::int16_t>(among(-20000, 20000));
         pcm_.assign(static_cast<std::size_t>(samples), level);
-        FailureText unspoken;
-        utt_.push(pcm_.data(), pcm_.size(), unspoken);
-        books_.push(samples);
+        for (std::size_t i = 0; i < pcm_.size(); i += 7) pcm_[i] = static_cast<std::int16_t>(i);
+        FailureText fatal;
+        accounts_.pushed(utt_.push(pcm_.data(), pcm_.size(), fatal), pcm_.data(), pcm_.size());
         left_ -= samples;
     }
     void end() {
         // Without the call the silence limit of 0.6 s ends it, once all before it has been said.
-        const bool told = among(0, 3) > 0 || !books_.alone();
+        const bool told = among(0, 3) > 0 || accounts_.over + 1 < accounts_.begun();
         if (told) utt_.endUtterance();
-        books_.end();
         pause_ = told ? among(0, 120) : among(20, 120);
     }
     void interrupt() {
         utt_.interrupt();
-        books_.interrupt();
+        accounts_.interrupted();
         left_ = 0;
         pause_ = among(0, 1) * among(0, 60);
     }
 
     zorv_utt& utt_;
-    Bookkeeper& books_;
+    test::SoundAccounts& accounts_;
     std::mt19937 random_{20};
     std::vector<std::int16_t> pcm_;
     int left_ = 0;  ///< samples of the utterance that is being pushed
     bool burst_ = false;
     int pause_ = 0, interruptIn_ = 0;  ///< ticks
 };
-
-/// Pulls one frame; false when none came for a while, as in a pause of the speech.
-bool pull(zorv_utt& utt, std::vector<std::uint8_t>& frame, zorv_utt_frame_info& info) {
-    for (int attempt = 0; attempt < 400; ++attempt) {
-        if (utt.pull(frame.data(), frame.size(), &info) == zorv_utt::Pull::kDone) return true;
-        std::this_thread::sleep_for(std::chrono::microseconds(20));
-    }
-    return false;
-}
 
 /// An engine on a tiny bundle, with a clock that the day moves.
 class Stage {
@@ -208,6 +121,8 @@ class Stage {
         zorv_utt_opts opts = {};
         opts.motion_dir = motion_.dir().c_str();
         utt_ = std::make_unique<zorv_utt>(context_, opts, surroundings);
+        utt_->setInput(kRate);
+        utt_->setPixels(ZORV_PIXELS_I420);
         FailureText text;
         while (utt_->ready(text) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -219,10 +134,19 @@ class Stage {
     }
     zorv_utt& utt() { return *utt_; }
 
-    /// Moves the clock by a frame and pulls it; false when there was none.
-    bool tick(zorv_utt_frame_info& info) {
+    /// Moves the clock by a frame, pulls it and listens; false when there was none for a while, as
+    /// in a pause of the speech.
+    bool tick(test::SoundAccounts& accounts) {
         clock_.advance(kFrameMs);
-        return pull(*utt_, frame_, info);
+        bool came = false;
+        for (int attempt = 0; attempt < 400 && !came; ++attempt) {
+            came = screen_.pull(utt_.get());
+            if (!came) std::this_thread::sleep_for(std::chrono::microseconds(20));
+        }
+        if (came) accounts.pulled(screen_.frame);
+        zorv_utt_event event = {};
+        while (utt_->nextEvent(event)) accounts.told(event);
+        return came;
     }
 
   private:
@@ -232,7 +156,7 @@ class Stage {
     test::TestClock clock_;
     test::SourceScript script_;
     std::unique_ptr<zorv_utt> utt_;
-    std::vector<std::uint8_t> frame_ = std::vector<std::uint8_t>(std::size_t{4} * 64 * 64);
+    test::Screen screen_;
 };
 
 /// Resident memory at the end of each hour, in KiB.
@@ -249,32 +173,27 @@ struct Memory {
     }
 };
 
-int conclude(int hours, double seconds, const Accounts& all, const Memory& memory,
-             std::uint64_t failures) {
+int conclude(int hours, double seconds, const test::SoundAccounts& all, long late,
+             const Memory& memory, std::uint64_t failures) {
     std::printf(
-        "{\"hours\": %d, \"seconds\": %.1f, \"utterances\": %ld, \"whole\": %ld, "
-        "\"interrupted\": %ld, \"speech_frames\": %ld, \"late\": %ld, \"wrong\": %ld, "
+        "{\"hours\": %d, \"seconds\": %.1f, \"utterances\": %lu, \"finished\": %lu, "
+        "\"interrupted\": %lu, \"speech_frames\": %lu, \"late\": %ld, \"fault\": \"%s\", "
         "\"failures\": %lu, \"resident_KiB_after_first_hour\": %.0f, \"growth_KiB\": %.0f, "
         "\"most_growth_KiB\": %.0f}\n",
-        hours, seconds, all.utterances, all.whole, all.interrupted, all.speech, all.late, all.wrong,
+        hours, seconds, static_cast<unsigned long>(all.begun()),
+        static_cast<unsigned long>(all.finished), static_cast<unsigned long>(all.interrupts),
+        static_cast<unsigned long>(all.speech), late, all.fault.c_str(),
         static_cast<unsigned long>(failures), memory.first, memory.last - memory.first,
         memory.most - memory.first);
-    return all.wrong == 0 && failures == 0 && all.whole + all.interrupted == all.utterances ? 0 : 1;
+    return all.fault.empty() && all.settled() && failures == 0 ? 0 : 1;
 }
 
 int day(int hours, bool models) {
     Stage stage(models);
-    Bookkeeper books;
-    books.nt = Stage::size().nt;
-    Agent agent(stage.utt(), books);
-    zorv_utt_frame_info info;
-    const auto tick = [&] {
-        if (stage.tick(info)) {
-            books.pulled(info);
-        } else {
-            ++books.accounts.late;
-        }
-    };
+    test::SoundAccounts accounts(kRate, false, Stage::size().nt);
+    Agent agent(stage.utt(), accounts);
+    long late = 0;
+    const auto tick = [&] { late += !stage.tick(accounts); };
     Memory memory;
     const double start = bench::secondsNow(CLOCK_MONOTONIC);
     for (int hour = 1; hour <= hours; ++hour) {
@@ -287,8 +206,7 @@ int day(int hours, bool models) {
         for (int i = 0; i < kQuietTicks; ++i) tick();
         memory.hour(hour);
     }
-    books.close();
-    return conclude(hours, bench::secondsNow(CLOCK_MONOTONIC) - start, books.accounts, memory,
+    return conclude(hours, bench::secondsNow(CLOCK_MONOTONIC) - start, accounts, late, memory,
                     stage.utt().failure(nullptr, 0));
 }
 
