@@ -140,10 +140,12 @@ void RunLoop::afterInterrupt() {
     pending_.clear();
     rendered_.clear();
     rampLeft_ = 0;
+    rampFirst_ = false;
     gap_ = false;
     idleIndex_ = any ? walk_.after(last.index) : 0;
     if (any && last.kind != FrameKind::kIdle) {
         startRamp(options_.rampFramesInterrupt, last.utterance, last.index, last.driving.data());
+        rampFirst_ = shown_ == UttState::kRamping;
     } else {
         setState(UttState::kIdle);
     }
@@ -290,7 +292,7 @@ bool RunLoop::postRequest() {
 
 /// Speech frames: enqueues what is rendered, else renders what is pending.
 bool RunLoop::speak() {
-    if (!room()) return false;
+    if (!room() || rampFirst_) return false;
     if (!rendered_.empty()) {
         enqueueRendered();
         return true;
@@ -465,6 +467,7 @@ bool RunLoop::ramp() {
     if (shown_ != UttState::kRamping || rampLeft_ < 1 || !roomForOthers()) return false;
     const float weight = static_cast<float>(rampLeft_ - 1) / static_cast<float>(rampLength_);
     --rampLeft_;  // a frame that fails counts as well
+    rampFirst_ = false;
     try {
         const std::int32_t index = idleIndex_;
         const Keypoints driving = walk_.displaced(index, weight, rampOffset_);

@@ -168,6 +168,7 @@ class RunLoop {
     std::int64_t skipped_ = 0;  ///< speech frames that were left out because they came late, ever
     bool gap_ = false;          ///< a speech frame was left out behind the last frame
     std::uint64_t rampUtterance_ = 0;
+    bool rampFirst_ = false;  ///< after an interrupt: one frame of the ramp comes before speech
     int rampLength_ = 0;
     int rampLeft_ = 0;
     Keypoints rampOffset_{};
