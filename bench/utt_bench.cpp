@@ -30,13 +30,14 @@
 #include "live_engine.h"
 #include "session.h"
 #include "session_report.h"
-#include "sources.h"
 #include "workload.h"
 
 namespace {
 
 using namespace zorv::driver;
 using nlohmann::json;
+
+constexpr int kPieceSamples = 320;  // 20 ms
 
 struct Settings {
     std::string source = "motion", steady, pcm;
@@ -132,10 +133,9 @@ json talk(const Settings& settings) {
     std::vector<SessionLog> logs;
     for (auto& session : sessions) logs.push_back(session.get());
     const double used = cpuSeconds() - cpu;
-    const size_t pieces = piecesBeforeFirstFrame(setup, sound);
     for (int i = 0; i < settings.engines; ++i) {
         const SessionReport report = makeReport(engines[static_cast<size_t>(i)]->readySeconds(),
-                                                logs[static_cast<size_t>(i)], pieces);
+                                                logs[static_cast<size_t>(i)]);
         for (const FirstFrame& first : report.firstFrames) {
             computing.push_back(first.computing());
             finished.push_back(first.finished);

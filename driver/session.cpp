@@ -51,7 +51,10 @@ struct Stage {
 /// The voice agent: pushes what a microphone or a synthesiser would hand it, when it would.
 class Speaker {
   public:
-    Speaker(Stage& stage, const std::vector<int16_t>& sound) : stage_(stage), sound_(sound) {}
+    Speaker(Stage& stage, const std::vector<int16_t>& sound)
+        : stage_(stage),
+          sound_(sound),
+          pieceSamples_(static_cast<size_t>(stage.engine.frameSamples()) / 2) {}
 
     std::vector<LineLog> run(const std::vector<Line>& lines) {
         std::vector<LineLog> logs;
@@ -81,7 +84,7 @@ class Speaker {
         started_ = stage_.stats().utterances_started;
         failures_ = stage_.failures();
         LineLog log;
-        log.pushedMs.reserve(line.samples / kPieceSamples + 1);
+        log.pushedMs.reserve(line.samples / pieceSamples_ + 1);
         ++stage_.line;
         const Clock::time_point begin = Clock::now();
         log.beginMs = stage_.nowMs();
@@ -104,7 +107,7 @@ class Speaker {
     }
 
     void push(const Line& line, LineLog& log) const {
-        const size_t count = std::min<size_t>(kPieceSamples, line.samples - log.samples);
+        const size_t count = std::min(pieceSamples_, line.samples - log.samples);
         const int16_t* from = sound_.data() + line.begin + log.samples;
         if (!zorv_utt_push_audio(stage_.engine.utt(), from, static_cast<int>(count))) {
             throw std::runtime_error(std::string("the engine took no more sound: ") +
@@ -154,6 +157,7 @@ class Speaker {
 
     Stage& stage_;
     const std::vector<int16_t>& sound_;
+    const size_t pieceSamples_;
     uint64_t started_ = 0, failures_ = 0;  // before the line
 };
 
@@ -161,7 +165,10 @@ class Speaker {
 class Viewer {
   public:
     Viewer(Stage& stage, const OnFrame& onFrame)
-        : stage_(stage), onFrame_(onFrame), frame_(stage.engine.frameBytes()) {}
+        : stage_(stage),
+          onFrame_(onFrame),
+          frame_(stage.engine.frameBytes()),
+          sound_(static_cast<size_t>(stage.engine.frameSamples())) {}
 
     std::vector<Tick> run() {
         std::vector<Tick> ticks;
@@ -187,9 +194,8 @@ class Viewer {
         tick.beginMs = stage_.nowMs();
         // Before the pull: a frame of an old line may be in hand when the next line begins.
         tick.line = stage_.line;
-        zorv_utt_frame_info info;
-        const int got =
-            zorv_utt_pull_frame(stage_.engine.utt(), frame_.data(), frame_.size(), &info);
+        zorv_utt_frame info;
+        const bool got = stage_.engine.pull(frame_, sound_, info);
         tick.pullMs = static_cast<float>(stage_.nowMs() - tick.beginMs);
         tick.delayMs = std::chrono::duration<float, std::milli>(Clock::now() - due).count();
         if (got) {
@@ -200,7 +206,7 @@ class Viewer {
                 stage_.firstFinishedMs[static_cast<size_t>(tick.line)] =
                     stage_.stats().first_frame_latency_ms;
             }
-            if (onFrame_) onFrame_(frame_);
+            if (onFrame_) onFrame_(frame_, sound_);
         }
         tick.frame = frames_ - 1;
         return tick;
@@ -209,6 +215,7 @@ class Viewer {
     Stage& stage_;
     const OnFrame& onFrame_;
     std::vector<uint8_t> frame_;
+    std::vector<int16_t> sound_;
     int64_t frames_ = 0;
 };
 
@@ -244,6 +251,13 @@ SessionLog play(const LiveEngine& engine, const std::vector<int16_t>& sound,
         }
     }
     log.stats = stage.stats();
+    log.rate = engine.rate();
+    zorv_utt_latency_info latency = {};
+    latency.struct_size = sizeof latency;
+    if (zorv_utt_latency(engine.utt(), &latency) == 1) {
+        log.lookAhead = latency.look_ahead_samples;
+        log.leftOutLate = latency.frames_left_out_late;
+    }
     char text[1024];
     log.failures = zorv_utt_failure(engine.utt(), text, sizeof text);
     log.failure = text;

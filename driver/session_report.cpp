@@ -9,10 +9,12 @@ namespace {
 constexpr double kFirstSecond = 1000, kAtInterrupt = 100;  // ms
 constexpr int kIdle = 0, kSpeech = 1;
 
-FirstFrame firstFrame(const LineLog& line, size_t lookAheadPieces) {
+FirstFrame firstFrame(const LineLog& line, const SessionLog& log) {
     FirstFrame first;
     first.finished = line.firstFinishedMs;
-    const size_t needed = std::min(lookAheadPieces, line.pushedMs.size());
+    const int piece = log.rate / 50;
+    const auto lookAhead = static_cast<size_t>((log.lookAhead + piece - 1) / piece);
+    const size_t needed = std::min(lookAhead, line.pushedMs.size());
     if (needed > 0) first.lookAhead = static_cast<double>(line.pushedMs[needed - 1]);
     return first;
 }
@@ -58,21 +60,23 @@ double quantile(std::vector<double> values, double share) {
     return values[static_cast<size_t>(rank)];
 }
 
-SessionReport makeReport(double readySeconds, const SessionLog& log, size_t lookAheadPieces) {
+SessionReport makeReport(double readySeconds, const SessionLog& log) {
     SessionReport report;
     report.readySeconds = readySeconds;
     report.renderMs = log.stats.render_ms;
     report.cpuSeconds = log.cpuSeconds;
     report.failures = log.failures;
     report.failure = log.failure;
+    report.leftOutLate = log.leftOutLate;
+    const auto frameSamples = static_cast<size_t>(log.rate) / 25;
     std::vector<FirstFrame> firsts;
     for (const LineLog& line : log.lines) {
-        firsts.push_back(firstFrame(line, lookAheadPieces));
+        firsts.push_back(firstFrame(line, log));
         if (line.interrupted) {
             report.interruptMs.push_back(line.interruptToFrameMs);
         } else {
             report.dueSpeech +=
-                static_cast<int64_t>((line.samples + kFrameSamples - 1) / kFrameSamples);
+                static_cast<int64_t>((line.samples + frameSamples - 1) / frameSamples);
         }
     }
     std::vector<double> delays;

@@ -30,14 +30,14 @@ struct SessionReport {
     int lateAtInterrupt = 0;       // in the tenth of a second after one
     int64_t dueSpeech = 0;         // frames of the lines that were said to their end
     int64_t shownSpeech = 0;       // of the same lines
+    uint64_t leftOutLate = 0;      // speech frames, for being late
     double renderMs = 0;           // per speech frame
     double videoSeconds = 0, cpuSeconds = 0;
     uint64_t failures = 0;
     std::string failure;
 };
 
-/// lookAheadPieces: see piecesBeforeFirstFrame; 0 when it was not measured.
-SessionReport makeReport(double readySeconds, const SessionLog& log, size_t lookAheadPieces);
+SessionReport makeReport(double readySeconds, const SessionLog& log);
 
 /// The value of which `share` of all are below; kNotMeasured of none.
 double quantile(std::vector<double> values, double share);

@@ -79,7 +79,23 @@ void addLive(CLI::App& app, LiveOptions& options) {
         ->add_option("--interrupt-at", options.interruptAt,
                      "Interrupt the speech after so many seconds")
         ->check(CLI::Range(0.0, 1e6));
-    command->add_option("-o,--output", options.output, "Keep what was seen: OUT.mp4");
+    command->add_option("-o,--output", options.output, "Keep what was seen and heard: OUT.mp4");
+    command->add_option("--rate", options.rate, "Push the sound at so many samples per second")
+        ->capture_default_str()
+        ->check(CLI::IsMember({8000, 12000, 16000, 22050, 24000, 32000, 44100, 48000}));
+    command->add_option("--pixels", options.pixels, "Form of the frames that are pulled")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"rgba", "rgb", "i420", "nv12"}));
+    command
+        ->add_option("--idle-ahead", options.idleAhead,
+                     "Idle frames made ahead of the viewer; with fewer, speech shows sooner")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 8));
+    command
+        ->add_option("--late", options.late,
+                     "Late speech frames are all shown, or left out until speech is on time")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"wait", "skip"}));
     command
         ->add_option("--eager", options.eager,
                      "Frames per provisional step of the motion source (default: adaptive)")

@@ -7,7 +7,7 @@
 #include "doctor_report.h"
 #include "failure.h"
 #include "input_check.h"
-#include "sources.h"
+#include "live_engine.h"
 
 namespace fs = std::filesystem;
 

@@ -13,7 +13,6 @@
 #include "failure.h"
 #include "interrupt.h"
 #include "session.h"
-#include "sources.h"
 #include "workload.h"
 
 namespace zorv::tools {
@@ -120,7 +119,7 @@ LiveMeasure measureLive(const BenchmarkSubject& subject, int speechSeconds) {
     measure.cost.memoryBytes =
         ownMemory() - memory + framesToCome(engine, warmed + log.ticks.size());
     SessionReport& report = measure.report.session;
-    report = makeReport(engine.readySeconds(), log, piecesBeforeFirstFrame(setup, sound));
+    report = makeReport(engine.readySeconds(), log);
     // Idle frames are charged to the spoken ones: they cost a few per cent of them.
     const int worked = report.speech + report.ramp;
     if (worked > 0) measure.cpuMsPerSpeechFrame = 1000 * log.cpuSeconds / worked;
@@ -150,7 +149,7 @@ SessionsRun measureSessions(const BenchmarkSubject& subject, int sessions, int s
     run.sessions = sessions;
     double longest = 0;
     for (const SessionLog& log : logs) {
-        const SessionReport report = makeReport(0, log, 0);
+        const SessionReport report = makeReport(0, log);
         run.due += static_cast<int>(log.ticks.size());
         run.late += lateForNoReason(report);
         run.failures += log.failures;

@@ -71,6 +71,7 @@ std::string liveReportJson(const LiveReport& report) {
         {"late_at_interrupt", session.lateAtInterrupt},
         {"due_speech_frames", session.dueSpeech},
         {"shown_speech_frames", session.shownSpeech},
+        {"left_out_late", session.leftOutLate},
         {"render_ms", session.renderMs},
         {"video_seconds", session.videoSeconds},
         {"cpu_per_second", session.cpuSeconds / session.videoSeconds},

@@ -72,8 +72,8 @@ bool AudioReader::read(std::vector<float>& samples) {
     return true;
 }
 
-Speech readSpeech(const std::string& path, const std::string& option) {
-    AudioReader reader(path, 16000, 1, option);
+Speech readSpeech(const std::string& path, const std::string& option, int rate) {
+    AudioReader reader(path, rate, 1, option);
     Speech speech;
     while (reader.read(speech.samples)) {
         throwIfInterrupted();

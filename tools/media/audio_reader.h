@@ -39,11 +39,11 @@ class AudioReader : public SoundSource {
 };
 
 struct Speech {
-    std::vector<float> samples;  // mono, 16,000 Hz
+    std::vector<float> samples;  // mono
     double startSeconds = 0.0;
 };
 
-/// The whole sound as the library wants it: mono, 16,000 Hz. Fails when there is none.
-Speech readSpeech(const std::string& path, const std::string& option);
+/// The whole sound as the library wants it, mono. Fails when there is none.
+Speech readSpeech(const std::string& path, const std::string& option, int rate = 16000);
 
 }  // namespace zorv::tools
