@@ -88,8 +88,8 @@ class BareModels {
     BareModels(const CutDirectory& dir, bool shortWindow)
         : meta_(dir.meta),
           w2v_(get_shared_w2v("", 1)),
-          enc_(placement_.open((dir.path / "a2x_enc_stream.onnx").string())),
-          dec_(placement_.open((dir.path / "a2x_dec.onnx").string()), meta_.h),
+          enc_(provider_.open((dir.path / "a2x_enc_stream.onnx").string())),
+          dec_(provider_.open((dir.path / "a2x_dec.onnx").string()), meta_.h),
           state_(DecoderState::zero(meta_.h)),
           ctx_(static_cast<std::size_t>(meta_.h)) {
         if (shortWindow) short_ = std::make_unique<ShortWindow>(12);
@@ -137,7 +137,7 @@ class BareModels {
     };
 
     const Meta meta_;
-    Placement placement_{1, "enc/dec"};
+    ProviderChoice provider_{1, "enc/dec"};
     LegacyWindow w2v_;
     std::unique_ptr<ShortWindow> short_;
     std::shared_ptr<const zorv::Model> enc_;

@@ -43,7 +43,7 @@ template <class Family>
 void open(typename Family::Handle* handle, std::string_view create, const DamagedDir& dir,
           bool heard, bool mayBeShort) {
     if (!handle) {
-        const std::string_view text = Family::error();
+        const std::string_view text = Family::lastError();
         require(text.starts_with(create) && text.size() > create.size());
         return;
     }
@@ -65,8 +65,8 @@ void openMotion(zorv::fuzz::FuzzInput& input, bool heard) {
     }();
     static DamagedDir dir(motion.dir(), files);
     dir.damage(input);
-    open<zorv::test::MotionFamily>(zorv_motion_create(motion.dir().c_str(), 1, nullptr),
-                                   "zorv_motion_create: ", dir, heard, false);
+    open<zorv::MotionFamily>(zorv_motion_create(motion.dir().c_str(), 1, nullptr),
+                             "zorv_motion_create: ", dir, heard, false);
     dir.mend();
 }
 
@@ -76,8 +76,8 @@ void openExpression(zorv::fuzz::FuzzInput& input, bool heard) {
                                               "xs_target.bin", "a2x_meta.json", "a2x_dec.onnx"});
     dir.damage(input);
     // A positional table of fewer rows than frames ends the stream early.
-    open<zorv::test::ExpressionFamily>(zorv_a2x_create(expression.path().c_str(), 1),
-                                       "zorv_a2x_create: ", dir, heard, true);
+    open<zorv::ExpressionFamily>(zorv_a2x_create(expression.path().c_str(), 1),
+                                 "zorv_a2x_create: ", dir, heard, true);
     dir.mend();
 }
 

@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-AGENTS=1.9.0 RTC=0.13.35 TYPESCRIPT=7.0.2 NODE_TYPES=18.8.5
+AGENTS=1.9.0 RTC=0.13.35 TYPESCRIPT=7.0.2 NODE_TYPES=26.6.6
 
 say() { printf '\n== %s\n' "$*"; }
 

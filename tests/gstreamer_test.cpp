@@ -118,7 +118,9 @@ TEST_F(GStreamerFace, AFramePerStartedBlockAtTheTimeOfItsSoundWhateverTheCut) {
             EXPECT_EQ(harness.times(), frames(21, kBase));
             EXPECT_TRUE(harness.eos());
             if (first.empty()) first = harness.pictures;
-            if (!expression) EXPECT_EQ(harness.pictures, first);
+            if (!expression) {
+                EXPECT_EQ(harness.pictures, first);
+            }
         }
     }
 }
@@ -406,7 +408,9 @@ class LiveFace : public GStreamerFace {
             Frame frame;
             ASSERT_TRUE(next(frame));
             EXPECT_EQ(frame.video, frame.sound);
-            if (last_ != GST_CLOCK_TIME_NONE) EXPECT_EQ((frame.video - last_) % kFrame, 0u);
+            if (last_ != GST_CLOCK_TIME_NONE) {
+                EXPECT_EQ((frame.video - last_) % kFrame, 0u);
+            }
             last_ = frame.video;
             ASSERT_EQ(frame.samples.size(), 960u);
             heard_.insert(heard_.end(), frame.samples.begin(), frame.samples.end());
