@@ -56,8 +56,8 @@ MotionModels::MotionModels(const std::string& dir, int threads, const std::strin
       lmdm(open(dir, "lmdm.onnx", std::max(threads, 1), ep,
                 {{values({1, kMotionFloats}), values({1, kChunkFrames, kRowFloats})},
                  {shaped({1, kChunkFrames, kMotionFloats})}})),
-      stitch(open(
-          dir, "stitch.onnx", std::max(threads, 1), ep,
-          {{values({1, kKeypointFloats}), values({1, kKeypointFloats})}, {shaped({1, kKeypoints, 3})}})) {}
+      stitch(open(dir, "stitch.onnx", std::max(threads, 1), ep,
+                  {{values({1, kKeypointFloats}), values({1, kKeypointFloats})},
+                   {shaped({1, kKeypoints, 3})}})) {}
 
 }  // namespace zorv::motion
