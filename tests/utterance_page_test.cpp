@@ -1,5 +1,6 @@
 // The host of docs/utterance.md as a process: what it writes is what a viewer sees and hears.
 #include <random>
+#include <thread>
 
 #include "support/program.h"
 #include "support/test_motion.h"
@@ -63,12 +64,14 @@ TEST_F(PageHostTest, StopsWhereItIsInterrupted) {
     const pid_t host = startHost([&] { dup2(ends[0], STDIN_FILENO); });
     close(ends[0]);
     // 20 s, of which it will have shown the beginning; and then it goes on listening.
-    std::thread speaker([&] {
+    std::jthread speaker([&] {
         const std::string sound = bytes(pcm_.size());
         EXPECT_EQ(write(ends[1], sound.data(), sound.size()), static_cast<ssize_t>(sound.size()));
     });
-    EXPECT_TRUE(waitWhileRuns(
-        host, [&] { return readFile(path("stdout")).find("started") != std::string::npos; }));
+    EXPECT_TRUE(waitWhileRuns(host, [&] {
+        return access(path("stdout").c_str(), F_OK) == 0 &&
+               readFile(path("stdout")).find("started") != std::string::npos;
+    }));
     speaker.join();
     kill(host, SIGUSR1);
     const Outcome outcome = finish(host);

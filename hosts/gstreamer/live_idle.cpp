@@ -74,6 +74,8 @@ class LiveIdle : public FaceMode {
     GstFlowReturn pullAndPush(GstClockTime running);
     void postEvents();
     bool control(GstEvent* event);
+    bool waitUntilSettled();
+    void setFlushing(bool flushing);
     void interrupt();
     void end(GstFlowReturn flow);
 
@@ -93,7 +95,8 @@ class LiveIdle : public FaceMode {
     std::mutex mutex_;
     GstClockID wait_ = nullptr;  ///< what the streaming thread sleeps on
     std::condition_variable resumed_;
-    bool playing_ = false, stopping_ = false;
+    bool playing_ = false, stopping_ = false, flushing_ = false;
+    bool settled_ = false;  ///< pixels and matrix are set
     std::atomic<bool> draining_{false};
     std::atomic<std::uint64_t> pushed_{0};  ///< the newest utterance
     std::uint64_t ended_ = 0;               ///< the newest one that ended
@@ -156,7 +159,18 @@ void LiveIdle::stop() {
     gst_pad_stop_task(pads_.video);
 }
 
+/// The engine's form of pictures is settled before it hears anything.
+bool LiveIdle::waitUntilSettled() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    resumed_.wait(lock, [this] { return settled_ || stopping_ || flushing_; });
+    return settled_ && !stopping_ && !flushing_;
+}
+
 GstFlowReturn LiveIdle::chain(GstBuffer* buffer) {
+    if (!waitUntilSettled()) {
+        gst_buffer_unref(buffer);
+        return GST_FLOW_FLUSHING;
+    }
     GstMapInfo map;
     bool heard = false;
     if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_GAP)) {
@@ -173,6 +187,12 @@ GstFlowReturn LiveIdle::chain(GstBuffer* buffer) {
     if (heard) return GST_FLOW_OK;
     GST_ELEMENT_ERROR(pads_.element, LIBRARY, FAILED, ("%s", zorv_utt_last_error()), (nullptr));
     return GST_FLOW_ERROR;
+}
+
+void LiveIdle::setFlushing(bool flushing) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    flushing_ = flushing;
+    resumed_.notify_all();
 }
 
 void LiveIdle::interrupt() {
@@ -196,7 +216,11 @@ bool LiveIdle::control(GstEvent* event) {
 gboolean LiveIdle::sinkEvent(GstEvent* event) {
     switch (GST_EVENT_TYPE(event)) {
         case GST_EVENT_FLUSH_START:
+            setFlushing(true);
             interrupt();
+            break;
+        case GST_EVENT_FLUSH_STOP:
+            setFlushing(false);
             break;
         case GST_EVENT_EOS:
             zorv_utt_end_utterance(utt_.get());
@@ -306,6 +330,9 @@ GstFlowReturn LiveIdle::pullAndPush(GstClockTime running) {
                               (nullptr));
             return GST_FLOW_ERROR;
         }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        settled_ = true;
+        resumed_.notify_all();
     }
     if (out_->pixels() != pixels_ || out_->matrix() != matrix_) return GST_FLOW_NOT_NEGOTIATED;
     const int count = settings_.rate / 25;

@@ -48,13 +48,8 @@ struct ModelRun::Impl {
           inputs(noValues(inputNames.size())),
           outputs(noValues(outputNames.size())),
           bound(outputNames.size()),
-          checked(outputNames.size()) {}
-
-    /// Asks for shrinkage of the arena after a run, or no longer does.
-    void setShrinking(bool on) {
-        if (on == shrinking) return;
-        options.AddConfigEntry(kShrinkKey, on ? "cpu:0" : "");
-        shrinking = on;
+          checked(outputNames.size()) {
+        shrinkingOptions.AddConfigEntry(kShrinkKey, "cpu:0");
     }
 
     // Released in reverse order: tensors before the session.
@@ -63,7 +58,7 @@ struct ModelRun::Impl {
     const GiveBack giveBack;
     const std::vector<const char*> inputNames, outputNames;
     Ort::RunOptions options;
-    bool shrinking = false;
+    Ort::RunOptions shrinkingOptions;  ///< gives the arena's memory back after the run
     std::vector<Ort::Value> inputs, outputs;
     std::vector<bool> bound;            ///< outputs over memory of the user
     std::vector<const float*> checked;  ///< of outputs, null until checked
@@ -108,10 +103,10 @@ void ModelRun::run() {
     Impl& impl = *impl_;
     Model::Session& session = impl.model->session();
     const bool first = impl.giveBack == GiveBack::kAfterFirst && !session.hasRun;
-    impl.setShrinking(first || impl.giveBack == GiveBack::kAlways);
-    session.session.Run(impl.options, impl.inputNames.data(), impl.inputs.data(),
-                        impl.inputs.size(), impl.outputNames.data(), impl.outputs.data(),
-                        impl.outputs.size());
+    const bool shrinks = first || impl.giveBack == GiveBack::kAlways;
+    session.session.Run(shrinks ? impl.shrinkingOptions : impl.options, impl.inputNames.data(),
+                        impl.inputs.data(), impl.inputs.size(), impl.outputNames.data(),
+                        impl.outputs.data(), impl.outputs.size());
     session.hasRun = true;
 }
 
@@ -135,10 +130,12 @@ ModelRun::Halves ModelRun::halves(std::size_t index) const {
 
 void ModelRun::stop() {
     impl_->options.SetTerminate();
+    impl_->shrinkingOptions.SetTerminate();
 }
 
 void ModelRun::rearm() {
     impl_->options.UnsetTerminate();
+    impl_->shrinkingOptions.UnsetTerminate();
 }
 
 }  // namespace zorv
