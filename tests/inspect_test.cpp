@@ -373,7 +373,7 @@ TEST(Inspect, LooksIntoSubgraphs) {
 constexpr Color kOutline = {255, 214, 0}, kTop = {255, 64, 64}, kMask = {40, 230, 110},
                 kPoints = {0, 225, 255};
 
-/** Where a colour occurs below the legend and above the plots. */
+/** Where a colour occurs below the legend. */
 struct Area {
     double count = 0, x = 0, y = 0;  // centre
     int left = 1 << 30, right = -1, top = 1 << 30, bottom = -1;
@@ -383,7 +383,7 @@ struct Area {
 
 Area findColors(const Canvas& canvas, const std::vector<Color>& colors) {
     Area area;
-    for (int y = 40; y < canvas.height() - 620; ++y) {
+    for (int y = 40; y < canvas.height(); ++y) {
         for (int x = 0; x < canvas.width(); ++x) {
             const uint8_t* pixel = canvas.rgb() + 3 * (y * canvas.width() + x);
             for (const Color& color : colors) {

@@ -1,9 +1,6 @@
 #include "bundle_sheet.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <array>
 #include <cmath>
 
 #include "av.h"
@@ -19,12 +16,10 @@ namespace {
 constexpr int kColumns = 3, kRows = 2, kGap = 8;
 constexpr int kCell = 620;  // the longest side of a small frame
 constexpr int kTitle = Canvas::kLetterHeight + 6;
-constexpr int kPlotHeight = 120;
 
-constexpr Color kBackground = {24, 24, 28}, kPlotGround = {44, 44, 50}, kText = {225, 225, 225};
+constexpr Color kBackground = {24, 24, 28}, kNoFrame = {44, 44, 50}, kText = {225, 225, 225};
 constexpr Color kOutline = {255, 214, 0}, kTop = {255, 64, 64}, kMask = {40, 230, 110};
-constexpr Color kPoints = {0, 225, 255}, kMark = {120, 120, 130};
-constexpr std::array<Color, 3> kAxes = {{{255, 120, 100}, {120, 225, 120}, {110, 165, 255}}};
+constexpr Color kPoints = {0, 225, 255};
 
 /// From frame pixels to sheet pixels.
 struct View {
@@ -57,12 +52,6 @@ class BundleSheet {
     Canvas draw();
 
   private:
-    struct Series {
-        std::string name;
-        size_t width;  // values per row
-        std::vector<float> values;
-    };
-
     std::vector<float> rows(const char* name, const std::optional<int>& count) const;
     std::optional<Placement> placement(int frame) const;
     const float* keypointsOf(int frame) const;
@@ -74,14 +63,13 @@ class BundleSheet {
     void drawOutline(Canvas& canvas, const View& view, const Placement& placed);
     void drawKeypoints(Canvas& canvas, const View& view, const Placement& placed, int frame);
     void drawLegend(Canvas& canvas, int y);
-    void drawPlot(Canvas& canvas, const Series& series, int y);
 
     const std::string& directory_;
     int width_, height_, targetFrames_, side_;
     double scale_;
     int cellWidth_, cellHeight_;
     std::vector<int> chosen_;
-    std::vector<float> placements_, targets_, sources_, drives_;
+    std::vector<float> placements_, targets_, sources_;
     std::vector<int32_t> indices_;
     std::vector<uint8_t> mask_;
 };
@@ -109,7 +97,6 @@ BundleSheet::BundleSheet(const BundleReport& report)
     placements_ = readPlacements(directory_, facts);
     targets_ = rows("xs_target.bin", facts.targetFrames);
     sources_ = rows("drive/xs.f32", facts.driveFrames);
-    drives_ = rows("drive/xd.f32", facts.driveFrames);
     indices_ = as<int32_t>(readFloats(directory_ + "/drive/si.i32",
                                       static_cast<size_t>(facts.driveFrames.value_or(0))));
     std::string mask;  // empty when it cannot be read: the report says so
@@ -157,22 +144,13 @@ Canvas BundleSheet::draw() {
     const int rowsOfCells = (static_cast<int>(chosen_.size()) + columns - 1) / columns;
     const int width = std::max(columns * (cellWidth_ + kGap) + kGap, 900);
     const int cells = rowsOfCells * (kTitle + cellHeight_ + kGap);
-    Canvas canvas(width, kGap + kTitle + cells + 4 * (kTitle + kPlotHeight + kGap), kBackground);
+    Canvas canvas(width, kGap + kTitle + cells, kBackground);
     drawLegend(canvas, kGap);
-    int y = kGap + kTitle;
+    const int y = kGap + kTitle;
     for (size_t i = 0; i < chosen_.size(); ++i) {
         const int column = static_cast<int>(i) % columns, row = static_cast<int>(i) / columns;
         drawCell(canvas, chosen_[i], kGap + column * (cellWidth_ + kGap),
                  y + row * (kTitle + cellHeight_ + kGap));
-    }
-    y += cells;
-    const std::vector<float> indices(indices_.begin(), indices_.end());
-    for (const Series& series :
-         {Series{"xs_target.bin", kKeypointFloats, targets_},
-          Series{"drive/xs.f32", kKeypointFloats, sources_},
-          Series{"drive/xd.f32", kKeypointFloats, drives_}, Series{"drive/si.i32", 1, indices}}) {
-        drawPlot(canvas, series, y);
-        y += kTitle + kPlotHeight + kGap;
     }
     return canvas;
 }
@@ -196,7 +174,7 @@ void BundleSheet::drawCell(Canvas& canvas, int frame, int left, int top) {
     top += kTitle;
     canvas.clip(left, top, cellWidth_, cellHeight_);
     if (!drawFrame(canvas, frame, left, top)) {
-        canvas.fill(left, top, cellWidth_, cellHeight_, kPlotGround);
+        canvas.fill(left, top, cellWidth_, cellHeight_, kNoFrame);
         canvas.text(left + kGap, top + kGap, "cannot be shown", kTop);
     }
     if (const auto placed = placement(frame)) {
@@ -270,71 +248,6 @@ void BundleSheet::drawKeypoints(Canvas& canvas, const View& view, const Placemen
         const Point at = placed.toFrame({pixel(points[i]), pixel(points[i + 1])});
         canvas.dot(view.x(at.x), view.y(at.y), 2, kPoints);
     }
-}
-
-/// The columns' values around their own mean, so that small movements of 63 values in one plot can
-///  be seen; a single column as it is.
-std::vector<double> centred(const std::vector<float>& values, size_t width) {
-    std::vector<double> result(values.begin(), values.end());
-    if (width == 1) return result;
-    for (size_t column = 0; column < width; ++column) {
-        double sum = 0;
-        size_t count = 0;
-        for (size_t i = column; i < result.size(); i += width) {
-            if (std::isfinite(result[i])) sum += result[i], ++count;
-        }
-        for (size_t i = column; i < result.size(); i += width) {
-            result[i] -= sum / static_cast<double>(std::max<size_t>(count, 1));
-        }
-    }
-    return result;
-}
-
-void BundleSheet::drawPlot(Canvas& canvas, const Series& series, int y) {
-    const size_t count = series.values.size() / series.width;
-    const int width = canvas.width() - 2 * kGap;
-    const std::vector<double> values = centred(series.values, series.width);
-    double low = HUGE_VAL, high = -HUGE_VAL;
-    for (const double value : values) {
-        if (std::isfinite(value)) low = std::min(low, value), high = std::max(high, value);
-    }
-    std::string title = series.name + ": nothing to plot";
-    if (low <= high) {
-        title = fmt::format("{}: {} rows, {}{:.4g} to {:.4g}", series.name, count,
-                            series.width > 1 ? "x y z around their means, " : "", low, high);
-    }
-    canvas.text(kGap, y + 2, title, kText);
-    if (series.width > 1) {
-        for (int axis = 0; axis < 3; ++axis) {
-            canvas.text(
-                kGap + (static_cast<int>(title.size()) + 2 + 2 * axis) * Canvas::kLetterWidth,
-                y + 2, std::string(1, static_cast<char>('x' + axis)), kAxes[axis]);
-        }
-    }
-    y += kTitle;
-    canvas.fill(kGap, y, width, kPlotHeight, kPlotGround);
-    canvas.clip(kGap, y, width, kPlotHeight);
-    const double across = (width - 9.0) / static_cast<double>(std::max<size_t>(count, 2) - 1);
-    const auto column = [&](size_t row) { return kGap + 4 + across * static_cast<double>(row); };
-    const auto level = [&](double value) {
-        return y + kPlotHeight - 5 -
-               (kPlotHeight - 9) * (high > low ? (value - low) / (high - low) : 0.5);
-    };
-    if (series.name == "xs_target.bin") {
-        for (const int frame : chosen_) {
-            canvas.line(column(static_cast<size_t>(frame)), y, column(static_cast<size_t>(frame)),
-                        y + kPlotHeight, kMark);
-        }
-    }
-    for (size_t value = 0; value < series.width && low <= high; ++value) {
-        for (size_t row = 0; row < count; ++row) {
-            const size_t next = std::min(row + 1, count - 1);
-            canvas.line(column(row), level(values[row * series.width + value]), column(next),
-                        level(values[next * series.width + value]),
-                        series.width > 1 ? kAxes[value % 3] : kText, 1, 0.75f);
-        }
-    }
-    canvas.unclip();
 }
 
 }  // namespace

@@ -73,8 +73,7 @@ void Canvas::fill(int x, int y, int width, int height, Color color) {
     }
 }
 
-void Canvas::line(double x0, double y0, double x1, double y1, Color color, int thickness,
-                  float share) {
+void Canvas::line(double x0, double y0, double x1, double y1, Color color, int thickness) {
     // Far ends are of no use here and would take for ever.
     const double reach = 4.0 * (width_ + height_);
     for (const double end : {x0, y0, x1, y1}) {
@@ -88,7 +87,7 @@ void Canvas::line(double x0, double y0, double x1, double y1, Color color, int t
         const int x = static_cast<int>(std::lround(x0 + t * (x1 - x0)));
         const int y = static_cast<int>(std::lround(y0 + t * (y1 - y0)));
         for (int w = -(thickness / 2); w < thickness - thickness / 2; ++w) {
-            blend(steep ? x + w : x, steep ? y : y + w, color, share);
+            blend(steep ? x + w : x, steep ? y : y + w, color);
         }
     }
 }

@@ -28,8 +28,7 @@ class Canvas {
     void blend(int x, int y, Color color, float share = 1);
     void fill(int x, int y, int width, int height, Color color);
     /// A line between pixel centres, `thickness` pixels wide.
-    void line(double x0, double y0, double x1, double y1, Color color, int thickness = 1,
-              float share = 1);
+    void line(double x0, double y0, double x1, double y1, Color color, int thickness);
     void dot(double x, double y, int radius, Color color);
     /// Letters are drawn as capitals, 3 x 5 blocks of kBlock pixels each; (x, y) is the top left.
     void text(int x, int y, const std::string& text, Color color);
