@@ -76,6 +76,7 @@ file(WRITE ${package_files}/shlibs
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${package_files}/triggers ${package_files}/shlibs)
 
 # Each package carries its change log and the licences of what it contains.
+string(TIMESTAMP year "%Y" UTC)
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 file(WRITE ${package_files}/changelog
 "${CPACK_PACKAGE_NAME} (${version}) unstable; urgency=low
@@ -87,10 +88,17 @@ file(WRITE ${package_files}/changelog
 execute_process(COMMAND gzip -9nc ${package_files}/changelog
     OUTPUT_FILE ${package_files}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
 
+# CPack writes scripts that call ldconfig beside the trigger that does.
+file(WRITE ${package_files}/overrides "${library}: maintscript-calls-ldconfig\n")
+install(FILES ${package_files}/overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+    RENAME ${library} COMPONENT library EXCLUDE_FROM_ALL)
+
 function(zorv_package_documents COMPONENT PACKAGE)
     set(copyright ${package_files}/${PACKAGE}.copyright)
     file(WRITE ${copyright}
-"zorv_core, its command line and its development files come without a licence: nobody has been
+"Copyright ${year} the authors of zorv_core
+
+zorv_core, its command line and its development files come without a licence: nobody has been
 granted the right to use, change or pass them on by this file.
 
 What else this package contains comes under the terms that follow.
