@@ -79,8 +79,8 @@ ZORV_API const char* zorv_kernel_path(const char* kernel);
  * Where the library's own lines go (what it falls back to, what it does to a model): `line` gets
  * each without its line end, on the thread that has something to say, several at once if need be,
  * and must not call this function. NULL restores standard error, where lines of the process's exit
- * always go. line  NULL or a function; text is valid during the call only. user  handed to it.
- * Returns once no call of the former function runs. Any thread.
+ * always go. Its text is valid during the call only; `user` is handed to it. The call comes back
+ * once no call of the former function runs. Any thread.
  */
 ZORV_API void zorv_set_log(void (*line)(void* user, const char* text), void* user);
 
@@ -759,7 +759,7 @@ typedef struct zorv_utt_event {
     size_t struct_size; /**< Host: sizeof(zorv_utt_event). */
     int32_t type;       /**< A ZORV_UTT_ value. */
     int32_t reason;     /**< A ZORV_REASON_ value; 0 for ZORV_UTT_STARTED. */
-    uint64_t utterance;
+    uint64_t utterance; /**< Its number, from 1. */
     /** Up to where it was shown: the end of its last pulled frame's sound, at most its length; 0
      *  when none was pulled. */
     int64_t samples;
@@ -807,24 +807,30 @@ ZORV_API void zorv_utt_destroy(zorv_utt* utt);
 ZORV_API int zorv_utt_ready(zorv_utt* utt);
 
 /**
- * Settings. Each comes before the first push and the first pull; returns 1, or 0 with a text (NULL,
- * a value that is out of range, too late) and changes nothing. Any thread.
+ * The rate of pushed sound in Hz: 8000 to 48000, a multiple of 25; 16000 unless set. The models
+ * hear 16,000 Hz through a streaming resampler that starts anew with each utterance; how sound is
+ * cut into pushes changes nothing.
  *
- * set_input       rate of pushed sound in Hz: 8000 to 48000, a multiple of 25; 16000 unless set.
- *                 The models hear 16,000 Hz through a streaming resampler that starts anew with
- *                 each utterance; how sound is cut into pushes changes nothing.
- * set_pixels      form of the frames that are made ahead, a ZORV_PIXELS_ value; RGBA unless set.
- * set_matrix      matrix of the YUV forms, a ZORV_MATRIX_ value; AUTO unless set.
- * set_idle_ahead  idle and ramp frames that are made ahead of the host, 1 to 8; 8 unless set. With
- *                 fewer, speech shows sooner. Waiting idle frames beyond it are taken back; the
- *                 sequence shows a gap.
- * set_late        a ZORV_LATE_ value: WAIT (unless set) for a host that plays frames with their
- *                 sound, SKIP for one whose sound plays from elsewhere.
+ * This and the next four settings come before the first push and the first pull. Each returns 1, or
+ * 0 with a text (NULL, a value that is out of range, too late) and changes nothing. Any thread.
  */
 ZORV_API int zorv_utt_set_input(zorv_utt* utt, int rate);
+
+/** The form of the frames that are made ahead, a ZORV_PIXELS_ value; RGBA unless set. Otherwise as
+ *  zorv_utt_set_input. Any thread. */
 ZORV_API int zorv_utt_set_pixels(zorv_utt* utt, int pixels);
+
+/** The matrix of the YUV forms, a ZORV_MATRIX_ value; AUTO unless set. Otherwise as
+ *  zorv_utt_set_input. Any thread. */
 ZORV_API int zorv_utt_set_matrix(zorv_utt* utt, int matrix);
+
+/** Idle and ramp frames that are made ahead of the host, 1 to 8; 8 unless set. With fewer, speech
+ *  shows sooner. Waiting idle frames beyond it are taken back; the sequence shows a gap. Otherwise
+ *  as zorv_utt_set_input. Any thread. */
 ZORV_API int zorv_utt_set_idle_ahead(zorv_utt* utt, int frames);
+
+/** A ZORV_LATE_ value: WAIT (unless set) for a host that plays frames with their sound, SKIP for
+ * one whose sound plays from elsewhere. Otherwise as zorv_utt_set_input. Any thread. */
 ZORV_API int zorv_utt_set_late(zorv_utt* utt, int policy);
 
 /**
