@@ -35,11 +35,8 @@ struct GridSampleFastKernel {
 };
 
 struct GridSampleFast : CpuOperator<GridSampleFast, GridSampleFastKernel> {
-    GridSampleFast() {
-        InferOutputShapeFn = [](const OrtCustomOp*, OrtShapeInferContext* context) {
-            return statusOf([&] { inferShape({&Ort::GetApi(), context}); });
-        };
-    }
+    // No shape inference: the runtime's wrapper frees a shape twice when memory runs out, and the
+    // runtime does not look at what an inference refuses. The kernel refuses at load.
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "GridSampleFast"; }
     std::size_t GetInputTypeCount() const { return 2; }
@@ -50,26 +47,7 @@ struct GridSampleFast : CpuOperator<GridSampleFast, GridSampleFastKernel> {
     ONNXTensorElementDataType GetOutputType(std::size_t) const {
         return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
     }
-    /// Tells the runtime the output's shape as far as the inputs' are known.
-    static void inferShape(Ort::ShapeInferContext context);
 };
-
-void GridSampleFast::inferShape(Ort::ShapeInferContext context) {
-    auto shape = context.GetInputShape(0);
-    const auto& grid = context.GetInputShape(1);
-    // Either may be unknown. What is wrong is left to the kernel: the runtime does not look at what
-    // comes back from here.
-    if (shape.size() != kRank || grid.empty()) return;
-    if (grid.size() == kRank) {
-        if (!grid[3].IsInt() || grid[3].AsInt() < 0) return;  // could be either form
-        if (grid[3].AsInt() == 2) std::copy_n(grid.begin() + 1, 2, shape.begin() + 2);
-    }
-    for (const auto& dimension : shape) {
-        if (dimension.IsInt() && dimension.AsInt() < 0) return;
-    }
-    const Ort::Status status = context.SetOutputShape(0, shape);
-    if (!status.IsOK()) throw std::runtime_error(status.GetErrorMessage());
-}
 
 void GridSampleFastKernel::compute(Ort::KernelContext context) {
     const Ort::ConstValue x = context.GetInput(0);

@@ -95,36 +95,4 @@ void ResizeFastKernel::compute(Ort::KernelContext context) {
     resizePlanes(x.GetTensorData<float>(), y, from[0] * from[1], from[2], from[3], to[2], to[3]);
 }
 
-ResizeFast::ResizeFast() {
-    InferOutputShapeFn = [](const OrtCustomOp*, OrtShapeInferContext* raw) {
-        return statusOf([&] {
-            Ort::ShapeInferContext context(&Ort::GetApi(), raw);
-            auto shape = context.GetInputShape(0);
-            if (shape.size() != 4) return;
-            for (const auto& size : shape) {
-                if (size.IsInt() && size.AsInt() < 0) return;
-            }
-            const auto attribute = [&](const char* name) {
-                try {
-                    return context.GetAttrInts(name);
-                } catch (const Ort::Exception&) {
-                    return Ort::ShapeInferContext::Ints();
-                }
-            };
-            const auto sizes = attribute("sizes"), scales = attribute("scales");
-            for (std::size_t axis = 2; axis < 4; ++axis) {
-                if (sizes.size() == 4) {
-                    shape[axis] = sizes[axis];
-                } else if (scales.size() == 2 && shape[axis].IsInt()) {
-                    shape[axis] = shape[axis].AsInt() * scales[axis - 2];
-                } else {
-                    return;
-                }
-            }
-            const Ort::Status status = context.SetOutputShape(0, shape);
-            if (!status.IsOK()) throw std::runtime_error(status.GetErrorMessage());
-        });
-    };
-}
-
 }  // namespace zorv

@@ -37,7 +37,6 @@ struct ResizeFastKernel {
 
 /// com.velmarin::ResizeFast, X float [N, C, h, w] -> Y float [N, C, H, W].
 struct ResizeFast : CpuOperator<ResizeFast, ResizeFastKernel> {
-    ResizeFast();
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "ResizeFast"; }
     std::size_t GetInputTypeCount() const { return 1; }
