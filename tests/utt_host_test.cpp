@@ -114,7 +114,7 @@ TEST(UttInputTest, AnotherRateShowsTheSameFrames) {
     std::vector<std::int16_t> pcm(kSamples);
     std::vector<float> whole(kSamples), heard(kSamples);
     for (int i = 0; i < kSamples; ++i) {
-        pcm[i] = static_cast<std::int16_t>(9000 * std::sin(i * i * 1e-6) + 3000);
+        pcm[i] = static_cast<std::int16_t>(9000 * std::sin(1e-6 * i * i) + 3000);
         whole[i] = static_cast<float>(pcm[i]) / 32768;
     }
     heard.resize(zorv_resample(whole.data(), kSamples, kRate, heard.data(), kSamples));
