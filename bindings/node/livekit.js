@@ -77,6 +77,7 @@ export class FaceOutput extends voice.AudioOutput {
     const line = this.#lines.find((known) => known.utterance === utterance);
     if (!line) return;
     if (type === 'started') {
+      this.#reportDue(); // the line before is told first
       this.onPlaybackStarted(Date.now());
       return;
     }
