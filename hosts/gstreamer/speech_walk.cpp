@@ -1,6 +1,7 @@
 #include "speech_walk.h"
 
 #include <unistd.h>
+#include <zorv_core.hpp>
 
 #include <algorithm>
 #include <stdexcept>
@@ -8,32 +9,12 @@
 namespace zorv::gst {
 namespace {
 
-struct MotionFunctions {
-    using Handle = zorv_motion;
+struct MotionFunctions : MotionFamily {
     static constexpr bool kClearsError = true;  ///< by a call that succeeds
-    static constexpr auto destroy = zorv_motion_destroy;
-    static constexpr auto nt = zorv_motion_nt;
-    static constexpr auto push = zorv_motion_push;
-    static constexpr auto finish = zorv_motion_finish;
-    static constexpr auto avail = zorv_motion_avail;
-    static constexpr auto pull = zorv_motion_pull;
-    static constexpr auto reset = zorv_motion_reset;
-    static constexpr auto lookAhead = zorv_motion_look_ahead;
-    static constexpr auto lastError = zorv_motion_last_error;
 };
 
-struct ExpressionFunctions {
-    using Handle = zorv_a2x;
+struct ExpressionFunctions : ExpressionFamily {
     static constexpr bool kClearsError = false;
-    static constexpr auto destroy = zorv_a2x_destroy;
-    static constexpr auto nt = zorv_a2x_nt;
-    static constexpr auto push = zorv_a2x_push;
-    static constexpr auto finish = zorv_a2x_finish;
-    static constexpr auto avail = zorv_a2x_avail;
-    static constexpr auto pull = zorv_a2x_pull;
-    static constexpr auto reset = zorv_a2x_reset;
-    static constexpr auto lookAhead = zorv_a2x_look_ahead;
-    static constexpr auto lastError = zorv_a2x_last_error;
 };
 
 template <class Functions>
