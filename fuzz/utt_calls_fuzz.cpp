@@ -328,7 +328,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             test::RandomRuns runs;
             runs.player = options;
             runs.failing = life.seed % 4 == 0;
-            if (runs.failing) runs.player.render = "render_fails";
+            if (runs.failing) {
+                runs.player.render = "render_fails";
+                runs.player.steadyModel = "render_fails_b4";
+            }
             test::randomRuns(runs, 1, 25, life.seed);
             continue;
         }
