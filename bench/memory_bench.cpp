@@ -1,8 +1,7 @@
 // What handles of each family cost in memory and time, on the demo subject: at opening, after use,
 // and once more for a second handle of the same process. Prints JSON.
 //   memory_bench, with ZORV_DEMO_BUNDLE, ZORV_DEMO_ENCODER, ZORV_DEMO_MOTION, ZORV_DEMO_EXPRESSION
-// Each family has a process of its own. "own" is memory that no other process shares, "mapped" the
-// resident pages of files, which all processes and handles that map them share.
+// Each family has a process of its own.
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zorv_core.hpp>
@@ -10,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -20,6 +18,7 @@
 
 #include "demo_subject.h"
 #include "live_engine.h"
+#include "process_memory.h"
 #include "stopwatch.h"
 #include "workload.h"
 
@@ -27,25 +26,10 @@ namespace {
 
 using namespace zorv::driver;
 using nlohmann::json;
+using zorv::bench::Memory;
+using zorv::bench::memoryNow;
 
 constexpr int kSeconds = 20, kThreads = 1;  // of speech; of the models
-
-struct Memory {
-    double own = 0, mapped = 0;  // MiB
-};
-
-Memory memoryNow() {
-    std::ifstream file("/proc/self/smaps_rollup");
-    double resident = 0, own = 0;
-    for (std::string line; std::getline(file, line);) {
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        const double mib = std::atof(line.c_str() + colon + 1) / 1024;
-        if (line.rfind("Rss:", 0) == 0) resident = mib;
-        if (line.rfind("Anonymous:", 0) == 0) own = mib;
-    }
-    return {own, resident - own};
-}
 
 json growth(const Memory& from) {
     const Memory now = memoryNow();

@@ -1,5 +1,7 @@
 #include "common/ort.h"
 
+#include <onnxruntime_session_options_config_keys.h>
+
 #include <stdexcept>
 
 namespace zorv {
@@ -48,6 +50,9 @@ Ort::SessionOptions makeSessionOptions(int intraOpThreads) {
     options.SetIntraOpNumThreads(intraOpThreads);
     options.SetInterOpNumThreads(1);
     options.SetGraphOptimizationLevel(ORT_ENABLE_ALL);
+    // Weights outside the arena, which grows by powers of two and would keep what the runtime
+    // leaves for packed copies.
+    options.AddConfigEntry(kOrtSessionOptionsUseDeviceAllocatorForInitializers, "1");
     return options;
 }
 
