@@ -82,7 +82,7 @@ void addLive(CLI::App& app, LiveOptions& options) {
     command->add_option("-o,--output", options.output, "Keep what was seen and heard: OUT.mp4");
     command->add_option("--rate", options.rate, "Push the sound at so many samples per second")
         ->capture_default_str()
-        ->check(CLI::IsMember({8000, 12000, 16000, 22050, 24000, 32000, 44100, 48000}));
+        ->check(CLI::IsMember({8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000}));
     command->add_option("--pixels", options.pixels, "Form of the frames that are pulled")
         ->capture_default_str()
         ->check(CLI::IsMember({"rgba", "rgb", "i420", "nv12"}));
