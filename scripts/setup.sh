@@ -2,7 +2,7 @@
 # Installs what building zorv needs and finds (or fetches) ONNX Runtime.
 #
 #   scripts/setup.sh            packages + ONNX Runtime; prints the runtime's folder
-#   scripts/setup.sh --dev      also what the full test run needs (clang, doxygen, GStreamer, qemu ...)
+#   scripts/setup.sh --dev      also what the full test run needs (clang, GStreamer, Chromium, qemu ...)
 #   scripts/setup.sh --package  also what scripts/package.sh needs (Debian's packaging tools, the
 #                               licence texts of a fetched runtime)
 #   scripts/setup.sh --wheel    also what scripts/wheel.sh needs (Python's packaging tools, patchelf,
@@ -26,13 +26,13 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
-PYTHON_PACKAGES=(python3-av python3-distributed mypy)
+PYTHON_PACKAGES=(python3-av python3-distributed python3-aiortc python3-aiohttp mypy)
 GSTREAMER_BUILD_PACKAGES=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev)
 GSTREAMER_PACKAGES=("${GSTREAMER_BUILD_PACKAGES[@]}" gstreamer1.0-tools gstreamer1.0-libav
                     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
                     gstreamer1.0-plugins-ugly nginx libnginx-mod-rtmp)
 DEV_PACKAGES=("${GSTREAMER_PACKAGES[@]}" clang clang-format clang-tidy cppcheck valgrind qemu-user
-              llvm git doxygen dpkg-dev)
+              llvm git doxygen dpkg-dev chromium)
 
 WHEEL_PACKAGES=(python3-build python3-setuptools python3-wheel python3-venv patchelf)
 PACKAGE_PACKAGES=("${GSTREAMER_BUILD_PACKAGES[@]}" dpkg-dev fakeroot lintian xz-utils)
@@ -73,8 +73,8 @@ install_packages() {
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
   CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
-  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV, distributed and mypy, and
-  espeak-ng; unpack an official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
+  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV, distributed, aiortc,
+  aiohttp and mypy, and espeak-ng; unpack an official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
 }
 

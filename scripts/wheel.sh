@@ -15,9 +15,10 @@ python=/usr/bin/python3
 
 stage=build/wheel/python
 rm -rf "$stage"
-mkdir -p "$stage/zorv" build/dist
+mkdir -p "$stage/zorv/web" build/dist
 cp bindings/python/{pyproject.toml,setup.py} "$stage"
 cp bindings/python/zorv/{*.py,py.typed} "$stage/zorv"
+cp hosts/web/{*.py,page.html} "$stage/zorv/web"
 scripts/portable_library.sh "$stage/zorv/lib" "$stage/licences"
 
 glibc=$(objdump -T "$stage"/zorv/lib/* | grep -oE 'GLIBC_2\.[0-9]+' | sort -Vu | tail -n 1)

@@ -77,6 +77,9 @@ RECORDS = {"zorv_utt_opts": UttOpts, "zorv_utt_stats": UttStats, "zorv_utt_frame
 FUNCTIONS: "dict[str, tuple[Any, ...]]" = {
     "zorv_version": (c_int,),
     "zorv_set_log": (None, LOG_CALLBACK, c_void_p),
+    "zorv_telemetry_enable": (None, c_int),
+    "zorv_telemetry_pending": (c_size_t,),
+    "zorv_telemetry_take": (c_size_t, c_char_p, c_size_t),
     "zorv_create": (c_void_p, c_char_p, c_char_p, c_int, c_char_p),
     "zorv_destroy": (None, c_void_p),
     "zorv_last_error": (c_char_p,),
