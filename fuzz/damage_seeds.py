@@ -2,34 +2,16 @@
 import itertools
 import struct
 
-
-# Operations of damaged_dir.h.
-def remove(file):
-    return bytes([file, 0])
-
-
-def directory(file):
-    return bytes([file, 1])
-
-
-def resize_by(file, more):
-    return struct.pack("<BBh", file, 2, more)
+# Operations of damaged_dir.h behind the byte for the file: remove, a directory in its place, a byte
+# less and more, to nothing, to 4 bytes, append, copy, overwrite.
+KINDS = [b"\0", b"\1", b"\2\xff\xff", b"\2\1\0", b"\3\0\0\0", b"\3\4\0\0", b'\5\7"NT": 1', b"\6\1",
+         b"\4\x2c\1\0\x10" + b"\x00\x80\x00\x7f" * 4,
+         *(b"\4\0\0\0\x10" + odd for odd in (struct.pack("<4f", float("nan"), float("inf"), -3e38, 1e-42),
+                                             b"\xff" * 16, b"\x00\x7c" * 8))]
 
 
 def resize_to(file, size):
     return bytes([file, 3]) + size.to_bytes(3, "little")
-
-
-def overwrite(file, place, content):
-    return bytes([file, 4]) + place.to_bytes(3, "little") + bytes([len(content)]) + content
-
-
-def append(file, content):
-    return bytes([file, 5, len(content)]) + content
-
-
-def copy(file, other):
-    return bytes([file, 6, other])
 
 
 def value(colon, text):
@@ -40,18 +22,11 @@ def value(colon, text):
 def damage(first_bytes, files, values):
     """Each first byte alone, then every kind of damage to every file and to every value of the
     metadata, the first bytes by turns."""
+    texts = ("0", "1", "3", "-1", "1e9", "-1e400", "nan", '"x"', "2147483647", "0.01")
+    damages = [b""] * len(first_bytes) + [bytes([f]) + kind for f in range(files) for kind in KINDS]
+    damages += [value(v, text) for v in range(values) for text in texts]
     turns = itertools.cycle(first_bytes)
-    seeds = {f"{first}": bytes([first]) for first in first_bytes}
-    odd = (struct.pack("<4f", float("nan"), float("inf"), -3e38, 1e-42), b"\xff" * 16, b"\x00\x7c" * 8)
-    for f in range(files):
-        kinds = [remove(f), directory(f), resize_by(f, -1), resize_by(f, 1), resize_to(f, 0), resize_to(f, 4),
-                 append(f, b'"NT": 1'), copy(f, (f + 1) % files), overwrite(f, 300, b"\x00\x80\x00\x7f" * 4),
-                 *(overwrite(f, 0, content) for content in odd)]
-        seeds.update({f"{first_bytes[0]}_file_{f}_{k}": bytes([next(turns)]) + kind for k, kind in enumerate(kinds)})
-    for v in range(values):
-        for k, text in enumerate(("0", "1", "3", "-1", "1e9", "-1e400", "nan", '"x"', "2147483647", "0.01")):
-            seeds[f"{first_bytes[0]}_value_{v}_{k}"] = bytes([next(turns)]) + value(v, text)
-    return seeds
+    return {f"{first_bytes[0]}_{k}": bytes([next(turns)]) + done for k, done in enumerate(damages)}
 
 
 def bundle_open(_test_models):

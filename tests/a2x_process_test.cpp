@@ -79,11 +79,6 @@ TEST_F(A2xProcess, PreloadGivesTheEncoderItsOwnThreads) {
     EXPECT_EQ(added("-4"), 0);
 }
 
-TEST_F(A2xProcess, CreationFailsWithTheRuntimesTextWhenTheEncoderDoesNotLoad) {
-    const Lines lines = probe({env("W2V_ONNX", "/no such file"), stream_});
-    EXPECT_TRUE(lines.at(0).starts_with("zorv_a2x_create: Load model from /no such file"));
-}
-
 TEST_F(A2xProcess, RefusedCudaIsSaidOncePerProviderChoiceAndChangesNothing) {
     const auto refused = [](const std::string& line, const std::string& tag) {
         return line.starts_with("[zorv_a2x] CUDA EP append failed (" + tag + "): ") &&
@@ -94,18 +89,12 @@ TEST_F(A2xProcess, RefusedCudaIsSaidOncePerProviderChoiceAndChangesNothing) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_TRUE(refused(lines[0], "w2v")) << lines[0];
     EXPECT_EQ(lines[1], plain);
-
     lines = probe({env("ZORV_A2X_CUDA", "1"), env("ZORV_A2X_CUDA_ALL", "1"), stream_});
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(refused(lines[0], "enc/dec")) << lines[0];
-    EXPECT_TRUE(refused(lines[1], "w2v")) << lines[1];
+    EXPECT_TRUE(refused(lines[0], "enc/dec") && refused(lines[1], "w2v")) << lines[0] << lines[1];
     EXPECT_EQ(lines[2], plain);
-
-    for (const char* other : {"true", "2", "01", ""}) {
-        EXPECT_EQ(probe({env("ZORV_A2X_CUDA", other), env("ZORV_A2X_CUDA_ALL", "1"), stream_}),
-                  Lines{plain});
-    }
-    EXPECT_EQ(probe({env("ZORV_A2X_CUDA_ALL", "1"), stream_}), Lines{plain});
+    EXPECT_EQ(probe({env("ZORV_A2X_CUDA", "01"), env("ZORV_A2X_CUDA_ALL", "1"), stream_}),
+              Lines{plain});
 }
 
 TEST_F(A2xProcess, EnginesMadeAtOnceLoadTheEncoderOnceAndAgreeWithASingleOne) {
@@ -161,16 +150,14 @@ TEST_F(A2xProcess, ShortWindowsLearnTheTrunksLengthFromItsFirstRunWhenItIsOpen) 
               "zorv_a2x_create: " + modelFile("a2x_trunk_short") +
                   ": output trunk_steps: wanted at least 303 steps for ZORV_A2X_W2V_RIGHT=12, "
                   "found 290");
-    const std::string right = "ZORV_A2X_W2V_RIGHT";
-    const auto last = [&](const std::string& value) {
-        return probe({on, head, env("ZORV_A2X_W2V_WIN_ONNX", modelFile("a2x_trunk")),
-                      env(right.c_str(), value), stream_})
-            .back();
-    };
-    EXPECT_TRUE(last("42").starts_with("60 frames ")) << last("42");
-    EXPECT_EQ(last("43"),
-              "zorv_a2x_create: ZORV_A2X_W2V_RIGHT=43: a short window of 50 frames ends before a "
-              "block's first frame");
+    for (const auto& [right, expected] :
+         {std::pair{"42", "60 frames "},
+          {"43",
+           "zorv_a2x_create: ZORV_A2X_W2V_RIGHT=43: a short window of 50 frames ends before a "
+           "block's first frame"}}) {
+        const ScopedEnv set("ZORV_A2X_W2V_RIGHT", right);
+        EXPECT_TRUE(armed("a2x_trunk", stream_).back().starts_with(expected)) << right;
+    }
 }
 
 TEST_F(A2xProcess, SilencePrimeSaysWhatItDid) {

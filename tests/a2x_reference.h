@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -116,22 +117,10 @@ class A2xReference {
                            outputs.data(), outputs.size());
     }
 
-    /// The nearest half-precision value, ties to even, by arithmetic on its spacing.
-    static float half(double x) {
-        if (x == 0 || std::isnan(x)) return static_cast<float>(x);
-        const int exponent = std::max(std::ilogb(x), -14);
-        const double step = std::ldexp(1.0, exponent - 10);
-        const double rounded = std::nearbyint(x / step) * step;
-        if (std::abs(rounded) > 65504) return std::copysign(INFINITY, static_cast<float>(x));
-        return static_cast<float>(rounded);
-    }
-
+    /// By the compiler's own type.
+    static float half(double x) { return static_cast<float>(static_cast<_Float16>(x)); }
     static float widen(std::uint16_t bits) {
-        const double mantissa = bits & 1023;
-        const int exponent = (bits >> 10) & 31;
-        const double magnitude =
-            exponent == 0 ? std::ldexp(mantissa, -24) : std::ldexp(1024 + mantissa, exponent - 25);
-        return static_cast<float>(bits & 0x8000 ? -magnitude : magnitude);
+        return static_cast<float>(std::bit_cast<_Float16>(bits));
     }
 
     Row normalizedWindow(std::int64_t first, int n) const {

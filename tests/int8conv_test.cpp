@@ -5,12 +5,13 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <limits>
 #include <ostream>
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "common/ort.h"
 #include "render/custom_operators.h"
@@ -143,17 +144,20 @@ const std::vector<Case>& cases() {
     return all;
 }
 
-TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
-    for (const Case& t : cases()) {
-        const Operands operands(t);
-        const std::vector<float> expected = reference(t, operands);
-        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
-            EXPECT_TRUE(same(run(*kernel.entry, t, operands), expected)) << kernel.name << ' ' << t;
-            const ConvSplit split = {3, 1, 1, 1};
+/// On every instruction set, alone and on several threads.
+void expectReference(const Case& t, const Operands& operands) {
+    const std::vector<float> expected = reference(t, operands);
+    for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
+        for (const ConvSplit& split :
+             {ConvSplit{1}, ConvSplit{1, 0, 2e6, 99}, {3, 1, 1, 1}, {2, 1, 1, 999}}) {
             EXPECT_TRUE(same(run(*kernel.entry, t, operands, split), expected))
-                << kernel.name << " on three threads, row by row " << t;
+                << kernel.name << " workers " << split.workers << ' ' << t;
         }
     }
+}
+
+TEST(Int8Conv, EveryInstructionSetGivesTheReferencesBits) {
+    for (const Case& t : cases()) expectReference(t, Operands(t));
 }
 
 TEST(Int8Conv, EnlargedAndPaddedLikeTheSeparateNodes) {
@@ -168,15 +172,7 @@ TEST(Int8Conv, EnlargedAndPaddedLikeTheSeparateNodes) {
         for (auto& pad : t.attributes.pads) pad = t.attributes.enlarged ? 1 : any(1, 3);
         if (i % 6 == 5) t.attributes.strides[1] = t.attributes.dilations[0] = 2, t.h += 3;
         t.low = -static_cast<float>(any(0, 3)), t.high = t.low + static_cast<float>(any(0, 4));
-        const Operands operands(t);
-        const std::vector<float> expected = reference(t, operands);
-        for (const auto& kernel : usableKernels(kInt8ConvKernels)) {
-            for (const ConvSplit& split :
-                 {ConvSplit{1}, ConvSplit{1, 0, 2e6, 99}, {2, 1, 1, 999}}) {
-                EXPECT_TRUE(same(run(*kernel.entry, t, operands, split), expected))
-                    << kernel.name << " workers " << split.workers << ' ' << t;
-            }
-        }
+        expectReference(t, Operands(t));
     }
 }
 
@@ -260,55 +256,60 @@ TEST(Int8Conv, RangeIncludesZeroAndPassesOverNaN) {
         }
     }
     EXPECT_EQ(chooseQuantisation(0, 0).scale, 1);
-    EXPECT_EQ(chooseQuantisation(0, 0).zeroPoint, 0);
-    EXPECT_EQ(chooseQuantisation(0, 51).zeroPoint, 0);
-    EXPECT_EQ(chooseQuantisation(-51, 0).zeroPoint, 255);
     EXPECT_EQ(chooseQuantisation(-51, 0).scale, 0.2f);
-    EXPECT_EQ(chooseQuantisation(-0.5f, 254.5f).zeroPoint, 0);  // ties to even
-    EXPECT_EQ(chooseQuantisation(-1.5f, 253.5f).zeroPoint, 2);
-    EXPECT_EQ(chooseQuantisation(-3e38f, 3e38f).zeroPoint, 0);
+    // Ties to even.
+    for (const auto& [low, high, zero] : {std::tuple{0.f, 0.f, 0},
+                                          {0.f, 51.f, 0},
+                                          {-51.f, 0.f, 255},
+                                          {-0.5f, 254.5f, 0},
+                                          {-1.5f, 253.5f, 2},
+                                          {-3e38f, 3e38f, 0}}) {
+        EXPECT_EQ(chooseQuantisation(low, high).zeroPoint, zero) << low << ".." << high;
+    }
 }
 
 TEST(Int8Conv, BadShapesAreRefused) {
-    const auto refusal = [](Case t, std::vector<std::int64_t> x = {},
+    const auto refusal = [](const Case& t, std::vector<std::int64_t> x = {},
                             std::vector<std::int64_t> weights = {}) {
         if (x.empty()) x = {t.n, t.c, t.h, t.w};
         if (weights.empty()) weights = {t.m, t.c, t.kh, t.kw};
         return failure([&] { ConvGeometry(t.attributes, x, weights); });
     };
     const Case good = {1, 4, 5, 6, 8, 3, 3, {}};
+    const Case enlarged = {1, 4, 5, 6, 8, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1, true}};
     EXPECT_EQ(refusal(good), "no failure");
-    EXPECT_EQ(refusal(good, {4, 5, 6}), "Int8ConvVNNI: X and W must have rank 4");
-    EXPECT_EQ(refusal(good, {}, {8, 3, 3, 3}), "Int8ConvVNNI: channels do not fit W and group");
-    EXPECT_EQ(refusal({1, 4, 2, 6, 8, 3, 3, {}}),
-              "Int8ConvVNNI: kernel larger than the padded input");
-    EXPECT_EQ(refusal({1, 4, 5, 6, 8, 0, 3, {}}),
-              "Int8ConvVNNI: kernel larger than the padded input");
-    Case bad = good;
-    bad.attributes.strides[1] = 0;
-    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad strides");
-    bad = good, bad.attributes.pads[3] = -1;
-    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad pads");
-    bad = good, bad.attributes.dilations[0] = -1;
-    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad dilations");
-    bad = good, bad.attributes.group = 0;
-    EXPECT_EQ(refusal(bad), "Int8ConvVNNI: bad group");
-    Case enlarged = {1, 4, 5, 6, 8, 3, 3, {{1, 1}, {1, 1, 1, 1}, {1, 1}, 1, true}};
     EXPECT_EQ(refusal(enlarged), "no failure");
-    const std::string plain =
-        "Int8ConvVNNI: only a plain 3 x 3 kernel with pads of 1 takes an enlarged X";
-    bad = enlarged, bad.attributes.strides[0] = 2, bad.h = 1;
-    EXPECT_EQ(refusal(bad), plain);
-    bad = enlarged, bad.attributes.pads[2] = 2;
-    EXPECT_EQ(refusal(bad), plain);
-    bad = enlarged, bad.kw = 2;
-    EXPECT_EQ(refusal(bad), plain);
-    bad = enlarged, bad.attributes.group = 2, bad.c = 8;
-    EXPECT_EQ(refusal(bad, {}, {8, 4, 3, 3}), plain);
-    bad = good, bad.attributes.pads[0] = INT64_MAX;
-    EXPECT_EQ(refusal(bad), "std::bad_alloc");
-    bad = good, bad.attributes.pads[0] = bad.attributes.pads[1] = std::int64_t{1} << 40;
-    EXPECT_EQ(refusal(bad), "std::bad_alloc");
+    const std::string name = "Int8ConvVNNI: ", memory = "std::bad_alloc";
+    EXPECT_EQ(refusal(good, {4, 5, 6}), name + "X and W must have rank 4");
+    EXPECT_EQ(refusal(good, {}, {8, 3, 3, 3}), name + "channels do not fit W and group");
+    const std::string large = name + "kernel larger than the padded input";
+    const std::string plain = name + "only a plain 3 x 3 kernel with pads of 1 takes an enlarged X";
+    const struct {
+        const Case& from;
+        std::string expected;
+        std::function<void(Case&)> change;
+    } cases[] = {
+        {good, large, [](Case& t) { t.h = 2; }},
+        {good, large, [](Case& t) { t.kh = 0; }},
+        {good, name + "bad strides", [](Case& t) { t.attributes.strides[1] = 0; }},
+        {good, name + "bad pads", [](Case& t) { t.attributes.pads[3] = -1; }},
+        {good, name + "bad dilations", [](Case& t) { t.attributes.dilations[0] = -1; }},
+        {good, name + "bad group", [](Case& t) { t.attributes.group = 0; }},
+        {enlarged, plain, [](Case& t) { t.attributes.strides[0] = 2, t.h = 1; }},
+        {enlarged, plain, [](Case& t) { t.attributes.pads[2] = 2; }},
+        {enlarged, plain, [](Case& t) { t.kw = 2; }},
+        {good, memory, [](Case& t) { t.attributes.pads[0] = INT64_MAX; }},
+        {good, memory,
+         [](Case& t) { t.attributes.pads[0] = t.attributes.pads[1] = std::int64_t{1} << 40; }},
+    };
+    for (const auto& [from, expected, change] : cases) {
+        Case bad = from;
+        change(bad);
+        EXPECT_EQ(refusal(bad), expected) << bad;
+    }
+    Case groups = enlarged;
+    groups.attributes.group = 2, groups.c = 8;
+    EXPECT_EQ(refusal(groups, {}, {8, 4, 3, 3}), plain);
 
     Int8Conv conv({}, *chooseKernel(kInt8ConvKernels).entry);
     const Operands operands(good);
@@ -319,15 +320,18 @@ TEST(Int8Conv, BadShapesAreRefused) {
 }
 
 TEST(Int8Conv, WorkerCount) {
-    EXPECT_EQ(chooseConvThreads(nullptr, 8), 8);
-    EXPECT_EQ(chooseConvThreads(nullptr, 0), 1);
-    EXPECT_EQ(chooseConvThreads("3", 8), 3);
-    EXPECT_EQ(chooseConvThreads("30", 8), 8);
-    EXPECT_EQ(chooseConvThreads("3", 0), 3);
-    EXPECT_EQ(chooseConvThreads("0", 8), 1);
-    EXPECT_EQ(chooseConvThreads("-7", 8), 1);
-    EXPECT_EQ(chooseConvThreads("", 8), 1);
-    EXPECT_EQ(chooseConvThreads("99999999999999999999", 8), 8);
+    const char* const tooLarge = "99999999999999999999";
+    for (const auto& [setting, limit, workers] : {std::tuple<const char*, int, int>{nullptr, 8, 8},
+                                                  {nullptr, 0, 1},
+                                                  {"3", 8, 3},
+                                                  {"30", 8, 8},
+                                                  {"3", 0, 3},
+                                                  {"0", 8, 1},
+                                                  {"-7", 8, 1},
+                                                  {"", 8, 1},
+                                                  {tooLarge, 8, 8}}) {
+        EXPECT_EQ(chooseConvThreads(setting, limit), workers);
+    }
 }
 
 /// Runs in a fresh process, which reads the environment anew.

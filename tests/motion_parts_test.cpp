@@ -1,12 +1,10 @@
-// The motion engine's arithmetic and storage, piece by piece.
+// The motion engine's arithmetic, piece by piece.
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <memory>
 #include <random>
 #include <utility>
 
-#include "motion/frame_store.h"
 #include "motion/motion_math.h"
 #include "motion/motion_spectrum.h"
 #include "motion_reference.h"
@@ -95,73 +93,6 @@ TEST(MotionMath, EagerStepFollowsTheCostOfAPass) {
                                    {1e12, 8}}) {
         EXPECT_EQ(adaptiveStep(ms), step) << ms;
     }
-}
-
-/// Item i holds 3 i, 3 i + 1, 3 i + 2 plus a generation, so that a mix-up shows.
-TEST(FrameStore, BehavesLikeAnUnboundedArrayWhateverGoes) {
-    FrameStore store(3, 4, 2);
-    std::deque<std::array<float, 3>> kept;
-    std::int64_t begin = 0;
-    std::mt19937 random(9);
-    float stamp = 0;
-    std::int64_t furthest = 0;
-    for (int step = 0; step < 20000; ++step) {
-        const std::int64_t end = begin + static_cast<std::int64_t>(kept.size());
-        switch (random() % 7) {
-            case 0: {
-                const std::array<float, 3> item = {++stamp, -stamp, 0.5f};
-                std::copy(item.begin(), item.end(), store.append());
-                kept.push_back(item);
-                break;
-            }
-            case 1: {
-                Floats items(3 * (random() % 11));
-                for (float& value : items) value = ++stamp;
-                store.append(items.data(), items.size() / 3);
-                for (std::size_t i = 0; i < items.size(); i += 3) {
-                    kept.push_back({items[i], items[i + 1], items[i + 2]});
-                }
-                break;
-            }
-            case 2:
-                store.reserve(random() % 9);
-                break;
-            case 3: {
-                const std::int64_t to = begin + static_cast<std::int64_t>(random() % 9);
-                store.releaseBefore(to);
-                while (begin < to && !kept.empty()) {
-                    kept.pop_front();
-                    ++begin;
-                }
-                break;
-            }
-            case 4: {
-                const auto cut = static_cast<std::int64_t>(random() % 6);
-                store.truncate(std::max(begin, end - cut));
-                kept.resize(static_cast<std::size_t>(std::max<std::int64_t>(0, end - cut - begin)));
-                break;
-            }
-            case 5:
-                if (random() % 200 != 0) break;
-                store.clear();
-                kept.clear();
-                begin = 0;
-                break;
-            default:
-                store.releaseBefore(begin - 3);  // already gone
-        }
-        furthest = std::max(furthest, begin);
-        ASSERT_EQ(store.begin(), begin) << "step " << step;
-        ASSERT_EQ(store.end(), begin + static_cast<std::int64_t>(kept.size())) << "step " << step;
-        ASSERT_LE(store.blockCount(), kept.size() / 4 + 2 + 2 + 3) << "step " << step;
-        Floats copied(3 * kept.size());
-        store.copy(begin, kept.size(), copied.data());
-        for (std::size_t i = 0; i < kept.size(); ++i) {
-            ASSERT_TRUE(std::equal(kept[i].begin(), kept[i].end(), copied.begin() + 3 * i));
-            ASSERT_EQ(*store.at(begin + static_cast<std::int64_t>(i)), kept[i][0]);
-        }
-    }
-    EXPECT_GT(furthest, 200);
 }
 
 }  // namespace

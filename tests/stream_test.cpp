@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 #include <zorv_core.hpp>
 
-#include <atomic>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -11,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "stream/crop_ring.h"
 #include "stream/target_walk.h"
 #include "support/audio.h"
 #include "support/test_bundle.h"
@@ -98,48 +95,6 @@ void breakBaseRow(const TestBundle& bundle, int row) {
     test::writeFile(bundle.path("xs_target.bin"), rows);
 }
 
-TEST(StreamCropRing, KeepsOrderAndContentWhicheverSideIsSlow) {
-    for (const int slow : {0, 1, 2}) {
-        CropRing ring(64);
-        std::thread producer([&] {
-            for (int i = 0; i < 200; ++i) {
-                if (slow == 1 && i % 16 == 0) waitUntilOthersSleep();
-                float* slot = ring.acquire();
-                std::fill_n(slot, 64, static_cast<float>(i));
-                ring.publish();
-            }
-            ring.finish();
-        });
-        int next = 0;
-        while (const float* slot = ring.front()) {
-            if (slow == 2 && next % 16 == 0) waitUntilOthersSleep();
-            EXPECT_EQ(std::vector<float>(slot, slot + 64),
-                      std::vector<float>(64, static_cast<float>(next)));
-            ++next;
-            ring.release();
-        }
-        producer.join();
-        EXPECT_EQ(next, 200) << "slow side " << slow;
-    }
-}
-
-TEST(StreamCropRing, CancelEndsTheWaitForAFreeSlot) {
-    CropRing ring(1);
-    std::atomic<int> filled{0};
-    std::thread producer([&] {
-        while (ring.acquire()) {
-            ring.publish();
-            ++filled;
-        }
-        ring.finish();
-    });
-    EXPECT_TRUE(test::waitFor([&] { return filled == 4; }));
-    waitUntilOthersSleep();
-    ring.cancel();
-    producer.join();
-    EXPECT_EQ(filled, 4);
-}
-
 TEST(Stream, FramesEqualThoseOfOneStepAfterTheOther) {
     for (const int nt : {2, 3}) {
         TestBundle bundle({.nt = nt});
@@ -202,17 +157,6 @@ TEST(Stream, FailureInTheMiddleDeliversWhatCameBefore) {
         EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 5)), 5)
             << "unusable after a failure";
     }
-}
-
-TEST(Stream, TargetFramesAreDecodedBeforeTheFirstIsDelivered) {
-    TestBundle bundle({.nt = 4});
-    const StreamPtr stream = openStream(bundle, 1);
-    ASSERT_TRUE(stream) << zorv_stream_last_error();
-    Collector collector;
-    collector.during = [&](int index) {
-        if (index == 0) std::filesystem::remove_all(bundle.path("target_frames"));
-    };
-    EXPECT_EQ(collector.run(stream.get(), speechLike(640 * 12)), 11) << zorv_stream_last_error();
 }
 
 TEST(Stream, OneTargetFrameLastsForOneFrame) {

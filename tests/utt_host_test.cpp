@@ -219,6 +219,17 @@ void refused(Result result, Result failure, const std::string& text) {
 TEST(UttBadInputTest, IsToldAndLosesNothing) {
     UttPlayer player;
     zorv_utt* utt = player.utt();
+    refused<zorv_utt*>(zorv_utt_create(nullptr, nullptr), nullptr,
+                       "zorv_utt_create: NULL ctx/opts");
+    refused<zorv_utt*>(zorv_utt_open(&player.reference(), nullptr), nullptr, "motion_dir required");
+    zorv_utt_destroy(nullptr);
+    zorv_utt_end_utterance(nullptr);
+    zorv_utt_interrupt(nullptr);
+    zorv_utt_get_stats(nullptr, nullptr);
+    EXPECT_EQ(zorv_utt_ready(nullptr), -1);
+    EXPECT_EQ(zorv_utt_frames_available(nullptr), 0);
+    EXPECT_EQ(zorv_utt_failure(nullptr, nullptr, 0), 0u);
+    EXPECT_STREQ(zorv_utt_last_error(), "");
     for (const int rate : {0, -25, 7975, 48025, 16001}) {
         refused(zorv_utt_set_input(utt, rate), 0, "zorv_utt_set_input: rate: 8000");
     }
@@ -236,12 +247,15 @@ TEST(UttBadInputTest, IsToldAndLosesNothing) {
     const std::int16_t sample = 100;
     refused(zorv_utt_push(utt, nullptr, 1), std::uint64_t{0}, "bad args");
     refused(zorv_utt_push(utt, &sample, -1), std::uint64_t{0}, "bad args");
+    refused(zorv_utt_push_audio(utt, nullptr, 0), 0, "zorv_utt_push_audio: bad args");
+    refused(zorv_utt_push_audio(nullptr, &sample, 1), 0, "zorv_utt_push_audio: bad args");
     EXPECT_EQ(zorv_utt_push(utt, &sample, 0), 0u);
     EXPECT_STREQ(zorv_utt_last_error(), "") << "no samples are no mistake";
     EXPECT_EQ(zorv_utt_set_input(utt, 8000), 1);
 
     player.waitForFrames(8);
     refused(zorv_utt_pull(utt, nullptr), -1, "bad args");
+    refused(zorv_utt_pull_frame(utt, nullptr, 9, nullptr), 0, "zorv_utt_pull_frame: bad args");
     const auto pull = [&](auto&& change) {
         Screen screen;
         screen.frame.sound = screen.sound.data();
@@ -304,9 +318,15 @@ bool readable(int fd, int timeoutMs) {
     return ::poll(&waits, 1, timeoutMs) == 1;
 }
 
-// A host that sleeps in poll() is woken for every frame and event, and for nothing else.
-TEST(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
-    UttPlayer player, other;
+// A host that sleeps in poll() is woken for every frame and event, and for nothing else; no frame
+// of an utterance comes after its interrupt.
+class UttWakeUpTest : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Pipelined, UttWakeUpTest, testing::Bool());
+
+TEST_P(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
+    UttPlayerOptions options;
+    options.pipelined = GetParam();
+    UttPlayer player(options), other(options);
     zorv_utt* utt = player.utt();
     const int frames = zorv_utt_fd(utt, 1), events = zorv_utt_fd(utt, 2),
               both = zorv_utt_fd(utt, 3);
@@ -317,26 +337,34 @@ TEST(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
     EXPECT_EQ(::poll(engines, 2, -1), 1) << "the other engine's frames";
 
     std::atomic<int> interrupts{0};
+    std::atomic<std::uint64_t> dead{0};  // the last utterance that an interrupt has ended
     std::atomic<bool> done{false};
     std::thread speaker([&] {
         std::mt19937 random(4);
-        for (int k = 0; k < 500; ++k) {
-            const std::uint64_t until = static_cast<unsigned>(k) * 20;
+        const auto waitUntilPulled = [&](std::uint64_t count) {
             test::waitFor([&] {
                 zorv_utt_stats stats;
                 zorv_utt_get_stats(utt, &stats);
-                return stats.frames_pulled >= until;
+                return stats.frames_pulled >= count;
             });
-            player.push(1 + static_cast<int>(random() % 8), 0.2f);
-            if (random() % 2) zorv_utt_end_utterance(utt);
+        };
+        for (std::uint64_t k = 0; k < 500; ++k) {
+            waitUntilPulled(20 * k);
+            const std::vector<std::int16_t> pcm(640 * (1 + random() % 8), 6000);
+            const auto number = zorv_utt_push(utt, pcm.data(), static_cast<int>(pcm.size()));
+            if (random() % 2) {  // else nothing comes behind its frames while the clock stands
+                zorv_utt_end_utterance(utt);
+                waitUntilPulled(20 * k + random() % 16);
+            }
             ++interrupts;
             zorv_utt_interrupt(utt);
+            dead = number;
             ++interrupts;
         }
         done = true;
     });
     Screen screen;
-    int pulled = 0, woken = 0;
+    int pulled = 0, woken = 0, spoken = 0;
     zorv_utt_event event = {};
     event.struct_size = sizeof event;
     while (!done || pulled < 10000) {
@@ -351,17 +379,21 @@ TEST(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
             EXPECT_TRUE(told);
             any |= told;
         }
+        const std::uint64_t deadBefore = dead;
         if (readable(frames, 0) && screen.pull(utt)) {
             any = true;
             ++pulled;
+            spoken += screen.frame.kind == 1;
+            EXPECT_TRUE(screen.frame.kind != 1 || screen.frame.utterance > deadBefore);
         }
         woken += !any && before == interrupts && interrupts % 2 == 0;
     }
     speaker.join();
     EXPECT_EQ(woken, 0);
+    EXPECT_GT(spoken, 100);
 }
 
-TEST(UttWakeUpTest, AWaitEndsWithItsReason) {
+TEST(UttWaitTest, AWaitEndsWithItsReason) {
     UttPlayerOptions options;
     options.sourceNt = 4;  // the engine will not be able to speak
     options.waitUntilReady = false;
@@ -387,7 +419,7 @@ TEST(UttWakeUpTest, AWaitEndsWithItsReason) {
 }
 
 // What was pushed before an engine turned out mute has failed, in order.
-TEST(UttWakeUpTest, AMuteEngineTellsWhatItWillNotSay) {
+TEST(UttWaitTest, AMuteEngineTellsWhatItWillNotSay) {
     UttPlayerOptions options;
     options.sourceNt = 4;
     options.waitUntilReady = false;

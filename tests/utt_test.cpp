@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
-#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -28,17 +27,10 @@ constexpr int kIdle = 0;
 constexpr int kSpeech = 1;
 constexpr int kRamp = 2;
 
-/// "IIISSSRR": the kinds of frames.
-std::string kinds(const std::vector<PulledFrame>& frames) {
-    std::string text;
-    for (const PulledFrame& frame : frames) text += "ISR"[frame.info.kind];
-    return text;
-}
-
-/// The same with equal neighbours as one: "I3 S3 R2".
+/// The kinds of frames, equal neighbours as one: "I3 S3 R2".
 std::string runs(const std::vector<PulledFrame>& frames) {
-    const std::string all = kinds(frames);
-    std::string text;
+    std::string all, text;
+    for (const PulledFrame& frame : frames) all += "ISR"[frame.info.kind];
     for (std::size_t i = 0; i < all.size();) {
         const std::size_t end = std::min(all.find_first_not_of(all[i], i), all.size());
         if (!text.empty()) text += ' ';
@@ -207,54 +199,33 @@ TEST(UttOptionsTest, DefaultsComeFromContextEnvironmentAndFiles) {
     zorv_utt_opts opts = {};
     EXPECT_EQ(test::failure([&] { resolveOptions(opts, 3); }), "opts.motion_dir required");
     const test::TempDir dir;
+    const auto resolved = [&](const zorv_utt_opts& wanted) {
+        const UttOptions o = resolveOptions(wanted, 3);
+        return std::tuple(o.threads, o.ep, o.steadyModel, o.eager, o.silenceMs, o.rampFrames,
+                          o.rampFramesInterrupt, o.expression, o.pipelined);
+    };
     opts.motion_dir = dir.path().c_str();
-    UttOptions options = resolveOptions(opts, 3);
-    EXPECT_EQ(options.threads, 3);
-    EXPECT_EQ(options.steadyModel, "b24_fp32");
-    EXPECT_EQ(options.eager, -1);
-    EXPECT_EQ(options.silenceMs, 600);
-    EXPECT_EQ(options.rampFrames, 6);
-    EXPECT_EQ(options.rampFramesInterrupt, 4);
-    EXPECT_FALSE(options.expression || options.pipelined);
-
-    opts = {dir.path().c_str(), 2, "xnnpack", "-", 5, 1.5, 9, 8};
-    options = resolveOptions(opts, 3);
-    EXPECT_EQ(options.threads, 2);
-    EXPECT_EQ(options.ep, "xnnpack");
-    EXPECT_EQ(options.steadyModel, "");
-    EXPECT_EQ(options.eager, 5);
-    EXPECT_EQ(options.silenceMs, 1500);
-    EXPECT_EQ(options.rampFrames, 9);
-    EXPECT_EQ(options.rampFramesInterrupt, 8);
-    opts.threads = 1;
-    EXPECT_EQ(resolveOptions(opts, 3).threads, 1) << "fewer than the context has";
+    EXPECT_EQ(resolved(opts), std::tuple(3, "", "b24_fp32", -1, 600, 6, 4, false, false));
+    opts = {dir.path().c_str(), 1, "xnnpack", "-", 5, 1.5, 9, 8};
+    EXPECT_EQ(resolved(opts), std::tuple(1, "xnnpack", "", 5, 1500, 9, 8, false, false));
     opts.silence_end_s = -3;
     EXPECT_EQ(resolveOptions(opts, 3).silenceMs, -1);
-
-    const auto eager = [&](int value, const char* hybrid) {
-        ::setenv("ZORV_UTT_HYBRID", hybrid, 1);
+    for (const auto& [value, hybrid, eager] : {std::tuple{-2, "", 3},
+                                               {-2, "0", 3},
+                                               {0, "0", -1},
+                                               {-1, "", -1},
+                                               {-5, "yes", 3},
+                                               {7, "1", 7}}) {
+        const test::ScopedEnv env("ZORV_UTT_HYBRID", hybrid);
         opts.eager = value;
-        const int result = resolveOptions(opts, 3).eager;
-        ::unsetenv("ZORV_UTT_HYBRID");
-        return result;
-    };
-    EXPECT_EQ(eager(-2, ""), 3);
-    EXPECT_EQ(eager(-2, "0"), 3);
-    EXPECT_EQ(eager(0, "0"), -1);
-    EXPECT_EQ(eager(-1, ""), -1);
-    EXPECT_EQ(eager(-5, "yes"), 3);
-    EXPECT_EQ(eager(7, "1"), 7);
-
-    ::setenv("ZORV_STEADY_MODEL", "other", 1);
-    EXPECT_EQ(resolveOptions(opts, 3).steadyModel, "other");
-    ::unsetenv("ZORV_STEADY_MODEL");
-
+        EXPECT_EQ(resolveOptions(opts, 3).eager, eager) << value << hybrid;
+    }
     test::writeFile(dir.path() + "/a2x_enc_stream.onnx", "");
-    options = resolveOptions(opts, 3);
-    EXPECT_TRUE(options.expression && options.pipelined);
-    ::setenv("ZORV_UTT_PIPELINE_PASTE", "0", 1);
+    EXPECT_TRUE(resolveOptions(opts, 3).expression && resolveOptions(opts, 3).pipelined);
+    const test::ScopedEnv steady("ZORV_STEADY_MODEL", "other");
+    const test::ScopedEnv pipeline("ZORV_UTT_PIPELINE_PASTE", "0");
+    EXPECT_EQ(resolveOptions(opts, 3).steadyModel, "other");
     EXPECT_FALSE(resolveOptions(opts, 3).pipelined);
-    ::unsetenv("ZORV_UTT_PIPELINE_PASTE");
 }
 
 /// Everything below holds in both compositing modes, with and without a steady renderer.
@@ -275,20 +246,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, UttTest,
                              const std::string first = mode.param.first ? "Pipelined" : "Direct";
                              return first + (*mode.param.second == '-' ? "Single" : "Batched");
                          });
-
-TEST_P(UttTest, IdlesThroughTheBundleAndStopsAtEightWaitingFrames) {
-    UttPlayer player(options());
-    player.waitForFrames(8);
-    player.settle();
-    EXPECT_EQ(zorv_utt_frames_available(player.utt()), 8);
-    const auto frames = player.pull(23);
-    expectContinuous(frames, 5);
-    EXPECT_EQ(runs(frames), "I23");
-    EXPECT_EQ(frames[0].info.sequence, 0u);
-    EXPECT_EQ(frames[0].info.frame, 0);
-    for (const PulledFrame& frame : frames) EXPECT_EQ(frame.rgba, player.still(frame.info.frame));
-    EXPECT_EQ(stats(player.utt()).frames_pulled, 23u);
-}
 
 TEST_P(UttTest, SpeaksEveryFrameThenRampsAndIdlesOn) {
     for (const int nt : {1, 5}) {
@@ -325,40 +282,6 @@ TEST_P(UttTest, SpeaksEveryFrameThenRampsAndIdlesOn) {
         EXPECT_EQ(stats(player.utt()).first_frame_latency_ms, 0) << "by a clock that stood still";
         EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 0u);
     }
-}
-
-TEST_P(UttTest, UtterancesPushedAheadAreSpokenInTurn) {
-    UttPlayer player(options());
-    std::mt19937 random(5);
-    std::vector<int> lengths;
-    std::string pushed;
-    for (int u = 0; u < 12; ++u) {
-        const int samples = 1 + static_cast<int>(random() % 20000);
-        lengths.push_back((samples + 639) / 640);
-        const std::vector<std::int16_t> pcm(static_cast<std::size_t>(samples), 8000);
-        for (int at = 0; at < samples;) {
-            const int n = std::min(samples - at, 1 + static_cast<int>(random() % 4000));
-            zorv_utt_push_audio(player.utt(), pcm.data() + at, n);
-            at += n;
-        }
-        zorv_utt_end_utterance(player.utt());
-        zorv_utt_end_utterance(player.utt());
-    }
-    std::vector<PulledFrame> frames;
-    for (std::size_t u = 0; u < lengths.size(); ++u) {
-        for (int k = 0; k < lengths[u];) {
-            const auto next = player.pull(1);
-            ASSERT_EQ(next.size(), 1u);
-            frames.push_back(next[0]);
-            if (next[0].info.kind != kSpeech) continue;
-            EXPECT_EQ(next[0].info.speech_sequence, k++) << "utterance " << u;
-        }
-    }
-    const auto rest = player.pull(20);
-    frames.insert(frames.end(), rest.begin(), rest.end());
-    EXPECT_EQ(kinds(rest).find('S'), std::string::npos);
-    expectContinuous(frames, 5);
-    EXPECT_EQ(player.script.resets, 12);
 }
 
 TEST_P(UttTest, AnInterruptDropsAllAndClosesTheMouthFromTheLastPulledFrame) {
@@ -401,19 +324,6 @@ TEST_P(UttTest, AnInterruptInsideARampClosesTheMouthFromThere) {
     }
 }
 
-TEST_P(UttTest, AnInterruptWhileIdleTakesBackWhatWasNotPulled) {
-    UttPlayer player(options());
-    player.waitForFrames(8);
-    zorv_utt_interrupt(player.utt());
-    auto frames = player.pull(3);
-    EXPECT_EQ(frames[0].info.frame, 0) << "nothing had been shown";
-    zorv_utt_interrupt(player.utt());
-    zorv_utt_interrupt(player.utt());
-    frames = player.pull(3);
-    EXPECT_EQ(frames[0].info.frame, 3);
-    EXPECT_EQ(runs(frames), "I3");
-}
-
 TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
     UttPlayerOptions wanted = options();
     wanted.silenceS = 1;
@@ -453,16 +363,6 @@ TEST_P(UttTest, SilenceEndsAnUtteranceAndAPauseShowsRest) {
     player.waitForFrames(8);
 }
 
-TEST_P(UttTest, AudioBeforeReadyIsKept) {
-    UttPlayerOptions wanted = options();
-    wanted.waitUntilReady = false;
-    UttPlayer player(wanted);
-    player.say(4, 0.5f);
-    player.clock.advance(5000);
-    const auto frames = player.pullUntil(kRamp, 5000);
-    EXPECT_NE(runs(frames).find(" S4 R1"), std::string::npos) << runs(frames);
-}
-
 TEST_P(UttTest, AFailedSourceEndsItsUtteranceOnly) {
     UttPlayer player(options());
     player.push(6, 0.5f);
@@ -484,14 +384,6 @@ TEST_P(UttTest, AFailedSourceEndsItsUtteranceOnly) {
 }
 
 TEST_P(UttTest, ATargetFrameThatCannotBeDecodedEndsTheUtterance) {
-    UttPlayer player(options());
-    player.waitForFrames(8);
-    player.bundle.empty("target_frames/frame_000003.jpg");  // cached by now, as are all five
-    player.pull(8);
-    player.say(8, 0.5f);
-    auto frames = player.pullUntil(kRamp, 5000);
-    EXPECT_NE(runs(frames).find("S8 R1"), std::string::npos) << "decoded frames stay usable";
-
     UttPlayerOptions large = options();
     large.nt = 12;
     UttPlayer damaged(large);
@@ -508,100 +400,8 @@ TEST_P(UttTest, ATargetFrameThatCannotBeDecodedEndsTheUtterance) {
     test::writeFile(file, picture);
     damaged.pull(30);
     damaged.say(2, 0.5f);
-    frames = damaged.pullUntil(kRamp, 5000);
+    const auto frames = damaged.pullUntil(kRamp, 5000);
     EXPECT_NE(runs(frames).find(" S2 R1"), std::string::npos) << runs(frames);
-}
-
-TEST_P(UttTest, StressedByInterruptsNoOldFrameIsEverPulled) {
-    UttPlayer player(options());
-    constexpr int kLevels = 16;  // of speech; each utterance its own, in turn
-    std::vector<std::vector<std::vector<std::uint8_t>>> pictures(5);
-    for (int frame = 0; frame < 5; ++frame) {
-        for (int level = 0; level < kLevels; ++level) {
-            pictures[frame].push_back(player.picture(frame, static_cast<float>(level) / 16));
-        }
-    }
-    const auto levelOf = [&](const PulledFrame& frame) {
-        for (int level = 0; level < kLevels; ++level) {
-            if (difference(frame.rgba, pictures[frame.info.frame][level]) <= 1) return level;
-        }
-        return -1;
-    };
-
-    std::mutex order;  // of pushes and interrupts
-    int pushed = 0;
-    int dead = 0;  // utterances up to this one must not be seen any more
-    std::atomic<bool> stop{false};
-    std::atomic<int> pulled{0};
-    std::thread interrupter([&] {
-        std::mt19937 random(11);
-        for (int i = 0; i < 500; ++i) {
-            // At any moment within the next frames.
-            const int until = pulled + static_cast<int>(random() % 20);
-            test::waitFor([&] { return pulled >= until; });
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
-            const std::lock_guard lock(order);
-            zorv_utt_interrupt(player.utt());
-            dead = pushed;
-        }
-        stop = true;
-    });
-    std::mt19937 random(12);
-    PulledFrame frame;
-    frame.rgba.resize(player.frameBytes());
-    int speech = 0;
-    int wrong = 0;
-    while (!stop) {
-        int deadBefore = 0;
-        {
-            const std::lock_guard lock(order);
-            if (pushed - dead < 3 && random() % 4 == 0) {
-                ++pushed;
-                player.say(1 + static_cast<int>(random() % 12),
-                           static_cast<float>(pushed % kLevels) / 16);
-            }
-            deadBefore = dead;
-        }
-        if (!zorv_utt_pull_frame(player.utt(), frame.rgba.data(), frame.rgba.size(), &frame.info)) {
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-            continue;
-        }
-        ++pulled;
-        if (frame.info.kind != kSpeech) continue;
-        ++speech;
-        const int level = levelOf(frame);
-        bool alive = false;
-        for (int u = deadBefore + 1; u <= pushed; ++u) alive |= u % kLevels == level;
-        wrong += alive ? 0 : 1;
-    }
-    interrupter.join();
-    EXPECT_EQ(wrong, 0) << "of " << speech;
-    EXPECT_GT(speech, 100);
-    EXPECT_EQ(zorv_utt_failure(player.utt(), nullptr, 0), 0u) << failureText(player.utt());
-    zorv_utt_interrupt(player.utt());
-    player.say(10, 0.5f);
-    player.pullUntil(kSpeech, 5000);
-    EXPECT_EQ(runs(player.pullUntil(kRamp, 10)), "S9 R1");
-}
-
-TEST_P(UttTest, EndsInTimeFromEveryState) {
-    const auto destroyed = [](UttPlayer& player) {
-        auto done = std::async(std::launch::async, [&] { player.destroy(); });
-        const bool inTime = done.wait_for(test::kPatience) == std::future_status::ready;
-        if (!inTime) std::abort();  // a deadlock: nothing can be cleaned up
-        return inTime;
-    };
-    for (const int pulls : {0, 3, 10, 14, 20}) {
-        UttPlayer player(options());
-        player.push(20, 0.5f);
-        player.pull(pulls);
-        if (pulls > 10) zorv_utt_interrupt(player.utt());
-        EXPECT_TRUE(destroyed(player)) << pulls;
-    }
-    UttPlayerOptions warming = options();
-    warming.waitUntilReady = false;
-    UttPlayer player(warming);
-    EXPECT_TRUE(destroyed(player));
 }
 
 /// A source of 12 frames' look-ahead and one of a single frame's, with their own engines.
@@ -724,6 +524,7 @@ TEST(UttFailureTest, WarmUpFailuresAreTold) {
     EXPECT_STREQ(zorv_utt_last_error(), "motion source has 4 frames, the bundle 5");
     other.say(5, 0.5f);
     EXPECT_EQ(runs(other.pull(30)), "I30") << "audio is discarded, idle frames go on";
+    UttPlayer(options).destroy();  // as it warms up
 
     options.sourceNt = 0;
     options.steady = nullptr;  // b24_fp32, which the bundle lacks
@@ -783,41 +584,6 @@ TEST(UttFailureTest, NothingToIdleWithIsFatal) {
         EXPECT_NE(std::string(zorv_utt_last_error()).find("decode failed"), std::string::npos);
         EXPECT_EQ(zorv_utt_frames_available(player.utt()), 0);
     }
-}
-
-TEST(UttInterfaceTest, RefusesBadArguments) {
-    EXPECT_EQ(zorv_utt_create(nullptr, nullptr), nullptr);
-    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_create: NULL ctx/opts");
-    zorv_utt_destroy(nullptr);
-    zorv_utt_end_utterance(nullptr);
-    zorv_utt_interrupt(nullptr);
-    zorv_utt_get_stats(nullptr, nullptr);
-    EXPECT_EQ(zorv_utt_ready(nullptr), -1);
-    EXPECT_EQ(zorv_utt_frames_available(nullptr), 0);
-    EXPECT_STREQ(zorv_utt_last_error(), "");
-    EXPECT_EQ(zorv_utt_failure(nullptr, nullptr, 0), 0u);
-
-    UttPlayer player;
-    EXPECT_EQ(zorv_utt_open(&player.reference(), nullptr), nullptr);
-    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_create: opts.motion_dir required");
-    const std::int16_t sample = 0;
-    EXPECT_EQ(zorv_utt_push_audio(player.utt(), nullptr, 0), 0);
-    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_push_audio: bad args");
-    EXPECT_EQ(zorv_utt_push_audio(player.utt(), &sample, -1), 0);
-    EXPECT_EQ(zorv_utt_push_audio(nullptr, &sample, 1), 0);
-    EXPECT_EQ(zorv_utt_push_audio(player.utt(), &sample, 0), 1);
-    EXPECT_STREQ(zorv_utt_last_error(), "");
-
-    player.waitForFrames(8);
-    std::vector<std::uint8_t> rgba(player.frameBytes());
-    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), nullptr, rgba.size(), nullptr), 0);
-    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_pull_frame: bad args");
-    zorv_utt_frame_info info;
-    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), rgba.data(), rgba.size() - 1, &info), 0);
-    EXPECT_STREQ(zorv_utt_last_error(), "zorv_utt_pull_frame: buffer too small");
-    EXPECT_EQ(zorv_utt_pull_frame(player.utt(), rgba.data(), rgba.size(), &info), 1);
-    EXPECT_EQ(info.sequence, 0u);
-    EXPECT_EQ(rgba, player.still(0));
 }
 
 }  // namespace
