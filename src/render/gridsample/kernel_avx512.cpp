@@ -15,8 +15,10 @@ struct Sixteen {
     static constexpr int kLanes = 16;
 
     struct alignas(64) Whole {
-        float across[kLanes];        ///< weight of the right pixels
-        float down[kLanes];          ///< weight of the lower ones
+        float w0[kLanes];            ///< weights: top left,
+        float w1[kLanes];            ///< top right,
+        float w2[kLanes];            ///< bottom left,
+        float w3[kLanes];            ///< bottom right
         std::uint8_t left[kLanes];   ///< column in the window
         std::uint8_t right[kLanes];  ///< column of the right neighbour
         std::int32_t origin;         ///< offset of the window in the plane
@@ -159,25 +161,25 @@ bool Sixteen::prepare(Group& group, const float* grid, const PlaneShape& shape) 
         return Eight::prepare(group.halves[1], grid + 2 * Eight::kLanes, shape) && close;
     }
     group.threeRows = group.points.lower != 0;
-    _mm512_store_ps(group.points.across, u.weight);
-    _mm512_store_ps(group.points.down, v.weight);
+    const __m512 one = _mm512_set1_ps(1.0f);
+    const __m512 before = _mm512_sub_ps(one, u.weight);
+    const __m512 above = _mm512_sub_ps(one, v.weight);
+    _mm512_store_ps(group.points.w0, _mm512_mul_ps(before, above));
+    _mm512_store_ps(group.points.w1, _mm512_mul_ps(u.weight, above));
+    _mm512_store_ps(group.points.w2, _mm512_mul_ps(before, v.weight));
+    _mm512_store_ps(group.points.w3, _mm512_mul_ps(u.weight, v.weight));
     return true;
 }
 
 /// What a group's channels have in common, in registers.
 struct WholeInRegisters {
     explicit WholeInRegisters(const Sixteen::Whole& group)
-        : left(loadBytes(group.left)), right(loadBytes(group.right)) {
-        const __m512 one = _mm512_set1_ps(1.0f);
-        const __m512 across = _mm512_load_ps(group.across);
-        const __m512 down = _mm512_load_ps(group.down);
-        const __m512 before = _mm512_sub_ps(one, across);
-        const __m512 above = _mm512_sub_ps(one, down);
-        w0 = _mm512_mul_ps(before, above);
-        w1 = _mm512_mul_ps(across, above);
-        w2 = _mm512_mul_ps(before, down);
-        w3 = _mm512_mul_ps(across, down);
-    }
+        : w0(_mm512_load_ps(group.w0)),
+          w1(_mm512_load_ps(group.w1)),
+          w2(_mm512_load_ps(group.w2)),
+          w3(_mm512_load_ps(group.w3)),
+          left(loadBytes(group.left)),
+          right(loadBytes(group.right)) {}
     __m512 w0, w1, w2, w3;  ///< top left, top right, bottom left, bottom right
     __m512i left, right;
 };
