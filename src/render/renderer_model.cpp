@@ -88,9 +88,12 @@ struct RewrittenModel {
         if (samplers > 0) model = bytes;
         std::string resized, folded;
         if (recipe.fastResize) resizes = rewriteResizeToFast(model, resized).size();
-        if (resizes > 0) model = bytes = std::move(resized);
+        if (resizes > 0) {
+            std::string(std::move(resized)).swap(bytes);  // frees what was in it
+            model = bytes;
+        }
         if (recipe.int8Folds) folds = foldIntoInt8Conv(model, folded);
-        if (!folds.empty()) bytes = std::move(folded);
+        if (!folds.empty()) std::string(std::move(folded)).swap(bytes);
     }
 
     bool changed() const { return samplers + resizes > 0 || !folds.empty(); }
