@@ -131,10 +131,10 @@ SEEDS = {"bundle_open_fuzz": damage_seeds.bundle_open,
 
 def main(directory, test_models):
     for target, seeds in SEEDS.items():
-        folder = os.path.join(directory, target)
-        os.makedirs(folder, exist_ok=True)
         for name, content in seeds(test_models).items():
-            with open(os.path.join(folder, name), "wb") as file:
+            path = os.path.join(directory, target, name)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            with open(path, "wb") as file:
                 file.write(content)
 
 

@@ -17,7 +17,7 @@ std::vector<std::filesystem::path> filesOf(int folders, char** names) {
     for (int i = 0; i < folders; ++i) {
         if (!std::filesystem::is_directory(names[i])) continue;
         for (const auto& entry : std::filesystem::directory_iterator(names[i])) {
-            files.push_back(entry.path());
+            if (entry.is_regular_file()) files.push_back(entry.path());
         }
     }
     std::sort(files.begin(), files.end());

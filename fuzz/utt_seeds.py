@@ -51,7 +51,7 @@ def utt_calls(_):
     }
     # Ten thousand random runs: 25 in each life, three lives each.
     for number in range(134):
-        seeds[f"accounts_{number}"] = b"".join(
+        seeds[f"accounts/{number}"] = b"".join(
             life(0, BATCHED * (n % 2), 0x80) + (3 * number + n + 1000).to_bytes(2, "little") for n in range(3))
     for source in range(3):
         for flags in (0, PIPELINED | BATCHED):
