@@ -110,10 +110,11 @@ void OnnxGraph::finish(std::vector<WireEdit>& edits, const Readers& gone) const 
               [](const WireEdit& a, const WireEdit& b) { return a.at < b.at; });
 }
 
-bool saysNothingNew(const OnnxAttribute& one) {
-    return one.name == "cubic_coeff_a" || one.name == "extrapolation_value" ||
-           ((one.name == "exclude_outside" || one.name == "antialias") && one.integer == 0) ||
-           (one.name == "keep_aspect_ratio_policy" && one.text == "stretch");
+bool saysNothingNew(const OnnxAttribute& ofResize) {
+    return ofResize.name == "cubic_coeff_a" || ofResize.name == "extrapolation_value" ||
+           ((ofResize.name == "exclude_outside" || ofResize.name == "antialias") &&
+            ofResize.integer == 0) ||
+           (ofResize.name == "keep_aspect_ratio_policy" && ofResize.text == "stretch");
 }
 
 }  // namespace zorv

@@ -201,12 +201,11 @@ zorv_utt_event UtteranceBook::event(const Utterance& utterance, std::int32_t typ
 
 void UtteranceBook::tellEnd(Utterance& utterance) {
     utterance.told = true;
-    if (utterance.failed) {
+    const bool interrupted = utterance.reason == ZORV_REASON_INTERRUPT;
+    if (utterance.failed || (utterance.lastFrame < 0 && !interrupted)) {
         events.put(event(utterance, ZORV_UTT_FAILED, ZORV_REASON_FAILURE));
-    } else if (utterance.reason == ZORV_REASON_INTERRUPT) {
+    } else if (interrupted) {
         events.put(event(utterance, ZORV_UTT_INTERRUPTED, ZORV_REASON_INTERRUPT));
-    } else if (utterance.lastFrame < 0) {
-        events.put(event(utterance, ZORV_UTT_FAILED, ZORV_REASON_FAILURE));
     } else {
         utterance.leftOut += static_cast<std::uint64_t>(utterance.frames - utterance.lastFrame - 1);
         events.put(event(utterance, ZORV_UTT_FINISHED, utterance.reason));

@@ -34,7 +34,7 @@ class KeyReader {
     std::optional<std::string> quoted(const std::string& key) {
         const auto at = place(key, true);
         if (!at) return std::nullopt;
-        const auto text = quotedFrom(text_, *at);
+        auto text = quotedFrom(text_, *at);
         if (!text) report_.fault(fmt::format("no quoted text follows key \"{}\"", key));
         return text;
     }
