@@ -71,6 +71,27 @@ void resizePlanes(const float* x, float* y, std::int64_t planes, std::int64_t h,
     }
 }
 
+void resizeChannelsLast(const float* x, float* y, std::int64_t images, std::int64_t channels,
+                        std::int64_t h, std::int64_t w, std::int64_t H, std::int64_t W) {
+    const ResizeAxis down(h, H), along(w, W);
+    for (std::int64_t image = 0; image < images; ++image, x += h * w * channels) {
+        for (std::size_t i = 0; i < down.first.size(); ++i) {
+            const float* const upperRow = x + down.first[i] * w * channels;
+            const float* const lowerRow = x + down.second[i] * w * channels;
+            const float upper = down.firstShare[i], lower = down.secondShare[i];
+            for (std::size_t k = 0; k < along.first.size(); ++k, y += channels) {
+                const float left = along.firstShare[k], right = along.secondShare[k];
+                const std::int64_t at = along.first[k] * channels,
+                                   next = along.second[k] * channels;
+                for (std::int64_t c = 0; c < channels; ++c) {
+                    y[c] = left * upper * upperRow[at + c] + right * upper * upperRow[next + c] +
+                           left * lower * lowerRow[at + c] + right * lower * lowerRow[next + c];
+                }
+            }
+        }
+    }
+}
+
 ResizeFastKernel::ResizeFastKernel(const OrtKernelInfo* kernelInfo) {
     const Ort::ConstKernelInfo info(kernelInfo);
     sizes = intsOf(info, "sizes"), scales = intsOf(info, "scales");
@@ -82,17 +103,25 @@ ResizeFastKernel::ResizeFastKernel(const OrtKernelInfo* kernelInfo) {
 std::vector<std::int64_t> ResizeFastKernel::shapeFor(const std::vector<std::int64_t>& x) const {
     std::vector<std::int64_t> y = sizes;
     if (x.size() == 4 && scales.size() == 2) y = {x[0], x[1], x[2] * scales[0], x[3] * scales[1]};
-    const bool good = x.size() == 4 && y.size() == 4 && x[0] == y[0] && x[1] == y[1] && x[2] > 0 &&
-                      x[3] > 0 && y[2] > 0 && y[3] > 0;
-    if (!good) throw std::runtime_error("ResizeFast: only H and W of [N, C, H, W] are resized");
+    const bool same = x.size() == 4 && y.size() == 4 && x[0] == y[0];
+    const bool planes = same && x[1] == y[1] && x[2] > 0 && x[3] > 0 && y[2] > 0 && y[3] > 0;
+    const bool last = same && x[3] == y[3] && x[1] > 0 && x[2] > 0 && y[1] > 0 && y[2] > 0;
+    if (!planes && !last) {
+        throw std::runtime_error("ResizeFast: only H and W of images are resized");
+    }
     return y;
 }
 
 void ResizeFastKernel::compute(Ort::KernelContext context) {
     const Ort::ConstValue x = context.GetInput(0);
     const auto from = x.GetTensorTypeAndShapeInfo().GetShape(), to = shapeFor(from);
-    float* const y = context.GetOutput(0, to).GetTensorMutableData<float>();
-    resizePlanes(x.GetTensorData<float>(), y, from[0] * from[1], from[2], from[3], to[2], to[3]);
+    const float* const in = x.GetTensorData<float>();
+    float* const out = context.GetOutput(0, to).GetTensorMutableData<float>();
+    if (from[1] == to[1]) {
+        resizePlanes(in, out, from[0] * from[1], from[2], from[3], to[2], to[3]);
+    } else {
+        resizeChannelsLast(in, out, from[0], from[3], from[1], from[2], to[1], to[2]);
+    }
 }
 
 }  // namespace zorv

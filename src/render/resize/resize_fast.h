@@ -24,6 +24,10 @@ struct ResizeAxis {
 void resizePlanes(const float* x, float* y, std::int64_t planes, std::int64_t h, std::int64_t w,
                   std::int64_t H, std::int64_t W);
 
+/// The same of y [images, H, W, channels] from x [images, h, w, channels].
+void resizeChannelsLast(const float* x, float* y, std::int64_t images, std::int64_t channels,
+                        std::int64_t h, std::int64_t w, std::int64_t H, std::int64_t W);
+
 struct ResizeFastKernel {
     /// Refuses, while the model is loaded, what no run could do.
     explicit ResizeFastKernel(const OrtKernelInfo* info);
@@ -31,11 +35,12 @@ struct ResizeFastKernel {
 
     std::vector<std::int64_t> shapeFor(const std::vector<std::int64_t>& x) const;
 
-    std::vector<std::int64_t> sizes;   ///< attribute: Y's [N, C, H, W]; or empty, and then
+    std::vector<std::int64_t> sizes;   ///< attribute: Y's shape; or empty, and then
     std::vector<std::int64_t> scales;  ///< attribute: whole factors of H and W
 };
 
-/// com.velmarin::ResizeFast, X float [N, C, h, w] -> Y float [N, C, H, W].
+/// com.velmarin::ResizeFast, X float [N, C, h, w] -> Y float [N, C, H, W]; with `sizes` also
+/// X [N, h, w, C] -> Y [N, H, W, C], since which one it is shows only when X is there.
 struct ResizeFast : CpuOperator<ResizeFast, ResizeFastKernel> {
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "ResizeFast"; }
