@@ -247,7 +247,10 @@ TEST_F(TelemetryTest, EveryFamilyCountsWhatItOpensAndCloses) {
     zorv_utt_destroy(zorv_utt_create(ctx, &opts));
     zorv_destroy(ctx);
     zorv_fca_destroy(zorv_fca_create(encoder.c_str(), test::modelFile("fca_stream").c_str(), 1));
-    zorv_stream_destroy(zorv_stream_create(dir.c_str(), encoder.c_str(), 1, 0, 1));
+    zorv_stream* stream = zorv_stream_create(dir.c_str(), encoder.c_str(), 1, 0, 1);
+    zorv_stream_cancel(stream);
+    EXPECT_EQ(zorv_stream_run(stream, std::vector<float>(640).data(), 640, nullptr, nullptr), -1);
+    zorv_stream_destroy(stream);
     zorv_motion_destroy(zorv_motion_create(motion.dir().c_str(), 1, nullptr));
     zorv_a2x_destroy(zorv_a2x_create(expression.path().c_str(), 1));
     const json batch = taken();
@@ -257,6 +260,7 @@ TEST_F(TelemetryTest, EveryFamilyCountsWhatItOpensAndCloses) {
         EXPECT_EQ(entry(batch, "counters", "zorv.handle.closed", family)["value"], opened["value"])
             << family;
     }
+    EXPECT_EQ(batch.dump().find("zorv.failures"), std::string::npos) << "a cancelled run is none";
 }
 
 TEST_F(TelemetryTest, WhatDoesNotFitIsCountedAsDropped) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -13,6 +14,12 @@ namespace zorv {
 
 /// Told of every text that becomes a last error for the first time; null for none.
 inline std::atomic<void (*)(const char* text)> failureObserver{nullptr};
+
+/// The end that a caller asked for: it has a text like any other, but counts as no failure.
+class Cancelled : public std::runtime_error {
+  public:
+    Cancelled() : std::runtime_error("cancelled") {}
+};
 
 /// A text of the model runtime, which may have several lines, as one.
 inline std::string oneLine(std::string text) {
@@ -68,12 +75,13 @@ class LastError {
     /// The text of a failure that was observed when it happened: it counts once.
     static void repeat(std::string_view message) noexcept { text().set({message}); }
     static void set(const char* function, const std::exception& error) noexcept {
-        set({function, ": ", error.what()});
+        set({function, ": ", error.what()}, dynamic_cast<const Cancelled*>(&error) == nullptr);
     }
 
   private:
-    static void set(std::initializer_list<std::string_view> parts) noexcept {
+    static void set(std::initializer_list<std::string_view> parts, bool counts = true) noexcept {
         text().set(parts);
+        if (!counts) return;
         if (const auto observe = failureObserver.load(std::memory_order_relaxed)) {
             observe(text().get());
         }

@@ -103,9 +103,8 @@ int zorv_stream_run(zorv_stream* stream, const float* audio, int n_samples,
     return zorv::guarded<StreamError>("zorv_stream_run", -1, [&] {
         const int delivered =
             stream->cancelled ? -1 : runStream(*stream, audio, n_samples, callback, user);
-        if (!stream->cancelled) return delivered;
-        StreamError::set("zorv_stream_run: cancelled");
-        return -1;
+        if (stream->cancelled) throw zorv::Cancelled();
+        return delivered;
     });
 }
 
