@@ -42,7 +42,7 @@ struct Tables {
 /// a2x_enc_stream.onnx: a window of feature frames becomes one row of h floats per frame.
 class StreamEncoder {
   public:
-    /// Throws when the model does not fit, as ModelAgreement does.
+    /// Throws when the model does not fit, as agreementOf does.
     StreamEncoder(std::shared_ptr<const Model> opened, const Meta& meta);
 
     /// feat: n x kFeatureFloats, pos: n x h. Returns n x h, valid until the next run. The mask and
@@ -70,7 +70,7 @@ struct DecoderState {
 /// a2x_dec.onnx: one frame at a time.
 class StreamDecoder {
   public:
-    /// Throws when the model does not fit, as ModelAgreement does.
+    /// Throws when the model does not fit, as agreementOf does.
     StreamDecoder(std::shared_ptr<const Model> opened, std::int32_t h);
 
     /// ctx: h floats of the encoder. Moves the state on by a frame; state.prev is the frame's

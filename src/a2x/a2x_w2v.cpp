@@ -50,7 +50,7 @@ std::vector<float> g_zeroemb ZORV_GUARDED_BY(g_zeroemb_mtx);
 std::shared_ptr<const Model> openChecked(ProviderChoice& provider, const std::string& path,
                                          const ModelContract& contract) {
     auto model = provider.open(path);
-    ModelAgreement(*model, contract);
+    agreementOf(*model, contract);
     return model;
 }
 

@@ -13,7 +13,7 @@ namespace zorv::a2x {
 
 /// The legacy encoder, loaded by the first call that succeeds and kept until the process ends;
 /// later calls get the same model whatever they ask for. Throws with the runtime's text, or as
-/// ModelAgreement does.
+/// agreementOf does.
 std::shared_ptr<const Model> get_shared_w2v(const std::string& path, int threads);
 
 /// 1 when the trunk and head of the short-window path are loaded, else 0. The process tries once;

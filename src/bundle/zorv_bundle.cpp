@@ -16,9 +16,6 @@
 namespace zorv {
 namespace {
 
-constexpr std::size_t kPooledBytes = 64 * 32 * 32 * 2;
-constexpr std::size_t kFsRedBytes = 64 * 64 * 64 * 2;
-
 std::size_t findKey(const std::string& text, const std::string& key) {
     const KeyPosition position = findKeyPosition(text, key);
     switch (position.status) {
@@ -117,6 +114,11 @@ std::vector<T> readElements(const std::string& path, std::size_t n) {
     }
 }
 
+template <class T>
+std::vector<T> readTensor(const Manifest& manifest, const TensorFile& file) {
+    return readElements<T>(manifest.dir + "/" + file.name, file.elements(manifest));
+}
+
 }  // namespace
 
 std::string Manifest::modelPath(const std::string& key) const {
@@ -157,6 +159,22 @@ Manifest loadManifest(const std::string& dir) {
     return manifest;
 }
 
+std::size_t TensorFile::elements(const Manifest& manifest, std::size_t first) const {
+    std::size_t count = 1;
+    for (std::size_t i = first; i < shape.size() && shape[i] != 0; ++i) {
+        const std::int32_t size = shape[i] == kNT       ? manifest.NT
+                                  : shape[i] == kFrames ? manifest.frames
+                                  : shape[i] == kCrop   ? manifest.crop
+                                                        : shape[i];
+        count = fileSize(count, toCount(size));
+    }
+    return count;
+}
+
+std::size_t TensorFile::bytes(const Manifest& manifest, std::size_t first) const {
+    return fileSize(elementBytes, elements(manifest, first));
+}
+
 MappedFile::~MappedFile() {
     if (base_) ::munmap(base_, length_);
 }
@@ -181,14 +199,8 @@ MappedFile mapFile(const std::string& path) {
     return file.size() == 0 ? MappedFile() : file.map();
 }
 
-template <>
-std::vector<float> readRaw<float>(const std::string& path, std::size_t n) {
-    return readElements<float>(path, n);
-}
-
 std::vector<float> loadPlacements(const Manifest& manifest) {
-    std::vector<float> all =
-        readRaw<float>(manifest.dir + "/M.f32", checkedProduct(toCount(manifest.NT), 6));
+    std::vector<float> all = readTensor<float>(manifest, files::kPlacements);
     if (manifest.M_src_w < 1 || manifest.M_src_h < 1) return all;
     if (manifest.M_src_w == manifest.W && manifest.M_src_h == manifest.H) return all;
     const double sx = static_cast<double>(manifest.W) / manifest.M_src_w;
@@ -200,46 +212,25 @@ std::vector<float> loadPlacements(const Manifest& manifest) {
     return all;
 }
 
-Identity::Identity(const Manifest& manifest) : crop_(manifest.crop) {
-    const std::string dir = manifest.dir + "/";
-    const std::size_t frames = toCount(manifest.NT);
-    const std::size_t side = toCount(crop_);
-    const std::size_t imageBytes = fileSize(side, fileSize(side, 3 * 2));
-
-    pooled64Map_ = mapFile(dir + "pooled64.f16", checkedProduct(frames, kPooledBytes));
-    if (canOpen(dir + "P.f16")) {
-        pMap_ = mapFile(dir + "P.f16", fileSize(frames, imageBytes));
-    }
-    if (canOpen(dir + "fs_red.f16")) {
-        fsRedMap_ = mapFile(dir + "fs_red.f16", checkedProduct(frames, kFsRedBytes));
-    }
+Identity::Identity(const Manifest& manifest) : pooled64_(mapRows(manifest, files::kPooled)) {
+    const auto mapIfThere = [&](const TensorFile& file) {
+        return canOpen(manifest.dir + "/" + file.name) ? mapRows(manifest, file) : Rows();
+    };
+    p_ = mapIfThere(files::kImages);
+    fsRed_ = mapIfThere(files::kReduced);
     mVec_ = loadPlacements(manifest);
 }
 
-const std::uint16_t* Identity::pooled64(int i) const {
-    return reinterpret_cast<const std::uint16_t*>(pooled64Map_.data() +
-                                                  static_cast<std::size_t>(i) * kPooledBytes);
-}
-
-const std::uint16_t* Identity::P(int i) const {
-    const std::size_t side = static_cast<std::size_t>(crop_);
-    return reinterpret_cast<const std::uint16_t*>(pMap_.data() +
-                                                  static_cast<std::size_t>(i) * side * side * 6);
-}
-
-const std::uint16_t* Identity::fsRed(int i) const {
-    return reinterpret_cast<const std::uint16_t*>(fsRedMap_.data() +
-                                                  static_cast<std::size_t>(i) * kFsRedBytes);
+Identity::Rows Identity::mapRows(const Manifest& manifest, const TensorFile& file) {
+    return {mapFile(manifest.dir + "/" + file.name, file.bytes(manifest)), file.bytes(manifest, 1)};
 }
 
 Drive loadDrive(const Manifest& manifest) {
-    const std::string dir = manifest.dir + "/drive/";
     Drive drive;
     drive.frames = manifest.frames;
-    const std::size_t frames = toCount(drive.frames);
-    drive.xs = readRaw<float>(dir + "xs.f32", checkedProduct(frames, kKeypointFloats));
-    drive.xd = readRaw<float>(dir + "xd.f32", checkedProduct(frames, kKeypointFloats));
-    drive.si = readElements<std::int32_t>(dir + "si.i32", frames);
+    drive.xs = readTensor<float>(manifest, files::kDriveSource);
+    drive.xd = readTensor<float>(manifest, files::kDriveDriving);
+    drive.si = readTensor<std::int32_t>(manifest, files::kDriveTargets);
     for (const std::int32_t target : drive.si) {
         if (target < 0 || target >= manifest.NT) {
             throw std::runtime_error("drive: si out of range");

@@ -40,8 +40,9 @@ std::string targetPath(const Manifest& manifest, int i) {
 }
 
 TargetFrames::State TargetFrames::stateOf(const std::string& bundleDir) {
-    return {fileIdentity(bundleDir + "/manifest.json"), fileIdentity(bundleDir + "/M.f32"),
-            fileIdentity(bundleDir + "/mask_512.u8")};
+    return {fileIdentity(bundleDir + "/manifest.json"),
+            fileIdentity(bundleDir + "/" + files::kPlacements.name),
+            fileIdentity(bundleDir + "/" + files::kMask.name)};
 }
 
 std::shared_ptr<TargetFrames> TargetFrames::of(const Manifest& manifest, const State& before) {

@@ -10,10 +10,9 @@ namespace {
 constexpr float kCropScale = 255.0f;  // crops are nominally in [0, 1]
 
 std::vector<std::uint8_t> readMask(const zorv::Manifest& manifest) {
-    const std::size_t side = static_cast<std::size_t>(manifest.crop);
-    const std::size_t bytes = zorv::checkedProduct(side, side);
+    const std::size_t bytes = zorv::files::kMask.bytes(manifest);
     std::string content;
-    const auto status = zorv::readWholeFile(manifest.dir + "/mask_512.u8", content);
+    const auto status = zorv::readWholeFile(manifest.dir + "/" + zorv::files::kMask.name, content);
     if (status != zorv::ReadStatus::kOk || content.size() < bytes) {
         throw std::runtime_error("mask read failed");
     }

@@ -81,35 +81,41 @@ std::optional<Shape> agreedShape(const ModelTensor& found, const TensorContract&
     return std::nullopt;
 }
 
-/// Reads one side of a model: finds its tensors and says what is wrong with them.
+/// One side of a model: its inputs or its outputs.
 class Side {
   public:
     Side(const Model& model, bool input)
         : model_(model), input_(input), found_(input ? model.inputs() : model.outputs()) {}
 
-    std::vector<ModelTensor> agree(const std::vector<TensorContract>& contract) const {
+    /// The tensors that fit, with the shapes to run them in; the others are breaches.
+    std::vector<ModelTensor> agree(const std::vector<TensorContract>& contract,
+                                   std::vector<ContractBreach>& breaches) const {
         std::vector<ModelTensor> agreed;
         for (const TensorContract& wanted : contract) {
-            const std::size_t place = agreed.size();
+            const auto place = static_cast<std::size_t>(&wanted - contract.data());
             const ModelTensor* found = find(wanted, place);
-            if (!found) {
-                fail(wanted.name.empty() ? std::to_string(place + 1) : wanted.name, wanted,
-                     "none; the model has " + names());
+            const auto shape = found ? agreedShape(*found, wanted, input_) : std::optional<Shape>();
+            if (shape) {
+                agreed.push_back({found->name, found->type, *shape});
+            } else {
+                breaches.push_back({input_, &wanted, found, text(wanted, place, found)});
             }
-            const std::optional<Shape> shape = agreedShape(*found, wanted, input_);
-            if (!shape) fail(found->name, wanted, textOf(found->type.c_str(), found->shape));
-            agreed.push_back({found->name, found->type, *shape});
         }
         return agreed;
     }
 
-    /// Every input has to be fed.
-    void refuseOthers(const std::vector<ModelTensor>& agreed) const {
+    /// Every input has to be fed: the ones that no contract names are breaches.
+    void refuseOthers(const std::vector<TensorContract>& contract,
+                      std::vector<ContractBreach>& breaches) const {
         for (const ModelTensor& found : found_) {
-            const auto isIt = [&](const ModelTensor& one) { return one.name == found.name; };
-            if (std::any_of(agreed.begin(), agreed.end(), isIt)) continue;
-            throw std::runtime_error(subject(found.name) + "wanted no such input, found " +
-                                     textOf(found.type.c_str(), found.shape));
+            const auto isIt = [&](const TensorContract& wanted) {
+                const auto place = static_cast<std::size_t>(&wanted - contract.data());
+                return find(wanted, place) == &found;
+            };
+            if (std::any_of(contract.begin(), contract.end(), isIt)) continue;
+            breaches.push_back({input_, nullptr, &found,
+                                subject(found.name) + "wanted no such input, found " +
+                                    textOf(found.type.c_str(), found.shape)});
         }
     }
 
@@ -132,14 +138,17 @@ class Side {
         return text.empty() ? "none" : text;
     }
 
-    [[noreturn]] void fail(const std::string& name, const TensorContract& wanted,
-                           const std::string& found) const {
-        const std::string count =
-            wanted.fit == Fit::kShape
-                ? ""
-                : std::string(wanted.fit == Fit::kCount ? "as many values as " : "at least ");
-        throw std::runtime_error(subject(name) + "wanted " + count +
-                                 textOf(wanted.type, wanted.shape) + ", found " + found);
+    std::string text(const TensorContract& wanted, std::size_t place,
+                     const ModelTensor* found) const {
+        const std::string name = found                 ? found->name
+                                 : wanted.name.empty() ? std::to_string(place + 1)
+                                                       : wanted.name;
+        const char* const count = wanted.fit == Fit::kShape   ? ""
+                                  : wanted.fit == Fit::kCount ? "as many values as "
+                                                              : "at least ";
+        return subject(name) + "wanted " + count + textOf(wanted.type, wanted.shape) + ", found " +
+               (found ? textOf(found->type.c_str(), found->shape)
+                      : "none; the model has " + names());
     }
 
     const Model& model_;
@@ -149,10 +158,17 @@ class Side {
 
 }  // namespace
 
-ModelAgreement::ModelAgreement(const Model& model, const ModelContract& contract)
-    : inputs(Side(model, true).agree(contract.inputs)),
-      outputs(Side(model, false).agree(contract.outputs)) {
-    Side(model, true).refuseOthers(inputs);
+ModelAgreement::ModelAgreement(const Model& model, const ModelContract& contract) {
+    const Side in(model, true), out(model, false);
+    inputs = in.agree(contract.inputs, breaches);
+    outputs = out.agree(contract.outputs, breaches);
+    in.refuseOthers(contract.inputs, breaches);
+}
+
+ModelAgreement agreementOf(const Model& model, const ModelContract& contract) {
+    ModelAgreement agreement(model, contract);
+    if (!agreement.breaches.empty()) throw std::runtime_error(agreement.breaches[0].text);
+    return agreement;
 }
 
 }  // namespace zorv

@@ -28,13 +28,24 @@ struct ModelContract {
     std::vector<TensorContract> outputs;  ///< the model may have others
 };
 
+/// A tensor that is not as the contract wants it. Points into the model and the contract.
+struct ContractBreach {
+    bool input;                    ///< or an output
+    const TensorContract* wanted;  ///< null: an input that nobody feeds
+    const ModelTensor* found;      ///< null: the model has none
+    std::string text;  ///< "FILE: input NAME: wanted float32 [1, 21, 3], found float32 [1, 63]"
+};
+
 /// The contract's inputs and outputs with the model's names and the shapes to run them in: where
 /// the model leaves a dimension open it takes the wanted one. A dimension that is open in both
-/// stays -1. Throws on the first thing that does not fit:
-/// "FILE: input NAME: wanted float32 [1, 21, 3], found float32 [1, 63]".
+/// stays -1. Whole when there are no breaches.
 struct ModelAgreement {
     ModelAgreement(const Model& model, const ModelContract& contract);
     std::vector<ModelTensor> inputs, outputs;
+    std::vector<ContractBreach> breaches;
 };
+
+/// An agreement without breaches; throws the text of the first.
+ModelAgreement agreementOf(const Model& model, const ModelContract& contract);
 
 }  // namespace zorv

@@ -13,12 +13,14 @@ constexpr const char* kShrinkKey = "memory.enable_memory_arena_shrinkage";
 
 std::vector<const char*> namesOf(const std::vector<ModelTensor>& tensors) {
     std::vector<const char*> names;
+    names.reserve(tensors.size());
     for (const ModelTensor& tensor : tensors) names.push_back(tensor.name.c_str());
     return names;
 }
 
 std::vector<Ort::Value> noValues(std::size_t count) {
     std::vector<Ort::Value> values;
+    values.reserve(count);
     for (std::size_t i = 0; i < count; ++i) values.emplace_back(nullptr);
     return values;
 }
@@ -41,7 +43,7 @@ const float* checkedFloats(const Ort::Value& output, const char* name, std::size
 struct ModelRun::Impl {
     Impl(std::shared_ptr<const Model> opened, const ModelContract& contract, GiveBack when)
         : model(std::move(opened)),
-          agreement(*model, contract),
+          agreement(agreementOf(*model, contract)),
           giveBack(when),
           inputNames(namesOf(agreement.inputs)),
           outputNames(namesOf(agreement.outputs)),

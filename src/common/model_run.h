@@ -21,7 +21,7 @@ enum class GiveBack {
 /// stop().
 class ModelRun {
   public:
-    /// Throws as ModelAgreement does.
+    /// Throws as agreementOf does.
     ModelRun(std::shared_ptr<const Model> model, const ModelContract& contract,
              GiveBack giveBack = GiveBack::kNever);
     ~ModelRun();

@@ -49,7 +49,9 @@ struct Recipe {
         std::string text = "renderer " + std::to_string(threads) + ' ' + provider.name;
         const std::map<std::string, std::string> sorted(provider.options.begin(),
                                                         provider.options.end());
-        for (const auto& [key, value] : sorted) text += ' ' + key + '=' + value;
+        for (const auto& [key, value] : sorted) {
+            text.append(" ").append(key).append("=").append(value);
+        }
         for (const bool on :
              {spinning, kleidiAi, fastSampling, fastResize, int8Operator, int8Folds}) {
             text += on ? " 1" : " 0";
@@ -81,13 +83,20 @@ MappedFile mapModel(const std::string& path) {
 /// A model changed for the library's own operators. The file is mapped while it is read, so that
 /// the changed model is the only copy that is left.
 struct RewrittenModel {
-    RewrittenModel(const std::string& path, const Recipe& recipe) {
+    static constexpr unsigned kResizes = 1, kSamplers = 2;
+
+    /// Leaves the nodes of the kinds in `left` as they are.
+    RewrittenModel(const std::string& path, const Recipe& recipe, unsigned left) {
         const MappedFile file = mapModel(path);
         std::string_view model(reinterpret_cast<const char*>(file.data()), file.length());
-        if (recipe.fastSampling) samplers = rewriteGridSampleToFast(model, bytes);
+        if (recipe.fastSampling && !(left & kSamplers)) {
+            samplers = rewriteGridSampleToFast(model, bytes);
+        }
         if (samplers > 0) model = bytes;
         std::string resized, folded;
-        if (recipe.fastResize) resizes = rewriteResizeToFast(model, resized).size();
+        if (recipe.fastResize && !(left & kResizes)) {
+            resizes = rewriteResizeToFast(model, resized).size();
+        }
         if (resizes > 0) {
             std::string(std::move(resized)).swap(bytes);  // frees what was in it
             model = bytes;
@@ -97,6 +106,7 @@ struct RewrittenModel {
     }
 
     bool changed() const { return samplers + resizes > 0 || !folds.empty(); }
+    unsigned kinds() const { return (samplers > 0) * kSamplers + (resizes > 0) * kResizes; }
 
     void log(const std::string& key) const {
         if (samplers > 0) {
@@ -126,26 +136,42 @@ struct RewrittenModel {
     std::vector<Int8Fold> folds;
 };
 
-/// A session of the rewritten model; none when there is nothing to rewrite or the runtime refuses
-/// what comes of it: GridSample nodes of half precision or of more than two spatial dimensions.
+/// A session of the rewritten model; none when there is nothing to rewrite. The runtime refuses
+/// what the rewrite cannot see: nodes of half precision, samplers of more than two spatial
+/// dimensions. The nodes of that kind then stay as they are.
 std::optional<Ort::Session> openRewritten(const Ort::Env& env, const std::string& path,
                                           const std::string& key, const Recipe& recipe) {
-    const RewrittenModel model(path, recipe);
-    if (!model.changed()) return std::nullopt;
     Ort::SessionOptions options = recipe.options();
     // A model in memory has no folder of its own in which to look for external tensor files.
     const std::string folder = std::filesystem::path(path).parent_path().string();
     options.AddConfigEntry(kOrtSessionOptionsModelExternalInitializersFileFolderPath,
                            folder.c_str());
-    try {
-        auto session = createOperatorSession(env, model.bytes.data(), model.bytes.size(), options);
-        model.log(key);
-        return session;
-    } catch (const Ort::Exception& error) {
-        logLine("[zorv] %s is loaded as it is, the runtime refuses its load-time rewrite: %s",
-                key.c_str(), oneLine(error.what()).c_str());
-        return std::nullopt;
+    unsigned present = 0;
+    std::string refusal;
+    for (unsigned left = 0; left <= present; ++left) {
+        if ((left & ~present) != 0) continue;
+        const RewrittenModel model(path, recipe, left);
+        if (!model.changed()) break;
+        if (left == 0) present = model.kinds();
+        try {
+            auto session =
+                createOperatorSession(env, model.bytes.data(), model.bytes.size(), options);
+            model.log(key);
+            if (left != 0) {
+                logLine("[zorv] %s keeps its%s%s nodes, the runtime refuses their rewrite: %s",
+                        key.c_str(), left & RewrittenModel::kResizes ? " Resize" : "",
+                        left & RewrittenModel::kSamplers ? " GridSample" : "", refusal.c_str());
+            }
+            return session;
+        } catch (const Ort::Exception& error) {
+            if (refusal.empty()) refusal = oneLine(error.what());
+        }
     }
+    if (!refusal.empty()) {
+        logLine("[zorv] %s is loaded as it is, the runtime refuses its load-time rewrite: %s",
+                key.c_str(), refusal.c_str());
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -167,6 +193,38 @@ std::shared_ptr<const Model> openRendererModel(const std::string& path, const st
         if (!session) session = createOperatorSession(env, path, recipe.options());
         return makeModel(path, std::move(env), std::move(*session));
     });
+}
+
+bool isFeatSynth(const Model& model) {
+    return model.input("fs_red") != nullptr;
+}
+
+std::string pooledName(bool featSynth) {
+    return featSynth ? "pooled" : "pooled64";
+}
+
+std::optional<std::int32_t> fixedBatch(const Model& model) {
+    const ModelTensor* const input = model.input(pooledName(isFeatSynth(model)));
+    if (!input || input->shape.size() != 4 || input->shape[0] < 1 || input->shape[0] > INT32_MAX) {
+        return std::nullopt;
+    }
+    return static_cast<std::int32_t>(input->shape[0]);
+}
+
+ModelContract rendererContract(bool featSynth, std::int64_t B, std::int64_t S) {
+    const TensorContract rgb{"rgb", {B, 3, S, S}};
+    if (featSynth) {
+        return {{{pooledName(true), {B, 64, 32, 32}},
+                 {"fs_red", {B, 64, 64, 64}},
+                 {"kd", {B, 21, 3}},
+                 {"ks", {B, 21, 3}}},
+                {rgb}};
+    }
+    return {{{pooledName(false), {B, 64, 32, 32}},
+             {"P_rgb", {B, 3, S, S}},
+             {"kp_driving", {B, 21, 3}},
+             {"kp_source", {B, 21, 3}}},
+            {rgb}};
 }
 
 }  // namespace zorv

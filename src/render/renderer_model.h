@@ -1,10 +1,12 @@
-// How a renderer's model is opened.
+// How a renderer's model is opened, and what it has to look like.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "common/model.h"
+#include "common/model_contract.h"
 #include "render/execution_provider.h"
 
 namespace zorv {
@@ -15,6 +17,17 @@ namespace zorv {
 /// intra-op thread count. Throws with a one-line text.
 std::shared_ptr<const Model> openRendererModel(const std::string& path, const std::string& key,
                                                int threads, const ExecutionProvider& provider);
+
+/// A model with the input fs_red is the FeatSynth graph, any other the standard one.
+bool isFeatSynth(const Model& model);
+/// The input of pooled features.
+std::string pooledName(bool featSynth);
+/// The batch that the pooled input fixes; a symbolic one is refused on purpose, as is any that
+/// 32 bits do not hold.
+std::optional<std::int32_t> fixedBatch(const Model& model);
+/// What a renderer of B items and crops of side S binds, in this order: pooled features,
+/// appearance, driving and source keypoints; out comes the crop.
+ModelContract rendererContract(bool featSynth, std::int64_t B, std::int64_t S);
 
 /// An optional feature is on when its variable starts with '1'.
 bool switchedOn(const char* variable);

@@ -44,24 +44,6 @@ bool wantsNativeBackend(std::string& ep, const std::string& modelPath, const std
     return false;
 }
 
-/// What a renderer of B items and crops of side S binds. The order of the inputs is that of
-/// Renderer::Impl::bind.
-ModelContract contractOf(bool featSynth, std::int64_t B, std::int64_t S) {
-    const TensorContract rgb{"rgb", {B, 3, S, S}};
-    if (featSynth) {
-        return {{{"pooled", {B, 64, 32, 32}},
-                 {"fs_red", {B, 64, 64, 64}},
-                 {"kd", {B, 21, 3}},
-                 {"ks", {B, 21, 3}}},
-                {rgb}};
-    }
-    return {{{"pooled64", {B, 64, 32, 32}},
-             {"P_rgb", {B, 3, S, S}},
-             {"kp_driving", {B, 21, 3}},
-             {"kp_source", {B, 21, 3}}},
-            {rgb}};
-}
-
 }  // namespace
 
 struct Renderer::Impl {
@@ -69,11 +51,9 @@ struct Renderer::Impl {
         : identity(bundleIdentity), side(static_cast<std::size_t>(crop)) {}
 
     void load(const Manifest& manifest, const std::string& modelKey, int threads, std::string ep);
-    std::int32_t findBatch(const Model& model);
     void allocate();
     void bind();
-    void fillSlot(std::size_t slot, std::int32_t frame, const float* kpSource,
-                  const float* kpDriving);
+    void fillSlot(std::size_t slot, std::int32_t frame, const float* source, const float* driving);
     void repeatSlot(std::size_t from, std::size_t to);
     ZeroedArray<float>& appearance() { return featSynth ? feature : image; }
     std::size_t appearanceElems() const { return featSynth ? kFeatElems : imageElems; }
@@ -107,20 +87,12 @@ void Renderer::Impl::load(const Manifest& manifest, const std::string& modelKey,
     }
     const auto provider = parseExecutionProvider(ep, threads, manifest.dir);
     const auto opened = openRendererModel(path, modelKey, threads, provider);
-    featSynth = opened->input("fs_red") != nullptr;
-    batch = findBatch(*opened);
-    model.emplace(opened, contractOf(featSynth, batch, manifest.crop),
+    featSynth = isFeatSynth(*opened);
+    const auto fixed = fixedBatch(*opened);
+    if (!fixed) throw std::runtime_error(pooledName(featSynth) + " input not found / bad shape");
+    batch = *fixed;
+    model.emplace(opened, rendererContract(featSynth, batch, manifest.crop),
                   switchedOn("ZORV_ARENA_SHRINK") ? GiveBack::kAlways : GiveBack::kAfterFirst);
-}
-
-std::int32_t Renderer::Impl::findBatch(const Model& opened) {
-    // The batch is fixed by the model file: a symbolic one is refused on purpose.
-    const std::string name = featSynth ? "pooled" : "pooled64";
-    const ModelTensor* const input = opened.input(name);
-    if (!input || input->shape.size() != 4 || input->shape[0] < 1 || input->shape[0] > INT32_MAX) {
-        throw std::runtime_error(name + " input not found / bad shape");
-    }
-    return static_cast<std::int32_t>(input->shape[0]);
 }
 
 void Renderer::Impl::allocate() {

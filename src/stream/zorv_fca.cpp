@@ -1,8 +1,8 @@
 #include "stream/zorv_fca.h"
 
 #include <algorithm>
-#include <stdexcept>
 
+#include "common/error.h"
 #include "common/model_registry.h"
 #include "common/ort.h"
 
@@ -41,6 +41,11 @@ struct DeltaModel::Recurrence {
     std::vector<float> hidden = std::vector<float>(kHidden);
 };
 
+ModelContract deltaContract() {
+    return {{{"cond", {1, kContextFloats}}, {"prev", {1, kSet}}, {"h", {1, 1, kHidden}}},
+            {{"m", {1, kSet}, Fit::kAtLeast}, {"hn", {1, 1, kHidden}, Fit::kAtLeast}}};
+}
+
 DeltaModel::DeltaModel(const std::string& encoderPath, const std::string& streamingPath,
                        int threads)
     : encoder_(open(encoderPath, std::max(threads, 1),
@@ -48,13 +53,10 @@ DeltaModel::DeltaModel(const std::string& encoderPath, const std::string& stream
                      {{"audio_emb",
                        {delta::kLastLayer + 1, delta::kWindowFrames, delta::kEmbeddingFloats},
                        Fit::kAtLeast}}})),
-      streaming_(
-          open(streamingPath, std::max(threads, 1),
-               {{{"cond", {1, kContextFloats}}, {"prev", {1, kSet}}, {"h", {1, 1, kHidden}}},
-                {{"m", {1, kSet}, Fit::kAtLeast}, {"hn", {1, 1, kHidden}, Fit::kAtLeast}}})) {}
+      streaming_(open(streamingPath, std::max(threads, 1), deltaContract())) {}
 
 void DeltaModel::checkStop() const {
-    if (stop_ && *stop_) throw std::runtime_error("cancelled");
+    if (stop_ && *stop_) throw Cancelled();
 }
 
 void DeltaModel::step(Recurrence& state, float* out) {

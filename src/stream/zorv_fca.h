@@ -10,6 +10,10 @@
 
 namespace zorv {
 
+/// What the recurrent model has to look like: context, previous offsets and state in, offsets and
+/// state out.
+ModelContract deltaContract();
+
 /// Owns the speech encoder and the recurrent model. One thread at a time.
 ///
 /// A clip flows through window by window: encoder -> embeddings of the window's frames -> centred
@@ -19,7 +23,7 @@ class DeltaModel {
   public:
     DeltaModel(const std::string& encoderPath, const std::string& streamingPath, int threads);
 
-    /// While `stop` is true, deltas throws std::runtime_error before its next model run. The flag
+    /// While `stop` is true, deltas throws Cancelled before its next model run. The flag
     /// outlives the model.
     void stopWhen(const std::atomic<bool>& stop) { stop_ = &stop; }
 

@@ -134,7 +134,8 @@ def warped(path, external=False, way="plain"):
     """The standard graph with its image moved by the first driving keypoint: once by a node that
     the library replaces, once by one that it leaves alone, and half of each. external: constants
     lie in a file of their own beside the model. way: "resized" samples down to half the size and up
-    again, "half" in half precision, "deep" a volume, "sensitive" shows what rounding leaves."""
+    again, "half" in half precision, "deep" a volume, "half_resize" behind a Resize in half precision,
+    "sensitive" shows what rounding leaves."""
     g = Graph(20 if way == "deep" else 16)
     line = (np.arange(CROP) * 2 + 1) / CROP - 1
     move = g("Reshape", g("Slice", "kp_driving", g.ints(0, 0), g.ints(1, 2), g.ints(1, 2)), g.ints(1, 1, 1, 2))
@@ -152,7 +153,12 @@ def warped(path, external=False, way="plain"):
         volume = g("GridSample", g("Unsqueeze", "P_rgb", g.ints(2)), g("Unsqueeze", flat, g.ints(1)), **how)
         replaced = g("Squeeze", volume, g.ints(2))
     else:
-        replaced = g("GridSample", "P_rgb", grid, **how)
+        image = "P_rgb"
+        if way == "half_resize":
+            half = g("Resize", g("Cast", image, to=TensorProto.FLOAT16), "", g.const([1.0, 1.0, 2.0, 2.0]),
+                     mode="linear", coordinate_transformation_mode="half_pixel")
+            image = g("Cast", half, to=TensorProto.FLOAT)
+        replaced = g("GridSample", image, grid, **how)
     kept = g("GridSample", "P_rgb", grid, mode=how["mode"], padding_mode="border", align_corners=1)
     image = g("Mul", g("Add", replaced, kept), 0.5)
     if way == "sensitive":
@@ -396,7 +402,7 @@ def main(directory):
     own_operators(path("render_own_operators"))
     warped(path("render_warped"))
     warped(path("render_warped_external"), external=True)
-    for way in ("resized", "half", "deep", "sensitive"):
+    for way in ("resized", "half", "deep", "half_resize", "sensitive"):
         warped(path("render_warped_" + way), way=way)
     sampler(path("sampler"), "")
     sampler(path("sampler_fast"), "com.velmarin")

@@ -106,19 +106,19 @@ class BundleCheck {
     }
 
     void checkTensors() {
-        for (const TensorFile& file : tensorFiles()) {
-            if (!has(file.name) && !required(file)) {
+        for (const BundleFile& file : tensorFiles()) {
+            if (!has(file.tensor.name) && !required(file)) {
                 if (file.reader == Reader::kBatchStream) {
-                    needForBatch(file.name, expectedContent(file, report_.facts));
+                    needForBatch(file.tensor.name, expectedContent(file, report_.facts));
                 }
                 continue;
             }
-            FileReport& tensor = report_.files.emplace_back(FileReport{file.name});
+            FileReport& tensor = report_.files.emplace_back(FileReport{file.tensor.name});
             checkTensorFile(file, report_.directory, report_.facts, tensor);
         }
     }
 
-    bool required(const TensorFile& file) const {
+    bool required(const BundleFile& file) const {
         switch (file.reader) {
             case Reader::kContext:
                 return true;

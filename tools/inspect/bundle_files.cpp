@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "bundle/zorv_bundle.h"
 #include "failure.h"
 #include "interrupt.h"
 #include "paste/paste_placement.h"
@@ -18,8 +17,6 @@ namespace fs = std::filesystem;
 namespace zorv::tools {
 namespace {
 
-constexpr int kNT = -1, kFrames = -2, kCrop = -3;
-
 struct Manifested {
     const char* key;
     std::optional<int> value;
@@ -27,21 +24,30 @@ struct Manifested {
 
 Manifested manifested(int dimension, const BundleFacts& facts) {
     switch (dimension) {
-        case kNT:
+        case TensorFile::kNT:
             return {"NT", facts.targetFrames};
-        case kFrames:
+        case TensorFile::kFrames:
             return {"frames", facts.driveFrames};
-        case kCrop:
+        case TensorFile::kCrop:
             return {"crop", facts.crop};
         default:
             return {"", dimension};
     }
 }
 
+/// The dimensions of `file` from `first` on.
+std::vector<Manifested> dimensions(const TensorFile& file, const BundleFacts& facts,
+                                   size_t first = 0) {
+    std::vector<Manifested> all;
+    for (size_t i = first; i < file.shape.size() && file.shape[i] != 0; ++i) {
+        all.push_back(manifested(file.shape[i], facts));
+    }
+    return all;
+}
+
 std::string shapeText(const TensorFile& file, const BundleFacts& facts) {
     std::vector<std::string> words;
-    for (const int dimension : file.shape) {
-        const auto [key, value] = manifested(dimension, facts);
+    for (const auto& [key, value] : dimensions(file, facts)) {
         words.push_back(value ? std::to_string(*value) : key);
     }
     return fmt::format("{} {}", fmt::join(words, " x "), file.type);
@@ -50,8 +56,7 @@ std::string shapeText(const TensorFile& file, const BundleFacts& facts) {
 /// Bytes of the dimensions from `first` on; nothing when a number is missing or too large.
 std::optional<uint64_t> bytesOf(const TensorFile& file, const BundleFacts& facts, size_t first) {
     uint64_t bytes = file.elementBytes;
-    for (size_t i = first; i < file.shape.size(); ++i) {
-        const auto value = manifested(file.shape[i], facts).value;
+    for (const auto& [key, value] : dimensions(file, facts, first)) {
         if (!value || __builtin_mul_overflow(bytes, static_cast<uint64_t>(*value), &bytes)) {
             return std::nullopt;
         }
@@ -60,22 +65,23 @@ std::optional<uint64_t> bytesOf(const TensorFile& file, const BundleFacts& facts
 }
 
 bool numbersKnown(const TensorFile& file, const BundleFacts& facts) {
-    return std::all_of(file.shape.begin(), file.shape.end(), [&](int dimension) {
-        return manifested(dimension, facts).value.has_value();
-    });
+    const auto all = dimensions(file, facts);
+    return std::all_of(all.begin(), all.end(),
+                       [](const Manifested& one) { return one.value.has_value(); });
 }
 
-bool checkSize(const TensorFile& file, const BundleFacts& facts, uint64_t size,
+bool checkSize(const BundleFile& checked, const BundleFacts& facts, uint64_t size,
                FileReport& report) {
+    const TensorFile& file = checked.tensor;
     const auto wanted = bytesOf(file, facts, 0);
     if (!wanted && numbersKnown(file, facts)) {
         report.fault(fmt::format("{} bytes", size),
-                     expectedContent(file, facts) + ", more than any file can hold");
+                     expectedContent(checked, facts) + ", more than any file can hold");
         return false;
     }
     if (!wanted) {
         report.warn(fmt::format("{} bytes, which cannot be checked without the manifest", size),
-                    expectedContent(file, facts));
+                    expectedContent(checked, facts));
         return false;
     }
     if (size == *wanted) return true;
@@ -84,14 +90,14 @@ bool checkSize(const TensorFile& file, const BundleFacts& facts, uint64_t size,
         fmt::format("{} bytes, {} too {}", size, longer ? size - *wanted : *wanted - size,
                     longer ? "many" : "few");
     const uint64_t row = bytesOf(file, facts, 1).value_or(0);
-    if (file.shape.size() > 1 && row > 0 && size > 0 && size % row == 0) {
+    if (file.shape[1] != 0 && row > 0 && size > 0 && size % row == 0) {
         what += fmt::format(" ({} rows)", size / row);
     }
-    if (file.mayBeLonger && longer) {
-        report.warn(what + "; the rest is ignored", expectedContent(file, facts));
+    if (checked.mayBeLonger && longer) {
+        report.warn(what + "; the rest is ignored", expectedContent(checked, facts));
         return true;
     }
-    report.fault(what, expectedContent(file, facts));
+    report.fault(what, expectedContent(checked, facts));
     return false;
 }
 
@@ -182,19 +188,19 @@ void checkValues(const TensorFile& file, const MappedFile& data, size_t bytes,
 
 }  // namespace
 
-const std::vector<TensorFile>& tensorFiles() {
-    static const std::vector<TensorFile> files = {
-        {"pooled64.f16", Reader::kContext, "float16", 2, {kNT, 64, 32, 32}, false},
-        {"P.f16", Reader::kStandardGraph, "float16", 2, {kNT, 3, kCrop, kCrop}, false},
-        {"fs_red.f16", Reader::kFeatSynthGraph, "float16", 2, {kNT, 64, 64, 64}, false},
-        {"M.f32", Reader::kContext, "float32", 4, {kNT, 6}, false},
-        {"mask_512.u8", Reader::kContext, "uint8", 1, {kCrop, kCrop}, true},
-        {"drive/xs.f32", Reader::kContext, "float32", 4, {kFrames, kKeypointFloats}, false},
-        {"drive/xd.f32", Reader::kContext, "float32", 4, {kFrames, kKeypointFloats}, false},
-        {"drive/si.i32", Reader::kContext, "int32", 4, {kFrames}, false},
-        {"xs_target.bin", Reader::kBatchStream, "float32", 4, {kNT, kKeypointFloats}, true},
+const std::vector<BundleFile>& tensorFiles() {
+    static const std::vector<BundleFile> all = {
+        {files::kPooled, Reader::kContext},
+        {files::kImages, Reader::kStandardGraph},
+        {files::kReduced, Reader::kFeatSynthGraph},
+        {files::kPlacements, Reader::kContext},
+        {files::kMask, Reader::kContext, true},
+        {files::kDriveSource, Reader::kContext},
+        {files::kDriveDriving, Reader::kContext},
+        {files::kDriveTargets, Reader::kContext},
+        {files::kTargetKeypoints, Reader::kBatchStream, true},
     };
-    return files;
+    return all;
 }
 
 std::optional<uint64_t> fileSizeOf(const std::string& directory, FileReport& report) {
@@ -213,13 +219,13 @@ std::optional<uint64_t> fileSizeOf(const std::string& directory, FileReport& rep
     return size;
 }
 
-std::string expectedContent(const TensorFile& file, const BundleFacts& facts) {
-    const auto bytes = bytesOf(file, facts, 0);
-    const std::string shape = shapeText(file, facts);
+std::string expectedContent(const BundleFile& file, const BundleFacts& facts) {
+    const auto bytes = bytesOf(file.tensor, facts, 0);
+    const std::string shape = shapeText(file.tensor, facts);
     return bytes ? fmt::format("{} = {} bytes", shape, *bytes) : shape;
 }
 
-void checkTensorFile(const TensorFile& file, const std::string& directory, const BundleFacts& facts,
+void checkTensorFile(const BundleFile& file, const std::string& directory, const BundleFacts& facts,
                      FileReport& report) {
     const auto size = fileSizeOf(directory, report);
     if (!size) {
@@ -232,14 +238,15 @@ void checkTensorFile(const TensorFile& file, const std::string& directory, const
     try {
         throwIfInterrupted();
         const MappedFile data = mapFile(directory + "/" + report.name, *size);
-        checkValues(file, data, bytesOf(file, facts, 0).value_or(*size), facts, report);
+        checkValues(file.tensor, data, bytesOf(file.tensor, facts, 0).value_or(*size), facts,
+                    report);
     } catch (const Interrupted&) {
         throw;
     } catch (const std::runtime_error& error) {
         report.fault(fmt::format("cannot be read: {}", error.what()));
         return;
     }
-    if (report.name == "M.f32") checkPlacements(directory, facts, report);
+    if (report.name == files::kPlacements.name) checkPlacements(directory, facts, report);
 }
 
 std::vector<float> readPlacements(const std::string& directory, const BundleFacts& facts) try {

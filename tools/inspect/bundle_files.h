@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "bundle/zorv_bundle.h"
 #include "bundle_report.h"
 
 namespace zorv::tools {
@@ -16,22 +17,19 @@ std::optional<uint64_t> fileSizeOf(const std::string& directory, FileReport& rep
 /// Which part of the library reads a file.
 enum class Reader { kContext, kStandardGraph, kFeatSynthGraph, kBatchStream };
 
-struct TensorFile {
-    const char* name;
+struct BundleFile {
+    const TensorFile& tensor;
     Reader reader;
-    const char* type;  // of an element
-    size_t elementBytes;
-    std::vector<int> shape;  // numbers, or kNT, kFrames, kCrop for the manifest's
-    bool mayBeLonger;        // the library reads what it needs and ignores the rest
+    bool mayBeLonger = false;  // the library reads what it needs and ignores the rest
 };
 /// Every file of this kind, in the order of the report.
-const std::vector<TensorFile>& tensorFiles();
+const std::vector<BundleFile>& tensorFiles();
 
 /// "3 x 3 x 16 x 16 float16 = 4608 bytes", as far as the manifest tells.
-std::string expectedContent(const TensorFile& file, const BundleFacts& facts);
+std::string expectedContent(const BundleFile& file, const BundleFacts& facts);
 
 /// Size and values of `file`; what is wrong goes to `report`, which carries its name.
-void checkTensorFile(const TensorFile& file, const std::string& directory, const BundleFacts& facts,
+void checkTensorFile(const BundleFile& file, const std::string& directory, const BundleFacts& facts,
                      FileReport& report);
 
 /// The placements of M.f32 in pixels of the W x H frames, 6 each; empty when they are not there.

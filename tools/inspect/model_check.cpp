@@ -8,128 +8,75 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
-#include "bundle/zorv_bundle.h"
 #include "bundle_files.h"
 #include "common/file.h"
+#include "common/model_run.h"
+#include "common/ort.h"
+#include "common/units.h"
 #include "failure.h"
 #include "interrupt.h"
 #include "operator_census.h"
+#include "render/custom_operators.h"
+#include "render/gridsample/op.h"
+#include "render/int8conv/int8conv_vnni.h"
+#include "render/renderer_model.h"
+#include "stream/zorv_fca.h"
 
 namespace zorv::tools {
 namespace {
 
 constexpr float kOneLevel = 1.0f / 255;  // of a picture
 
-/// Stands in for an operator of the library, so that models with it can be loaded and looked at.
-struct NoKernel {
-    void Compute(OrtKernelContext*) {}
-};
-class OperatorStub : public Ort::CustomOpBase<OperatorStub, NoKernel> {
-  public:
-    OperatorStub(const char* name, std::initializer_list<ONNXTensorElementDataType> inputs)
-        : name_(name), inputs_(inputs) {}
-    void* CreateKernel(const OrtApi&, const OrtKernelInfo*) const { return new NoKernel; }
-    const char* GetName() const { return name_; }
-    size_t GetInputTypeCount() const { return inputs_.size(); }
-    ONNXTensorElementDataType GetInputType(size_t index) const { return inputs_[index]; }
-    size_t GetOutputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetOutputType(size_t) const { return kFloat; }
-
-    static constexpr auto kFloat = ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-
-  private:
-    const char* name_;
-    std::vector<ONNXTensorElementDataType> inputs_;
-};
-
-/// The runtime, and options that load models quickly and without a word.
-struct Runtime {
-    Ort::Env env{ORT_LOGGING_LEVEL_FATAL, "zorv"};
-    OperatorStub sampler{"GridSampleFast", {OperatorStub::kFloat, OperatorStub::kFloat}};
-    OperatorStub convolution{"Int8ConvVNNI",
-                             {OperatorStub::kFloat, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8,
-                              OperatorStub::kFloat, OperatorStub::kFloat}};
-    Ort::CustomOpDomain samplerDomain{"com.velmarin"}, int8Domain{"com.velmarin.int8"};
-    Ort::SessionOptions options;
-
-    Runtime() {
-        samplerDomain.Add(&sampler);
-        int8Domain.Add(&convolution);
-        options.Add(samplerDomain);
-        options.Add(int8Domain);
-        options.SetGraphOptimizationLevel(ORT_DISABLE_ALL);
-        options.SetIntraOpNumThreads(1);
+ModelTensor describe(const zorv::ModelTensor& declared, const Ort::TypeInfo& type) {
+    std::vector<const char*> symbols(declared.shape.size(), "");
+    if (!symbols.empty()) {
+        type.GetTensorTypeAndShapeInfo().GetSymbolicDimensions(symbols.data(), symbols.size());
     }
-};
-
-Ort::Session load(const std::string& path) {
-    static Runtime runtime;
-    return Ort::Session(runtime.env, path.c_str(), runtime.options);
-}
-
-const char* typeName(ONNXTensorElementDataType type) {
-    switch (type) {
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
-            return "float32";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
-            return "float16";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
-            return "float64";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
-            return "uint8";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
-            return "int8";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
-            return "int32";
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
-            return "int64";
-        default:
-            return "another type";
+    ModelTensor tensor{declared.name, declared.type, {}};
+    for (size_t i = 0; i < symbols.size(); ++i) {
+        tensor.shape.push_back({declared.shape[i], symbols[i]});
     }
-}
-
-ModelTensor describe(std::string name, const Ort::TypeInfo& type) {
-    if (type.GetONNXType() != ONNX_TYPE_TENSOR) return {std::move(name), "no tensor", {}};
-    const auto info = type.GetTensorTypeAndShapeInfo();
-    ModelTensor tensor{std::move(name), typeName(info.GetElementType()), {}};
-    const std::vector<int64_t> sizes = info.GetShape();
-    std::vector<const char*> symbols(sizes.size(), "");
-    if (!symbols.empty()) info.GetSymbolicDimensions(symbols.data(), symbols.size());
-    for (size_t i = 0; i < sizes.size(); ++i) tensor.shape.push_back({sizes[i], symbols[i]});
     return tensor;
 }
 
-ModelReport describe(const Ort::Session& session) {
-    const Ort::AllocatorWithDefaultOptions allocator;
-    ModelReport model;
-    for (size_t i = 0; i < session.GetInputCount(); ++i) {
-        model.inputs.push_back(describe(session.GetInputNameAllocated(i, allocator).get(),
-                                        session.GetInputTypeInfo(i)));
+ModelReport describe(const Model& model) {
+    const Ort::Session& session = model.session().session;
+    ModelReport report;
+    for (size_t i = 0; i < model.inputs().size(); ++i) {
+        report.inputs.push_back(describe(model.inputs()[i], session.GetInputTypeInfo(i)));
     }
-    for (size_t i = 0; i < session.GetOutputCount(); ++i) {
-        model.outputs.push_back(describe(session.GetOutputNameAllocated(i, allocator).get(),
-                                         session.GetOutputTypeInfo(i)));
+    for (size_t i = 0; i < model.outputs().size(); ++i) {
+        report.outputs.push_back(describe(model.outputs()[i], session.GetOutputTypeInfo(i)));
     }
-    return model;
+    return report;
 }
 
-/// Loads the model of `report`; what keeps it from loading is a fault.
-std::optional<Ort::Session> openModel(const std::string& directory, FileReport& report) {
+/// Opens the model of `report` quickly and without a word; what keeps it from loading is a fault.
+std::shared_ptr<const Model> openModel(const std::string& directory, FileReport& report) {
     throwIfInterrupted();
     const auto size = fileSizeOf(directory, report);
-    if (!size) return std::nullopt;
+    if (!size) return nullptr;
     report.content = fmt::format("{} bytes", *size);
+    const std::string path = directory + "/" + report.name;
     try {
-        return load(directory + "/" + report.name);
+        Ort::Env env(ORT_LOGGING_LEVEL_FATAL, "zorv");
+        Ort::SessionOptions options = makeSessionOptions(1);
+        options.SetGraphOptimizationLevel(ORT_DISABLE_ALL);
+        registerGridSampleFast(options);
+        registerInt8ConvVNNI(options);
+        Ort::Session session = createOperatorSession(env, path, options);
+        auto model = makeModel(path, std::move(env), std::move(session));
+        report.model.emplace(describe(*model));
+        return model;
     } catch (const Ort::Exception& error) {
         report.fault(fmt::format("does not load: {}", error.what()), "an ONNX model");
-        return std::nullopt;
+        return nullptr;
     }
 }
 
@@ -139,65 +86,76 @@ const ModelTensor* find(const std::vector<ModelTensor>& tensors, const std::stri
     return at == tensors.end() ? nullptr : &*at;
 }
 
-/// What the library binds to one input or output; sizes below 1 are unknown.
-struct Slot {
-    const char* name;
-    std::vector<int64_t> shape;
-};
-
-std::string wantedText(const Slot& slot) {
-    std::vector<std::string> words;
-    for (const int64_t size : slot.shape) words.push_back(size < 1 ? "?" : std::to_string(size));
-    return fmt::format("{} float32", fmt::join(words, " x "));
-}
-
-bool fits(const ModelTensor& tensor, const Slot& slot) {
-    if (tensor.shape.empty()) return true;  // any shape
-    return std::equal(tensor.shape.begin(), tensor.shape.end(), slot.shape.begin(),
-                      slot.shape.end(), [](const Dimension& found, int64_t wanted) {
-                          return found.size < 0 || wanted < 1 || found.size == wanted;
-                      });
-}
-
-void compare(const char* kind, const Slot& slot, const std::vector<ModelTensor>& tensors,
-             FileReport& report) {
-    const ModelTensor* tensor = find(tensors, slot.name);
-    if (!tensor) {
-        report.fault(fmt::format("{} \"{}\" is missing", kind, slot.name), wantedText(slot));
-    } else if (tensor->type != "float32" || !fits(*tensor, slot)) {
-        report.fault(
-            fmt::format("{} \"{}\" is {} {}", kind, slot.name, shapeText(*tensor), tensor->type),
-            wantedText(slot));
+std::string wantedText(const TensorContract& wanted) {
+    if (wanted.fit == Fit::kAtLeast) {
+        return fmt::format("at least {} {} values", elementCount(wanted.shape), wanted.type);
     }
+    std::vector<std::string> words;
+    for (const int64_t size : wanted.shape) words.push_back(size < 0 ? "?" : std::to_string(size));
+    return fmt::format("{} {}", fmt::join(words, " x "), wanted.type);
 }
 
-void compareAll(const std::vector<Slot>& inputs, const std::vector<Slot>& outputs,
-                FileReport& report) {
-    const ModelReport& model = *report.model;
-    for (const Slot& slot : inputs) compare("input", slot, model.inputs, report);
-    for (const ModelTensor& tensor : model.inputs) {
-        if (std::none_of(inputs.begin(), inputs.end(),
-                         [&](const Slot& slot) { return slot.name == tensor.name; })) {
-            report.fault(fmt::format("input \"{}\" is not fed by anything", tensor.name),
-                         "no other inputs");
+/// What is there in place of `wanted`.
+std::string foundText(const zorv::ModelTensor& found, const TensorContract& wanted,
+                      const std::vector<ModelTensor>& described) {
+    const bool known =
+        std::all_of(found.shape.begin(), found.shape.end(), [](int64_t size) { return size >= 0; });
+    if (wanted.fit == Fit::kAtLeast && known) {
+        return fmt::format("has {} {} values", elementCount(found.shape), found.type);
+    }
+    return fmt::format("is {} {}", shapeText(*find(described, found.name)), found.type);
+}
+
+/// A size that the bundle does not tell cannot be wrong: it is taken from the model.
+std::vector<TensorContract> completed(std::vector<TensorContract> contract,
+                                      const std::vector<zorv::ModelTensor>& declared) {
+    for (TensorContract& wanted : contract) {
+        for (const zorv::ModelTensor& found : declared) {
+            if (found.name != wanted.name || found.shape.size() != wanted.shape.size()) continue;
+            for (size_t i = 0; i < wanted.shape.size(); ++i) {
+                if (wanted.shape[i] < 0) wanted.shape[i] = found.shape[i];
+            }
         }
     }
-    for (const Slot& slot : outputs) compare("output", slot, model.outputs, report);
+    return contract;
 }
 
-/// The batch that the pooled input fixes; nothing, and a fault, when the library refuses it.
-std::optional<int64_t> batchOf(const ModelReport& model, const char* pooled, FileReport& report) {
-    const ModelTensor* tensor = find(model.inputs, pooled);
-    if (!tensor) return std::nullopt;  // reported with the other inputs
-    if (tensor->shape.size() == 4 && tensor->shape[0].size >= 1 &&
-        tensor->shape[0].size <= INT32_MAX) {
-        return tensor->shape[0].size;
+/// Holds the model against what the library binds to it; a size of -1 is not known.
+void compare(const Model& model, const ModelContract& contract, FileReport& report) {
+    const ModelContract known{completed(contract.inputs, model.inputs()),
+                              completed(contract.outputs, model.outputs())};
+    const ModelAgreement agreement(model, known);
+    for (const ContractBreach& breach : agreement.breaches) {
+        const char* const kind = breach.input ? "input" : "output";
+        if (!breach.wanted) {
+            report.fault(fmt::format("{} \"{}\" is not fed by anything", kind, breach.found->name),
+                         "no other inputs");
+            continue;
+        }
+        const auto& asked = breach.input ? contract.inputs : contract.outputs;
+        const auto& judged = breach.input ? known.inputs : known.outputs;
+        const std::string expected =
+            wantedText(asked[static_cast<size_t>(breach.wanted - judged.data())]);
+        if (!breach.found) {
+            report.fault(fmt::format("{} \"{}\" is missing", kind, breach.wanted->name), expected);
+            continue;
+        }
+        const auto& described = breach.input ? report.model->inputs : report.model->outputs;
+        report.fault(fmt::format("{} \"{}\" {}", kind, breach.found->name,
+                                 foundText(*breach.found, *breach.wanted, described)),
+                     expected);
     }
-    if (tensor->shape.size() == 4) {
+}
+
+/// The batch that the pooled input fixes; a fault when the library refuses it.
+void judgeBatch(const Model& model, FileReport& report) {
+    report.model->batch = fixedBatch(model);
+    const std::string pooled = pooledName(isFeatSynth(model));
+    const ModelTensor* tensor = find(report.model->inputs, pooled);
+    if (!report.model->batch && tensor && tensor->shape.size() == 4) {
         report.fault(fmt::format("the batch of input \"{}\" is {}", pooled, shapeText(*tensor)),
                      "a fixed number of at least 1 in front");
     }
-    return std::nullopt;
 }
 
 /// A crop of frame 0, or of the first frame of the stored sequence.
@@ -290,46 +248,17 @@ class WithoutRewrite {
     std::optional<std::string> before_;
 };
 
-/// Zeros for a delta model's input.
-struct Zeros {
-    std::vector<float> values;
-    Ort::Value tensor;
-    explicit Zeros(const Slot& slot)
-        : values([&] {
-              size_t count = 1;
-              for (const int64_t size : slot.shape) count *= static_cast<size_t>(size);
-              return count;
-          }()),
-          tensor(Ort::Value::CreateTensor<float>(
-              Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault), values.data(),
-              values.size(), slot.shape.data(), slot.shape.size())) {}
-};
-
-void runDeltaModel(Ort::Session& session, const std::vector<Slot>& slots, FileReport& report) {
-    struct Output {
-        const char* name;
-        size_t least;
-    };
-    constexpr Output kOutputs[] = {{"m", kKeypointFloats}, {"hn", 384}};
-    std::vector<const char*> names;
-    std::vector<Zeros> zeros;
-    std::vector<Ort::Value> tensors;
-    for (const Slot& slot : slots) {
-        names.push_back(slot.name);
-        zeros.emplace_back(slot);
-        tensors.push_back(std::move(zeros.back().tensor));
+/// One run on zeros.
+void runDeltaModel(const std::shared_ptr<const Model>& model, const ModelContract& contract) {
+    ModelRun run(model, contract);
+    std::vector<std::vector<float>> zeros;
+    for (const TensorContract& input : contract.inputs) {
+        zeros.emplace_back(elementCount(input.shape));
     }
-    const char* wanted[] = {kOutputs[0].name, kOutputs[1].name};
-    const auto results = session.Run(Ort::RunOptions{nullptr}, names.data(), tensors.data(),
-                                     tensors.size(), wanted, 2);
-    for (size_t i = 0; i < 2; ++i) {
-        const auto info = results[i].GetTensorTypeAndShapeInfo();
-        if (info.GetElementType() != OperatorStub::kFloat ||
-            info.GetElementCount() < kOutputs[i].least) {
-            report.fault(fmt::format("output \"{}\" has {} {} values", kOutputs[i].name,
-                                     info.GetElementCount(), typeName(info.GetElementType())),
-                         fmt::format("at least {} float32 values", kOutputs[i].least));
-        }
+    for (size_t i = 0; i < zeros.size(); ++i) run.bindInput(i, zeros[i].data());
+    run.run();
+    for (size_t i = 0; i < contract.outputs.size(); ++i) {
+        run.floats(i, elementCount(contract.outputs[i].shape));
     }
 }
 
@@ -356,41 +285,27 @@ std::string shapeText(const ModelTensor& tensor) {
 
 void checkRendererModel(const std::string& directory, const BundleFacts& facts,
                         FileReport& report) {
-    const auto session = openModel(directory, report);
-    if (!session) return;
-    ModelReport& model = report.model.emplace(describe(*session));
-    const bool synth = find(model.inputs, "fs_red") != nullptr;
-    model.graph = synth ? "FeatSynth" : "standard";
-    model.batch = batchOf(model, synth ? "pooled" : "pooled64", report);
+    const auto model = openModel(directory, report);
+    if (!model) return;
+    const bool synth = isFeatSynth(*model);
+    report.model->graph = synth ? "FeatSynth" : "standard";
+    judgeBatch(*model, report);
     countOperatorsOf(directory, report);
-
-    const int64_t b = model.batch.value_or(0), s = facts.crop.value_or(0);
-    const std::vector<Slot> standard = {{"pooled64", {b, 64, 32, 32}},
-                                        {"P_rgb", {b, 3, s, s}},
-                                        {"kp_driving", {b, 21, 3}},
-                                        {"kp_source", {b, 21, 3}}};
-    const std::vector<Slot> featSynth = {{"fs_red", {b, 64, 64, 64}},
-                                         {"pooled", {b, 64, 32, 32}},
-                                         {"kd", {b, 21, 3}},
-                                         {"ks", {b, 21, 3}}};
-    compareAll(synth ? featSynth : standard, {{"rgb", {b, 3, s, s}}}, report);
+    compare(*model,
+            rendererContract(synth, report.model->batch.value_or(-1), facts.crop.value_or(-1)),
+            report);
 }
 
 void checkDeltaModel(const std::string& directory, FileReport& report) {
-    auto session = openModel(directory, report);
-    if (!session) return;
-    report.model.emplace(describe(*session)).graph = "delta";
-    const std::vector<Slot> inputs = {{"cond", {1, 5376}}, {"prev", {1, 63}}, {"h", {1, 1, 384}}};
-    compareAll(inputs, {}, report);
-    for (const char* output : {"m", "hn"}) {
-        if (!find(report.model->outputs, output)) {
-            report.fault(fmt::format("output \"{}\" is missing", output));
-        }
-    }
+    const auto model = openModel(directory, report);
+    if (!model) return;
+    report.model->graph = "delta";
+    const ModelContract contract = deltaContract();
+    compare(*model, contract, report);
     if (report.severity() == Severity::kFault) return;
     try {
-        runDeltaModel(*session, inputs, report);
-    } catch (const Ort::Exception& error) {
+        runDeltaModel(model, contract);
+    } catch (const std::exception& error) {
         report.fault(fmt::format("fails when it is run: {}", error.what()));
     }
 }
