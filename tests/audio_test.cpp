@@ -53,7 +53,7 @@ std::vector<float> resampleTones(int rate, const double (&hz)[3]) {
 
 TEST(SpeechResampler, KeepsWhatTheModelsHearInItsPlaceAndNothingElse) {
     for (const int rate : kRates) {
-        const double half = std::min(rate, kSpeechRate) / 2.0;
+        const double half = std::min(rate, kSampleRate) / 2.0;
         const double heard[3] = {0.02 * half, 0.41 * half, 0.9 * half};
         const std::vector<float> out = resampleTones(rate, heard);
         ASSERT_EQ(out.size(), 16000u) << rate;
@@ -81,7 +81,7 @@ TEST(SpeechResampler, CutsChangeNoSampleAndEachUtteranceStartsAnew) {
         EXPECT_GE(dropped.size(), resampler.speechSamples(5000u - resampler.lookAhead() - 1));
         resampler.reset();
         EXPECT_EQ(resample(resampler, pcm, 0), whole) << rate;
-        if (rate != kSpeechRate) continue;
+        if (rate != kSampleRate) continue;
         ASSERT_EQ(whole.size(), pcm.size());
         for (std::size_t i = 0; i < pcm.size(); ++i) ASSERT_EQ(whole[i] * 32768, pcm[i]);
     }

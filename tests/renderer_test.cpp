@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "render/conv_backend.h"
-#include "render/execution_provider.h"
+#include "render/renderer_model.h"
 #include "support/failure.h"
 #include "support/scoped_env.h"
 #include "support/test_bundle.h"

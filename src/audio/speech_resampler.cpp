@@ -25,9 +25,9 @@ float scaled(float sample) {
 }
 
 SpeexResamplerState_* open(int rate) {
-    if (rate == kSpeechRate) return nullptr;
+    if (rate == kSampleRate) return nullptr;
     SpeexResamplerState_* state =
-        speex_resampler_init(1, static_cast<spx_uint32_t>(rate), kSpeechRate, kQuality, nullptr);
+        speex_resampler_init(1, static_cast<spx_uint32_t>(rate), kSampleRate, kQuality, nullptr);
     if (!state) throw std::bad_alloc();
     return state;
 }

@@ -6,11 +6,12 @@
 #include <memory>
 #include <vector>
 
+#include "common/units.h"
+
 struct SpeexResamplerState_;
 
 namespace zorv {
 
-constexpr int kSpeechRate = 16000;            ///< of the speech models, in Hz
 constexpr float kSampleScale = 1.0f / 32768;  ///< a 16-bit sample becomes [-1, 1)
 
 /// Resamples one utterance after the other, piece by piece: n samples become exactly
@@ -33,7 +34,7 @@ class SpeechResampler {
     /// ceil(n x 16000 / rate).
     std::uint64_t speechSamples(std::uint64_t n) const {
         const auto rate = static_cast<std::uint64_t>(rate_);
-        return n / rate * kSpeechRate + (n % rate * kSpeechRate + rate - 1) / rate;
+        return n / rate * kSampleRate + (n % rate * kSampleRate + rate - 1) / rate;
     }
 
     /// Samples of sound, at its own rate, by which what `push` appends stays behind.

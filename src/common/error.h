@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -63,6 +64,18 @@ class ErrorText {
   private:
     std::string whole_;
     std::array<char, 256> cut_{};  ///< empty unless memory ran out
+};
+
+/// A text in memory of its own: setting it cannot fail, what does not fit is cut.
+class FailureText {
+  public:
+    void set(const char* text) noexcept { std::snprintf(text_.data(), text_.size(), "%s", text); }
+    void clear() noexcept { text_[0] = 0; }
+    bool empty() const { return text_[0] == 0; }
+    const char* get() const { return text_.data(); }
+
+  private:
+    std::array<char, 1024> text_{};
 };
 
 /// One last-error string per thread for one family of C functions (`Family` is only a tag).

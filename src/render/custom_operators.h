@@ -38,6 +38,15 @@ struct GuardedKernel : Kernel {
 template <class Operator, class Kernel>
 struct CpuOperator : Ort::CustomOpBase<Operator, GuardedKernel<Kernel>, true> {
     const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
+    // One input and one output of floats, unless the operator says otherwise.
+    std::size_t GetInputTypeCount() const { return 1; }
+    ONNXTensorElementDataType GetInputType(std::size_t) const {
+        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
+    }
+    std::size_t GetOutputTypeCount() const { return 1; }
+    ONNXTensorElementDataType GetOutputType(std::size_t) const {
+        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
+    }
     OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo* info, void** kernel) const {
         return statusOf([&] { *kernel = new GuardedKernel<Kernel>(info); });
     }

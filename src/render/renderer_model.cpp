@@ -3,6 +3,7 @@
 #include <onnxruntime_session_options_config_keys.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -26,6 +27,13 @@
 
 namespace zorv {
 namespace {
+
+int xnnpackThreads(const std::string& ep, int threads) {
+    constexpr std::size_t kPrefix = 8;  // "xnnpack:"
+    long n = threads;
+    if (ep.size() > kPrefix) n = std::strtol(ep.c_str() + kPrefix, nullptr, 10);
+    return n < 1 ? 4 : static_cast<int>(std::min<long>(n, INT_MAX));
+}
 
 /// A default-on feature is off when its variable starts with '0'.
 bool switchedOff(const char* variable) {
@@ -175,6 +183,18 @@ std::optional<Ort::Session> openRewritten(const Ort::Env& env, const std::string
 }
 
 }  // namespace
+
+ExecutionProvider parseExecutionProvider(const std::string& ep, int threads,
+                                         const std::string& bundleDir) {
+    if (ep.empty()) return {};
+    if (ep.starts_with("xnnpack")) {
+        return {"XNNPACK", {{"intra_op_num_threads", std::to_string(xnnpackThreads(ep, threads))}}};
+    }
+    if (ep.starts_with("coreml")) {
+        return {"CoreML", coreMlOptions(ep, bundleDir + "/.coreml_cache")};
+    }
+    throw std::runtime_error("Renderer: unknown ep '" + ep + "'");
+}
 
 bool switchedOn(const char* variable) {
     const char* value = std::getenv(variable);

@@ -5,11 +5,23 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "common/model_contract.h"
-#include "render/execution_provider.h"
 
 namespace zorv {
+
+/// What an execution-provider string asks for.
+struct ExecutionProvider {
+    std::string name;  ///< as ONNX Runtime knows it; empty for the default CPU provider
+    std::unordered_map<std::string, std::string> options;
+};
+
+/// "" -> CPU; "xnnpack[:N]" -> N threads (default `threads`; below 1 means 4);
+/// "coreml[:cpu|gpu|ane]" with its model cache under `bundleDir`. Anything else throws
+/// "Renderer: unknown ep '...'".
+ExecutionProvider parseExecutionProvider(const std::string& ep, int threads,
+                                         const std::string& bundleDir);
 
 /// Opens the model at `path` for renderers, or takes the one that an equal call opened and somebody
 /// still holds. GridSample nodes become GridSampleFast nodes where the runtime accepts them; `key`

@@ -12,7 +12,6 @@
 #include "common/memory.h"
 #include "common/model_run.h"
 #include "render/conv_backend.h"
-#include "render/execution_provider.h"
 #include "render/renderer_model.h"
 #include "telemetry/telemetry.h"
 

@@ -5,12 +5,13 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/error.h"
 #include "common/mutex.h"
+#include "common/units.h"
 #include "paste/frame_view.h"
 #include "render/zorv_renderer.h"
 #include "telemetry/telemetry.h"
 #include "utt/clock.h"
-#include "utt/failure_text.h"
 #include "utt/frame_ring.h"
 #include "utt/late_slots.h"
 #include "utt/motion_source.h"
@@ -32,7 +33,7 @@ enum class Warmth { kWarming, kReady, kFailed };
 
 /// What a host may ask for before it pushes and pulls.
 struct UttSettings {
-    int rate = 16000;  ///< of pushed sound, in Hz
+    int rate = kSampleRate;  ///< of pushed sound, in Hz
     PixelForm form = PixelForm::kRgba;
     int matrix = ZORV_MATRIX_AUTO;
     int idleAhead = static_cast<int>(FrameRing::kSlots);  ///< idle and ramp frames made ahead

@@ -20,8 +20,7 @@ FrameCompositor::FrameCompositor(zorv_ctx& ctx, EngineState& state, bool pipelin
     : ctx_(ctx),
       state_(state),
       pipelined_(pipelined),
-      cropFloats_(std::size_t{3} * static_cast<unsigned>(ctx.manifest.crop) *
-                  static_cast<unsigned>(ctx.manifest.crop)),
+      cropFloats_(cropFloats(ctx.manifest.crop)),
       undecodable_(static_cast<std::size_t>(ctx.manifest.NT)) {
     spareCrops_.reserve(FrameRing::kSlots);  // giving a crop back cannot fail
 }

@@ -9,7 +9,7 @@
 namespace zorv {
 int lookAheadSamples(int speechSamples, int rate, int resamplerLookAhead) {
     const std::int64_t scaled =
-        (std::int64_t{speechSamples} * rate + kSpeechRate - 1) / kSpeechRate;
+        (std::int64_t{speechSamples} * rate + kSampleRate - 1) / kSampleRate;
     return static_cast<int>(scaled) + resamplerLookAhead;
 }
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "audio/speech_resampler.h"
+#include "common/error.h"
 #include "common/mutex.h"
-#include "utt/failure_text.h"
 #include "utt/motion_source.h"
 
 namespace zorv {
@@ -20,7 +20,7 @@ struct MotionRequest {
     std::uint64_t utterance = 0;   ///< the utterance: a result that is out of date is thrown away
     bool reset = false;
     int startFrame = 0;
-    int rate = 16000;  ///< of the samples, in Hz
+    int rate = kSampleRate;  ///< of the samples, in Hz
     std::vector<std::int16_t> samples;
     bool finish = false;
     bool drains = false;  ///< sent after the request that carried `finish`

@@ -381,8 +381,7 @@ void RunLoop::renderSpeech(int n) {
 
 void RunLoop::enqueueRendered() {
     const auto slot = static_cast<std::size_t>(rendered_.next);
-    const std::size_t cropFloats = std::size_t{3} * static_cast<unsigned>(ctx_.manifest.crop) *
-                                   static_cast<unsigned>(ctx_.manifest.crop);
+    const float* const crop = rendered_.crops + slot * cropFloats(ctx_.manifest.crop);
     FrameInfo& info = rendered_.infos[slot];
     info.speechSequence = utterance_.sequence;
     lastIndex_ = info.index;
@@ -391,7 +390,7 @@ void RunLoop::enqueueRendered() {
     ++rendered_.next;
     ++utterance_.sequence;
     utterance_.rendered = true;
-    enqueue(rendered_.crops + slot * cropFloats, std::move(info), rendered_.renderMs);
+    enqueue(crop, std::move(info), rendered_.renderMs);
     utterance_.lastSpeechMs = state_.clock.nowMs();
 }
 

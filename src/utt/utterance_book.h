@@ -7,6 +7,7 @@
 #include <list>
 #include <vector>
 
+#include "common/units.h"
 #include "utt/sound.h"
 #include "zorv_core.h"
 
@@ -140,7 +141,7 @@ class UtteranceBook {
     void settle(Freed& freed);
     void giveUp(Utterance& utterance, Freed& freed);
 
-    int frameSamples_ = 640;
+    int frameSamples_ = kSamplesPerFrame;
     Utterances utterances_;
     std::uint64_t numbers_ = 0;
     double lastPushMs_ = 0;

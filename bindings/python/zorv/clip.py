@@ -14,7 +14,7 @@ from ._library import (FPS, FRAME_CALLBACK, KEYPOINT_FLOATS, RATE, SAMPLES_PER_F
                        ZorvError, fail, last_error, lib, model_threads, open_context,
                        path_bytes)
 from ._sound import Samples, address
-from .frame import Frame, FrameFlags, Memory, place_of
+from .frame import Frame, FrameFlags, FrameMaker, Memory, place_of
 
 if TYPE_CHECKING:
     from ._sound import Sound
@@ -236,7 +236,7 @@ def _close_all() -> None:
         render.close()
 
 
-class Clip:
+class Clip(FrameMaker):
     """A subject opened for clips whose speech is known from the start.
 
         with zorv.Clip("subject", encoder="encoder.onnx") as clip:
@@ -266,23 +266,7 @@ class Clip:
             self._renderer = _KeypointRenderer(engine, bundle, encoder, motion, threads)
         else:
             raise ValueError(f'engine must be "fca", "motion" or "a2x", not {engine!r}')
-        self._width: int = self._renderer.width
-        self._height: int = self._renderer.height
-
-    @property
-    def width(self) -> int:
-        """Of the frames, in pixels."""
-        return self._width
-
-    @property
-    def height(self) -> int:
-        """Of the frames, in pixels."""
-        return self._height
-
-    @property
-    def fps(self) -> int:
-        """Frames per second: 25."""
-        return FPS
+        self._width, self._height = self._renderer.width, self._renderer.height
 
     def render(self, samples: "Sound", rate: int = RATE) -> Iterator[Frame]:
         """The frames of a clip, RGB, one for each started 40 ms of its sound.

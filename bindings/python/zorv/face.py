@@ -12,7 +12,7 @@ from ._engine import Engine, Event, Mailbox, Outcome
 from ._library import (FPS, RATE, PathLike, UttFrame, UttLatency, UttOpts, UttStats, ZorvError,
                        c_integer, fail, last_error, lib, model_threads, open_context, path_bytes)
 from ._sound import Samples, address
-from .frame import KINDS, Frame, FrameFlags, Memory, place_of, plane_shapes
+from .frame import KINDS, Frame, FrameFlags, FrameMaker, Memory, place_of, plane_shapes
 
 if TYPE_CHECKING:
     from ._sound import Sound
@@ -80,7 +80,7 @@ class Events:
             await asyncio.wrap_future(self._mailbox.arrival())
 
 
-class Face:
+class Face(FrameMaker):
     """A subject that speaks what is pushed, as it is pushed, and idles in between.
 
         async with await zorv.Face.open("subject", motion="subject/motion") as face:
@@ -147,8 +147,7 @@ class Face:
             lib.zorv_utt_destroy(utt)
             lib.zorv_destroy(ctx)
             raise
-        self._width: int = lib.zorv_width(ctx)
-        self._height: int = lib.zorv_height(ctx)
+        self._width, self._height = lib.zorv_width(ctx), lib.zorv_height(ctx)
         self._pixels, self._rate = pixels, rate
         self._strides = [shape[1] * (shape[2] if len(shape) > 2 else 1)
                          for shape in plane_shapes(pixels, self._width, self._height)]
@@ -164,21 +163,6 @@ class Face:
         except asyncio.CancelledError:
             opening.add_done_callback(_close_unwanted)
             raise
-
-    @property
-    def width(self) -> int:
-        """Of the frames, in pixels."""
-        return self._width
-
-    @property
-    def height(self) -> int:
-        """Of the frames, in pixels."""
-        return self._height
-
-    @property
-    def fps(self) -> int:
-        """Frames per second: 25."""
-        return FPS
 
     @property
     def pixels(self) -> str:

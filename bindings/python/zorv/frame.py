@@ -6,6 +6,8 @@ from array import array
 from collections import deque
 from typing import Any, Callable, Deque, Dict, Optional, Tuple, Union
 
+from ._library import FPS
+
 CHANNELS = {"rgb": 3, "rgba": 4}
 KINDS = ("idle", "speech", "ramp")
 
@@ -138,6 +140,28 @@ class Frame:
 def place_of(buffer: bytearray) -> int:
     """Where it lies; it must not be resized."""
     return ctypes.addressof(ctypes.c_char.from_buffer(buffer))
+
+
+class FrameMaker:
+    """What the makers of frames tell of them."""
+
+    _width: int
+    _height: int
+
+    @property
+    def width(self) -> int:
+        """Of the frames, in pixels."""
+        return self._width
+
+    @property
+    def height(self) -> int:
+        """Of the frames, in pixels."""
+        return self._height
+
+    @property
+    def fps(self) -> int:
+        """Frames per second: 25."""
+        return FPS
 
 
 class Memory:

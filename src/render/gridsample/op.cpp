@@ -40,13 +40,6 @@ struct GridSampleFast : CpuOperator<GridSampleFast, GridSampleFastKernel> {
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "GridSampleFast"; }
     std::size_t GetInputTypeCount() const { return 2; }
-    ONNXTensorElementDataType GetInputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
-    std::size_t GetOutputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetOutputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
 };
 
 void GridSampleFastKernel::compute(Ort::KernelContext context) {

@@ -24,14 +24,6 @@ struct DepthToSpaceKernel {
 struct DepthToSpaceFast : CpuOperator<DepthToSpaceFast, DepthToSpaceKernel> {
     static constexpr const char* kDomain = "com.velmarin.int8";
     const char* GetName() const { return "DepthToSpaceFast"; }
-    std::size_t GetInputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetInputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
-    std::size_t GetOutputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetOutputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
 };
 
 }  // namespace zorv

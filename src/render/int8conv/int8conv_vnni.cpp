@@ -54,10 +54,6 @@ struct Int8ConvVNNI : CpuOperator<Int8ConvVNNI, Int8ConvKernel> {
         return index == 1 ? ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8
                           : ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
     }
-    std::size_t GetOutputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetOutputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
 };
 
 void Int8ConvKernel::compute(Ort::KernelContext context) {

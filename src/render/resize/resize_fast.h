@@ -44,14 +44,6 @@ struct ResizeFastKernel {
 struct ResizeFast : CpuOperator<ResizeFast, ResizeFastKernel> {
     static constexpr const char* kDomain = "com.velmarin";
     const char* GetName() const { return "ResizeFast"; }
-    std::size_t GetInputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetInputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
-    std::size_t GetOutputTypeCount() const { return 1; }
-    ONNXTensorElementDataType GetOutputType(std::size_t) const {
-        return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-    }
 };
 
 /// Turns the top-level Resize nodes that state linear and half_pixel, with constant sizes of rank 4
