@@ -4,7 +4,8 @@
 #   scripts/lint.sh                  all of the following
 #   scripts/lint.sh format           formatting (clang-format)
 #   scripts/lint.sh cppcheck         cppcheck
-#   scripts/lint.sh tidy [FILE...]   clang-tidy: src/, driver/ and tools/, or the given sources
+#   scripts/lint.sh tidy [FILE...]   clang-tidy: src/, driver/, tools/ and the GStreamer element where
+#                                    it can be built, or the given sources
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,9 +22,10 @@ check_cppcheck() {
 # One compilation per job, the longest first. The compile commands are GCC's; clang need not know
 # every warning in them.
 check_tidy() {
-    [ "$#" -gt 0 ] || mapfile -t -d '' set < <(git ls-files -z 'src/*.cpp' 'driver/*.cpp' 'tools/*.cpp')
-    local files=("${@:-${set[@]}}")
+    local files=("$@") folders=('src/*.cpp' 'driver/*.cpp' 'tools/*.cpp')
     cmake --preset release -B build/lint -DZORV_BUILD_TESTS=OFF -DZORV_BUILD_BENCH=OFF >/dev/null
+    ! grep -q hosts/gstreamer build/lint/compile_commands.json || folders+=('hosts/gstreamer/*.cpp')
+    [ "$#" -gt 0 ] || mapfile -t -d '' files < <(git ls-files -z "${folders[@]}")
     ls -S "${files[@]}" | xargs -n 1 -P "$(nproc)" clang-tidy -p build/lint --quiet \
         --extra-arg=-Wno-unknown-warning-option 2> >(grep -v 'warnings\? generated\.$' >&2)
 }

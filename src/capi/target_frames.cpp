@@ -15,6 +15,7 @@ struct BundleIdentity {
     std::array<int, 4> sizes;  ///< W, H, NT, crop
     TargetFrames::State state;
     std::vector<FileIdentity> frames;
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check misreads a defaulted comparison
     auto operator<=>(const BundleIdentity&) const = default;
 };
 

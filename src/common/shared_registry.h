@@ -21,6 +21,7 @@ struct FileIdentity {
     std::int64_t size = -1;  ///< -1: no such file, or it cannot be looked at
     std::int64_t modifiedNs = 0;
     std::int64_t changedNs = 0;  ///< of the inode: tells copies that keep the time of the original
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check misreads a defaulted comparison
     auto operator<=>(const FileIdentity&) const = default;
 };
 
@@ -59,7 +60,7 @@ class SharedRegistry {
         const MutexLock lock(mutex_);
         if (const auto at = entries_.find(key); at != entries_.end()) return at->second;
         forgetUnused();
-        const auto entry = std::make_shared<Entry>();
+        auto entry = std::make_shared<Entry>();
         entries_.emplace(key, entry);
         return entry;
     }

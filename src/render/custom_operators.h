@@ -61,7 +61,7 @@ void registerOperators(Ort::SessionOptions& options) {
         Ort::CustomOpDomain owner(Operator::kDomain);
         const auto add = [&](auto op) {
             owner.Add(op.get());
-            op.release();
+            static_cast<void>(op.release());  // the domain keeps it
         };
         add(std::make_unique<Operator>());
         (add(std::make_unique<More>()), ...);
