@@ -69,6 +69,8 @@ def main():
     counts = {}
     for name in filter(None, names.decode().split("\0")):
         path = pathlib.Path(name)
+        if path.is_symlink():
+            continue
         try:
             text = path.read_text()
         except (UnicodeDecodeError, FileNotFoundError):
