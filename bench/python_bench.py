@@ -20,6 +20,7 @@ import wave
 from array import array
 from math import pi, sin
 
+import numpy
 import zorv
 from zorv import _library, clip
 
@@ -114,10 +115,11 @@ async def sessions(count=8):
     for face in faces:
         for name in ("pull", "push", "end", "interrupt"):
             setattr(face, name, timed(getattr(face, name)))
-    line = voice(4, 24000)
+    whole = voice(4, 24000)
+    floats = numpy.frombuffer(whole, numpy.int16).astype(numpy.float32) / 32768
 
     async def talk(face):
-        for _ in range(3):
+        for line in (whole, floats, whole):
             for at in range(0, len(line), 2400):
                 face.push(line[at:at + 2400])
                 await asyncio.sleep(0.1)

@@ -73,7 +73,8 @@ bool VideoOut::chooseCaps() {
     return set;
 }
 
-/// The downstream's pool when it has one: frames are then written where they are wanted.
+/// The downstream's pool when it has one: frames are then written where they are wanted. A pool
+/// that cannot have these frames gives way to one of our own.
 bool VideoOut::choosePool(GstCaps* caps) {
     dropPool();
     GstQuery* query = gst_query_new_allocation(caps, TRUE);
@@ -93,19 +94,31 @@ bool VideoOut::choosePool(GstCaps* caps) {
     }
     gst_query_unref(query);
     size = MAX(size, static_cast<guint>(info_.size));
-    if (!pool_) pool_ = gst_video_buffer_pool_new();
-    GstStructure* config = gst_buffer_pool_get_config(pool_);
-    gst_buffer_pool_config_set_params(config, caps, size, least, most);
-    gst_buffer_pool_config_set_allocator(config, allocator, &parameters);
-    if (padded) gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
-    bool configured = gst_buffer_pool_set_config(pool_, config);
-    if (!configured) {  // the pool changed what was asked for: good enough when it still fits
-        config = gst_buffer_pool_get_config(pool_);
-        configured = gst_buffer_pool_config_validate_params(config, caps, size, least, most) &&
-                     gst_buffer_pool_set_config(pool_, config);
+    const auto start = [&] {
+        GstStructure* config = gst_buffer_pool_get_config(pool_);
+        gst_buffer_pool_config_set_params(config, caps, size, least, most);
+        gst_buffer_pool_config_set_allocator(config, allocator, &parameters);
+        if (padded) gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
+        if (!gst_buffer_pool_set_config(pool_, config)) {
+            // The pool changed what was asked for: good enough when it still fits.
+            config = gst_buffer_pool_get_config(pool_);
+            if (!gst_buffer_pool_config_validate_params(config, caps, size, least, most)) {
+                gst_structure_free(config);
+                return false;
+            }
+            if (!gst_buffer_pool_set_config(pool_, config)) return false;
+        }
+        return gst_buffer_pool_set_active(pool_, TRUE) == TRUE;
+    };
+    bool started = pool_ && start();
+    if (!started) {
+        gst_clear_object(&pool_);  // others may use it
+        pool_ = gst_video_buffer_pool_new();
+        most = 0;
+        started = start();
     }
     if (allocator) gst_object_unref(allocator);
-    return configured && gst_buffer_pool_set_active(pool_, TRUE);
+    return started;
 }
 
 void VideoOut::dropPool() {

@@ -401,11 +401,12 @@ static void zorv_face_class_init(ZorvFaceClass* klass) {
     add(PROP_THREADS,
         g_param_spec_int("threads", "Threads", "Threads of one model run", 1, 64, 1, flags));
     add(PROP_EAGER,
-        g_param_spec_int("eager", "Eager",
-                         "Frames of sound per provisional pass of the motion engine (0: whole "
-                         "chunks, final values, 3.3 s later; -1: adaptive; live-idle takes values "
-                         "below 1 as adaptive)",
-                         -1, 8, 1, flags));
+        g_param_spec_int(
+            "eager", "Eager",
+            "Frames (40 ms) of sound per provisional pass of the motion engine (0: "
+            "whole chunks, final values, 3.3 s later; -1: adaptive; live-idle takes values "
+            "below 1 as adaptive)",
+            -1, 8, 1, flags));
     add(PROP_MODE, g_param_spec_enum("mode", "Mode", "When frames are made",
                                      zorv_face_mode_get_type(), 0, flags));
     add(PROP_RATE, g_param_spec_int("rate", "Rate",

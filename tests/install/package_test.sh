@@ -47,4 +47,10 @@ eval cc -std=c99 "'$sources/main.c'" -o "'$work/host'" "$(pkg-config --cflags --
 said=$(env -i LD_LIBRARY_PATH="$lib" "$work/host" "$work/none")
 [ "$said" = "zorv_create: cannot open $work/none/manifest.json" ] || die "host: $said"
 env -i "LD_LIBRARY_PATH=$lib" "$work/root/usr/bin/zorv" --version >/dev/null || die "the command line does not start"
+if [ -n "${deb[gstreamer1.0-zorv]:-}" ] && command -v gst-inspect-1.0 >/dev/null; then
+    plugins=$(dirname "$(find "$work/root" -name libgstzorv.so)")
+    [ "$(basename "$plugins")" = gstreamer-1.0 ] || die "GStreamer does not look in $plugins"
+    env -i PATH="$PATH" LD_LIBRARY_PATH="$lib" GST_REGISTRY="$work/registry" GST_PLUGIN_SYSTEM_PATH_1_0="$plugins" \
+        gst-inspect-1.0 zorvface >"$work/element" || die "the element cannot be used"
+fi
 echo "packages work: ${!deb[*]}, $(du -csm "$work"/*.deb | tail -n 1 | cut -f1) MiB"

@@ -1,10 +1,12 @@
 """A catalogue on a local cluster of two worker processes."""
+import io
 import os
 import tempfile
 import threading
 import unittest
 import wave
 from pathlib import Path
+from unittest import mock
 
 from distributed import Client, LocalCluster
 from support import BUNDLE, ENCODER, Case, voice
@@ -20,6 +22,11 @@ def write_sound(path, samples):
         sound.setsampwidth(2)
         sound.setframerate(16000)
         sound.writeframes(samples.tobytes())
+
+
+class Terminal(io.StringIO):
+    def isatty(self):
+        return True
 
 
 class Catalogue(Case):
@@ -54,12 +61,19 @@ class Catalogue(Case):
             names = {f"{i}.wav" for i in range(CLIPS)} | {f"{i}.mp4" for i in range(CLIPS) if i != 7}
             self.assertEqual(set(os.listdir(folder)), names)
             with zorv.Clip(BUNDLE, ENCODER, threads=1) as clip:
-                for i in (0, 4, 38):
-                    sound, here = voice(lengths[i]), folder / "here.mp4"
-                    zorv.write_video(here, clip.render(sound), sound)
-                    self.assertEqual(here.read_bytes(), Path(jobs[i].target).read_bytes())
+                here = {length: folder / f"here{length}.mp4" for length in lengths}
+                for length, path in here.items():
+                    zorv.write_video(path, clip.render(voice(length)), voice(length))
             before = {job.target: os.stat(job.target) for job in jobs if job != jobs[7]}
-            again = zorv.render_catalogue(jobs, client)
+            for job, length in zip(jobs, lengths):
+                if job.target in before:
+                    self.assertEqual(Path(job.target).read_bytes(), here[length].read_bytes())
+            with mock.patch("sys.stderr", Terminal()) as shown:
+                again = zorv.render_catalogue(jobs, client)
+            self.assertIn("\r40 of 40 clips, 1 failed", shown.getvalue())
+            with mock.patch("sys.stderr", io.StringIO()) as shown:  # no terminal
+                zorv.render_catalogue(jobs[:3], client)
+            self.assertEqual(shown.getvalue(), "")
             self.assertEqual([r.state for r in again],
                              ["failed" if i == 7 else "there" for i in range(CLIPS)])
             self.assertEqual({target: os.stat(target) for target in before}, before)

@@ -8,6 +8,7 @@ import threading
 import unittest
 from array import array
 from pathlib import Path
+from unittest import mock
 
 import numpy
 from support import BUNDLE, DEMO, ENCODER, EXPRESSION, MOTION, Case, voice
@@ -54,9 +55,14 @@ class Clips(Case):
                 strided = numpy.repeat(numpy.frombuffer(sound, numpy.int16), 2)[::2]
                 self.assertEqual(pictures(clip.render(strided, rate)), pictures(frames))
             self.assertEqual(list(clip.render(b"")), [])
+            converted = {}
             odd = array("f", [float("nan"), float("inf"), -float("inf"), 1e30, -1.0, 0.5])
-            self.assertEqual(next(clip.render(odd)).sound[:6].tolist(),
-                             [0, 0, 0, 32767, -32768, 16384])
+            for loaded in (numpy, None):  # both ways of converting
+                with mock.patch.dict(sys.modules, numpy=loaded):
+                    self.assertEqual(next(clip.render(odd)).sound[:6].tolist(),
+                                     [0, 0, 0, 32767, -32768, 16384])
+                    shown = [bytes(frame.data) for frame in clip.render(voice(0.1))]
+                    self.assertEqual(shown, converted.setdefault("frames", shown))
 
     def test_what_is_refused(self):
         with zorv.Clip(BUNDLE, encoder=ENCODER) as clip:

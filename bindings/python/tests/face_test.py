@@ -139,8 +139,10 @@ class Async(Case, unittest.IsolatedAsyncioTestCase):
                     return event.type
 
             showing = asyncio.create_task(show())
+            cancelled = asyncio.create_task(first_event())
             event = asyncio.create_task(first_event())
             await asyncio.sleep(0)
+            cancelled.cancel()
             utterance = subject.push(sound)
             given_up = asyncio.create_task(subject.finished(utterance))
             await asyncio.sleep(0)
