@@ -34,7 +34,8 @@ echo '{ "private": true, "type": "module" }' >"$place/package.json"
 package=$(ls "$PWD"/build/dist/zorv-*.tgz)
 export ZORV_HEADER="$PWD/include/zorv_core.h" ZORV_DEMO_DIR="$PWD/build/demo"
 cd "$place"
-npm install --silent --no-audit --no-fund --no-package-lock "$package" \
+# No script runs: nothing is built on the machine that it is installed on.
+npm install --silent --ignore-scripts --no-audit --no-fund --no-package-lock "$package" \
     "@livekit/agents@$AGENTS" "@livekit/rtc-node@$RTC" "typescript@$TYPESCRIPT" "@types/node@$NODE_TYPES"
 say 'types'
 npx --no-install tsc --strict -p .

@@ -1,4 +1,5 @@
 // An agent session's voice with a face: picture and sound are published as one.
+import './lib/platform.js';
 import { voice } from '@livekit/agents';
 import {
   AudioFrame, AudioSource, VideoBufferType, VideoFrame, VideoSource,

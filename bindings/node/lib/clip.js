@@ -1,7 +1,7 @@
 // A whole clip: speech in, pictures out, as fast as the machine renders.
-import { Worker } from 'node:worker_threads';
 import { FPS, PIXELS, SAMPLES_PER_FRAME, ZorvError } from './library.js';
 import { Frame } from './frame.js';
+import { startThread } from './thread.js';
 
 const WAITING = 4; // finished frames ahead of who takes them
 
@@ -41,10 +41,13 @@ export class Clip {
     }
     const control = new SharedArrayBuffer(8);
     const counters = new Int32Array(control);
-    const worker = new Worker(new URL('./clip_worker.js', import.meta.url), {
-      workerData: { settings: this.#settings, samples, rate, control, waiting: WAITING },
-      execArgv: [],
-    });
+    const stop = () => {
+      Atomics.store(counters, 1, 1);
+      Atomics.add(counters, 0, WAITING); // whoever waits for room looks again
+      Atomics.notify(counters, 0);
+    };
+    const { worker } = startThread('./clip_worker.js',
+      { settings: this.#settings, samples, rate, control, waiting: WAITING }, stop);
     const arrived = [];
     let wake = () => {};
     worker.on('message', (message) => {
@@ -83,9 +86,7 @@ export class Clip {
         });
       }
     } finally {
-      Atomics.store(counters, 1, 1);
-      Atomics.add(counters, 0, WAITING); // whoever waits for room looks again
-      Atomics.notify(counters, 0);
+      stop();
       await ended;
     }
   }

@@ -4,6 +4,7 @@ import {
   addressOf, checked, lastError, lib, PIXELS, RATE, SAMPLES_PER_FRAME, ZorvError,
 } from './library.js';
 import { bytesOf, planesOf } from './frame.js';
+import { leave } from './thread.js';
 
 const KEYPOINTS = 63;
 const PIECE = RATE / 2;
@@ -143,3 +144,4 @@ try {
   if (error instanceof Stopped) parentPort.postMessage({ done: true });
   else parentPort.postMessage({ done: true, text: error.message, ours: error instanceof ZorvError });
 }
+leave(workerData.outside);

@@ -7,7 +7,8 @@ import {
 } from './library.js';
 import { bytesOf, Frame, kindName, planesOf } from './frame.js';
 import { run } from './jobs.js';
-import { forget, stopWaiting, whenReadable } from './waiter.js';
+import { destroyAtThreadEnd } from './thread_end.js';
+import { forget, whenReadable } from './waiter.js';
 
 const FRAME_MS = 1000 / FPS;
 const MOST_CATCH_UP_MS = 8 * FRAME_MS; // later than that the schedule begins anew
@@ -17,7 +18,6 @@ const KEPT_BUFFERS = 4;
 const open = new Set();
 process.on('exit', () => {
   for (const face of open) face.closeNow();
-  stopWaiting();
 });
 
 let encoderOfTheProcess;
@@ -83,6 +83,7 @@ export class Face {
   #newest = 0;
   #streaming = false;
   #closing;
+  #keepAtThreadEnd;
 
   /** Opens a subject; see index.d.ts. */
   static async open(bundle, options = {}) {
@@ -114,6 +115,7 @@ export class Face {
     this.#planes = planesOf(options.pixels, handles.width, handles.height);
     this.#bytes = bytesOf(this.#planes);
     open.add(this);
+    this.#keepAtThreadEnd = destroyAtThreadEnd(handles.utt);
     this.#watchEvents();
   }
 
@@ -206,7 +208,7 @@ export class Face {
 
   /** Pictures at 25 per second of the machine's clock until the face is closed. */
   async * frames() {
-    if (this.#streaming) throw new ZorvError('frames() runs already');
+    if (this.#streaming && !this.closed) throw new ZorvError('frames() runs already');
     this.#streaming = true;
     try {
       let due = performance.now();
@@ -249,7 +251,13 @@ export class Face {
       event.type = EVENT_TYPES[this.#event.get('type')];
       event.reason = REASONS[this.#event.get('reason')];
       if (event.type !== 'started') this.#settle(event);
-      for (const listener of this.#listeners) listener.take(event);
+      for (const listener of this.#listeners) {
+        try {
+          listener.take(event);
+        } catch (error) { // the listener's own affair: neither the face nor the others stop
+          queueMicrotask(() => { throw error; });
+        }
+      }
     }
   }
 
@@ -337,6 +345,7 @@ export class Face {
 
   #end() {
     open.delete(this);
+    this.#keepAtThreadEnd();
     if (this.#watch !== undefined) forget(this.#watch);
     if (this.#wanted !== undefined) forget(this.#wanted);
     const error = new ZorvError('the face is closed');

@@ -1,20 +1,34 @@
 // Calls that can last run on threads of their own, which sleep when there is nothing to do.
-import { Worker } from 'node:worker_threads';
-import { ZorvError } from './library.js';
+import { lib, ZorvError } from './library.js';
+import { startThread } from './thread.js';
 
-const MOST_WORKERS = 4;
+const MOST_THREADS = 4;
 const idle = [];
 const queue = [];
-let workers = 0;
+const threads = new Set();
+
+// A face that was opened when nobody is told any more. The handlers of thread.js come first.
+process.on('exit', () => {
+  for (const { opened } of threads) {
+    if (opened[0] === 0n) continue;
+    lib.zorv_utt_destroy(opened[0]);
+    lib.zorv_destroy(opened[1]);
+  }
+});
 
 class JobThread {
-  #worker = new Worker(new URL('./jobs_worker.js', import.meta.url), { execArgv: [] });
+  #worker;
+  #outside;
   #job;
+  opened = new BigUint64Array(new SharedArrayBuffer(16)); // engine and context that nobody has yet
 
   constructor() {
-    ++workers;
+    ({ worker: this.#worker, outside: this.#outside } =
+      startThread('./jobs_worker.js', { opened: this.opened }));
+    threads.add(this);
     this.#worker.on('message', ({ value, text }) => {
       const { resolve, reject } = this.#job;
+      this.opened.fill(0n);
       this.#worker.unref();
       idle.push(this);
       if (text === undefined) resolve(value);
@@ -22,7 +36,7 @@ class JobThread {
       startJobs();
     });
     this.#worker.on('error', (error) => {
-      --workers;
+      threads.delete(this);
       this.#job?.reject(error);
       startJobs();
     });
@@ -30,13 +44,14 @@ class JobThread {
 
   start(job) {
     this.#job = job;
+    Atomics.store(this.#outside, 0, 0);
     this.#worker.ref();
     this.#worker.postMessage(job.message);
   }
 }
 
 function startJobs() {
-  while (queue.length > 0 && (idle.length > 0 || workers < MOST_WORKERS)) {
+  while (queue.length > 0 && (idle.length > 0 || threads.size < MOST_THREADS)) {
     (idle.pop() ?? new JobThread()).start(queue.shift());
   }
 }

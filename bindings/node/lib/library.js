@@ -2,6 +2,7 @@
 //
 // The text of a failed call belongs to the thread that made it: whoever makes a call that can fail
 // asks for its text on the same thread, before any other call of that family.
+import './platform.js';
 import { existsSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
 import koffi from 'koffi';
@@ -150,15 +151,19 @@ export class Record {
   }
 }
 
+// The library stays when a worker thread that loaded it ends: threads of its own may be running.
+const RTLD_LAZY = 0x1;
+const RTLD_NODELETE = 0x1000;
+const libc = koffi.load('libc.so.6');
+let library;
+
 function load() {
-  if (process.platform !== 'linux' || process.arch !== 'x64') {
-    throw new ZorvError(`zorv runs on linux-x64, not on ${process.platform}-${process.arch}`);
-  }
   const inside = fileURLToPath(new URL('../native/libzorv_core.so.0', import.meta.url));
   const name = process.env.ZORV_LIBRARY ||
     (existsSync(inside) ? inside : 'libzorv_core.so.0');
   try {
-    const library = koffi.load(name);
+    library = koffi.load(name);
+    libc.func('void *dlopen(str, int)')(name, RTLD_LAZY | RTLD_NODELETE);
     return Object.fromEntries(Object.entries(FUNCTIONS).map(
       ([entry, [result, ...args]]) => [entry, library.func(entry, result, args)]));
   } catch (error) {
@@ -167,12 +172,13 @@ function load() {
 }
 
 export const lib = load();
+export const addressOfFunction = (name) => library.symbol(name);
 
 // The library writes lines about what it chose. They go nowhere: strcmp takes the same two pointers
-// and does nothing, and needs no JavaScript on the threads that write. Failures are thrown.
-const libc = koffi.load('libc.so.6');
-const nobody = Buffer.alloc(1);
-lib.zorv_set_log(libc.symbol?.('strcmp') ?? null, nobody);
+// and does nothing, and needs no JavaScript on the threads that write; what it compares with, itself,
+// outlives every worker thread. Failures are thrown.
+const nothing = libc.symbol('strcmp');
+lib.zorv_set_log(nothing, nothing);
 export const addressOf = (array) => koffi.address(array);
 
 /** The text of this thread's failed call. */

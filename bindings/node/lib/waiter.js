@@ -1,11 +1,15 @@
 // Wakes this thread's event loop when a descriptor is readable. One thread sleeps for all of them.
-import { Worker } from 'node:worker_threads';
+import { isMainThread } from 'node:worker_threads';
 import koffi from 'koffi';
 import { ZorvError } from './library.js';
+import { startThread } from './thread.js';
 
 const SLOTS = 4096;
 const EFD_NONBLOCK = 0o4000;
 const EFD_CLOEXEC = 0o2000000;
+// Whoever ends a worker thread from outside waits for the thread that sleeps for it, which nobody can
+// wake then: it looks up by itself.
+const PATIENCE_MS = isMainThread ? -1 : 500;
 const libc = koffi.load('libc.so.6');
 const eventfd = libc.func('int eventfd(unsigned int value, int flags)');
 const write = libc.func('long write(int fd, void *bytes, size_t count)');
@@ -22,8 +26,8 @@ function start() {
   if (wake < 0) throw new ZorvError('no descriptor left to wait with');
   table = new Int32Array(new SharedArrayBuffer(4 * SLOTS)).fill(-1);
   table[0] = 0;
-  worker = new Worker(new URL('./waiter_worker.js', import.meta.url),
-    { workerData: { slots: table.buffer, wake }, execArgv: [] });
+  ({ worker } = startThread('./waiter_worker.js',
+    { slots: table.buffer, wake, patience: PATIENCE_MS }, stopWaiting));
   worker.on('message', (slot) => {
     const wish = take(slot);
     wish?.callback();
@@ -59,8 +63,7 @@ export function forget(slot) {
 }
 
 /** Ends the sleeping thread, so that the process can end. */
-export function stopWaiting() {
-  if (!worker) return;
+function stopWaiting() {
   Atomics.store(table, 0, 1);
   write(wake, one, 8);
 }

@@ -1,8 +1,10 @@
 // Sleeps in poll(2) on the descriptors that somebody waits for.
 import { parentPort, workerData } from 'node:worker_threads';
 import koffi from 'koffi';
+import { leave } from './thread.js';
 
-const { slots, wake } = workerData; // slots: descriptors, -1 for none; [0]: 1 when to end
+// slots: descriptors, -1 for none; [0]: 1 when to end. patience: ms, -1 for any time.
+const { slots, wake, patience, outside } = workerData;
 const table = new Int32Array(slots);
 const libc = koffi.load('libc.so.6');
 const poll = libc.func('int poll(void *fds, unsigned long count, int timeout)');
@@ -28,7 +30,7 @@ while (Atomics.load(table, 0) === 0) {
     put(fd);
     watched.push(slot);
   }
-  poll(bytes, watched.length, -1);
+  poll(bytes, watched.length, patience);
   for (let i = 0; i < watched.length; ++i) {
     if (entries.getInt16(8 * i + 6, true) === 0) continue;
     if (i === 0) {
@@ -42,3 +44,4 @@ while (Atomics.load(table, 0) === 0) {
     }
   }
 }
+leave(outside);

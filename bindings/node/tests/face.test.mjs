@@ -60,6 +60,9 @@ test('what callers get wrong is an error that says so', async () => {
   await assert.rejects(Face.open(bundle, { ...options, pixels: 'yuv' }), TypeError);
   await assert.rejects(Face.open(bundle, { ...options, rate: 44101 }), ZorvError);
   await assert.rejects(Face.open(bundle, { ...options, idleAhead: 9 }), ZorvError);
+  for (const wrong of [{ silenceEnd: 0 }, { late: 'never' }, { rate: '24k' }, { threads: 1.5 }]) {
+    await assert.rejects(Face.open(bundle, { ...options, ...wrong }), TypeError);
+  }
   const face = await Face.open(bundle, options);
   for (const bad of [undefined, 'sound', [1, 2], new Float32Array(9), new Uint8Array(9)]) {
     assert.throws(() => face.push(bad), TypeError);
@@ -74,7 +77,14 @@ test('what callers get wrong is an error that says so', async () => {
     for await (const frame of frames) throw new Error(frame.kind);
   }, /idle/);
   assert.equal((await face.frames().next()).value.kind, 'idle');
+  for (const unknown of ['1', 0, 1, NaN]) await assert.rejects(face.finished(unknown), RangeError);
   await face.close();
+  for (const call of ['push', 'end', 'interrupt', 'pull', 'stats', 'latency', 'failures']) {
+    assert.throws(() => face[call](tone(9)), /the face is closed/, call);
+  }
+  await assert.rejects(face.finished(1), /the face is closed/);
+  assert.deepEqual([await face.frames().next(), await face.events().next()],
+    [{ value: undefined, done: true }, { value: undefined, done: true }]);
 });
 
 test('a clip gives a frame per started 40 ms, at any rate; leaving the loop stops it', async () => {
@@ -99,17 +109,46 @@ test('a clip gives a frame per started 40 ms, at any rate; leaving the loop stop
   await assert.rejects(new Clip('/nowhere', { encoder }).render(tone(9)).next(), ZorvError);
 });
 
-test('a process ends with engines open, also inside workers, and writes nothing by itself', () => {
-  const open = `const { Face } = await import(${JSON.stringify(import.meta.resolve('zorv'))});
+test('a process ends cleanly whatever it leaves open, and writes nothing by itself', () => {
+  const zorv = JSON.stringify(import.meta.resolve('zorv'));
+  const open = `const { Clip, Face } = await import(${zorv});
     const face = await Face.open(${JSON.stringify(bundle)}, ${JSON.stringify(options)});
-    face.push(new Int16Array(48000));`;
-  const inWorker = `import { Worker } from 'node:worker_threads';
-    new Worker(new URL('data:text/javascript,' + encodeURIComponent(${JSON.stringify(open)})), { execArgv: [] });`;
-  for (const script of [open, inWorker]) {
+    const line = face.push(new Int16Array(48000));`;
+  const inWorker = (script, then) => `import { Worker } from 'node:worker_threads';
+    const worker = new Worker(new URL('data:text/javascript,' + encodeURIComponent(
+      ${JSON.stringify(script)})), { execArgv: [] });
+    ${then}`;
+  const scripts = {
+    'an open face': open,
+    'an open face in a worker': inWorker(open, ''),
+    'a worker that is ended with its face open': inWorker(
+      `${open} for await (const frame of face.frames()) if (frame.kind === 'speech') break;
+       (await import('node:worker_threads')).parentPort.postMessage(0); setInterval(() => {}, 99);`,
+      "worker.once('message', () => worker.terminate());"),
+    'a face that is being opened': `const { Face } = await import(${zorv});
+      Face.open(${JSON.stringify(bundle)}, ${JSON.stringify(options)});
+      setTimeout(() => process.exit(0), 150);`,
+    'a clip that runs': `${open}
+      for await (const frame of new Clip(${JSON.stringify(bundle)}, { engine: 'motion',
+        motion: ${JSON.stringify(motion)} }).render(new Int16Array(1e6))) process.exit(frame.pts);`,
+    'a listener that throws': `${open}
+      const seen = [];
+      process.on('uncaughtException', ({ message }) => seen.push(message));
+      face.onEvent(() => { throw new Error('mine'); });
+      face.onEvent(({ type }) => seen.push(type));
+      face.interrupt();
+      await face.finished(line);
+      await new Promise(setImmediate);
+      process.exit(seen.join() === 'interrupted,mine' ? 0 : 1);`,
+    'another platform': `Object.defineProperty(process, 'arch', { value: 'arm64' });
+      await import(${zorv}).then(() => process.exit(1), ({ message }) => process.exit(
+        message === 'zorv runs on linux-x64, not on linux-arm64' ? 0 : 1));`,
+  };
+  for (const [what, script] of Object.entries(scripts)) {
     const done = spawnSync(process.execPath, ['--input-type=module', '-e', script],
       { timeout: 60000, encoding: 'utf8' });
-    assert.equal(done.stderr, '');
-    assert.equal(done.status, 0);
+    assert.equal(done.stderr, '', what);
+    assert.equal(done.status, 0, what);
   }
 });
 
