@@ -64,10 +64,10 @@ class Catalogue(Case):
                 here = {length: folder / f"here{length}.mp4" for length in lengths}
                 for length, path in here.items():
                     zorv.write_video(path, clip.render(voice(length)), voice(length))
-            before = {job.target: os.stat(job.target) for job in jobs if job != jobs[7]}
             for job, length in zip(jobs, lengths):
-                if job.target in before:
+                if job != jobs[7]:
                     self.assertEqual(Path(job.target).read_bytes(), here[length].read_bytes())
+            before = {job.target: os.stat(job.target) for job in jobs if job != jobs[7]}
             with mock.patch("sys.stderr", Terminal()) as shown:
                 again = zorv.render_catalogue(jobs, client)
             self.assertIn("\r40 of 40 clips, 1 failed", shown.getvalue())
