@@ -101,16 +101,18 @@ struct RewrittenModel {
             samplers = rewriteGridSampleToFast(model, bytes);
         }
         if (samplers > 0) model = bytes;
-        std::string resized, folded;
+        // What `bytes` held before is freed at the end of each block.
         if (recipe.fastResize && !(left & kResizes)) {
+            std::string resized;
             resizes = rewriteResizeToFast(model, resized).size();
+            if (resizes > 0) bytes.swap(resized);
         }
-        if (resizes > 0) {
-            std::string(std::move(resized)).swap(bytes);  // frees what was in it
-            model = bytes;
+        if (resizes > 0) model = bytes;
+        if (recipe.int8Folds) {
+            std::string folded;
+            folds = foldIntoInt8Conv(model, folded);
+            if (!folds.empty()) bytes.swap(folded);
         }
-        if (recipe.int8Folds) folds = foldIntoInt8Conv(model, folded);
-        if (!folds.empty()) std::string(std::move(folded)).swap(bytes);
     }
 
     bool changed() const { return samplers + resizes > 0 || !folds.empty(); }
