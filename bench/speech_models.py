@@ -28,7 +28,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "demo"))
 from onnx_build import GraphBuilder
 
 STEPS = (4, 12)            # of the generators beside the plain one
-STREAM, LEFT, AHEAD, DEPTH = 256, 8, 2, 6
+STREAM, LEFT, AHEAD, DEPTH = 256, 8, 0, 6
 LONGEST = 3000             # frames of an expression stream
 
 
