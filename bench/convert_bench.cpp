@@ -1,10 +1,12 @@
-// Conversions of a frame's way: half-precision identity tensors to float, RGB to RGBA.
-// The rivals are loops with the same reads and writes (bench-only, see convert_rival*.cpp).
+// Conversions on the way in and out: half-precision identity tensors to float, RGB to RGBA, sound
+// of another rate in pieces of 20 ms (share of a core: processor time of a second of it). The
+// rivals are loops with the same reads and writes (bench-only, see convert_rival*.cpp).
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <vector>
 
+#include "audio/speech_resampler.h"
 #include "common/cpu.h"
 #include "common/half.h"
 #include "convert_rival.h"
@@ -45,6 +47,24 @@ void rgba(benchmark::State& state, RgbaLoop loop) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kFramePixels * 7));
 }
 
+void resample(benchmark::State& state) {
+    const auto rate = static_cast<int>(state.range(0));
+    const std::size_t piece = static_cast<std::size_t>(rate) / 50;
+    std::vector<std::int16_t> second(static_cast<std::size_t>(rate));
+    for (std::size_t i = 0; i < second.size(); ++i) {
+        second[i] = static_cast<std::int16_t>(i * 7919 % 20011);
+    }
+    zorv::SpeechResampler resampler(rate);
+    std::vector<float> out;
+    for (auto _ : state) {
+        for (std::size_t at = 0; at + piece <= second.size(); at += piece) {
+            out.clear();
+            resampler.push(second.data() + at, piece, out);
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
 BENCHMARK_CAPTURE(half, rival_no_conversion, rival::widenWithoutConversion);
 BENCHMARK_CAPTURE(half, rival_no_conversion_avx2, rival::widenWithoutConversionAvx2);
 BENCHMARK_CAPTURE(half, portable, zorv::kernels::halfToFloatPortable);
@@ -53,5 +73,7 @@ BENCHMARK_CAPTURE(half, chosen, zorv::halfToFloat);
 BENCHMARK_CAPTURE(rgba, rival_scalar, rival::rgbToRgbaScalar);
 BENCHMARK_CAPTURE(rgba, portable, zorv::kernels::rgbToRgbaPortable);
 BENCHMARK_CAPTURE(rgba, chosen, zorv::rgbToRgba);
+
+BENCHMARK(resample)->Arg(8000)->Arg(16000)->Arg(24000)->Arg(44100)->Arg(48000);
 
 }  // namespace
