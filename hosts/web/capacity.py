@@ -102,7 +102,7 @@ async def measure(open_face: Callable[[], Awaitable[Face]]) -> Cost:
     memory = own_memory()
     face = await open_face()
     try:
-        await _warm(face)
+        await warm(face)
         picture, sound = Picture(), Sound()
         video, audio = (get_encoder(RTCRtpCodecParameters(mimeType=kind, clockRate=clock))
                         for kind, clock in (("video/VP8", VIDEO_CLOCK), ("audio/opus", RATE)))
@@ -127,7 +127,9 @@ async def measure(open_face: Callable[[], Awaitable[Face]]) -> Cost:
     return Cost(25 * used / max(frames, 1), float(grown))
 
 
-async def _warm(face: Face) -> None:
+async def warm(face: Face) -> None:
+    """Pulls until every target frame was decoded and the models are there; all of the subject's
+    faces share them from then on."""
     end = time.monotonic() + WARM_S
     pulled = 0
     while (pulled < WARM_FRAMES or not face.ready) and time.monotonic() < end:

@@ -8,7 +8,7 @@ OFFER_BYTES = 64 * 1024  # of a session's description
 TEXT_LENGTH = 1000  # characters of one request
 MESSAGE_BYTES = 8 * 1024
 CONNECT_S = 8.0  # from the answer to the first packet
-QUIET_S = 6.0  # without a packet of the viewer, after which it is gone
+QUIET_S = 7.0  # without a packet of the viewer, after which it is gone
 UPLOAD_S = 30.0  # that a file may take to arrive
 
 

@@ -1,6 +1,8 @@
 """The page, its sessions, and what they cost."""
 import asyncio
 import base64
+import ctypes
+import gc
 import hashlib
 import ipaddress
 import json
@@ -21,6 +23,8 @@ from .limits import OFFER_BYTES, RATE, UPLOAD_S, Bucket, Limits
 from .session import Refused, Session
 from .speech import ESPEAK, Voice
 
+DRAIN_S = 5.0
+M_MMAP_THRESHOLD = -3  # of malloc.h
 log = logging.getLogger("zorv.web")
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
@@ -80,10 +84,12 @@ class Server:
         return server
 
     async def _open(self) -> None:
+        _tune_memory()
         if _loopback(self.options.host):
             _ice_on_loopback()
         # Sessions come and go; this one keeps what they share: weights and decoded frames.
         self._keeper = await self._open_face()
+        await capacity.warm(self._keeper)
         if self.options.sessions is None:
             self.cost = await capacity.measure(self._open_face)
             self.limit = capacity.fitting(self.cost)
@@ -93,6 +99,8 @@ class Server:
         app.router.add_get("/metrics", self._get_metrics)
         app.router.add_post("/session", self._post_session)
         app.router.add_post("/session/{id}/sound", self._post_sound)
+        gc.collect()
+        gc.freeze()  # what is there now stays: collecting what a session leaves need not look at it
         self._runner = web.AppRunner(app, access_log=None, handle_signals=False)
         await self._runner.setup()
         site = web.TCPSite(self._runner, self.options.host, self.options.port)
@@ -131,8 +139,10 @@ class Server:
             answer = await handler(request)
         except web.HTTPException as error:
             answer = _said(error.status, error.reason)
+            await _drain(request, 4 * self.options.limits.speech_bytes)
         except Refused as error:
             answer = _said(error.status, str(error))
+            await _drain(request, 4 * self.options.limits.speech_bytes)
         answer.headers.update(self._headers)
         return answer
 
@@ -208,6 +218,9 @@ class Server:
         await session.close()
         del self.sessions[session.id]
         _add_frames(self._counts, session)
+        del session
+        gc.collect()  # what a connection leaves behind refers to itself
+        await asyncio.to_thread(_trim)
 
     def overview(self) -> Dict[str, Any]:
         """For every page: how many watch, and what that costs."""
@@ -219,6 +232,21 @@ class Server:
             self._load = now, spent, cores
         return {"sessions": len(self.sessions), "limit": self.limit, "cores": round(cores, 3),
                 "memory_mb": round(capacity.own_memory() / 2**20)}
+
+
+def _tune_memory() -> None:
+    """Large blocks of their own, which go back to the system when they are freed: by itself the C
+    library moves them into its heaps after a while, and sessions that come and go tear those up."""
+    tune = getattr(ctypes.CDLL(None), "mallopt", None)
+    if tune is not None:
+        tune(M_MMAP_THRESHOLD, 128 * 1024)
+
+
+def _trim() -> None:
+    """Gives freed memory back to the system, where the C library can."""
+    trim = getattr(ctypes.CDLL(None), "malloc_trim", None)
+    if trim is not None:
+        trim(0)
 
 
 def _add_frames(counts: Dict[str, int], session: Session) -> None:
@@ -254,6 +282,21 @@ async def _uploaded(request: web.Request) -> AsyncIterator[bytes]:
             yield data[:whole]
     except (ConnectionError, web.RequestPayloadError) as error:
         raise Refused("the sound broke off") from error
+
+
+async def _drain(request: web.Request, most: int) -> None:
+    """Reads what still comes, so that a refusal is read: a connection that is closed before its
+    request has ended may take the answer with it."""
+    async def read() -> None:
+        left = most
+        async for data in request.content.iter_any():
+            left -= len(data)
+            if left < 0:
+                break
+    try:
+        await asyncio.wait_for(read(), DRAIN_S)
+    except (ConnectionError, web.RequestPayloadError, asyncio.TimeoutError):
+        pass
 
 
 def _policy(page: str) -> str:

@@ -25,7 +25,7 @@ from .speech import Voice, VoiceError, tone
 from .tracks import Picture, Sound
 
 log = logging.getLogger("zorv.web")
-STATUS_S = 0.5
+STATUS_S, LOOK_S = 0.5, 1.0
 T = TypeVar("T")
 
 
@@ -300,16 +300,15 @@ class Session:
         self.tell({"mic": False})
 
     async def _watch(self) -> None:
-        """Ends the session when nothing comes from the viewer any more."""
-        loop = asyncio.get_running_loop()
-        received, at = 0, loop.time() + CONNECT_S - QUIET_S
-        while not self.ended.is_set():
+        """Ends the session when nothing comes from the viewer any more. Counts looks, not time: where
+        the server itself stands still, the viewer is not to blame."""
+        received, left = 0, CONNECT_S
+        while left > 0 and not self.ended.is_set():
+            await asyncio.sleep(LOOK_S)
+            left -= LOOK_S
             now = await self._received()
             if now != received:
-                received, at = now, max(at, loop.time())
-            if loop.time() - at > QUIET_S:
-                break
-            await asyncio.sleep(1)
+                received, left = now, QUIET_S
         self.ended.set()
 
     async def _received(self) -> int:
