@@ -25,14 +25,14 @@ STATEMENT = re.compile(r"^\s+[\w.>\-:\[\]()*]+(\(.*\)|\s[-+*|&]?=\s.*|\+\+);$|^\
 LOCK = re.compile(r"^\s+(const )?(MutexLock|std::lock_guard|std::scoped_lock) \w+\(|notify\w+\(\)")
 # Test programs by the beginning of the path, those that are likeliest to notice first.
 COVER = {
-    "src/a2x/": "a2x_test a2x_process_test engines_test",
+    "src/a2x/": "a2x_test a2x_process_test engines_test stream_fuzz",
     "src/audio/": "audio_test",
     "src/bundle/": "bundle_test context_test",
     "src/capi/zorv_image": "image_test context_test",
     "src/capi/": "context_test arguments_test renderer_test common_test paste_test telemetry_test",
     "src/common/": "common_test bundle_test fca_test renderer_test a2x_test",
     "src/info/": "doctor_test common_test",
-    "src/motion/": "motion_parts_test motion_test engines_test telemetry_test",
+    "src/motion/": "motion_parts_test motion_test engines_test telemetry_test stream_fuzz",
     "src/paste/": "paste_test context_test renderer_test",
     "src/render/gridsample/rewrite": "gridsample_rewrite_test gridsample_test",
     "src/render/int8conv/fold": "int8conv_fold_test",
