@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "common/ort.h"
 #include "support/engine.h"
+#include "support/session.h"
 
 namespace zorv::test {
 
@@ -96,25 +96,8 @@ class A2xReference {
     using Row = std::vector<float>;
 
     static std::shared_ptr<Ort::Session> open(const std::string& model) {
-        static Ort::Env env = makeOrtEnv("reference");
-        return std::make_shared<Ort::Session>(env, modelFile(model).c_str(), makeSessionOptions(1));
-    }
-
-    struct Input {
-        const char* name;
-        Row values;
-        std::vector<std::int64_t> shape;
-    };
-    static std::vector<Ort::Value> run(Ort::Session& session, std::vector<Input> inputs,
-                                       const std::vector<const char*>& outputs) {
-        std::vector<const char*> names;
-        std::vector<Ort::Value> tensors;
-        for (Input& input : inputs) {
-            names.push_back(input.name);
-            tensors.push_back(tensorOver(input.values.data(), input.values.size(), input.shape));
-        }
-        return session.Run(Ort::RunOptions{nullptr}, names.data(), tensors.data(), names.size(),
-                           outputs.data(), outputs.size());
+        return std::make_shared<Ort::Session>(testEnv(), modelFile(model).c_str(),
+                                              makeSessionOptions(1));
     }
 
     /// By the compiler's own type.
@@ -140,7 +123,7 @@ class A2xReference {
     }
 
     Row embedding(const Row& window) {
-        const auto out = run(*w2v_, {{"input_values", window, {1, 128000}}}, {"audio_emb"});
+        const auto out = runModel(*w2v_, {{"input_values", window, {1, 128000}}}, {"audio_emb"});
         const float* data = out[0].GetTensorData<float>();
         ++encoderRuns;
         return Row(data, data + 1843200);
@@ -182,8 +165,8 @@ class A2xReference {
             const std::int64_t end = std::int64_t{e + winRight_} * 640, start = end - 32000;
             if (end > static_cast<std::int64_t>(audio_.size()) && !finished_) return;
             const auto trunk =
-                run(*trunk_, {{"input_values", normalizedWindow(start, 32000), {1, 32000}}},
-                    {"trunk_steps"});
+                runModel(*trunk_, {{"input_values", normalizedWindow(start, 32000), {1, 32000}}},
+                         {"trunk_steps"});
             ++encoderRuns;
             const auto* steps = trunk[0].GetTensorData<std::uint16_t>();
             const int LT = static_cast<int>(trunk[0].GetTensorTypeAndShapeInfo().GetShape()[2]);
@@ -200,7 +183,7 @@ class A2xReference {
                         half((1 - w) * widen(steps[c * LT + i0]) + w * widen(steps[c * LT + i1])));
                 }
             }
-            const auto emb = run(*head_, {{"x", x, {8, 640}}}, {"emb"});
+            const auto emb = runModel(*head_, {{"x", x, {8, 640}}}, {"emb"});
             growFeatures(e);
             for (int k = 0; k < 8; ++k) {
                 for (int i = 0; i < 9216; ++i) {
@@ -221,19 +204,19 @@ class A2xReference {
                 mask.push_back(allowed ? 0 : -std::numeric_limits<float>::infinity());
             }
         }
-        const auto out = run(*enc_,
-                             {{"feat", window, {1, n, 12, 768}},
-                              {"pos_window", pos, {1, n, H}},
-                              {"attn", mask, {1, 1, n, n}}},
-                             {"rows"});
+        const auto out = runModel(*enc_,
+                                  {{"feat", window, {1, n, 12, 768}},
+                                   {"pos_window", pos, {1, n, H}},
+                                   {"attn", mask, {1, 1, n, n}}},
+                                  {"rows"});
         const float* data = out[0].GetTensorData<float>();
         return Row(data, data + n * H);
     }
 
     Row decodeOne(const Row& ctx) {
-        const auto out =
-            run(*dec_, {{"ctx_t", ctx, {1, H}}, {"prev", prev_, {1, 63}}, {"h", hid_, {1, 1, H}}},
-                {"m", "h_out"});
+        const auto out = runModel(
+            *dec_, {{"ctx_t", ctx, {1, H}}, {"prev", prev_, {1, 63}}, {"h", hid_, {1, 1, H}}},
+            {"m", "h_out"});
         prev_.assign(out[0].GetTensorData<float>(), out[0].GetTensorData<float>() + 63);
         hid_.assign(out[1].GetTensorData<float>(), out[1].GetTensorData<float>() + H);
         Row offsets(63);

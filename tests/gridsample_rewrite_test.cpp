@@ -141,7 +141,6 @@ TEST(GridSampleRewrite, MalformedModelsFailUnchanged) {
         EXPECT_TRUE(text == "no failure" || text == "onnx: bad varint" || text == "onnx: truncated")
             << text << " at " << length;
     }
-    EXPECT_EQ(textOf(good.substr(0, good.size() - 1)), "onnx: truncated");
     EXPECT_EQ(textOf(good + "\x0b"), "onnx: bad wire type");
     EXPECT_EQ(textOf(good + std::string(11, '\xff')), "onnx: bad varint");
     // Inside: the graph, a node, an attribute, an import.

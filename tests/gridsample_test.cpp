@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "common/ort.h"
 #include "render/custom_operators.h"
 #include "render/gridsample/gridsample_fast.h"
 #include "render/gridsample/op.h"
 #include "support/failure.h"
 #include "support/kernels.h"
 #include "support/runtime_leaks.h"
+#include "support/session.h"
 #include "support/test_bundle.h"
 
 namespace zorv {
@@ -218,27 +218,21 @@ class SamplerSession {
     explicit SamplerSession(const std::string& model) {
         Ort::SessionOptions options = makeSessionOptions(1);
         registerGridSampleFast(options);
-        session_ = createOperatorSession(env_, test::modelFile(model), options);
+        session_ = createOperatorSession(test::testEnv(), test::modelFile(model), options);
     }
 
     std::vector<float> run(const std::vector<float>& x, const std::vector<std::int64_t>& xShape,
                            const std::vector<float>& grid,
                            const std::vector<std::int64_t>& gridShape) {
-        std::vector<float> a = x, b = grid;
-        const Ort::Value inputs[] = {tensorOver(a.data(), a.size(), xShape),
-                                     tensorOver(b.data(), b.size(), gridShape)};
-        const char* names[] = {"x", "grid"};
-        const char* output = "y";
-        const auto y = session_.Run(Ort::RunOptions{nullptr}, names, inputs, 2, &output, 1);
+        const auto y =
+            test::runModel(session_, {{"x", x, xShape}, {"grid", grid, gridShape}}, {"y"});
         shape = y[0].GetTensorTypeAndShapeInfo().GetShape();
-        const float* data = y[0].GetTensorData<float>();
-        return {data, data + elementCount(shape)};
+        return test::floatsOf(y[0]);
     }
 
     std::vector<std::int64_t> shape;  ///< of the last output
 
   private:
-    Ort::Env env_ = makeOrtEnv("test");
     Ort::Session session_{nullptr};
 };
 

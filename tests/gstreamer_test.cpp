@@ -35,8 +35,8 @@ GstBuffer* sound(std::size_t count, GstClockTime pts, std::size_t first = 0) {
     return buffer;
 }
 
-GstClockTime timeOf(std::size_t samples, int rate = 16000) {
-    return gst_util_uint64_scale(samples, GST_SECOND, static_cast<guint64>(rate));
+GstClockTime timeOf(std::size_t samples) {
+    return gst_util_uint64_scale(samples, GST_SECOND, 16000);
 }
 
 std::string bytesOf(GstBuffer* buffer) {
@@ -303,21 +303,6 @@ TEST_F(GStreamerFace, FramesAreWrittenIntoTheDownstreamsBuffersWhateverTheirStri
     gst_object_unref(pool);
 }
 
-TEST_F(GStreamerFace, AnyRateAndFormatThroughTheUsualConverters) {
-    Harness harness("audioconvert ! audioresample ! " + element(),
-                    "audio/x-raw,format=S16LE,rate=44100,channels=2,layout=interleaved");
-    constexpr std::size_t kPairs = 44100;
-    for (std::size_t at = 0; at < kPairs; at += 441) {
-        GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 441 * 4, nullptr);
-        gst_buffer_memset(buffer, 0, 3, 441 * 4);
-        GST_BUFFER_PTS(buffer) = timeOf(at, 44100);
-        GST_BUFFER_DURATION(buffer) = 10 * GST_MSECOND;
-        ASSERT_EQ(gst_harness_push(harness.h, buffer), GST_FLOW_OK);
-    }
-    gst_harness_push_event(harness.h, gst_event_new_eos());
-    EXPECT_EQ(harness.times(), frames(25, 0));
-}
-
 /// The text of the first error that the element posts on its way to PLAYING.
 std::string errorOf(const std::string& launch) {
     GstElement* pipeline =
@@ -353,7 +338,7 @@ TEST_F(GStreamerFace, WhatCannotBeOpenedIsAnElementErrorWithTheLibrarysText) {
               std::string::npos);
 }
 
-TEST_F(GStreamerFace, OpensAndClosesAHundredTimesAndTwiceAtOnce) {
+TEST_F(GStreamerFace, OpensAndClosesAHundredTimes) {
     for (const std::string mode : {"continuous", "live-idle"}) {
         GstElement* face = gst_parse_launch(element("mode=" + mode).c_str(), nullptr);
         for (int i = 0; i < 100; ++i) {
@@ -362,16 +347,6 @@ TEST_F(GStreamerFace, OpensAndClosesAHundredTimesAndTwiceAtOnce) {
         }
         gst_object_unref(face);
     }
-    Harness one(element()), two(element());
-    for (std::size_t k = 0; k < 8; ++k) {
-        gst_harness_push(one.h, sound(640, k * kFrame, k * 640));
-        gst_harness_push(two.h, sound(640, k * kFrame, k * 640));
-    }
-    gst_harness_push_event(one.h, gst_event_new_eos());
-    gst_harness_push_event(two.h, gst_event_new_eos());
-    EXPECT_EQ(one.times(), frames(8, 0));
-    EXPECT_EQ(two.times(), frames(8, 0));
-    EXPECT_EQ(one.pictures, two.pictures);
 }
 
 /// A pipeline in live-idle mode on a clock that the test moves, frame by frame.

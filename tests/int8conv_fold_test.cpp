@@ -8,13 +8,13 @@
 #include <map>
 #include <random>
 
-#include "common/ort.h"
 #include "render/custom_operators.h"
 #include "render/gridsample/op.h"
 #include "render/int8conv/int8conv_vnni.h"
 #include "render/resize/resize_fast.h"
 #include "support/failure.h"
 #include "support/onnx_message.h"
+#include "support/session.h"
 
 namespace zorv {
 namespace {
@@ -158,17 +158,12 @@ std::string foldsOf(const Sketch& sketch) {
 }
 
 std::vector<float> run(const std::string& model, const Ints& dims, std::vector<float> x) {
-    const Ort::Env env = makeOrtEnv("test");
     Ort::SessionOptions options = makeSessionOptions(1);
     registerInt8ConvVNNI(options);
     registerGridSampleFast(options);
-    Ort::Session session = createOperatorSession(env, model.data(), model.size(), options);
-    const Ort::Value input = tensorOver(x.data(), x.size(), dims);
-    const char* const inputs[] = {"x"};
-    const char* const outputs[] = {"y"};
-    const auto y = session.Run(Ort::RunOptions{nullptr}, inputs, &input, 1, outputs, 1);
-    const float* const values = y[0].GetTensorData<float>();
-    return {values, values + y[0].GetTensorTypeAndShapeInfo().GetElementCount()};
+    Ort::Session session =
+        createOperatorSession(test::testEnv(), model.data(), model.size(), options);
+    return test::floatsOf(test::runModel(session, {{"x", std::move(x), dims}}, {"y"}).front());
 }
 
 TEST(Int8Fold, KeepsEveryBit) {

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "common/ort.h"
 #include "support/engine.h"
+#include "support/session.h"
 
 namespace zorv::test {
 
@@ -107,27 +107,8 @@ class ReferenceMotion {
 
   private:
     Ort::Session open(const char* key) {
-        return {env_, files_.path(std::string(key) + ".onnx").c_str(), makeSessionOptions(1)};
+        return {testEnv(), files_.path(std::string(key) + ".onnx").c_str(), makeSessionOptions(1)};
     }
-    static Floats run(Ort::Session& session, std::vector<Floats*> inputs,
-                      std::vector<std::vector<std::int64_t>> shapes) {
-        Ort::AllocatorWithDefaultOptions allocator;
-        std::vector<std::string> names;
-        std::vector<const char*> pointers;
-        std::vector<Ort::Value> values;
-        for (std::size_t i = 0; i < inputs.size(); ++i) {
-            names.emplace_back(session.GetInputNameAllocated(i, allocator).get());
-            values.push_back(tensorOver(inputs[i]->data(), inputs[i]->size(), shapes[i]));
-        }
-        for (const std::string& name : names) pointers.push_back(name.c_str());
-        const auto output = session.GetOutputNameAllocated(0, allocator);
-        const char* outputs[] = {output.get()};
-        auto results = session.Run(Ort::RunOptions{nullptr}, pointers.data(), values.data(),
-                                   values.size(), outputs, 1);
-        const float* data = results[0].GetTensorData<float>();
-        return {data, data + results[0].GetTensorTypeAndShapeInfo().GetElementCount()};
-    }
-
     int covered() const { return (static_cast<int>(audio_.size()) + 639) / 640; }
 
     void processWindow(int f) {
@@ -138,7 +119,8 @@ class ReferenceMotion {
         }
         Floats mel = referenceFeatures(samples, tables_["hubert_stft_window.bin"],
                                        tables_["hubert_stft_binmat.bin"]);
-        Floats speech = run(student_, {&mel}, {{1, 80, 21}});
+        Floats speech =
+            floatsOf(runModel(student_, {{"mel", mel, {1, 80, 21}}}, {"features"}).front());
         for (int i = 0; i < 20 * 1024; ++i) {
             speech[i] = speech[i] * tables_["hubert_fstd.bin"][i % 1024] +
                         tables_["hubert_fmean.bin"][i % 1024];
@@ -193,7 +175,9 @@ class ReferenceMotion {
             const Floats& row = rows_[start + std::min(i, n - 1)];
             rows.insert(rows.end(), row.begin(), row.end());
         }
-        const Floats all = run(lmdm_, {&cond, &rows}, {{1, 265}, {1, 80, 1103}});
+        const Floats all = floatsOf(
+            runModel(lmdm_, {{"cond", cond, {1, 265}}, {"rows", rows, {1, 80, 1103}}}, {"motion"})
+                .front());
         std::vector<Floats> predicted;
         for (int i = 0; i < 80; ++i) {
             predicted.emplace_back(all.begin() + 265 * i, all.begin() + 265 * (i + 1));
@@ -345,7 +329,8 @@ class ReferenceMotion {
         const double pitch = angle(info + 126);
         Floats xs = place(info, pitch, plain);
         Floats xd = place(info, pitch + setting("delta_pitch") * M_PI / 180, moved);
-        const Floats stitched = run(stitch_, {&xs, &xd}, {{1, 63}, {1, 63}});
+        const Floats stitched =
+            floatsOf(runModel(stitch_, {{"xs", xs, {1, 63}}, {"xd", xd, {1, 63}}}, {"kp"}).front());
         const float* target = tables_["xs_target.bin"].data() + 63 * cursor_;
         for (int j = 0; j < 63; ++j) {
             frames.source.push_back(target[j]);
@@ -356,7 +341,6 @@ class ReferenceMotion {
     const TestMotion& files_;
     const int nt_;
     std::map<std::string, Floats> tables_;
-    Ort::Env env_ = makeOrtEnv("reference");
     Ort::Session student_, lmdm_, stitch_;
     Floats audio_, cond_, reference_;
     std::vector<Floats> rows_, results_, final_, savedTail_;

@@ -189,15 +189,9 @@ TEST(Paste, RefusesWhatItCannotUse) {
             EXPECT_EQ(failure(16, 4, {1, 1, ksize}), "paste: ksize must be odd");
         }
     }
-    for (const int ksize : {1000000001, std::numeric_limits<int>::max()}) {
-        EXPECT_EQ(failure(16, 4, {1, 1, ksize}), std::bad_alloc().what());
-    }
-}
-
-TEST(Paste, KernelsThatWouldHoldAPasteUpForMinutesAreRefused) {
-    const int widest = (1 << 14) - 3;  // for a crop of 4
+    const int widest = (1 << 14) - 3;  // more would hold a paste of this crop up for minutes
     EXPECT_EQ(failure(16, 4, {1, 1, widest}), "no failure");
-    for (const int ksize : {widest + 2, 247483}) {
+    for (const int ksize : {widest + 2, 247483, std::numeric_limits<int>::max()}) {
         EXPECT_EQ(failure(16, 4, {1, 1, ksize}), std::bad_alloc().what());
     }
 }

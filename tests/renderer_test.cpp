@@ -106,29 +106,24 @@ TEST_F(RendererTest, FreeSlotsRepeatTheLastItem) {
 }
 
 TEST_F(RendererTest, ModelsThatDoNotFitAreRefused) {
-    EXPECT_EQ(openFailure("render_symbolic_batch"), "pooled64 input not found / bad shape");
-    EXPECT_EQ(openFailure("render_pooled_3d"), "pooled64 input not found / bad shape");
-    EXPECT_EQ(openFailure("encoder"), "pooled64 input not found / bad shape");
+    for (const char* model : {"render_symbolic_batch", "render_pooled_3d", "encoder"}) {
+        EXPECT_EQ(openFailure(model), "pooled64 input not found / bad shape") << model;
+    }
     EXPECT_EQ(openFailure("render", "cuda"), "Renderer: unknown ep 'cuda'");
     EXPECT_NE(openFailure("render", "xnnpack"), "no failure");  // not in this runtime's build
-
-    const std::string file = bundle.path("model_x.onnx");
-    EXPECT_EQ(openFailure("render_crop_8"),
-              file + ": input P_rgb: wanted float32 [1, 3, 16, 16], found float32 [1, 3, 8, 8]");
-    EXPECT_EQ(openFailure("render_pooled_small"), file +
-                                                      ": input pooled64: wanted float32 [1, 64, "
-                                                      "32, 32], found float32 [1, 64, 16, 32]");
-    EXPECT_EQ(openFailure("render_flat_keypoints"),
-              file + ": input kp_driving: wanted float32 [1, 21, 3], found float32 [1, 63]");
-    EXPECT_EQ(openFailure("render_half_image"), file +
-                                                    ": input P_rgb: wanted float32 [1, 3, 16, "
-                                                    "16], found float16 [1, 3, 16, 16]");
-    EXPECT_EQ(openFailure("render_extra_input"),
-              file + ": input gain: wanted no such input, found float32 [1]");
-    EXPECT_EQ(openFailure("render_other_output"),
-              file +
-                  ": output rgb: wanted float32 [1, 3, 16, 16], found none; the model has "
-                  "picture");
+    for (const auto& [model, text] :
+         {std::pair{
+              "render_pooled_small",
+              "input pooled64: wanted float32 [1, 64, 32, 32], found float32 [1, 64, 16, 32]"},
+          {"render_flat_keypoints",
+           "input kp_driving: wanted float32 [1, 21, 3], found float32 [1, 63]"},
+          {"render_half_image",
+           "input P_rgb: wanted float32 [1, 3, 16, 16], found float16 [1, 3, 16, 16]"},
+          {"render_extra_input", "input gain: wanted no such input, found float32 [1]"},
+          {"render_other_output",
+           "output rgb: wanted float32 [1, 3, 16, 16], found none; the model has picture"}}) {
+        EXPECT_EQ(openFailure(model), bundle.path("model_x.onnx") + ": " + text);
+    }
     bundle.useModel("x", "render_open");
     const std::int32_t frame = 2;
     EXPECT_NEAR(Renderer(manifest, identity, "x", 1, "")
@@ -176,23 +171,23 @@ TEST_F(RendererTest, NativeBackendIsRefusedOrThrows) {
 }
 
 TEST(ExecutionProvider, StringsAndTheirOptions) {
-    const auto threads = [](const char* ep, int n) {
-        return parseExecutionProvider(ep, n, "").options.at("intra_op_num_threads");
+    const auto option = [](const char* ep, int threads, const char* name) {
+        return parseExecutionProvider(ep, threads, "d").options.at(name);
     };
-    EXPECT_EQ(threads("xnnpack", 3), "3");
-    EXPECT_EQ(threads("xnnpack", 0), "4");
-    EXPECT_EQ(threads("xnnpack:0", 3), "4");
-    EXPECT_EQ(threads("xnnpack:12", 3), "12");
-    const auto units = [](const char* ep) {
-        return parseExecutionProvider(ep, 1, "d").options.at("MLComputeUnits");
-    };
-    EXPECT_EQ(units("coreml"), "ALL");
-    EXPECT_EQ(units("coreml:cpu"), "CPUOnly");
-    EXPECT_EQ(units("coreml:gpu"), "CPUAndGPU");
-    EXPECT_EQ(units("coreml:ane"), "CPUAndNeuralEngine");
-    EXPECT_EQ(units("coreml:ANE"), "ALL");
-    EXPECT_EQ(parseExecutionProvider("coreml", 1, "d").options.at("ModelCacheDirectory"),
-              "d/.coreml_cache");
+    for (const auto& [ep, given, threads] : {std::tuple{"xnnpack", 3, "3"},
+                                             {"xnnpack", 0, "4"},
+                                             {"xnnpack:0", 3, "4"},
+                                             {"xnnpack:12", 3, "12"}}) {
+        EXPECT_EQ(option(ep, given, "intra_op_num_threads"), threads) << ep;
+    }
+    for (const auto& [ep, units] : {std::pair{"coreml", "ALL"},
+                                    {"coreml:cpu", "CPUOnly"},
+                                    {"coreml:gpu", "CPUAndGPU"},
+                                    {"coreml:ane", "CPUAndNeuralEngine"},
+                                    {"coreml:ANE", "ALL"}}) {
+        EXPECT_EQ(option(ep, 1, "MLComputeUnits"), units) << ep;
+    }
+    EXPECT_EQ(option("coreml", 1, "ModelCacheDirectory"), "d/.coreml_cache");
     EXPECT_EQ(parseExecutionProvider("", 1, "").name, "");
 }
 

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/expression_dir.h"
@@ -178,25 +179,21 @@ TEST_F(TelemetryTest, ThreadsRecordExactlyWhileAReaderTakes) {
             --running;
         });
     }
-    std::uint64_t all = 0;
-    std::uint64_t steps = 0;
-    std::uint64_t events = 0;
-    bool last = false;
-    while (!last) {
+    const auto number = [](const json& from, const char* member) {
+        return from.is_null() ? 0 : from[member].get<std::uint64_t>();
+    };
+    std::uint64_t all = 0, steps = 0, events = 0;
+    for (bool last = false; !last;) {
         last = running == 0;  // one more batch after the last record
         const json batch = taken();
         if (batch.is_null()) continue;
-        const auto number = [](const json& from, const char* member) {
-            return from.is_null() ? 0 : from[member].get<std::uint64_t>();
-        };
         all += number(entry(batch, "counters", "host.all"), "value");
         steps += number(entry(batch, "histograms", "host.step"), "count");
         events += batch["events"].size() + number(batch["dropped"], "events");
     }
     for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(all, std::uint64_t{kThreads} * kEach);
-    EXPECT_EQ(steps, std::uint64_t{kThreads} * kEach);
-    EXPECT_EQ(events, std::uint64_t{kThreads} * kEach / 100);
+    constexpr std::uint64_t kTotal = kThreads * kEach;
+    EXPECT_EQ(std::tuple(all, steps, events), std::tuple(kTotal, kTotal, kTotal / 100));
 }
 
 TEST_F(TelemetryTest, TheLibraryCountsItsOwnWork) {

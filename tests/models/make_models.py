@@ -376,7 +376,6 @@ def int8conv_models(path):
     int8conv(path("int8conv_defaults"))
     int8conv(path("int8conv_short"), strides=[2], pads=[1, 1, 1], dilations=[2])
     int8conv(path("int8conv_bad_scale"), scales=5)
-    int8conv(path("int8conv_bad_group"), inputs=2)
     int8conv(path("int8conv_too_large"), kernel=(3, 21))
 
 
