@@ -264,8 +264,6 @@ TEST(A2x, CreationSaysWhichFileOrKeyIsWrong) {
     const std::pair<std::string, std::string> metas[] = {
         {"", notStreaming},
         {R"({"h": 0, "window": 0, "left": 8})", "a2x_meta.json: h must be at least 1"},
-        {R"({"h": 16, "window": 0, "left": 8, "layers": -1})",
-         "a2x_meta.json: layers must be at least 0"},
         {R"({"h": 16, "window": 0, "left": 8, "maxlen": -1})",
          "a2x_meta.json: maxlen must be at least 0"},
         // Numbers that only a damaged file holds.

@@ -206,12 +206,6 @@ TEST_P(GridSample, BorderPixelsIgnoreTheirNeighbours) {
     for (const float v : run(GetParam(), s, x, grid)) EXPECT_EQ(v, 1.0f);
 }
 
-TEST(GridSampleTable, FollowsProcessorAndSetting) {
-    for (const SimdLevel level : {SimdLevel::kPortable, SimdLevel::kAvx2, SimdLevel::kAvx512}) {
-        EXPECT_EQ(chooseKernel(kGridSampleKernels, level).level, level);
-    }
-}
-
 /// A session of the one-node test model, on one thread.
 class SamplerSession {
   public:

@@ -197,9 +197,6 @@ TEST(Motion, DirectoriesThatDoNotOpenSayWhy) {
         files.writeMeta(text);
         EXPECT_EQ(failure(files), prefix + message);
     }
-    files.writeMeta(R"({"nt": 2147483647, "n_src": 1e300, "n_emo": 4})");
-    EXPECT_NE(failure(files).find("floats, expected 704374636216"), std::string::npos)
-        << failure(files);
     files.writeMeta(R"({"nt": 3.9, "n_src": 3, "n_emo": 4})");
     EXPECT_EQ(openMotion(files)->nt(), 3);
 }

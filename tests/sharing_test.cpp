@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "capi/zorv_ctx.h"
-#include "common/once.h"
 #include "common/shared_registry.h"
 #include "render/renderer_model.h"
 #include "support/failure.h"
@@ -31,26 +30,6 @@ void onThreads(const std::function<void(int)>& work) {
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
     for (std::thread& thread : threads) thread.join();
-}
-
-TEST(SharedOnce, WorkIsDoneOnceAndAgainAfterAFailure) {
-    OnceGroup group;
-    OnceGroup::Flag flag, other;
-    int attempts = 0, value = 0;
-    std::barrier start(kThreads);
-    onThreads([&](int) {
-        start.arrive_and_wait();
-        const auto work = [&] {
-            group.call(other, [] {});  // another piece is not held up
-            if (++attempts < 3) throw std::runtime_error("not yet");
-            value = 7;
-        };
-        while (test::failure([&] { group.call(flag, work); }) != "no failure") {
-        }
-        EXPECT_EQ(value, 7);
-    });
-    EXPECT_EQ(attempts, 3);
-    EXPECT_TRUE(flag.done() && other.done());
 }
 
 TEST(SharedRegistry, OneValuePerKeyForAsLongAsSomebodyOwnsIt) {
