@@ -312,24 +312,22 @@ TEST_P(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
     EXPECT_EQ(::poll(engines, 2, -1), 1) << "the other engine's frames";
 
     std::atomic<int> interrupts{0};
-    std::atomic<std::uint64_t> dead{0};  // the last utterance that an interrupt has ended
+    std::atomic<std::uint64_t> dead{0};   // the last utterance that an interrupt has ended
+    std::atomic<std::uint64_t> shown{0};  // whose speech was pulled last
     std::atomic<bool> done{false};
     std::thread speaker([&] {
         std::mt19937 random(4);
-        const auto waitUntilPulled = [&](std::uint64_t count) {
+        for (std::uint64_t k = 0; k < 500; ++k) {
             test::waitFor([&] {
                 zorv_utt_stats stats;
                 zorv_utt_get_stats(utt, &stats);
-                return stats.frames_pulled >= count;
+                return stats.frames_pulled >= 20 * k;
             });
-        };
-        for (std::uint64_t k = 0; k < 500; ++k) {
-            waitUntilPulled(20 * k);
             const std::vector<std::int16_t> pcm(640 * (1 + random() % 8), 6000);
             const auto number = zorv_utt_push(utt, pcm.data(), static_cast<int>(pcm.size()));
-            if (random() % 2) {  // else nothing comes behind its frames while the clock stands
+            if (random() % 2) {
                 zorv_utt_end_utterance(utt);
-                waitUntilPulled(20 * k + random() % 16);
+                test::waitFor([&] { return shown == number; });  // as it speaks
             }
             ++interrupts;
             zorv_utt_interrupt(utt);
@@ -339,7 +337,7 @@ TEST_P(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
         done = true;
     });
     Screen screen;
-    int pulled = 0, woken = 0, spoken = 0;
+    int pulled = 0, woken = 0;
     zorv_utt_event event = {};
     event.struct_size = sizeof event;
     while (!done || pulled < 10000) {
@@ -358,14 +356,13 @@ TEST_P(UttWakeUpTest, DescriptorsAreReadableWhileSomethingCanBeHad) {
         if (readable(frames, 0) && screen.pull(utt)) {
             any = true;
             ++pulled;
-            spoken += screen.frame.kind == 1;
+            if (screen.frame.kind == 1) shown = screen.frame.utterance;
             EXPECT_TRUE(screen.frame.kind != 1 || screen.frame.utterance > deadBefore);
         }
         woken += !any && before == interrupts && interrupts % 2 == 0;
     }
     speaker.join();
     EXPECT_EQ(woken, 0);
-    EXPECT_GT(spoken, 100);
 }
 
 TEST(UttWaitTest, AWaitEndsWithItsReason) {
