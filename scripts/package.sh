@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds Debian packages for the release that this machine runs: library, development files, command
-# line. They land in build/package/packages. What ONNX Runtime the system has (libonnxruntime-dev) the
-# packages depend on; a fetched one they contain.
+# line. They land in build/package/packages. They depend on the system's ONNX Runtime where it has one
+# (libonnxruntime-dev) and contain a fetched one otherwise.
 #
 # DEBFULLNAME and DEBEMAIL name whoever answers for the packages.
 set -euo pipefail

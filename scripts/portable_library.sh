@@ -4,8 +4,8 @@
 #
 #   scripts/portable_library.sh LIBRARIES LICENCES    # two folders to write to
 #
-# libstdc++ is linked in, which asks for a newer one than the runtime does, without what nobody calls
-# of it.
+# libstdc++ is linked in, without its unused parts: ours is newer than the one that the runtime asks
+# for.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 libraries=$1 licences=$2

@@ -3,7 +3,8 @@
 # library, the model runtime and whatever else they need that Python's platform tag does not promise.
 #
 # The tag follows from the symbols: the C library's version that the libraries ask for. libstdc++ is
-# linked into ours, which asks for a newer one than the runtime does, without what nobody calls of it.
+# linked into ours, without its unused parts, since ours is newer than the one that the runtime asks
+# for.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

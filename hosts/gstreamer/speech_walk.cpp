@@ -117,7 +117,7 @@ bool SpeechWalk::next() {
     if (pull()) return true;
     if (engine_->failed()) throw std::runtime_error(engine_->error());
     if (!finished_ && untaken_.size() <= patience_) return false;
-    // The engine can hold no longer a stream, or failed: it goes on with a new one.
+    // The engine's stream is full, or it has failed: it goes on with a new one.
     resetEngine();
     if (!engine_->push(untaken_.data(), static_cast<int>(untaken_.size()))) {
         throw std::runtime_error(engine_->error());

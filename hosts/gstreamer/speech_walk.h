@@ -24,7 +24,7 @@ class KeypointEngine {
     /// 1, or 0 when no frame is ready or something failed (error() tells which).
     virtual int pull(int* index, float* source, float* driving) = 0;
     virtual void reset(int start, int direction) = 0;
-    virtual bool failed() const = 0;  ///< the call before did, for certain
+    virtual bool failed() const = 0;  ///< the last call failed, for certain
     virtual std::string error() const = 0;
 };
 
@@ -63,7 +63,7 @@ class SpeechWalk {
     std::unique_ptr<KeypointEngine> engine_;
     /// Sound of the frames that were not taken yet; an engine that is started anew hears it again.
     std::vector<float> untaken_;
-    std::size_t patience_ = 0;  ///< more untaken samples than an engine needs that still works
+    std::size_t patience_ = 0;  ///< with more untaken samples the engine has failed
     std::uint64_t pushed_ = 0, taken_ = 0;
     bool finished_ = false;
     int index_ = -1, direction_ = 1;  ///< of the walk to and fro, after the frame taken last

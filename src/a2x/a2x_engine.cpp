@@ -96,7 +96,7 @@ LegacyWindow& zorv_a2x::legacyWindow() {
 
 void zorv_a2x::push(const float* pcm, int n) {
     if (n < 1) return;
-    if (enc_done_ < limit_) {  // else nothing will hear it: it only counts
+    if (enc_done_ < limit_) {  // behind the table's end it only counts
         const std::int64_t room = std::max<std::int64_t>(audio_.rows() - samples_, 0);
         const auto stored = std::min<std::int64_t>(n, room);
         if (stored > 0) std::copy_n(pcm, stored, audio_.row(samples_));
@@ -123,8 +123,7 @@ std::int64_t zorv_a2x::avail() {
     return dec_done_ - pulled_;
 }
 
-// Only when the last frame has been handed out: whoever takes the text for the end of the stream
-// loses none.
+// Only after the last frame was handed out: a host that stops at this text loses no frame.
 void zorv_a2x::noticeTableEnd() {
     if (end_told_ || state_.empty() || pulled_ < limit_ || total() <= limit_) return;
     const std::string text = std::string(kTableEnd) + ": " + std::to_string(limit_) + " frames (" +
@@ -195,7 +194,7 @@ const float* zorv_a2x::encodeChunk(PagedRows& feat, std::int64_t s, std::int64_t
     return rows + (s - a) * meta_.h;
 }
 
-// Features are made chunk by chunk and let go behind each: a call may want any number of frames.
+// Features are made chunk by chunk and released behind each: a call may want any number of frames.
 void zorv_a2x::encode(std::int64_t upto) {
     while (enc_done_ < upto) {
         const std::int64_t s = enc_done_;

@@ -10,7 +10,7 @@ bool legacyWindowStep(LegacyWindow& window, const AudioView& audio, std::int64_t
                       FeatureTrack& track) {
     const std::int64_t start = track.w2v_next;
     const WindowPlan plan = planWindow(start, track.feat_ready, audio, lookAhead);
-    // A window never runs twice on the same audio: the first run leaves it nothing to give.
+    // A window never runs twice on the same audio: after the first run it has no new frames.
     if (plan.begin < plan.end) {
         copyWindow(audio, start * kSamplesPerFrame, kWindowSamples, window.samples());
         normalize(window.samples(), kWindowSamples);

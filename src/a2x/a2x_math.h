@@ -18,7 +18,7 @@ constexpr std::size_t kFeatureFloats = kLayers * kLayerFloats;  ///< one frame
 constexpr int kWindowFrames = 200;
 constexpr int kWindowSamples = kWindowFrames * kSamplesPerFrame;
 constexpr int kHopFrames = 100;
-/// Every window but the first only listens to this many frames, which have too little behind them.
+/// The first frames of every window but the first one give nothing: too little audio precedes them.
 constexpr int kLeadFrames = 50;
 constexpr std::size_t kEmbeddingFloats = kWindowFrames * kFeatureFloats;
 

@@ -29,8 +29,7 @@ void requireAtLeast(std::int32_t value, std::int32_t least, const char* key) {
                              std::to_string(least));
 }
 
-/// All floats of a file; none when it cannot be read in full. Bytes of a last, partial one do not
-/// count.
+/// All floats of a file; none when it cannot be read in full. An incomplete last one is ignored.
 std::vector<float> readFloats(const std::string& path) {
     std::string bytes;
     if (readWholeFile(path, bytes) != ReadStatus::kOk) return {};
@@ -114,7 +113,7 @@ const float* StreamEncoder::run(const float* feat, const float* pos, std::int64_
         model_.forgetOutputs();
         n_ = n;
     }
-    // Windows slide over the rows of the caller: these two point elsewhere every time.
+    // These two point into the caller's rows, elsewhere on every run.
     model_.bindInput(0, feat, {1, n, kLayers, kLayerFloats});
     model_.bindInput(1, pos, {1, n, h_});
     model_.run();

@@ -11,7 +11,7 @@
 
 namespace zorv::a2x {
 
-/// a2x_meta.json. Throws with a fixed text, naming the key that cannot be worked with.
+/// a2x_meta.json. Throws with a fixed text that names the bad key.
 struct Meta {
     explicit Meta(const std::string& dir);
 
@@ -45,8 +45,8 @@ class StreamEncoder {
     /// Throws when the model does not fit, as agreementOf does.
     StreamEncoder(std::shared_ptr<const Model> opened, const Meta& meta);
 
-    /// feat: n x kFeatureFloats, pos: n x h. Returns n x h, valid until the next run. The mask and
-    /// the output's tensor are those of the last run when n is.
+    /// feat: n x kFeatureFloats, pos: n x h. Returns n x h, valid until the next run. Mask and
+    /// output tensor are kept from run to run while n stays the same.
     const float* run(const float* feat, const float* pos, std::int64_t n);
 
   private:

@@ -77,7 +77,7 @@ ProviderChoice::~ProviderChoice() = default;
 
 std::shared_ptr<const Model> ProviderChoice::open(const std::string& path) {
     if (onDevice_) {
-        // A provider can be appended where there is no device; only a session tells.
+        // A provider can be appended without a device being there; only opening a session shows it.
         try {
             return openShared(path);
         } catch (const std::exception& error) {

@@ -81,7 +81,7 @@ std::shared_ptr<const Model> armedHead() {
 /// hear `right` frames behind a block.
 void requireRoom(std::int64_t right, std::int64_t steps, const Model& trunk) {
     double first = 0, last = 0;
-    // A frame's place depends on its number within a legacy window: these blocks have them all.
+    // A frame's place depends on its number within a legacy window; these blocks cover all numbers.
     for (std::int64_t block = 0; block < 2 * kWindowFrames; block += kBlockFrames) {
         const std::int64_t start = shortWindowStart(block, right);
         first = std::min(first, trunkPosition(block, start));

@@ -17,11 +17,11 @@
 
 namespace zorv {
 /// The family's last error. No call clears it, so that a host finds it after the calls that follow
-/// the failing one; whoever must tell old from new clears it first.
+/// the failing one; a caller that must tell old texts from new ones clears it first.
 using A2xError = LastError<zorv_a2x>;
 
 namespace a2x {
-/// How the text begins that tells, once per stream, that it has come to the positional table's end.
+/// Beginning of the text that says, once per stream, that the positional table has ended.
 constexpr std::string_view kTableEnd = "zorv_a2x: end of a2x_pos.f32";
 }  // namespace a2x
 }  // namespace zorv
@@ -40,7 +40,7 @@ struct zorv_a2x {
     void reset(std::int32_t start, std::int32_t dir, bool loop);
     std::int64_t total() const { return zorv::a2x::frameCount(samples_); }
     bool finished() const { return finished_; }
-    /// Samples from a frame's first one until it can be had.
+    /// Samples, from a frame's first one on, that must have come before the frame can be pulled.
     std::int64_t lookAheadSamples() const;
 
     /// Decodes up to one block; returns the frames ready to pull.
@@ -63,7 +63,7 @@ struct zorv_a2x {
     zorv::a2x::LegacyWindow& legacyWindow();
 
     std::int64_t ready() const;
-    /// Tells, once, that what is left of the stream's audio lies beyond the positional table.
+    /// Sets the last error, once, when the rest of the audio lies beyond the positional table.
     void noticeTableEnd();
     zorv::a2x::AudioView audioView() const;
     /// Brings decoding up to frame `want` as far as the audio allows. A failure leaves its text in

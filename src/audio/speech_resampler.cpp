@@ -11,8 +11,9 @@
 namespace zorv {
 namespace {
 
-/// Flat to 0.9 of the band with errors below -90 dB, 4 to 8 ms of look-ahead; one step less is
-/// down 1 dB there, one more costs another quarter of the look-ahead.
+/// The resampler's quality: flat up to 0.9 of the band, errors below -90 dB, 4 to 8 ms of
+/// look-ahead. Quality 6 is 1 dB down at 0.9 of the band; quality 8 costs a quarter more
+/// look-ahead.
 constexpr int kQuality = 7;
 constexpr std::size_t kPiece = 1024;  ///< samples that are converted at a time
 
@@ -65,7 +66,7 @@ std::size_t SpeechResampler::feed(const float* samples, std::size_t n, float* ou
 template <class Sample>
 void SpeechResampler::append(const Sample* samples, std::size_t n, std::vector<float>& out) {
     const std::size_t before = out.size();
-    // What may be determined by now, rounded up; resizing is all that can fail.
+    // An upper bound of what this push yields. Resizing is the only step that can fail.
     const std::uint64_t bound = state_ ? speechSamples(pushed_ + n) - appended_ : n;
     out.resize(before + bound);
     pushed_ += n;

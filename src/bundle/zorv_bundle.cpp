@@ -84,7 +84,7 @@ class OpenFile {
     struct stat status_ {};
 };
 
-/// A product of sizes that a file may have; one that does not fit is that of no file.
+/// a x b, or the largest size when that overflows: no file is so large.
 std::size_t fileSize(std::size_t a, std::size_t b) {
     std::size_t product = 0;
     return __builtin_mul_overflow(a, b, &product) ? std::numeric_limits<std::size_t>::max()

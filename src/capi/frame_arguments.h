@@ -1,4 +1,4 @@
-// What hosts say of the form and the planes of a frame, checked.
+// Checks what hosts say of the form and the planes of a frame.
 #pragma once
 
 #include <zorv_core.h>

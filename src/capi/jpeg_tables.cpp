@@ -26,7 +26,7 @@ class Bytes {
     }
     void skip(int count) { at_ += static_cast<std::size_t>(count); }
 
-    /// The next byte that is a marker's: it follows 0xff and, within image data, is not 0.
+    /// The code of the next marker: the byte after 0xff that, within image data, is not 0.
     int nextMarker() {
         while (!ended()) {
             int byte = next();
@@ -63,7 +63,7 @@ bool jpegTablesFit(std::string_view file) {
     for (int marker = bytes.nextMarker(); marker != kEnd; marker = bytes.nextMarker()) {
         if (marker >= kFirstRestart && marker <= kStart) continue;  // without a segment
         const int length = bytes.next16() - 2;
-        if (length < 0) return true;  // no decoder goes on
+        if (length < 0) return true;  // every decoder stops here
         if (marker != kHuffmanTables) {
             bytes.skip(length);
         } else if (!tablesFit(bytes, length)) {

@@ -21,9 +21,9 @@ namespace zorv {
 /// Where the file of target frame i is.
 std::string targetPath(const Manifest& manifest, int i);
 
-/// Each part of a frame is made when it is first asked for, once, and then never changes: any
-/// thread may ask, and waits only while another makes the very part. What a maker throws reaches
-/// the one that asked; the next one makes the part again. Indices are not checked.
+/// Each part of a frame is made when it is first asked for, once, and then never changes. Any
+/// thread may ask; it waits only while another thread makes the same part. An exception of a maker
+/// reaches its caller, and the next caller makes the part again. Indices are not checked.
 class TargetFrames {
   public:
     explicit TargetFrames(const Manifest& manifest);
@@ -51,8 +51,8 @@ class TargetFrames {
         return yuv.backdrop;
     }
 
-    /// The placement of frame i, which `place(i)` gives; null once the placements take as much
-    /// memory as they may.
+    /// The placement of frame i, which `place(i)` gives; null when the placements have used up
+    /// their memory.
     template <class Place>
     const Placement* placement(int i, const Place& place) {
         Frame& frame = at(i);
@@ -69,12 +69,12 @@ class TargetFrames {
     static State stateOf(const std::string& bundleDir);
 
     /// Those of `manifest`'s bundle, shared by all contexts that have it open with every file in
-    /// the same state. `before` is the state before the caller read the bundle: where it has
-    /// changed since, nobody knows what was read, and the caller gets frames of its own.
+    /// the same state. `before` is the state before the caller read the bundle: if a file has
+    /// changed since then, the caller gets frames of its own.
     static std::shared_ptr<TargetFrames> of(const Manifest& manifest, const State& before);
 
   private:
-    /// One takes a byte per blended pixel and little else.
+    /// Most memory of all kept placements; one takes about a byte per blended pixel.
     static constexpr std::size_t kPlacementBytes = std::size_t{48} << 20;
 
     struct Yuv {

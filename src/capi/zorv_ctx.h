@@ -31,10 +31,10 @@ struct zorv_ctx {
     /// Throws "decode failed: " + path or "target size mismatch " + path.
     const std::uint8_t* target(int i);
 
-    /// Writes target frame i to `out`, with `crop` (3 x crop x crop floats, planes R, G, B in
-    /// [0, 1]) pasted in unless it is null. i is not checked. Nothing of the frame is kept as RGB
-    /// when `form` is YUV but what is blended. `matrix` is not used for RGBA and RGB. Throws what
-    /// target() throws, std::bad_alloc, and "paste: side > 1024"; nothing is written then.
+    /// Writes target frame i to `out`, with `crop` (3 x crop x crop floats, planes R, G, B in [0,
+    /// 1]) pasted in unless it is null. i is not checked. When `form` is YUV, only the blended area
+    /// of the frame is kept as RGB. `matrix` is not used for RGBA and RGB. Throws what target()
+    /// throws, std::bad_alloc, and "paste: side > 1024"; nothing is written then.
     void compose(int i, const float* crop, zorv::PixelForm form, zorv::YuvMatrix matrix,
                  const zorv::FrameView& out);
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// No frame takes as much; the length that a damaged file claims for one of its parts may.
+/// Larger requests are refused: no frame needs as much, but a damaged file may claim it.
 constexpr std::size_t kMostBytes = std::size_t{1} << 30;
 
 /// Zeroed: a damaged JPEG file may use tables and coefficients that it never defines.
@@ -30,7 +30,7 @@ void* reallocate(void* block, std::size_t size) {
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
 #define STBI_NO_STDIO
-// Not the decoders of formats that no one keeps video frames in: each one is a way in for damage.
+// Only formats that target frames come in: each further decoder is one more way in for damage.
 #define STBI_ONLY_JPEG
 #define STBI_ONLY_PNG
 #define STBI_NO_LINEAR

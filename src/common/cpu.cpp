@@ -9,8 +9,8 @@
 namespace zorv {
 namespace {
 
-/// Asked by hand: not every compiler's builtin knows the name. Its register state is AVX's, so
-/// that the operating system saves it follows from AVX2.
+/// Read from the processor, since not every compiler's builtin knows the name. It uses the
+/// registers of AVX, which the operating system saves whenever there is AVX2.
 bool hasF16c() {
     unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
     return __get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & bit_F16C);

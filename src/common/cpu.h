@@ -1,4 +1,4 @@
-// Which instruction sets the vector kernels may use, and how the kernel that does is chosen.
+// Which instruction sets the vector kernels may use, and how a kernel is chosen.
 #pragma once
 
 #include <cstddef>
@@ -36,14 +36,14 @@ template <class Entry>
 struct Kernel {
     SimdLevel level;   ///< the lowest one that has its instructions
     const char* name;  ///< what `zorv_kernel_path` calls it
-    bool (*needs)();   ///< tells whether the processor has what is in no level; null = nothing
+    bool (*needs)();   ///< whether the processor has what no level includes; null: not needed
     Entry entry;       ///< a function, or functions that belong together
 
     bool usable(SimdLevel allowed) const { return level <= allowed && (!needs || needs()); }
 };
 
-/// The best kernel of `table` that this processor can run and `allowed`, which the processor must
-/// have, permits. Allocates nothing.
+/// The best kernel of `table` that `allowed` permits and this processor can run. Allocates nothing.
+/// REQUIRES: the processor has `allowed`.
 template <class Entry, std::size_t kCount>
 const Kernel<Entry>& chooseKernel(const Kernel<Entry> (&table)[kCount],
                                   SimdLevel allowed = simdLevel()) {

@@ -29,7 +29,7 @@ inline std::string oneLine(std::string text) {
     return text;
 }
 
-/// A text of one line that can always be set: what there is no memory for is cut.
+/// A text of one line that can always be set: without memory for all of it, it is cut.
 class ErrorText {
   public:
     const char* get() const { return cut_[0] ? cut_.data() : whole_.c_str(); }
@@ -100,8 +100,8 @@ class LastError {
         }
     }
 
-    /// When a thread ends, its text lets its memory go but stays a text: destructors that run
-    /// later, those of static objects at exit among them, may still make calls.
+    /// When a thread ends, its text frees its memory but can still be set and read: destructors
+    /// that run later, those of static objects at exit among them, may make calls.
     struct Text {
         Text() : value() {}
         ~Text() { value.release(); }

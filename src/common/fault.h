@@ -1,6 +1,6 @@
 // Failures on demand. In a build with ZORV_FAULT_INJECTION a test decides which of the library's
 // own opens, reads, maps and thread starts fail, and can tell the library's code from that of the
-// model runtime. In every other build all of this is nothing.
+// model runtime. In every other build this compiles to nothing.
 #pragma once
 
 #ifdef ZORV_FAULT_INJECTION
@@ -14,7 +14,7 @@ enum class Kind { kAllocation, kOpen, kRead, kMap, kThread };
 
 #ifdef ZORV_FAULT_INJECTION
 
-/// Whether the operation that is about to begin is to fail; null while none is.
+/// Decides whether the operation that is about to begin fails; null: none does.
 inline std::atomic<bool (*)(Kind)> decide{nullptr};
 
 inline bool fails(Kind kind) {

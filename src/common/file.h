@@ -11,14 +11,14 @@ enum class ReadStatus {
     kCannotOpen,  ///< missing, unreadable or a directory
     kShort,       ///< fewer bytes than wanted
     kLong,        ///< all wanted bytes were read and more follow
-    kFailed,      ///< the system did not read what there is
+    kFailed,      ///< a read error
 };
 
 /// A descriptor of the file, -1 when it cannot be opened.
 int openForReading(const std::string& path);
 
-/// Reads the whole file, or what can be had of it, into `content`: kOk, kCannotOpen, kShort (it
-/// shrank while being read) or kFailed.
+/// Reads the whole file into `content`, or as much of it as can be read: kOk, kCannotOpen, kShort
+/// (it shrank while being read) or kFailed.
 ReadStatus readWholeFile(const std::string& path, std::string& content);
 
 /// Reads the first `bytes` bytes into `destination` and says whether the file ends there.

@@ -30,7 +30,7 @@ static float rounded(float value) {
     const std::uint32_t sign = bits & 0x80000000u;
     const std::uint32_t magnitude = bits ^ sign;
     if (magnitude > 0x7f800000u) return std::bit_cast<float>((bits & 0xffffe000u) | 0x400000u);
-    if (magnitude >= 0x477ff000u) return std::bit_cast<float>(sign | 0x7f800000u);  // from 65520
+    if (magnitude >= 0x477ff000u) return std::bit_cast<float>(sign | 0x7f800000u);  // from 65520 on
     if (magnitude >= 0x38800000u) {
         const std::uint32_t even = (magnitude >> 13) & 1u;
         return std::bit_cast<float>(sign | ((magnitude + 0xfffu + even) & ~0x1fffu));

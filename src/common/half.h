@@ -34,7 +34,7 @@ struct HalfKernels {
     void (*round)(const float* source, float* destination, std::size_t n);
 };
 
-/// Nothing wider: they wait for memory.
+/// No AVX-512 version: the conversions wait for memory.
 inline constexpr Kernel<HalfKernels> kHalfKernels[] = {
     {SimdLevel::kAvx2, "avx2", nullptr, {kernels::halfToFloatAvx2, kernels::roundToHalfAvx2}},
     {SimdLevel::kPortable,

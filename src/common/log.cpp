@@ -20,7 +20,7 @@ struct Log {
     void (*line)(void* user, const char* text) ZORV_GUARDED_BY(mutex) = nullptr;
     void* user ZORV_GUARDED_BY(mutex) = nullptr;
     unsigned changes ZORV_GUARDED_BY(mutex) = 0;
-    /// Calls of the function that an even and an odd number of changes made.
+    /// Running calls of the host's function, by the parity of the changes made before them.
     std::array<std::atomic<int>, 2> running{};
 };
 

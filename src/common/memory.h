@@ -9,14 +9,14 @@
 
 namespace zorv {
 
-/// a x b; a product that does not fit is an allocation that cannot be had.
+/// a x b. Throws std::bad_alloc when that overflows: so much memory cannot be had.
 inline std::size_t checkedProduct(std::size_t a, std::size_t b) {
     std::size_t product = 0;
     if (__builtin_mul_overflow(a, b, &product)) throw std::bad_alloc();
     return product;
 }
 
-/// A count read from a file as a size; a negative one is an allocation that cannot be had.
+/// A count read from a file. Throws std::bad_alloc when it is negative.
 inline std::size_t toCount(std::int32_t value) {
     if (value < 0) throw std::bad_alloc();
     return static_cast<std::size_t>(value);

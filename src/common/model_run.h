@@ -9,10 +9,10 @@
 
 namespace zorv {
 
-/// What a model needed for a run is given back to the system afterwards.
+/// When the memory that runs have needed goes back to the system.
 enum class GiveBack {
     kNever,
-    kAfterFirst,  ///< the first run of a model asks for more than all that follow
+    kAfterFirst,  ///< a model's first run needs more than all later ones
     kAlways,
 };
 
@@ -54,8 +54,8 @@ class ModelRun {
     };
     Halves halves(std::size_t index) const;
 
-    /// Ends a run on another thread: it throws soon, and so does every later one until rearm().
-    /// Any thread; neither may overlap the other.
+    /// Ends a run on another thread: it throws soon, and so does every later one until rearm(). Any
+    /// thread; the two calls must not overlap.
     void stop();
     void rearm();
 

@@ -1,6 +1,6 @@
-// A mutex, its lock and a condition variable that clang's thread-safety analysis understands.
-// Built with clang, -Wthread-safety checks every access to a guarded member; elsewhere the
-// annotations are nothing.
+// A mutex, its lock and a condition variable that clang's thread-safety analysis understands. Built
+// with clang, -Wthread-safety checks every access to a guarded member; other compilers ignore the
+// annotations.
 #pragma once
 
 #include <chrono>

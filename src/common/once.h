@@ -23,7 +23,7 @@ class OnceGroup {
         std::atomic<State> state_{State::kOpen};  ///< changed with the group's lock held
     };
 
-    /// Returns once work() has returned, here or in another thread, what it wrote being visible.
+    /// Returns when work() has returned, on this thread or another; what it wrote is visible then.
     /// Throws what it throws.
     template <class Work>
     void call(Flag& flag, const Work& work) {

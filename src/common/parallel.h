@@ -11,11 +11,10 @@
 
 namespace zorv {
 
-/// Calls fn(begin, end) over disjoint half-open ranges that together cover [0, n), and returns
-/// when all are done. Below two workers, or with fewer than `leastEach` items each, that is
-/// fn(0, n) on the calling thread; otherwise one new thread per chunk of ceil(n / workers), no
-/// pool. What no thread can be had for (or no memory for one) is left to the caller. fn must not
-/// throw.
+/// Calls fn(begin, end) over disjoint half-open ranges that together cover [0, n), and returns when
+/// all are done. Below two workers, or with fewer than `leastEach` items each, that is fn(0, n) on
+/// the calling thread; otherwise one new thread per chunk of ceil(n / workers), no pool. Where no
+/// thread can be started, the calling thread does the rest. fn must not throw.
 template <class Fn>
 void parallelRange(std::ptrdiff_t n, int workers, const Fn& fn, std::ptrdiff_t leastEach = 64) {
     if (workers < 2 || n < workers * leastEach) {

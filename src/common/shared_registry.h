@@ -39,8 +39,8 @@ template <class Key, class Value>
 class SharedRegistry {
   public:
     /// The value of `key`: the one that somebody owns, else a new one from make(), a
-    /// std::shared_ptr<Value>. Meanwhile only those wait who ask for the same key. What make()
-    /// throws reaches the one that asked; the next one makes it again.
+    /// std::shared_ptr<Value>. Only callers of the same key wait meanwhile. An exception of make()
+    /// reaches its caller; the next caller makes it again.
     template <class Make>
     std::shared_ptr<Value> get(const Key& key, const Make& make) ZORV_EXCLUDES(mutex_) {
         const std::shared_ptr<Entry> entry = entryOf(key);

@@ -28,8 +28,8 @@ class MotionEngine {
     bool finished() const { return total_ >= 0; }
     /// Frames of the finished stream, -1 before.
     std::int64_t total() const { return total_; }
-    /// Samples from a frame's first one until it can be had, at most; with adaptive passes by what
-    /// they have cost so far.
+    /// At most so many samples, from a frame's first one on, must have come before it can be
+    /// pulled. With adaptive passes it depends on their cost so far.
     int lookAheadSamples() const;
     /// Eager: 0 off, N > 0 a pass every N frames of audio, negative by the cost of a pass.
     void setEager(int value) { eager_ = value; }

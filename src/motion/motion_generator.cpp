@@ -8,7 +8,7 @@
 namespace zorv::motion {
 namespace {
 
-/// Smoothing the seam reads the frame before the faded ones, which is also the next conditioning.
+/// Smoothing the seam reads the frame before the faded ones, which also conditions the next chunk.
 constexpr std::int64_t kSeamFrames = kFadeFrames + 1;
 
 }  // namespace

@@ -16,7 +16,7 @@ enum class PixelForm {
 /// Both in limited range: Y in 16..235, U and V in 16..240.
 enum class YuvMatrix { kBt601, kBt709 };
 
-/// What a host expects that does not say it: BT.709 from 720 lines on.
+/// What a host expects when it does not say: BT.709 from 720 lines on.
 constexpr YuvMatrix matrixFor(int H) {
     return H >= 720 ? YuvMatrix::kBt709 : YuvMatrix::kBt601;
 }

@@ -35,8 +35,8 @@ class FrameWriter {
     int width() const { return width_; }
     int height() const { return height_; }
 
-    /// Rows y and y + 1 from column x on: `count` RGB pixels of `top` and of `bottom`, which is
-    /// not read when y is the last row. In RGB a row may lie where it is written to.
+    /// Rows y and y + 1 from column x on: `count` RGB pixels of `top` and of `bottom`, which is not
+    /// read when y is the last row. In RGB, source and destination of a row may be the same.
     /// REQUIRES: y and x even; x + count even or the width.
     void rows(int x, int y, int count, const std::uint8_t* top, const std::uint8_t* bottom) const;
 

@@ -1,7 +1,7 @@
 // The compositor's inner loops, one set per instruction set. Every version does the same
 // single-precision operations in the same order for each element (a lane is an element, and a
-// product and its sum round separately), so all levels give the same bytes; inside, no more than
-// the sign of a zero may differ.
+// product and its sum round separately), so all levels give the same bytes. On the way only the
+// sign of a zero may differ.
 #pragma once
 
 #include <cstddef>

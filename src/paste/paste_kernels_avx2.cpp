@@ -36,7 +36,7 @@ struct Avx2 {
     static M equalI(I a, I b) { return _mm256_castsi256_ps(_mm256_cmpeq_epi32(a, b)); }
     static M noLanes() { return zero(); }
     static M either(M a, M b) { return _mm256_or_ps(a, b); }
-    /// a + b in the given lanes, a in the others (whose b may be no number).
+    /// a + b in the given lanes, a in the others (where b may be NaN).
     static F addWhere(M lanes, F a, F b) { return add(a, _mm256_and_ps(lanes, b)); }
     static F select(M lanes, F yes, F no) { return _mm256_blendv_ps(no, yes, lanes); }
 
@@ -50,7 +50,7 @@ struct Avx2 {
     }
     static F pick(F a, I index) { return _mm256_permutevar8x32_ps(a, index); }
     static F pick2(F a, F b, I index) {
-        const M second = _mm256_castsi256_ps(_mm256_slli_epi32(index, 28));  // the 8 of the index
+        const M second = _mm256_castsi256_ps(_mm256_slli_epi32(index, 28));  // bit 3 as the sign
         return select(second, pick(b, index), pick(a, index));
     }
     static F loadHalves(const float* low, const float* high) {
@@ -68,7 +68,7 @@ struct Avx2 {
         v[2] = _mm256_shuffle_ps(high01, high23, 0x44);
         v[3] = _mm256_shuffle_ps(high01, high23, 0xee);
     }
-    /// Turning each lane's weights, which lie side by side, beats one gather per tap.
+    /// Each lane's weights lie side by side: transposing them is faster than one gather per tap.
     template <int kTaps>
     static void lookup(const PhaseTable& table, I phase, F* weights) {
         if constexpr (kTaps % 4 == 0) {

@@ -153,8 +153,8 @@ struct LaneWeights {
     }
 };
 
-/// `tapsAt(p, taps)` loads what the lanes read from the row that starts at p, tap by tap. The
-/// sums start with the first product: a 0 before it would change no more than the sign of a zero.
+/// `tapsAt(p, taps)` loads what the lanes read from the row that starts at p, tap by tap. The sums
+/// start with the first product: starting at 0 could change only the sign of a zero.
 template <class V, int kTaps, int kPlanes, class TapsAt>
 [[gnu::always_inline]] inline void resampleWith(const float* const* at, std::ptrdiff_t stride,
                                                 const LaneWeights<V, kTaps>& weights,

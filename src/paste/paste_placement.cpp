@@ -8,7 +8,7 @@
 namespace zorv {
 namespace {
 
-/// False also for what is not a number.
+/// False for NaN, too.
 bool fitsInt(double value) {
     return value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max();
 }
@@ -134,7 +134,8 @@ void Placement::coverRows(const PasteKernels& kernels, const PhaseTable& linear,
     }
 }
 
-/// The area, and no gaps between the rows' coverage: placements are kept for every target frame.
+/// Finds the area, and closes the gaps between the rows' coverage: placements are kept for every
+/// target frame.
 void Placement::finish() {
     FrameArea found{W_, H_, 0, 0};
     std::size_t used = 0;

@@ -32,8 +32,8 @@ class Placement {
   public:
     Placement() = default;  ///< draws nothing
 
-    /// Sets up for M = (a, b, tx, c, d, ty) in a W x H frame. False: nothing can be drawn. M
-    /// singular, not finite or too large is such a case.
+    /// Sets up for M = (a, b, tx, c, d, ty) in a W x H frame. False when nothing can be drawn, for
+    /// example because M is singular, not finite or too large.
     bool locate(const float* M, int side, int W, int H);
 
     /// Finds the rows' coverage; `mask` points at element (0, 0) of a plane with an apron.

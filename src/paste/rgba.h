@@ -16,7 +16,7 @@ void rgbToRgbaPortable(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t 
 void rgbToRgbaAvx2(const std::uint8_t* rgb, std::uint8_t* rgba, std::size_t pixels);
 }  // namespace kernels
 
-/// Nothing wider: the packing waits for memory.
+/// No AVX-512 version: the packing waits for memory.
 inline constexpr Kernel<decltype(&rgbToRgba)> kRgbaKernels[] = {
     {SimdLevel::kAvx2, "avx2", nullptr, kernels::rgbToRgbaAvx2},
     {SimdLevel::kPortable, "portable", nullptr, kernels::rgbToRgbaPortable},

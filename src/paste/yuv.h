@@ -31,7 +31,7 @@ struct YuvKernels {
 extern const YuvKernels kYuvKernelsPortable;
 extern const YuvKernels kYuvKernelsAvx2;
 
-/// Nothing wider: a frame's conversion takes some ten microseconds.
+/// No AVX-512 version: a frame's conversion takes some ten microseconds.
 inline constexpr Kernel<const YuvKernels*> kYuvKernels[] = {
     {SimdLevel::kAvx2, "avx2", nullptr, &kYuvKernelsAvx2},
     {SimdLevel::kPortable, "portable", nullptr, &kYuvKernelsPortable},

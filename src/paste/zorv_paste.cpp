@@ -15,8 +15,8 @@
 namespace zorv {
 namespace {
 
-/// Of a crop with the border that the sharpening kernel adds. A kernel so much wider than any crop
-/// comes from a damaged manifest, and one paste with it would take minutes.
+/// Largest side of a crop with the border that the sharpening kernel adds. A wider kernel comes
+/// from a damaged manifest, and one paste with it would take minutes.
 constexpr std::uint64_t kMaxPadded = 1 << 14;
 /// Reach of the widest kernel around the pixel that a position falls into.
 constexpr int kReach = 4;
@@ -25,7 +25,7 @@ constexpr int kBlock = 32;
 /// Crop rows from the one that is blurred to the one that is fetched.
 constexpr int kAhead = 4;
 
-/// Settled once: `ZORV_PASTE_THREADS`, at most one per processor. Without it a composite stays on
+/// Read once: `ZORV_PASTE_THREADS`, at most one per processor. Without it a composite stays on
 /// the caller's thread: it takes a few milliseconds, starting threads for each pass cost as much
 /// as a second one saved wherever it was measured, and the other processors render meanwhile.
 int workerCount() {
@@ -123,8 +123,8 @@ void Paste::chooseKernels(const Unsharp& unsharp) {
 void Paste::layPlanes(const std::vector<std::uint8_t>& mask) {
     stride_ = roundUp(kMargin + side_ + kApron + kSlack, kMargin);
     const std::size_t size = static_cast<std::size_t>((side_ + 2 * kApron) * stride_);
-    // A third of a page apart, the same row of the three planes keeps out of each other's way in
-    // the first-level cache.
+    // Planes lie a third of a page apart, modulo pages, so that their rows do not push each other
+    // out of the first-level cache.
     planeSize_ = roundUp(static_cast<std::ptrdiff_t>(size), 1024) + 336;
     mask_.assign(size, 0.0f);
     for (int y = 0; y < side_; ++y) {
@@ -185,7 +185,7 @@ void Paste::split(std::ptrdiff_t n, const Fn& fn) const {
 
 Placement Paste::place(const float* M, int W, int H) const {
     Placement where;
-    // Crops too large for a composite are refused there.
+    // composite() refuses crops that are too large.
     if (!where.locate(M, side_, W, H) || side_ > kMaxSide || side_ < 1) return where;
     where.cover(kernels_, linear_, mask_.data() + origin(0), stride_, side_,
                 [this](std::ptrdiff_t n, const auto& fn) { split(n, fn); });

@@ -39,11 +39,11 @@ class Paste {
     /// for a singular, not finite or far too large M. May run beside composite() and itself.
     Placement place(const float* M, int W, int H) const;
 
-    /// Writes the target frame `from` to `out` with `crop` pasted in. The crop has 3 planes of
-    /// side x side; plane c goes to byte c of an RGB pixel; times `scale` it is 0..255. `where` is
-    /// from this instance, or from one of the same mask and side, and for frames of this size.
-    /// `out` may be RGB and the target itself. Throws std::runtime_error "paste: side > 1024" and
-    /// std::bad_alloc, nothing written.
+    /// Writes the target frame `from` to `out` with `crop` pasted in. The crop has 3 planes of side
+    /// x side, whose values times `scale` are 0..255; plane c goes to byte c of an RGB pixel.
+    /// `where` is from this instance, or from one of the same mask and side, and for frames of this
+    /// size. `out` may be RGB and the target itself. Throws std::runtime_error "paste: side > 1024"
+    /// and std::bad_alloc, nothing written.
     void composite(const float* crop, float scale, const Placement& where, const Backdrop& from,
                    const FrameWriter& out);
 

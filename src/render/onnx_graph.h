@@ -56,7 +56,7 @@ bool attributesFit(const OnnxNode& node, const Allowed& allowed) {
     return true;
 }
 
-/// An attribute of a Resize that says nothing, or what holds without it.
+/// Whether an attribute of a Resize changes nothing: it has no effect or states the default.
 bool saysNothingNew(const OnnxAttribute& ofResize);
 
 }  // namespace zorv

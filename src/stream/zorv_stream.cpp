@@ -58,7 +58,7 @@ void StreamRun::preload() const {
     for (std::int64_t i = 0; i < distinct && !stream_.cancelled; ++i, walk.advance()) {
         try {
             if (walk.current() < stream_.NT) stream_.ctx->target(walk.current());
-        } catch (const std::exception&) {  // told by its paste
+        } catch (const std::exception&) {  // the frame's paste reports it
         }
     }
 }

@@ -13,7 +13,7 @@ namespace {
 
 using StreamError = zorv::LastError<zorv_stream>;
 
-/// A cancellation ends one run, however that ends.
+/// Takes a cancellation back when its run is over, however that ended.
 class TakeBack {
   public:
     explicit TakeBack(std::atomic<bool>& cancelled) : cancelled_(cancelled) {}

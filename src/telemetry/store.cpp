@@ -31,7 +31,7 @@ void Instrument::name(const Key& key) {
 
 std::size_t Store::slotOf(const Key& key) {
     const std::hash<std::string_view> text;
-    // The beginning is enough: cut texts must meet those that they are kept as.
+    // Only the beginning is hashed: a text and its cut form must have the same slot.
     return (text(key.name.substr(0, 64)) * 31 + text(key.attributeValue.substr(0, 32)) * 7 +
             static_cast<std::size_t>(key.kind)) %
            kSlots;

@@ -20,7 +20,7 @@ class ShortText {
         size_ = text.size();
         if (size_ > N) {
             size_ = N - kCutMark.size();
-            // Not within a character: 10xxxxxx goes on one.
+            // Do not cut within a character: bytes 10xxxxxx continue one.
             while (size_ > 0 && (static_cast<unsigned char>(text[size_]) & 0xC0) == 0x80) --size_;
         }
         text.copy(text_.data(), size_);
@@ -33,7 +33,7 @@ class ShortText {
     std::size_t size_ = 0;
 };
 
-/// What is told apart: the same name with another unit or attribute is another instrument.
+/// Identifies an instrument: the same name with another unit or attribute is another one.
 struct Key {
     Kind kind;
     std::string_view name;

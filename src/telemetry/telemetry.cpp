@@ -21,8 +21,8 @@ bool switchedOn() {
     return value && value[0] == '1';
 }
 
-/// The words before the next colon. A path would tell about the host's machine: what comes from
-/// the word that holds one on is left out.
+/// The words before the next colon, up to the first one that holds a path: a path would tell about
+/// the host's machine.
 std::string_view leadingWords(std::string_view text) {
     text = text.substr(0, text.find(':'));
     const std::size_t path = text.find('/');

@@ -17,8 +17,8 @@ class Clock {
     /// Milliseconds on a scale that never goes back.
     virtual double nowMs() = 0;
 
-    /// Waits until `wake` is notified or `dueMs` has come; may end early. A time beyond what the
-    /// clock can tell never comes.
+    /// Waits until `wake` is notified or `dueMs` has come; may end early. A time too far ahead for
+    /// the clock never comes.
     virtual void wait(CondVar& wake, Mutex& mutex, double dueMs) ZORV_REQUIRES(mutex) = 0;
 };
 
@@ -40,7 +40,7 @@ class SteadyClock final : public Clock {
 
   private:
     using Steady = std::chrono::steady_clock;
-    /// Later times cannot be told in the clock's own unit, and do not come.
+    /// Times from here on do not fit the clock's own unit; they never come.
     static constexpr double kBeyondMs =
         std::chrono::duration<double, std::milli>(Steady::duration::max()).count() / 2;
 };

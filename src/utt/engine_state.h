@@ -52,24 +52,24 @@ struct EngineState {
         wake.notifyAll();
         tellHost();
     }
-    /// Part of it: for the run loop, which need not wake itself.
+    /// The part of changed() that tells the host: the run loop need not wake itself.
     void tellHost() ZORV_REQUIRES(mutex) {
         wakeUp.set(ready());
         if (hostWaits > 0) hostWake.notifyAll();
     }
 
-    /// What the host can have: bits of a mask.
+    /// What the host can have now, as bits of a mask.
     int ready() const ZORV_REQUIRES(mutex) {
         return (ring.size() > 0 ? kFrameReady : 0) | (book.events.empty() ? 0 : kEventReady);
     }
-    /// What it may have some time.
+    /// What the host may have later, as bits of a mask.
     int possible() const ZORV_REQUIRES(mutex) {
         const bool frames = !blind || composing > 0;
         const bool events = warmth != Warmth::kFailed || !book.empty();
         return (frames ? kFrameReady : 0) | (events ? kEventReady : 0) | ready();
     }
 
-    /// Counts the slots that have become late. Called before anything changes that decides.
+    /// Counts the slots that have become late. Called before every change of what it reads.
     void passSlots() ZORV_REQUIRES(mutex) {
         late.pass(clock.nowMs(), ring.size() > 0, book.hasNextFrame(spokenTo, lookAhead));
     }
@@ -85,15 +85,14 @@ struct EngineState {
     /// Those that are not speech.
     int waitingOthers() const ZORV_REQUIRES(mutex) { return ring.others() + composingOthers; }
 
-    /// Something went wrong that the host should be able to read. Who has counted it already says
-    /// so: a failure counts once.
+    /// Keeps the text of a failure for the host. `counted`: telemetry has counted it already.
     void noteFailure(const char* text, bool counted = false) ZORV_REQUIRES(mutex) {
         failureText.set(text);
         ++failures;
         if (!counted) telemetry::failure(text);
     }
 
-    /// For good: ready() tells the host.
+    /// The engine cannot speak any more: ready() tells the host why.
     void noteFatal(const char* text, bool counted) ZORV_REQUIRES(mutex) {
         warmth = Warmth::kFailed;
         fatalText.set(text);
@@ -108,7 +107,7 @@ struct EngineState {
         running = &renderer;
         return true;
     }
-    /// A renderer that was stopped is the host's or the next engine's again: it must run for them.
+    /// Takes a stop back: the renderer may run for the host or the next engine.
     void endRender() ZORV_EXCLUDES(mutex) {
         const MutexLock lock(mutex);
         running->rearm();
@@ -123,14 +122,14 @@ struct EngineState {
     Mutex mutex;
     CondVar wake;
     std::uint64_t changes ZORV_GUARDED_BY(mutex) = 0;
-    /// Nothing is under way, and nothing will be before this time unless something changes.
+    /// Until this time nothing happens unless something changes.
     double restsUntilMs ZORV_GUARDED_BY(mutex) = -Clock::kNever;
 
     bool stopping ZORV_GUARDED_BY(mutex) = false;
     std::atomic<std::uint64_t> generation{0};  ///< counts interrupts
 
     UttSettings settings ZORV_GUARDED_BY(mutex);
-    bool settled ZORV_GUARDED_BY(mutex) = false;  ///< a push or pull has come: no setting any more
+    bool settled ZORV_GUARDED_BY(mutex) = false;  ///< a push or pull has come: settings are refused
 
     UtteranceBook book ZORV_GUARDED_BY(mutex);
     FrameRing ring ZORV_GUARDED_BY(mutex);

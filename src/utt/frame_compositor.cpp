@@ -11,7 +11,7 @@
 namespace zorv {
 namespace {
 
-/// After an idle frame that found no memory, before the next one.
+/// Pause after an idle frame that found no memory.
 constexpr double kRetryMs = 10;
 
 }  // namespace
@@ -171,7 +171,7 @@ void FrameCompositor::noteFailure(const FrameJob& job, const char* text, bool me
         ++state_.leftOutFailed;
     }
     if (job.info.kind != FrameKind::kIdle) return;
-    if (memoryOut) {  // it says nothing about the frame
+    if (memoryOut) {  // the frame itself may be good
         state_.idleAgainMs = state_.clock.nowMs() + kRetryMs;
         return;
     }

@@ -61,7 +61,7 @@ class FrameCompositor {
     // Of the thread that composites.
     Pixels pixels_;  ///< the finished frame, swapped into the ring
 
-    /// Of each bundle frame: shown as an idle frame it has failed, since one was last shown.
+    /// Of each bundle frame: it has failed as an idle frame since an idle frame was last shown.
     std::vector<bool> undecodable_ ZORV_GUARDED_BY(state_.mutex);
 
     /// Taken after the engine's, never before it.

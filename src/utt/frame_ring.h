@@ -21,8 +21,8 @@ struct FrameInfo {
     int speechSequence = -1;      ///< number among its utterance's shown frames, for speech
     std::uint64_t utterance = 0;  ///< of a ramp, the one that it closes; 0 for idle frames
     std::int64_t number = -1;     ///< in its utterance, for speech
-    std::int64_t skipped = 0;     ///< speech frames that the late policy left out before it, ever
-    bool gap = false;             ///< of another frame: speech was left out right before it
+    std::int64_t skipped = 0;     ///< all speech frames left out before it for being late
+    bool gap = false;             ///< not of speech: speech was left out right before it
     std::vector<float> driving;   ///< 63 floats; empty for idle frames
 };
 
@@ -64,7 +64,7 @@ class FrameRing {
     /// The oldest frame. REQUIRES: size() > 0.
     Slot& front() { return slots_[read_ % kSlots]; }
 
-    /// The host has the oldest frame.
+    /// Takes the oldest frame off: the host has it.
     void pop() {
         last_ = std::move(front().info);
         anyPopped_ = true;

@@ -12,7 +12,7 @@ namespace zorv {
 
 using Keypoints = std::array<float, kKeypointFloats>;
 
-/// The bundle frames' own keypoints, with the body's walk through them: forward, round and round.
+/// The bundle frames' own keypoints, and the body's walk through them: forward, in a loop.
 class KeypointWalk {
   public:
     /// `rows`: NT x 63 floats, or empty when they are not known.

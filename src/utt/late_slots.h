@@ -5,10 +5,10 @@
 
 namespace zorv {
 
-/// Each frame is due 40 ms after the one before. A slot is late when its frame, whose sound is
-/// there, has not been finished 40 ms after it was due; the frame is then due in the next slot. A
-/// host that takes its time makes no slot late. pass() is called before anything changes that it
-/// goes by. Not thread-safe.
+/// Each frame is due 40 ms after the one before. A slot is late when its frame, whose sound has
+/// come, is not finished 40 ms after it was due; the frame then takes the next slot. A host that
+/// pulls late makes no slot late. pass() is called before every change of what it is given. Not
+/// thread-safe.
 class LateSlots {
   public:
     /// Counts up to now. `finished`: the frame waits for the host; `possible`: its sound is there.
@@ -28,14 +28,14 @@ class LateSlots {
 
     /// The host has a speech frame.
     void pulled(double nowMs) {
-        // A host that is behind by more than it makes up for has begun anew.
+        // A host that is further behind than kHostSlackMs has begun a new schedule.
         const double due = running_ ? std::fmax(dueMs_, nowMs - kHostSlackMs) : nowMs;
         running_ = true;
         dueMs_ = due + kSlotMs;
         late_ = lateSincePull_;
         lateSincePull_ = false;
     }
-    /// What comes next is no speech of this utterance.
+    /// No more speech of this utterance follows.
     void stop() {
         running_ = late_ = lateSincePull_ = false;
         owed_ = 0;
@@ -43,7 +43,7 @@ class LateSlots {
 
     bool late() const { return late_ || lateSincePull_; }
     double count() const { return count_; }
-    /// Frames to be left out until speech is where the clock is.
+    /// Frames to leave out until speech has caught up with the clock.
     double owed() const { return owed_; }
     void leftOut(int frames) { owed_ -= frames; }
 

@@ -13,11 +13,11 @@
 
 namespace zorv {
 
-/// One exchange with the motion source, in the order of the members.
+/// One exchange with the motion source; its steps are taken in the order of the members.
 struct MotionRequest {
     MotionSource* source = nullptr;
-    std::uint64_t generation = 0;  ///< of interrupts, and
-    std::uint64_t utterance = 0;   ///< the utterance: a result that is out of date is thrown away
+    std::uint64_t generation = 0;  ///< of interrupts
+    std::uint64_t utterance = 0;   ///< results of another one are thrown away
     bool reset = false;
     int startFrame = 0;
     int rate = kSampleRate;  ///< of the samples, in Hz
@@ -36,12 +36,12 @@ struct MotionResult {
     int left = 0;       ///< of those, not taken
     int lookAhead = 0;  ///< samples, at the request's rate, that a frame waits for
     bool failed = false;
-    bool counted = false;      ///< the failure is one of the source's, which counted it
-    bool streamEnded = false;  ///< and that of a stream that the source can take no further
+    bool counted = false;      ///< the source's own family has counted the failure
+    bool streamEnded = false;  ///< the failure: the source can take no more of this stream
     FailureText error;
 };
 
-/// What a source's look-ahead, in samples of 16,000 Hz, is in those that were pushed.
+/// A source's look-ahead, given in samples of 16,000 Hz, in samples as they are pushed.
 int lookAheadSamples(int speechSamples, int rate, int resamplerLookAhead);
 
 /// Performs exchanges with a source, one after the other.

@@ -34,7 +34,7 @@ class EngineSource final : public MotionSource {
         return Family::pull(engine_.get(), index, source, driving, max);
     }
     const char* error() override { return Family::lastError(); }
-    // One of the two families keeps its text over calls that succeed.
+    // Calls of the expression engine that succeed do not clear its text.
     void clearError() override { LastError<typename Family::Handle>::clear(); }
     bool atStreamsEnd() override {
         return std::is_same_v<Family, ExpressionFamily> &&

@@ -1,4 +1,4 @@
-// One door to the engines that turn speech into keypoint frames.
+// One interface to the engines that turn speech into keypoint frames.
 #pragma once
 
 #include <array>
@@ -44,7 +44,7 @@ class MotionSource {
     virtual bool atStreamsEnd() { return false; }
 };
 
-/// A failure that the source's own family has told, and counted, already.
+/// A failure that the source's own family has counted already.
 struct SourceFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -7,14 +7,14 @@
 namespace zorv {
 namespace {
 
-/// Without a speech frame for so long, an utterance in progress shows rest meanwhile.
+/// After so long without a speech frame an utterance in progress shows rest.
 constexpr double kStallMs = 600;
 
-/// A silence limit that is due so soon after a pause would begin is waited for: a line that ends by
+/// When the silence limit is due within this time, a pause waits for it: a line that ends by
 /// silence closes the mouth once.
 constexpr double kSilenceSoonMs = 100;
 
-/// After a turn that failed (memory ran out), before the next one.
+/// Pause after a turn that failed because memory ran out.
 constexpr double kRetryMs = 10;
 
 constexpr std::size_t at(int frame) {
@@ -94,7 +94,7 @@ double RunLoop::stallsAtMs() const {
     return silenceSoon ? std::max(stallMs, silentAtMs()) : stallMs;
 }
 
-/// When something happens that no other thread announces.
+/// The next time at which something is due that no other thread announces.
 double RunLoop::dueMs() const {
     const double stallMs = room() ? stallsAtMs() : Clock::kNever;
     const bool idleLater = view_.nowMs < view_.idleAgainMs && idleDue();
@@ -180,7 +180,7 @@ bool RunLoop::dropFailedInput() {
     return true;
 }
 
-/// Without a frame to show there is nothing to speak with, either.
+/// When no frame of the bundle can be shown, nothing is spoken, either.
 bool RunLoop::dropAll() {
     if (!view_.blind || view_.input == 0) return false;
     UtteranceBook::Freed freed;  // outlives the lock
@@ -314,7 +314,7 @@ bool RunLoop::speak() {
     return true;
 }
 
-/// With the late policy that leaves frames out: does so for each slot that was missed, keeping one.
+/// With ZORV_LATE_SKIP: leaves out a pending frame for each slot that was missed, keeping one.
 RunLoop::Lateness RunLoop::catchUp() {
     int skip = 0;
     Lateness lateness = Lateness::kNone;
@@ -362,7 +362,7 @@ void RunLoop::renderSpeech(int n) {
         Renderer& renderer = together ? *view_.steady : *ctx_.renderer;
         rendered_.crops = render(renderer, index, source, driving, m);
     } catch (const std::exception& error) {
-        // A single frame is left out. A batch is too much to leave out.
+        // A single frame is left out; a batch that fails ends the utterance.
         if (m == 1) {
             gap_ = true;
             const MutexLock lock(state_.mutex);
@@ -406,7 +406,7 @@ void RunLoop::enqueue(const float* crop, FrameInfo&& info, double renderMs) {
         double& average = state_.stats.render_ms;
         average = average > 0 ? 0.9 * average + 0.1 * renderMs : renderMs;
     }
-    ++view_.waiting;  // until the next look, the frame counts whatever becomes of it
+    ++view_.waiting;  // counts until the next look, even if it was dropped
     compositor_.enqueue(crop, std::move(job));
 }
 
@@ -455,7 +455,7 @@ bool RunLoop::endUtterance() {
     return true;
 }
 
-/// Nothing to say for a while, though the utterance has not ended.
+/// Ends a pause: nothing was said for kStallMs, though the utterance has not ended.
 bool RunLoop::endStall() {
     if (view_.nowMs < stallsAtMs()) return false;
     settle();
@@ -480,7 +480,7 @@ bool RunLoop::ramp() {
     return true;
 }
 
-/// Frames of the utterance in progress wait to be rendered or enqueued.
+/// Whether frames of the utterance in progress wait to be rendered or enqueued.
 bool RunLoop::speechIsMade() const {
     return pending_.count() > 0 || !rendered_.empty();
 }
@@ -503,7 +503,7 @@ void RunLoop::failUtterance(const char* text, bool counted) {
     if (utterance_.inProgress) giveUp();
 }
 
-/// No more frames of the utterance in progress.
+/// Makes no more frames of the utterance in progress.
 void RunLoop::giveUp() {
     UtteranceBook::Freed freed;  // outlives the lock
     {

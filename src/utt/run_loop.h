@@ -15,9 +15,9 @@
 
 namespace zorv {
 
-/// Turns, one after the other: look at the shared state, take the steps that are due, and wait
-/// for a change when none was. The loop is the only caller of both renderers once the warm-up is
-/// done, and the only one who lets frames in: it starts none while FrameRing::kSlots are waiting.
+/// Turns, one after the other: look at the shared state, take the steps that are due, and wait for
+/// a change when none was. The loop is the only caller of both renderers once the warm-up is done,
+/// and the only one that adds frames: it starts none while FrameRing::kSlots are waiting.
 ///
 /// A turn goes by the interrupt generation that it saw at its top. Whatever takes input, starts
 /// or ends an utterance compares it again under the engine's lock and does nothing when it is
@@ -165,7 +165,7 @@ class RunLoop {
     int idleIndex_ = 0;  ///< bundle frame of the next frame that is not speech
     int lastIndex_ = 0;  ///< of the last speech frame, with
     Keypoints lastDriving_{};
-    std::int64_t skipped_ = 0;  ///< speech frames that were left out because they came late, ever
+    std::int64_t skipped_ = 0;  ///< all speech frames left out for being late
     bool gap_ = false;          ///< a speech frame was left out behind the last frame
     std::uint64_t rampUtterance_ = 0;
     bool rampFirst_ = false;  ///< after an interrupt: one frame of the ramp comes before speech

@@ -39,8 +39,8 @@ class Sound {
     /// Copies [position, position + n); what is not there is 0.
     void read(std::int64_t position, std::size_t n, std::int16_t* out) const;
 
-    /// No sample before `position` (or from it on) will be read again. The pieces that hold none
-    /// but those move to `freed`, for the caller to destroy where no lock is held.
+    /// No sample before `position` (or from it on) will be read again. Pieces that hold only such
+    /// samples move to `freed`, for the caller to destroy where no lock is held.
     void releaseBefore(std::int64_t position, Pieces& freed) noexcept;
     void releaseFrom(std::int64_t position, Pieces& freed) noexcept;
 

@@ -82,7 +82,7 @@ class UtteranceBook {
     void setFrameSamples(int samples) { frameSamples_ = samples; }
     int frameSamples() const { return frameSamples_; }
 
-    /// A push of n >= 1 samples needs nothing prepared: they fit, or will not be spoken.
+    /// Whether a push of n >= 1 samples needs no prepared memory: they fit, or will not be spoken.
     bool fits(std::size_t n) const;
     /// Returns the utterance's number. REQUIRES: fits(n).
     std::uint64_t push(const std::int16_t* pcm, std::size_t n, double nowMs);
@@ -105,14 +105,14 @@ class UtteranceBook {
 
     /// Copies up to `max` samples that were not taken yet, replacing the content of `out`.
     void take(std::size_t max, std::vector<std::int16_t>& out);
-    /// The end mark, behind all that was pushed so far.
+    /// Sets the end mark, behind all that was pushed so far.
     void mark();
 
     // Of the utterance of that number; nothing when it is not in the book.
 
     /// It is given up: what was pushed of it, and will be up to its end, is dropped.
     void fail(std::uint64_t number, Freed& freed);
-    /// Frame `frame` is on its way to the host; or will not get there.
+    /// Frame `frame` is on its way to the host, or was dropped before it got there.
     void frameMade(std::uint64_t number, std::int64_t frame);
     void frameDropped(std::uint64_t number, Freed& freed);
     /// All its `frames` were made or left out.
@@ -123,8 +123,8 @@ class UtteranceBook {
     std::uint32_t show(std::uint64_t number, std::int64_t frame, std::int64_t pts,
                        std::int16_t* sound, Freed& freed);
 
-    /// Whether the sound that a source of that look-ahead needs for the frame behind the last one
-    /// pulled of the utterance is there.
+    /// Whether the sound for the frame behind the last pulled one of the utterance is there, for a
+    /// source of that look-ahead.
     bool hasNextFrame(std::uint64_t number, int lookAheadSamples) const;
 
     bool empty() const { return utterances_.empty(); }

@@ -1,4 +1,4 @@
-// Descriptors that are readable while a host can have something.
+// Descriptors that are readable while there is something for the host.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@ class WakeUp {
     /// The mask's descriptor, made on first use. Throws std::system_error. REQUIRES: isMask(mask).
     int descriptor(int mask);
 
-    /// From now on `ready` can be had, and nothing else.
+    /// Sets what the host can have from now on.
     void set(int ready);
 
   private:

@@ -70,7 +70,7 @@ void zorv_utt::start() {
     if (options_.pipelined) pasteThread_ = zorv::startThread([this] { compositor_.run(); });
 }
 
-/// Ends the threads that run, those first that use others.
+/// Ends the running threads, first those that use others.
 void zorv_utt::stop() {
     {
         const MutexLock lock(state_.mutex);
@@ -122,7 +122,7 @@ void zorv_utt::warmUp() {
     }
     // The run loop renders nothing before the engine is ready.
     const zorv::Drive& drive = ctx_.drive;
-    // The second render pays for the memory that the first one learned of.
+    // The first render shows how much memory a run needs; the second allocates it.
     for (int i = 0; i < 2 && drive.frames > 0; ++i) {
         ctx_.renderer->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
         if (steady) steady->render(drive.si.data(), drive.xs.data(), drive.xd.data(), 1);
@@ -161,7 +161,7 @@ void zorv_utt::setInput(int rate) {
     }
 }
 
-/// Frames that were made with other settings are not shown; the `kept` oldest are.
+/// Drops frames that were made with other settings; keeps the `kept` oldest.
 void zorv_utt::restart(int kept) {
     ++state_.generation;
     state_.ring.drop(kept);

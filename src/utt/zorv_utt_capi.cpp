@@ -27,7 +27,7 @@ int setting(const char* function, const zorv_utt* utt, Body&& body) {
     });
 }
 
-/// A function that reports nothing: a failure is only told.
+/// For functions that return nothing: a failure shows in the last error alone.
 template <class Body>
 void guardedQuietly(const char* function, Body&& body) {
     zorv::guarded<Errors>(function, 0, [&] {

@@ -11,7 +11,7 @@ namespace {
 using nlohmann::json;
 
 constexpr double kMiB = 1024.0 * 1024.0, kGiB = 1024 * kMiB;
-constexpr double kBusy = 0.5;  // load per core from which the figures are other programs' too
+constexpr double kBusy = 0.5;  // load per core above which other programs spoil the figures
 
 std::string readable(std::string name) {
     std::replace(name.begin(), name.end(), '_', ' ');

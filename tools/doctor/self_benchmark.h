@@ -30,11 +30,11 @@ struct BatchMeasure {
 /// One session in real time, its target frames decoded before. speechSeconds: of the line.
 LiveMeasure measureLive(const BenchmarkSubject& subject, int speechSeconds);
 
-/// So many sessions at a time, each speaking for as long; those of one process, as a host would.
+/// So many sessions of one process at a time, as a host would have them, each speaking for so long.
 SessionsRun measureSessions(const BenchmarkSubject& subject, int sessions, int speechSeconds);
 
-/// Four seconds of speech through the batch stream, again and again until that makes a figure,
-/// after a first time for the caches.
+/// Four seconds of speech through the batch stream, repeated until the time suffices for a figure,
+/// after one run that fills the caches.
 BatchMeasure measureBatch(const BenchmarkSubject& subject);
 
 }  // namespace zorv::tools

@@ -65,7 +65,7 @@ int nextRun(int estimate, int most, const std::vector<SessionsRun>& runs) {
     if (!runs.front().keptUp()) return 0;
     const int wanted = std::min(estimate, most);
     if (runs.size() == 1) return wanted > 1 ? wanted : 0;
-    // A second try at half the number; a third would take more time than it tells.
+    // A second try at half the number; a third would take more time than it is worth.
     const int half = last.sessions / 2;
     return runs.size() == 2 && !last.keptUp() && half > 1 ? half : 0;
 }
@@ -79,7 +79,7 @@ Verdict judge(const SessionCost& cost, const Capacity& capacity,
         verdict.text = "This machine carries no live session of this subject: " + unfit(single);
         return verdict;
     }
-    // Without the spare the one that was seen to keep up is what the machine carries.
+    // Even without the spare the machine carries the one session that was seen to keep up.
     int shown = 1;
     std::string trials;
     for (size_t i = 1; i < runs.size(); ++i) {

@@ -95,7 +95,7 @@ class BundleCheck {
         }
     }
 
-    /// A file that only the batch stream reads: without any of them the bundle is whole.
+    /// A file that only the batch stream reads: a bundle without any of them is complete.
     void needForBatch(const std::string& name, const std::string& expected) {
         FileReport& file = models_.emplace_back(FileReport{name});
         if (has(kDeltaModel)) {

@@ -12,7 +12,7 @@
 
 namespace zorv::tools {
 
-/// kWarning: the library accepts it, but hardly anyone means it. kFault: something fails.
+/// kWarning: the library accepts it, but it is probably a mistake. kFault: something fails.
 enum class Severity { kOk, kWarning, kFault };
 
 struct Finding {

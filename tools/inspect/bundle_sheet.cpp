@@ -193,7 +193,7 @@ bool BundleSheet::drawFrame(Canvas& canvas, int frame, int left, int top) try {
                                                       cellHeight_, AV_PIX_FMT_RGB24, flags, nullptr,
                                                       nullptr, nullptr));
     if (!scaler) return false;
-    const int stride = 3 * cellWidth_ + 64;  // it writes past row ends
+    const int stride = 3 * cellWidth_ + 64;  // the scaler writes past row ends
     std::vector<uint8_t> small(static_cast<size_t>(stride) * static_cast<size_t>(cellHeight_ + 1));
     uint8_t* out = small.data();
     std::vector<uint8_t> copy;

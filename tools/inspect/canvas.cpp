@@ -74,7 +74,7 @@ void Canvas::fill(int x, int y, int width, int height, Color color) {
 }
 
 void Canvas::line(double x0, double y0, double x1, double y1, Color color, int thickness) {
-    // Far ends are of no use here and would take for ever.
+    // Far ends are cut off: they cannot be seen and would take too long.
     const double reach = 4.0 * (width_ + height_);
     for (const double end : {x0, y0, x1, y1}) {
         if (!(std::abs(end) < reach)) return;

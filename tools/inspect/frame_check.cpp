@@ -21,7 +21,7 @@ namespace zorv::tools {
 namespace {
 
 constexpr const char* kFolder = "target_frames";
-constexpr size_t kMostPixels = 1 << 28;  // more are not worth the memory: no size is as large
+constexpr size_t kMostPixels = 1 << 28;  // larger pictures are refused: no frame is as large
 
 bool isJpeg(const std::string& file) {
     return file.size() > 3 && file.compare(0, 2, "\xff\xd8") == 0;

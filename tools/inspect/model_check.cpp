@@ -191,7 +191,7 @@ void compareCrops(const std::vector<float>& rewritten, const std::vector<float>&
     for (size_t i = 0; i < rewritten.size(); ++i) {
         if (std::isnan(rewritten[i]) && std::isnan(asItIs[i])) continue;
         const float difference = std::abs(rewritten[i] - asItIs[i]);
-        most = difference <= most ? most : difference;  // one that is not a number stays
+        most = difference <= most ? most : difference;  // NaN stays
     }
     report.model->rewriteDifference = most;
     if (most <= kOneLevel) return;

@@ -156,7 +156,7 @@ class ToRgb {
         av_image_fill_arrays(planes, strides, frame.data(), form_, width_, height_, 1);
         const int stride = 3 * width_;
         padded_.resize(static_cast<size_t>(stride) * static_cast<size_t>(height_) + 64);
-        uint8_t* out = padded_.data();  // it writes past row ends
+        uint8_t* out = padded_.data();  // the scaler writes past row ends
         sws_scale(scaler_.get(), planes, strides, 0, height_, &out, &stride);
         rgb.assign(padded_.begin(), padded_.end() - 64);
     }

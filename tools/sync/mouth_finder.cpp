@@ -66,7 +66,7 @@ std::vector<float> abruptness(const CellSeries& series) {
     return result;
 }
 
-/// Bounding box, in cells, of the strong cells that hang together with the strongest.
+/// Bounding box, in cells, of the strong cells that are connected with the strongest.
 Region strongestPatch(const std::vector<float>& strength, int columns, int rows) {
     const auto peak = std::max_element(strength.begin(), strength.end());
     const float bound = kEdge * *peak;

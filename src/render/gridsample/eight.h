@@ -41,8 +41,8 @@ struct Eight {
             Windows windows;
             Places places;
         };
-        // How the corners are fetched. Flags instead of one number: that becomes an indirect jump,
-        // which costs a third of the whole.
+        // How the corners are fetched. Flags instead of one number, which would become an indirect
+        // jump and cost a third of the time.
         bool close;      ///< from windows; otherwise pixel pair by pixel pair
         bool wide;       ///< one window of sixteen columns, not one of eight per side
         bool threeRows;  ///< between two of three neighbouring rows, not all between the same two
@@ -126,7 +126,7 @@ inline bool placesInWindow(__m256i& columns, std::int32_t origin) {
     return origin >= 0 && !anyBit(_mm256_andnot_si256(_mm256_set1_epi32(kColumns - 1), columns));
 }
 
-/// Finds the columns: says whether one wide window is needed, or that even that does not do.
+/// How the columns can be fetched: from narrow windows, from one wide window, or not from windows.
 enum class Columns { kNarrow, kWide, kApart };
 
 inline Columns findColumns(Eight::Windows& windows, const Taps& u, std::int32_t width) {

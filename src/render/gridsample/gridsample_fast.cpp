@@ -25,7 +25,7 @@ AxisTap tapOf(float g, std::int64_t size) {
     return {a, a + 1, position - before};
 }
 
-/// Lets its memory go when its thread ends but stays usable: destructors that run later, those of
+/// Frees its memory when its thread ends but stays usable: destructors that run later, those of
 /// static objects at exit among them, may still render.
 struct Scratch {
     Scratch() : pages() {}

@@ -1,6 +1,6 @@
 // Bilinear sampling of planes at the points of a grid, edges repeated, corners not aligned: the
-// kernels of the operator GridSampleFast. Without the model runtime, whose header brings code of
-// its own that files of one instruction set must not define.
+// kernels of the operator GridSampleFast. The model runtime's header is not included: its inline
+// functions must not be compiled for one instruction set.
 #pragma once
 
 #include <cstddef>
@@ -36,9 +36,9 @@ inline constexpr Kernel<GridSampleFunction*> kGridSampleKernels[] = {
 };
 
 /// Working memory that is too large for the stacks of hosts' threads: at least `bytes` bytes at the
-/// start of a page, the calling thread's own until its next call; they hold what was left there.
-/// Allocated by the thread's first calls and kept until it ends. Throws std::bad_alloc. (Not
-/// inline: it must not be compiled for one instruction set.)
+/// start of a page, the calling thread's own until its next call, with any content. Allocated by
+/// the thread's first calls and kept until it ends. Throws std::bad_alloc. (Not inline: it must not
+/// be compiled for one instruction set.)
 void* gridSampleScratch(std::size_t bytes);
 
 /// Runs the kernel of this process.

@@ -105,7 +105,7 @@ void InterleavedPlanes::sample(const float* x, const float* grid, float* y, std:
                                const PlaneShape& shape) {
     const std::int64_t plane = shape.pixels;
     for (std::int64_t next = 0; next < C; next += kChannels) {
-        // The last channels and points end with the last one: they do some of the others again.
+        // The last block of channels, or of points, ends with the last one and does some again.
         const std::int64_t channel = std::min(next, C - kChannels);
         copy(x + channel * plane, plane);
         for (std::int64_t p = 0; p < plane; p += kPoints) {

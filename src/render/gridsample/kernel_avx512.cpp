@@ -35,8 +35,8 @@ struct Sixteen {
         bool threeRows;  ///< between two of three neighbouring rows, not all between the same two
     };
 
-    /// A block of channels, stored when the next one has been computed: by then that one's loads,
-    /// which mostly lie beside these pixels, need not wait for stores whose addresses look alike.
+    /// A block of channels, stored only after the next block was computed: that block's loads then
+    /// need not wait for these stores, whose addresses often look alike.
     class Stores {
       public:
         struct Block {

@@ -51,7 +51,7 @@ void GridSampleFastKernel::compute(Ort::KernelContext context) {
     const auto gridShape = grid.GetTensorTypeAndShapeInfo().GetShape();
     if (sizedByGrid(gridShape)) std::copy_n(gridShape.begin() + 1, 2, shape.begin() + 2);
     float* y = context.GetOutput(0, shape).GetTensorMutableData<float>();
-    // Y exists, so N x points fits; twice that may not.
+    // N x points fits 64 bits, since Y exists; twice that may not.
     const std::int64_t points = shape[2] * shape[3];
     if (N < 1 || C < 1 || points < 1) return;
     const auto gridValues =

@@ -1,10 +1,10 @@
 // The walk that the vector samplers share. Points are taken in groups of one vector, row by row
-// across the plane: only the points and the output have an order, so a group may run over the end
-// of a row. What a group needs (places and weights) is worked out once and used for all channels.
+// across the plane; points and output have the same order, so a group may run over the end of a
+// row. What a group needs (places and weights) is worked out once and used for all channels.
 //
-// For one instruction set only: included by kernel_avx2.cpp and kernel_avx512.cpp, and
-// everything here has internal linkage or a type of theirs as its parameter, so that no code of a
-// wider set is shared with the baseline.
+// For one instruction set only: included by kernel_avx2.cpp and kernel_avx512.cpp, and everything
+// here has internal linkage or a type of theirs as its parameter, so that no code of a wider set is
+// shared with the baseline.
 #pragma once
 
 #include <immintrin.h>
@@ -59,12 +59,13 @@ class Tile {
         int close = 0;
         count_ = 0;
         for (; count_ < kGroups && first < shape.pixels; ++count_, first += Sampler::kLanes) {
-            // The last group ends with the plane: it does some pixels of its neighbour again.
+            // The last group ends with the plane and does some pixels of its neighbour again.
             const std::int64_t latest = shape.pixels - Sampler::kLanes;
             starts_[count_] = first < latest ? first : latest;
             close += Sampler::prepare(groups_[count_], grid + 2 * starts_[count_], shape);
         }
-        // Points all over the plane want all of it in the nearest cache: fewer planes at a time.
+        // Scattered points read the whole plane, which should stay in the nearest cache: fewer
+        // planes at a time.
         channelBlock_ = 2 * close < count_ ? 2 : kChannelBlock;
         return first;
     }

@@ -2,9 +2,9 @@
 // sums, and back to float.
 //
 // Padding counts as byte 0, the smallest value of the input's range, and not as 0.0: its taps are
-// skipped while the whole kernel's weight sum is taken off. Whoever exports a model takes care that
-// the two agree (inputs that are never negative, as after a ReLU), lives with it, or asks for
-// zeros.
+// skipped while the whole kernel's weight sum is taken off. Whoever exports a model makes sure that
+// the two agree (inputs that are never negative, as after a ReLU), accepts the difference, or asks
+// for zeros.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ int convThreads();
 /// The parameters for values in [min, max], which includes 0.
 Quantisation chooseQuantisation(float min, float max);
 
-/// How the work of one run is split: over how many threads, of which each must be worth up to 300
-/// microseconds that its start costs, and into bands of rows.
+/// How the work of one run is split: into bands of rows, over so many threads that each is worth
+/// its start, which costs up to 300 microseconds.
 struct ConvSplit {
     int workers = convThreads();
     double macsPerThread = 0;  ///< 0: the kernels' own figure

@@ -113,7 +113,7 @@ void finishRow(const ConvRun& run, std::int64_t channel, const EnlargedLines& li
                EnlargedLines::Kind kind, std::int64_t row) {
     const std::int64_t w = run.geometry.w;
     std::int32_t* const line[3] = {lines.at(kind, 0), lines.at(kind, 1), lines.at(kind, 2)};
-    // What the padding adds; seldom written, as loads that span a new store have to wait for it.
+    // What the padding adds. Seldom written: loads that overlap a new store have to wait for it.
     const std::int32_t* const edges = run.edges + 2 * channel;
     if (line[0][-1] != edges[0]) line[0][-1] = edges[0];
     if (line[2][w] != edges[1]) line[2][w] = edges[1];

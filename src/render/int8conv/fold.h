@@ -18,8 +18,8 @@ struct Int8Fold {
 };
 
 /// Writes the folded model into `out`, which is touched only if something is folded, and tells
-/// what. Results keep every bit. Folded are, of the top-level graph, where nobody else reads what
-/// lies in between and every setting is constant and stated as below:
+/// what. Results keep every bit. These nodes of the top-level graph are folded, when no other node
+/// reads what lies in between and every setting is constant and stated as below:
 ///
 /// - a Pad of zeros on H and W, into an Int8ConvVNNI without pads;
 /// - a Resize by "nearest", "asymmetric", "floor" and scales of 1, 1, 2, 2, into an Int8ConvVNNI of

@@ -54,7 +54,7 @@ ConvGeometry::ConvGeometry(const ConvAttributes& a, const std::vector<std::int64
     quads = (groupIn + 3) / 4;
     oh = outputSize(h, a.pads[0], a.pads[2], kh, a.dilations[0], a.strides[0]);
     ow = outputSize(w, a.pads[1], a.pads[3], kw, a.dilations[1], a.strides[1]);
-    // A stride that is never taken may be any number.
+    // With one output position the stride is never used: it may be any number.
     if (oh == 1) attributes.strides[0] = 1;
     if (ow == 1) attributes.strides[1] = 1;
     const std::int64_t strideW = attributes.strides[1];

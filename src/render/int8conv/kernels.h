@@ -1,6 +1,5 @@
-// The int8 convolution's inner loops, one set per instruction set. Integers are exact and
-// every float is one lane's sequence of the same single operations, so all sets give the same
-// bits.
+// The int8 convolution's inner loops, one set per instruction set. Integers are exact, and all sets
+// do the same float operations in the same order for each element: they give the same bits.
 #pragma once
 
 #include <cstddef>

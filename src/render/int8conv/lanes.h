@@ -207,7 +207,7 @@ void quantiseRowLanes(const float* const* channels, std::int64_t width, Quantisa
             const auto fraction = V::multiplySubtract(value, reciprocal, whole);
             farthest = V::maxInt(farthest, V::magnitudeBits(fraction));
         }
-        if (V::anyAbove(farthest, kSafeFraction)) return byQuotient(x);  // so is a NaN
+        if (V::anyAbove(farthest, kSafeFraction)) return byQuotient(x);  // a NaN counts as above
         V::storeQuads(out + x, V::quadsOfLowHalves(sums));
     };
     if (!reciprocalServes(q.scale)) {
