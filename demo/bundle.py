@@ -23,7 +23,7 @@ import int8_model
 import mouth
 import render_model
 import rig
-from drawing import sample_bicubic, smoothstep
+from drawing import sample, smoothstep
 
 CROP = 512
 DRIVE_FRAMES = 75
@@ -42,7 +42,7 @@ def cut_crop(frame, placement):
     """[3, CROP, CROP] float32 0..1 from a decoded frame [H, W, 3] uint8 through its placement [2, 3]."""
     x, y = np.meshgrid(np.arange(CROP), np.arange(CROP))
     at = np.einsum("ij,jhw->ihw", placement[:, :2], np.stack([x, y])) + placement[:, 2, None, None]
-    crop = sample_bicubic(frame.astype(np.float32) / 255, at[0], at[1])
+    crop = sample(frame.astype(np.float32) / 255, at[0], at[1], order=3)
     return np.clip(np.moveaxis(crop, -1, 0), 0, 1)
 
 

@@ -8,9 +8,10 @@ coordinates, the body canvas those of the resting crop.
 import copy
 
 import numpy as np
+from scipy import ndimage
 
 import rig
-from drawing import Canvas, box_blur, bump, mirrored, mix, smoothstep, spline
+from drawing import Canvas, bump, mirrored, mix, smoothstep, spline
 from eyes import EYE_X, EYE_Y, paint_eye
 
 WIDTH, HEIGHT = 1280, 720
@@ -222,7 +223,7 @@ def paint_front_hair(canvas):
                (-0.615, 0.66), (-0.675, 0.46), (-0.700, 0.20), (-0.695, -0.12), (-0.665, -0.48), (-0.54, -0.82),
                (-0.30, -0.99)]
     sdf = canvas.outline(outline, decimate=4, steps=8)
-    shadow = box_blur(canvas.cover(sdf - 0.012, 0.05), 14)
+    shadow = ndimage.gaussian_filter(canvas.cover(sdf - 0.012, 0.05), 14.5, mode="nearest")
     inside_face = canvas.cover(canvas.outline(FACE, decimate=4))
     canvas.tint((0.62, 0.36, 0.34), 0.62 * shadow * inside_face)
     angle, radius = crown_coordinates(canvas, 0.15, -0.88)

@@ -4,6 +4,7 @@ Lengths are in crop units (see rig.py) unless a name says pixels. Colours are sR
 [0, 1]; images are float32 [height, width, channels].
 """
 import numpy as np
+from scipy import ndimage
 
 
 def smoothstep(edge0, edge1, value):
@@ -63,55 +64,13 @@ def polygon_sdf(polygon, x, y):
     return np.where(inside, -1, 1) * np.sqrt(distance)
 
 
-def box_blur(image, radius, passes=3):
-    """Approximately Gaussian blur of [height, width] by repeated box means, edges repeated."""
-    for _ in range(passes):
-        for axis in (0, 1):
-            pad = [(0, 0), (0, 0)]
-            pad[axis] = (radius + 1, radius)
-            total = np.cumsum(np.pad(image, pad, mode="edge"), axis=axis, dtype=np.float64)
-            size = 2 * radius + 1
-            if axis == 0:
-                image = ((total[size:] - total[:-size]) / size).astype(np.float32)
-            else:
-                image = ((total[:, size:] - total[:, :-size]) / size).astype(np.float32)
-    return image
+def sample(image, x, y, order=1):
+    """Values of image [h, w, c] at pixel positions x, y (integer = pixel centre), edges repeated.
 
-
-def sample_bilinear(image, x, y):
-    """Values of image [h, w, c] at pixel positions x, y (integer = pixel centre), edges repeated."""
-    height, width = image.shape[:2]
-    x = np.clip(x, 0, width - 1.001).astype(np.float32)
-    y = np.clip(y, 0, height - 1.001).astype(np.float32)
-    ix, iy = x.astype(np.int32), y.astype(np.int32)
-    fx, fy = (x - ix)[..., None], (y - iy)[..., None]
-    flat = image.reshape(-1, image.shape[2])
-    at = iy * width + ix
-    top = flat[at] * (1 - fx) + flat[at + 1] * fx
-    bottom = flat[at + width] * (1 - fx) + flat[at + width + 1] * fx
-    return top * (1 - fy) + bottom * fy
-
-
-def sample_bicubic(image, x, y):
-    """Like sample_bilinear with a Catmull-Rom kernel (4 x 4 taps)."""
-    height, width = image.shape[:2]
-    ix, iy = np.floor(x).astype(np.int32), np.floor(y).astype(np.int32)
-
-    def weights(t):
-        return [((-0.5 * t + 1.0) * t - 0.5) * t, (1.5 * t - 2.5) * t * t + 1.0,
-                ((-1.5 * t + 2.0) * t + 0.5) * t, (0.5 * t - 0.5) * t * t]
-
-    wx = weights((x - ix).astype(np.float32))
-    wy = weights((y - iy).astype(np.float32))
-    result = 0
-    for j in range(4):
-        row = np.clip(iy + j - 1, 0, height - 1) * width
-        line = 0
-        for i in range(4):
-            at = row + np.clip(ix + i - 1, 0, width - 1)
-            line = line + image.reshape(-1, image.shape[2])[at] * wx[i][..., None]
-        result = result + line * wy[j][..., None]
-    return result
+    order 1 interpolates bilinearly, order 3 with cubic splines.
+    """
+    return np.stack([ndimage.map_coordinates(channel, (y, x), order=order, mode="nearest")
+                     for channel in np.moveaxis(image, -1, 0)], axis=-1)
 
 
 class Canvas:
@@ -155,7 +114,7 @@ class Canvas:
         if decimate > 1:
             coarse = polygon_sdf(polygon, x[::decimate, ::decimate], y[::decimate, ::decimate])
             jj, ii = np.mgrid[0:y.shape[0], 0:x.shape[1]].astype(np.float32) / decimate
-            sdf[j0:j1, i0:i1] = sample_bilinear(coarse[..., None], ii, jj)[..., 0]
+            sdf[j0:j1, i0:i1] = sample(coarse[..., None], ii, jj)[..., 0]
         else:
             sdf[j0:j1, i0:i1] = polygon_sdf(polygon, x, y)
         return sdf
@@ -184,5 +143,4 @@ class Canvas:
 
     def sample(self, x, y):
         """Premultiplied RGBA at points of the plane."""
-        return sample_bilinear(self.pixels, (x - self.x0) * self.ppu - 0.5,
-                               (y - self.y0) * self.ppu - 0.5)
+        return sample(self.pixels, (x - self.x0) * self.ppu - 0.5, (y - self.y0) * self.ppu - 0.5)

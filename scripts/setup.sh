@@ -25,7 +25,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libgtest-dev libgmock-dev libbenchmark-dev libstb-dev
                 libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
-DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-pil espeak-ng)
+DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-scipy python3-pil espeak-ng)
 PYTHON_PACKAGES=(python3-av python3-distributed python3-aiortc python3-aiohttp mypy)
 GSTREAMER_BUILD_PACKAGES=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev)
 GSTREAMER_PACKAGES=("${GSTREAMER_BUILD_PACKAGES[@]}" gstreamer1.0-tools gstreamer1.0-libav
@@ -70,10 +70,16 @@ install_packages() {
         apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
+# A service of a package that is yet to be installed: the tests start a server of their own.
+keep_off() {
+    [ -d /run/systemd/system ] && [ -n "$(missing_packages "$1")" ] || return 0
+    as_root systemctl mask --quiet "$1"
+}
+
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
   CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
-  FFmpeg's development libraries, python3 with onnx, numpy, Pillow, PyAV, distributed, aiortc,
+  FFmpeg's development libraries, python3 with onnx, numpy, scipy, Pillow, PyAV, distributed, aiortc,
   aiohttp and mypy, and espeak-ng; unpack an official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
 }
@@ -174,6 +180,7 @@ if [ "${1:-}" != --print ]; then
         is_debian || explain_manual_setup
         install_packages "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${PYTHON_PACKAGES[@]}"
         if [ "${1:-}" = --dev ]; then
+            keep_off nginx
             install_packages "${DEV_PACKAGES[@]}" "${WHEEL_PACKAGES[@]}"
             install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
         fi
