@@ -76,11 +76,11 @@ ZORV_API const char* zorv_kernel_path(const char* kernel);
 #define ZORV_MATRIX_BT709 2 /**< ITU-R BT.709. */
 
 /**
- * Where the library's own lines go (what it falls back to, what it does to a model): `line` gets
- * each without its line end, on the thread that has something to say, several at once if need be,
- * and must not call this function. NULL restores standard error, where lines of the process's exit
- * always go. Its text is valid during the call only; `user` is handed to it. The call comes back
- * once no call of the former function runs. Any thread.
+ * Where the library's own lines go (what it falls back to, what it does to a model). `line` gets
+ * `user` and a line without its line end, valid during the call only. It is called on the thread
+ * that writes the line, on several at once if need be, and must not call this function. NULL
+ * restores standard error, where lines written while the process exits always go. Returns when no
+ * call of the previous function runs any more. Any thread.
  */
 ZORV_API void zorv_set_log(void (*line)(void* user, const char* text), void* user);
 
@@ -363,7 +363,8 @@ ZORV_API void zorv_a2x_finish(zorv_a2x* a2x);
 ZORV_API int zorv_a2x_look_ahead(const zorv_a2x* a2x);
 
 /** After zorv_a2x_finish ceil(samples / 640), else -1; 0 for NULL. A stream yields no more frames
- *  than a2x_pos.f32 has rows, which this number does not regard. One thread at a time per engine.
+ *  than a2x_pos.f32 has rows, which this number leaves out of account. One thread at a time per
+ * engine.
  */
 ZORV_API int zorv_a2x_total(zorv_a2x* a2x);
 
@@ -566,7 +567,7 @@ ZORV_API int zorv_motion_total(const zorv_motion* motion);
 ZORV_API void zorv_motion_set_eager(zorv_motion* motion, int value);
 
 /** How much sound a frame waits for: samples (16,000 Hz) from its own first one until it can be
- *  pulled, at most; with adaptive passes by what they have cost so far. 0 for NULL. Thread-safety:
+ *  pulled, at most; with adaptive passes it follows their cost so far. 0 for NULL. Thread-safety:
  *  one thread at a time per engine. */
 ZORV_API int zorv_motion_look_ahead(const zorv_motion* motion);
 
@@ -583,8 +584,8 @@ ZORV_API int zorv_motion_avail(zorv_motion* motion);
  * max  frames that fit, at least 1.
  *
  * Returns the number of frames written, at most max; 0 when none is ready and on failure (the
- * last-error string tells which). A call that fails takes no frame: the next one starts with the
- * same; what it left in the arrays is undefined. When that fails again: reset.
+ * last-error string tells which). A call that fails takes no frame and leaves the arrays undefined;
+ * the next call starts with the same frame. If that fails again, reset the engine.
  * Thread-safety: one thread at a time per engine.
  */
 ZORV_API int zorv_motion_pull(zorv_motion* motion, int* idx, float* xs, float* xd, int max);
@@ -778,8 +779,8 @@ typedef struct zorv_utt_latency_info {
     double render_ms;                /**< Per speech frame, a running average. */
     uint64_t frames_left_out_late;   /**< Speech frames that ZORV_LATE_SKIP left out. */
     uint64_t frames_left_out_failed; /**< Speech frames whose render or composite failed. */
-    /** Times that speech was being shown, the next frame's sound was there, the frame was due for
-     *  more than 40 ms, and it was not finished. */
+    /** Times that the next speech frame was not finished 40 ms after it was due, though its sound
+     *  was there. */
     uint64_t late_slots;
     uint64_t sound_bytes; /**< Memory of sound that was pushed and not handed out. */
 } zorv_utt_latency_info;
@@ -835,11 +836,11 @@ ZORV_API int zorv_utt_set_late(zorv_utt* utt, int policy);
 
 /**
  * Appends n samples (mono, at the input's rate) to the utterance that is being pushed, or starts
- * one; never waits for the engine. What a failure or the end of the models' reach has ended is
- * discarded up to its mark, under its number.
- * Returns the utterance's number; 0 without a text for n = 0; 0 with a text, and nothing appended,
- * for NULL, n < 0, an allocation failure, and on an engine that cannot speak (zorv_utt_ready is
- * -1). Any thread; pushes take turns.
+ * one; never waits for the engine. Sound of an utterance that has failed, or that is longer than
+ * the models can take, is discarded up to its end and keeps its number. Returns the utterance's
+ * number; 0 without a text for n = 0; 0 with a text, and nothing appended, for NULL, n < 0, an
+ * allocation failure, and on an engine that cannot speak (zorv_utt_ready is -1). Any thread; pushes
+ * take turns.
  */
 ZORV_API uint64_t zorv_utt_push(zorv_utt* utt, const int16_t* pcm, int n);
 
