@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "connected.h"
 #include "failure.h"
 #include "video_reader.h"
 
@@ -70,22 +71,13 @@ std::vector<float> abruptness(const CellSeries& series) {
 Region strongestPatch(const std::vector<float>& strength, int columns, int rows) {
     const auto peak = std::max_element(strength.begin(), strength.end());
     const float bound = kEdge * *peak;
-    std::vector<char> seen(strength.size());
-    std::vector<int> open{static_cast<int>(peak - strength.begin())};
-    seen[static_cast<size_t>(open[0])] = 1;
+    std::vector<bool> taken(strength.size());
     int x0 = columns, x1 = -1, y0 = rows, y1 = -1;
-    while (!open.empty()) {
-        const int cell = open.back(), x = cell % columns, y = cell / columns;
-        open.pop_back();
+    for (const int cell :
+         connectedWith(static_cast<int>(peak - strength.begin()), columns, rows, taken,
+                       [&](int at) { return strength[static_cast<size_t>(at)] >= bound; })) {
+        const int x = cell % columns, y = cell / columns;
         x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y), y1 = std::max(y1, y);
-        for (int ny = std::max(0, y - 1); ny <= std::min(rows - 1, y + 1); ++ny) {
-            for (int nx = std::max(0, x - 1); nx <= std::min(columns - 1, x + 1); ++nx) {
-                const auto next = static_cast<size_t>(ny * columns + nx);
-                if (seen[next] || strength[next] < bound) continue;
-                seen[next] = 1;
-                open.push_back(static_cast<int>(next));
-            }
-        }
     }
     return {x0, y0, x1 - x0 + 1, y1 - y0 + 1};
 }
