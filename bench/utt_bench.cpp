@@ -17,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -41,7 +42,7 @@ constexpr int kPieceSamples = 320;  // 20 ms
 
 struct Settings {
     std::string source = "motion", steady, pcm;
-    int engines = 1, threads = 1, eager = 0;
+    int engines = 1, threads = 1, eager = 0, pixels = ZORV_PIXELS_RGBA;
     double minutes = 1;
     unsigned seed = 1;
     bool burst = false;
@@ -56,6 +57,7 @@ LiveSetup setupOf(const Settings& settings) {
     setenv("W2V_ONNX", zorv::bench::demoEncoder().c_str(), 0);
     setup.threads = settings.threads;
     setup.eager = settings.eager;
+    setup.pixels = settings.pixels;
     setup.steady = settings.steady;
     return setup;
 }
@@ -191,16 +193,18 @@ json idle(const Settings& settings) {
     using namespace std::chrono_literals;
     const LiveEngine engine(setupOf(settings));
     std::vector<uint8_t> frame(engine.frameBytes());
+    std::vector<int16_t> sound(static_cast<size_t>(engine.frameSamples()));
+    zorv_utt_frame info;
     const int count = static_cast<int>(settings.minutes * 60 * 25);
     const auto pull = [&] {
         auto due = std::chrono::steady_clock::now();
         for (int i = 0; i < count; ++i) {
             std::this_thread::sleep_until(due += 40ms);
-            zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr);
+            engine.pull(frame, sound, info);
         }
     };
     for (int i = 0; i < 300; ++i) {  // every target frame is decoded once
-        while (!zorv_utt_pull_frame(engine.utt(), frame.data(), frame.size(), nullptr)) {
+        while (!engine.pull(frame, sound, info)) {
             std::this_thread::sleep_for(1ms);
         }
     }
@@ -277,6 +281,11 @@ int main(int argc, char** argv) {
         command->add_option("--engines", settings.engines)->capture_default_str();
         command->add_option("--threads", settings.threads)->capture_default_str();
         command->add_option("--eager", settings.eager)->capture_default_str();
+        command->add_option("--pixels", settings.pixels)
+            ->transform(
+                CLI::CheckedTransformer(std::map<std::string, int>{{"rgba", ZORV_PIXELS_RGBA},
+                                                                   {"i420", ZORV_PIXELS_I420},
+                                                                   {"nv12", ZORV_PIXELS_NV12}}));
         command->add_option("--source", settings.source)
             ->check(CLI::IsMember({"motion", "expression"}));
         command->add_option("--steady", settings.steady, "Model key of the steady renderer");
