@@ -7,7 +7,8 @@ const idle = [];
 const queue = [];
 const threads = new Set();
 
-// A face that was opened when nobody is told any more. The handlers of thread.js come first.
+// Frees a face whose opening ended while the process exits: no message brings it to its owner then.
+// The handlers of thread.js have run before.
 process.on('exit', () => {
   for (const { opened } of threads) {
     if (opened[0] === 0n) continue;

@@ -174,9 +174,9 @@ function load() {
 export const lib = load();
 export const addressOfFunction = (name) => library.symbol(name);
 
-// The library writes lines about what it chose. They go nowhere: strcmp takes the same two pointers
-// and does nothing, and needs no JavaScript on the threads that write; what it compares with, itself,
-// outlives every worker thread. Failures are thrown.
+// The library's own lines are dropped; failures are thrown. The log function is C's strcmp: it takes
+// two pointers too, changes nothing, and runs without JavaScript on the threads that write. It gets its
+// own address as `user`, which outlives every worker thread.
 const nothing = libc.symbol('strcmp');
 lib.zorv_set_log(nothing, nothing);
 export const addressOf = (array) => koffi.address(array);

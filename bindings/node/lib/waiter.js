@@ -7,8 +7,8 @@ import { startThread } from './thread.js';
 const SLOTS = 4096;
 const EFD_NONBLOCK = 0o4000;
 const EFD_CLOEXEC = 0o2000000;
-// Whoever ends a worker thread from outside waits for the thread that sleeps for it, which nobody can
-// wake then: it looks up by itself.
+// When a worker thread is ended from outside, its end waits for the thread that sleeps for it, and
+// nothing wakes that one: so it looks up by itself.
 const PATIENCE_MS = isMainThread ? -1 : 500;
 const libc = koffi.load('libc.so.6');
 const eventfd = libc.func('int eventfd(unsigned int value, int flags)');

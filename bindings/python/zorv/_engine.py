@@ -1,4 +1,4 @@
-"""An utterance engine that any thread may use and close, and who waits for its events."""
+"""An utterance engine that any thread may use and close, and its events for those who wait."""
 import atexit
 import ctypes
 import os

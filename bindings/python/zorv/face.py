@@ -206,7 +206,7 @@ class Face(FrameMaker):
             lib.zorv_utt_end_utterance(utt)
 
     def interrupt(self) -> None:
-        """Be quiet: drops all sound and frames that were not pulled, and closes the mouth."""
+        """Stops speaking: drops all sound and frames that were not pulled, and closes the mouth."""
         with self._engine.call() as utt:
             lib.zorv_utt_interrupt(utt)
 
@@ -327,7 +327,7 @@ class Face(FrameMaker):
     def __del__(self) -> None:
         engine = getattr(self, "_engine", None)
         if engine is not None and not engine.closed:
-            # Whoever drops the last reference need not wait, and may hold any lock.
+            # The thread that drops the last reference may hold any lock, so it does not wait.
             threading.Thread(target=engine.close, name="zorv-close").start()
 
 
