@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <stdexcept>
@@ -112,6 +113,11 @@ Heard hear(Engine& engine, const Way& way, const std::vector<float>& sound) {
     const auto pullAll = [&] {
         for (int count = -1; count != 0;) {
             work([&] { count = engine.pull(frames); });
+            const float* values = frames.driving.data();
+            if (!std::all_of(values, values + 63 * count,
+                             [](float v) { return std::isfinite(v); })) {
+                throw std::runtime_error("keypoints that are not finite");
+            }
             heard.readyMs.insert(heard.readyMs.end(), static_cast<std::size_t>(count), now);
         }
     };
