@@ -135,7 +135,8 @@ class BundleCheck {
     void tryRenderers() {
         const bool sound =
             std::all_of(report_.files.begin(), report_.files.end(), [](const FileReport& file) {
-                return file.severity() != Severity::kFault || file.name == "xs_target.bin";
+                return file.severity() != Severity::kFault ||
+                       file.name == files::kTargetKeypoints.name;
             });
         for (FileReport& model : models_) {
             if (sound && model.model && model.model->graph != "delta" &&

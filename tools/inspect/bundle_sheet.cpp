@@ -95,12 +95,12 @@ BundleSheet::BundleSheet(const BundleReport& report)
         chosen_.push_back(static_cast<int>(i * (targetFrames_ - 1) / std::max(count - 1, 1)));
     }
     placements_ = readPlacements(directory_, facts);
-    targets_ = rows("xs_target.bin", facts.targetFrames);
-    sources_ = rows("drive/xs.f32", facts.driveFrames);
-    indices_ = as<int32_t>(readFloats(directory_ + "/drive/si.i32",
+    targets_ = rows(files::kTargetKeypoints.name, facts.targetFrames);
+    sources_ = rows(files::kDriveSource.name, facts.driveFrames);
+    indices_ = as<int32_t>(readFloats(directory_ + "/" + files::kDriveTargets.name,
                                       static_cast<size_t>(facts.driveFrames.value_or(0))));
     std::string mask;  // empty when it cannot be read: the report says so
-    readWholeFile(directory_ + "/mask_512.u8", mask);
+    readWholeFile(directory_ + "/" + files::kMask.name, mask);
     const auto pixels = static_cast<size_t>(side_) * static_cast<size_t>(side_);
     if (mask.size() >= pixels) {
         mask_.assign(mask.begin(), mask.begin() + static_cast<std::ptrdiff_t>(pixels));
