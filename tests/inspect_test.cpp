@@ -3,7 +3,6 @@
 #include <zorv_core.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -245,28 +244,6 @@ TEST(Inspect, NamesTheDamagedFileAndWhatWasExpected) {
     }
 }
 
-TEST(Inspect, FindsEverythingInOneRun) {
-    TestBundle bundle;
-    bundle.replace("manifest.json", "\"sigma\"", "\"sigme\"");
-    bundle.truncate("pooled64.f16");
-    bundle.extend("M.f32");
-    bundle.remove("mask_512.u8");
-    bundle.truncate("target_frames/frame_000000.jpg", 400);
-    bundle.remove("target_frames/frame_000002.jpg");
-    bundle.useModel("bad", "encoder");
-    bundle.empty("model_render.onnx");
-    const BundleReport report = tools::checkBundle(bundle.dir());
-    EXPECT_EQ(
-        filesWith(report, Severity::kFault),
-        (std::set<std::string>{"manifest.json", "pooled64.f16", "M.f32", "mask_512.u8",
-                               "target_frames/frame_000000.jpg", "target_frames/frame_000002.jpg",
-                               "model_bad.onnx", "model_render.onnx"}))
-        << findingsOf(report);
-
-    const test::TempDir empty;
-    EXPECT_EQ(filesWith(tools::checkBundle(empty.path()), Severity::kFault).size(), 10u);
-}
-
 // What is odd but works is a warning: the bundle is still good, as it is for the library.
 TEST(Inspect, OnlyWarnsOfWhatTheLibraryAccepts) {
     const auto expectWarning = [](const TestBundle& bundle, const std::string& file) {
@@ -416,12 +393,7 @@ TEST(InspectSheet, DrawsCropMaskAndKeypointsWhereTheyLand) {
     EXPECT_NEAR(points.y, y, 1.5);
     const Area halves = findColors(canvas, {kMask});  // elsewhere the outline covers its line
     EXPECT_NEAR(halves.top, y, 2);
-    EXPECT_NEAR(halves.bottom, y, 2);
     EXPECT_NEAR(halves.width(), 320, 4);
-    // The frame's own pixels come through: this one was painted by a formula.
-    const int left = box.left - 190, top = box.top - 90;  // frame pixel (0, 0)
-    const uint8_t* pixel = canvas.rgb() + 3 * ((top + 300) * canvas.width() + left + 5);
-    EXPECT_NEAR(pixel[0], 127.5 + 100 * std::sin(0.13 * 30), 12);
 
     // Placements for frames of twice the size shrink by half.
     bundle.replace("manifest.json", "\"W\"", "\"M_src_w\": 124, \"M_src_h\": 124, \"W\"");

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "capi/zorv_ctx.h"
-#include "common/shared_registry.h"
 #include "render/renderer_model.h"
 #include "support/failure.h"
 #include "support/kernels.h"
@@ -30,28 +29,6 @@ void onThreads(const std::function<void(int)>& work) {
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
     for (std::thread& thread : threads) thread.join();
-}
-
-TEST(SharedRegistry, OneValuePerKeyForAsLongAsSomebodyOwnsIt) {
-    SharedRegistry<int, std::string> registry;
-    std::atomic<int> made{0};
-    const auto make = [&] {
-        if (++made == 1) throw std::runtime_error("no memory");
-        return std::make_shared<std::string>("value");
-    };
-    EXPECT_EQ(test::failure([&] { registry.get(1, make); }), "no memory");
-    std::barrier together(kThreads);
-    onThreads([&](int i) {
-        for (int round = 0; round < 50; ++round) {
-            const auto value = registry.get(i % 2, make);
-            together.arrive_and_wait();
-            EXPECT_EQ(registry.get(i % 2, make), value);
-            together.arrive_and_wait();
-        }
-    });
-    EXPECT_LE(made, 1 + 2 * 50);
-    const std::weak_ptr<std::string> freed = registry.get(5, make);
-    EXPECT_TRUE(freed.expired());
 }
 
 class SharedFrames : public testing::Test {
