@@ -1,4 +1,4 @@
-"""Checks of the demo subject that need no renderer: files, placement, movement, graphs, caching."""
+"""Checks of the demo subject that need no renderer: files, placement, movement, caching."""
 import pathlib
 import sys
 import tempfile
@@ -6,17 +6,14 @@ import unittest
 from unittest import mock
 
 import numpy as np
-import onnx
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import bundle
 import character
 import expression_model
-import int8_model
 import make_demo
 import motion_model
 import rig
-from onnx_build import GraphBuilder
 
 FRAMES = 3
 
@@ -94,38 +91,6 @@ class Shapes(unittest.TestCase):
             weight = np.exp(e.SMOOTHING_SHARPNESS * (rows @ rows[0] - rows[0] @ rows[0]))
             np.testing.assert_allclose(weight[:3], (1, 0.5, 1 / 16), atol=0.01)
             self.assertLess(weight[4:].max(), 1e-3)
-
-
-class Int8Model(unittest.TestCase):
-    @staticmethod
-    def graph(x, layers, **attributes):
-        """A model of convolutions one after the other, a rectifier behind each."""
-        graph = GraphBuilder("convolutions")
-        value = graph.input("x", x)
-        for weights, *bias in layers:
-            value = graph.op("Relu", graph.op("Conv", value, weights, *bias, **attributes))
-        graph.output("y", value, ["n", "m", "h", "w"])
-        return graph.model()
-
-    def test_nodes_take_over_what_the_convolution_had(self):
-        wide, narrow = np.ones((16, 8, 3, 3)), np.ones((15, 16, 3, 3))
-        attributes = {"pads": [1, 2, 3, 4], "strides": [2, 1], "dilations": [1, 2]}
-        model = int8_model.convert(self.graph([1, 8, 32, 32], [(wide,), (np.ones((16, 16, 3, 3)), np.arange(16)),
-                                                               (narrow,)], **attributes))
-        self.assertEqual([n.op_type for n in model.graph.node],
-                         ["Pad", "Int8ConvVNNI", "Relu", "Int8ConvVNNI", "Relu", "Conv", "Relu", "Identity"])
-        constants = {c.name: onnx.numpy_helper.to_array(c) for c in model.graph.initializer}
-        pad, first, _, second, *_ = model.graph.node
-        # The input may be negative, so zeros are added in front; what comes from a Relu is not.
-        self.assertEqual(list(constants[pad.input[1]]), [0, 0, 1, 2, 0, 0, 3, 4])
-        found = {a.name: onnx.helper.get_attribute_value(a) for a in first.attribute}
-        self.assertEqual(found, {**attributes, "pads": [0, 0, 0, 0], "group": 1})
-        found = {a.name: onnx.helper.get_attribute_value(a) for a in second.attribute}
-        self.assertEqual(found, {**attributes, "group": 1})
-        self.assertEqual(constants[second.input[1]].dtype, np.int8)
-        np.testing.assert_array_equal(constants[second.input[3]], np.arange(16))
-        np.testing.assert_array_equal(constants[first.input[3]], np.zeros(16))
-        self.assertEqual(sum(c.nbytes > 1000 and c.dtype == np.float32 for c in constants.values()), 1)
 
 
 if __name__ == "__main__":
