@@ -125,7 +125,8 @@ def main():
     print(f"frames seen {result['frames']}, time codes that could not be read {result['unread']}")
     if "minutes" in result:
         print("{minutes:g} minutes of speech: {shown} frames shown, {late} late, {skipped} skipped, "
-              "{freezes} freezes (200 ms and more), {gaps} gaps in the sound".format(**result["minutes"]))
+              "{freezes} freezes (200 ms and more; {stalls} of the server's own), the longest gap {longest} "
+              "ms, {gaps} gaps in the sound".format(**result["minutes"]))
     print(load())
 
 

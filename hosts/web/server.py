@@ -9,12 +9,16 @@ import json
 import logging
 import re
 import resource
+import socket
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, AsyncIterator, Awaitable, Callable, Dict, FrozenSet, Optional
 
 from aiohttp import web
+from aioice import ice
+from aioice.ice import get_host_addresses
+from aiortc.codecs import vpx
 
 from zorv import Face, ZorvError
 
@@ -24,6 +28,7 @@ from .session import Refused, Session
 from .speech import ESPEAK, Voice
 
 DRAIN_S = 5.0
+BITRATE = 2_000_000  # bits per second of the picture
 M_MMAP_THRESHOLD = -3  # of malloc.h
 log = logging.getLogger("zorv.web")
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
@@ -85,6 +90,7 @@ class Server:
 
     async def _open(self) -> None:
         _tune_memory()
+        _tune_encoder()
         if _loopback(self.options.host):
             _ice_on_loopback()
         # Sessions come and go; this one keeps what they share: weights and decoded frames.
@@ -108,8 +114,11 @@ class Server:
         host, port = self._runner.addresses[0][:2]
         self.url = f"http://{_bracketed(host)}:{port}/"
         names = {host, self.options.host}
-        if _loopback(self.options.host) or ipaddress.ip_address(host).is_unspecified:
+        everywhere = ipaddress.ip_address(host).is_unspecified
+        if everywhere or _loopback(host):
             names |= {"localhost", "127.0.0.1", "::1"}
+        if everywhere:
+            names |= {socket.gethostname(), *get_host_addresses(use_ipv4=True, use_ipv6=True)}
         self._origins = self.options.origins | {f"http://{_bracketed(name)}:{port}" for name in names}
 
     async def close(self) -> None:
@@ -175,7 +184,8 @@ class Server:
         if not self._visitors.take():
             raise Refused("too many visitors at once; try again in a moment", 429)
         offer = await _described(request)
-        if len(self.sessions) + self._opening >= self.limit:
+        here = sum(not session.ended.is_set() for session in self.sessions.values())
+        if here + self._opening >= self.limit:
             self._counts["refused"] += 1
             number = "one viewer" if self.limit == 1 else f"{self.limit} viewers"
             return _said(503, f"Full: this machine carries {number} at a time. "
@@ -321,7 +331,12 @@ def _bracketed(host: str) -> str:
     return f"[{host}]" if ":" in host else host
 
 
+def _tune_encoder() -> None:
+    """aiortc begins with half a megabit, where a picture of this size falls into blocks; the viewer's
+    own estimate, which its browser sends, takes it up and down from there."""
+    vpx.DEFAULT_BITRATE, vpx.MAX_BITRATE = BITRATE, 2 * BITRATE
+
+
 def _ice_on_loopback() -> None:
     """Media, too: by itself it would listen on every address but this one."""
-    from aioice import ice
     ice.get_host_addresses = lambda use_ipv4, use_ipv6: ["127.0.0.1"]

@@ -230,7 +230,7 @@ class Session:
         return {"state": stats.state, "ready": self.face.ready, "pulled": stats.frames_pulled,
                 "first_frame_ms": stats.first_frame_latency_ms, "render_ms": stats.render_ms,
                 "late": late, "sent": self.picture.sent,
-                "encode_ms": 1000 * self.picture.encode_s,
+                "encode_ms": 1000 * self.picture.encode_s, "stalls": self.picture.stalls,
                 "skipped": self.picture.skipped + left_out, **self._overview()}
 
     async def _send_status(self) -> None:

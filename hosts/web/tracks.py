@@ -20,6 +20,7 @@ from .speech import sound_frame
 PACKET = RATE // 50  # samples of an audio packet: 20 ms, half a frame
 PACKET_S = PACKET / RATE
 VIDEO_CLOCK = 90000
+STALL_S = 0.2
 MOST_PACKETS = 50  # that wait when a peer takes no sound
 
 
@@ -33,7 +34,7 @@ class Picture(MediaStreamTrack):
         self._waiting: "Optional[av.VideoFrame]" = None
         self._arrived = asyncio.Event()
         self._left_at = 0.0
-        self.sent = self.skipped = 0
+        self.sent = self.skipped = self.stalls = 0  # stalls: STALL_S and more between two that left
         self.encode_s = 0.0  # from one picture's leaving to the next one's asking, a running average
 
     def put(self, frame: Frame) -> None:
@@ -70,6 +71,7 @@ class Picture(MediaStreamTrack):
             await self._arrived.wait()
         picture, self._waiting = self._waiting, None
         self._arrived.clear()
+        self.stalls += self.sent > 0 and clock() - self._left_at >= STALL_S
         self.sent += 1
         self._left_at = clock()
         return picture

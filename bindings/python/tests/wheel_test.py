@@ -56,6 +56,7 @@ with tempfile.TemporaryDirectory() as name:
     for i, interpreter in enumerate(interpreters):
         run(environment(folder / f"bare{i}", interpreter), "-c", BARE, cwd=folder)
     python = environment(folder / "full", "/usr/bin/python3", "--system-site-packages")
+    run(python, "-c", "from zorv.web.server import Options, Server; Server(Options('', ''))", cwd=folder)
     count = 0
     for page in ("README.md", "docs/python.md"):
         for example in re.findall(r"^```python\n(.*?)^```", (sources / page).read_text(), re.M | re.S):
