@@ -7,7 +7,8 @@ idle      processor time of a session that idles, I420 in asyncio, with and with
 sessions  8 speaking sessions in one process: processor time of the calling thread inside each binding
           call, which bounds the time that it holds the interpreter lock; and the event loop's delay
           beside that of an empty loop in another process at the same time.
-catalogue clips per second of two workers of one thread each, and of one.
+catalogue clips per second of two workers of one thread each, and of one, and the processor time that
+          a clip costs.
 """
 import asyncio
 import ctypes
@@ -163,11 +164,16 @@ def catalogue(clips=24, seconds=2):
             jobs = [zorv.Job(BUNDLE, f"{folder}/sound.wav", f"{folder}/{i}.mp4", ENCODER)
                     for i in range(clips + 2 * workers)]
             zorv.render_catalogue(jobs[clips:], client)  # the models are open
-            start = time.perf_counter()
+            start, here = time.perf_counter(), time.process_time()
+            there = sum(client.run(time.process_time).values())
             results = zorv.render_catalogue(jobs[:clips], client)
+            there = sum(client.run(time.process_time).values()) - there
+            here = time.process_time() - here  # the scheduler's, too
             speeds.append(clips / (time.perf_counter() - start))
             assert {result.state for result in results} == {"made"}, results
-            print(f"catalogue, {workers} workers: {speeds[-1]:.2f} clips of {seconds} s per second")
+            print(f"catalogue, {workers} workers: {speeds[-1]:.2f} clips of {seconds} s per second; "
+                  f"processor time per clip {there / clips:.3f} s in workers, {here / clips:.3f} s "
+                  "beside them", flush=True)
     print(f"catalogue: two workers make {max(speeds[1::2]) / max(speeds[::2]):.2f} times as much")
 
 
