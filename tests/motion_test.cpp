@@ -180,11 +180,6 @@ TEST(Motion, DirectoriesThatDoNotOpenSayWhy) {
         }
         test::writeFile(path, content);
     }
-    for (const char* key : {"hubert_student", "lmdm", "stitch"}) {
-        test::writeFile(files.path(std::string(key) + ".onnx"), "no model");
-        EXPECT_NE(failure(files).find(key), std::string::npos) << failure(files);
-        files.useModel(key, key);
-    }
 
     const std::pair<const char*, const char*> metas[] = {
         {R"({"nt": 3, "n_src": 3})", "meta.json: missing n_emo"},
