@@ -22,7 +22,8 @@ export class Frame {
   readonly firstSample: number;
   /** In 1/25 s, from 0. */
   readonly pts: number;
-  /** The first or last shown frame of its utterance; ended by silence; frames are missing before it. */
+  /** The first or last shown frame of its utterance (none is `last` when that was not certain yet:
+   *  finished() tells); ended by silence; frames are missing before it. */
   readonly first: boolean;
   readonly last: boolean;
   readonly silence: boolean;

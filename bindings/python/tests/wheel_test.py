@@ -27,7 +27,7 @@ async def live():
         line = face.push(bytes(2 * 4800))
         face.end()
         async for frame in face.frames():
-            if frame.flags & zorv.FrameFlags.LAST:
+            if frame.kind == "ramp":
                 break
         assert await face.finished(line) == (4800, "end")
 asyncio.run(live())

@@ -16,7 +16,7 @@ class FrameFlags(enum.IntFlag):
     """What is special about a frame of a face."""
 
     FIRST = 1  #: the first of its utterance
-    LAST = 2  #: the last of its utterance
+    LAST = 2  #: the last of its utterance, where that was certain when it was pulled
     SILENCE = 4  #: with LAST: ended by silence, not by a call
     GAP = 8  #: frames were left out before it
 
