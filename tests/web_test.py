@@ -255,6 +255,11 @@ class Web(unittest.IsolatedAsyncioTestCase):
                 status, text = await self.status(method, path, data=data)
                 self.assertEqual(status, wanted, text)
                 self.assertNotRegex(text, "import|root:|Traceback")
+        viewer.send(tone=10**9)  # is spoken as long as an utterance may be, and no longer
+        self.assertEqual((await viewer.told(event="finished"))["samples"], 2 * 48000)
+        viewer.send(mic=True)
+        await viewer.told(mic=True)
+        await viewer.told(mic=False)
         statuses = [(await self.status("POST", "session", data=b"x"))[0] for _ in range(10)]
         self.assertIn(429, statuses)
         for message in ("x" * (MESSAGE_BYTES + 1), "nothing", "[1]", "[" * 5000, '{"unknown": 1}',
@@ -267,7 +272,6 @@ class Web(unittest.IsolatedAsyncioTestCase):
             viewer.send(stop=True)
         while (await viewer.told("error"))["error"] != "too many requests":
             pass
-        viewer.send(tone=10**9)  # as long as an utterance may be, and no longer
 
     async def test_full_is_said_and_who_leaves_makes_room(self):
         await self.serve()

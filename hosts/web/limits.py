@@ -1,7 +1,6 @@
 """What a visitor may ask for, and how often."""
 import time
 from dataclasses import dataclass
-from typing import Callable
 
 RATE = 48000  # Hz of all sound between the page, the face and its viewer
 OFFER_BYTES = 64 * 1024  # of a session's description
@@ -28,17 +27,16 @@ class Limits:
 class Bucket:
     """Lets `rate` requests per second pass, after a pause up to `burst` at once."""
 
-    def __init__(self, rate: float, burst: float,
-                 clock: Callable[[], float] = time.monotonic) -> None:
-        self._rate, self._burst, self._clock = rate, burst, clock
-        self._left, self._at = burst, clock()
+    def __init__(self, rate: float, burst: float) -> None:
+        self._rate, self._burst = rate, burst
+        self._left, self._at = burst, time.monotonic()
 
-    def take(self, amount: float = 1) -> bool:
+    def take(self) -> bool:
         """Whether one more may pass now."""
-        now = self._clock()
+        now = time.monotonic()
         self._left = min(self._burst, self._left + (now - self._at) * self._rate)
         self._at = now
-        if self._left < amount:
+        if self._left < 1:
             return False
-        self._left -= amount
+        self._left -= 1
         return True

@@ -30,10 +30,6 @@ class Telemetry:
         self._histograms: Dict[Tuple[str, Labels], Dict[str, Any]] = {}
         lib.zorv_telemetry_enable(1)
 
-    def total(self, name: str) -> float:
-        """Of a counter, over all its attributes, up to the latest `collect`."""
-        return sum(value for (counter, _), value in self._counters.items() if counter == name)
-
     def collect(self) -> None:
         """Takes the batch that has been recorded since."""
         size = lib.zorv_telemetry_pending()
