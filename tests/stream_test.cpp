@@ -177,7 +177,9 @@ TEST(Stream, ExceptionsOfTheCallbackTravelOnAfterTheWorkerHasEnded) {
     const std::vector<float> audio = speechLike(640 * 30);
     Collector collector;
     collector.during = [](int index) {
-        if (index == 3) throw std::runtime_error("disk full");
+        if (index < 3) return;
+        waitUntilOthersSleep();  // the worker waits for room
+        throw std::runtime_error("disk full");
     };
     EXPECT_EQ(collector.run(stream.get(), audio), -1);
     EXPECT_STREQ(zorv_stream_last_error(), "zorv_stream_run: disk full");
