@@ -23,7 +23,7 @@ ORT_DIR="$CACHE/onnxruntime-$ORT_VERSION"
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ca-certificates
                 libgtest-dev libgmock-dev libbenchmark-dev libstb-dev
-                libspeexdsp-dev libcli11-dev nlohmann-json3-dev libfmt-dev
+                libspeexdsp-dev libcairo2-dev libcli11-dev nlohmann-json3-dev libfmt-dev
                 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev)
 DEMO_PACKAGES=(python3 python3-onnx python3-numpy python3-scipy python3-pil espeak-ng)
 PYTHON_PACKAGES=(python3-av python3-distributed python3-aiortc python3-aiohttp mypy)
@@ -79,7 +79,7 @@ keep_off() {
 explain_manual_setup() {
     die "this script installs packages on Debian 12 and 13 only. Elsewhere install: a C++20 compiler,
   CMake >= 3.25, Ninja, pkg-config, GoogleTest, Google Benchmark, stb, SpeexDSP, CLI11, nlohmann-json, fmt,
-  FFmpeg's development libraries, python3 with onnx, numpy, scipy, Pillow, PyAV, distributed, aiortc,
+  cairo, FFmpeg's development libraries, python3 with onnx, numpy, scipy, Pillow, PyAV, distributed, aiortc,
   aiohttp and mypy, and espeak-ng; unpack an official ONNX Runtime $ORT_VERSION Linux x64 archive, set ONNXRUNTIME_ROOT to its folder
   (the one with include/ and lib/) and set ZORV_SKIP_PACKAGES=1."
 }

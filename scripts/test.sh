@@ -73,8 +73,7 @@ if [ "$ALL" = 1 ]; then
     ctest --preset asan -LE slow -j 2 --output-on-failure
     build tsan --target zorv_threaded_tests
     say 'threaded tests under TSan'
-    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
-        ctest --preset tsan -R 'Stream|Context|Common|Parallel|Engines|Int8Conv|GridSampleOperator|AtOnce|Utt|utt_calls|Telemetry' -LE slow -j 2 --output-on-failure
+    ctest --preset tsan -R 'Stream|Context|Common|Parallel|Engines|Int8Conv|GridSampleOperator|AtOnce|Utt|utt_calls|Telemetry' -LE slow -j 2 --output-on-failure
     run_fuzzers
 else
     scripts/setup.sh >/dev/null

@@ -347,9 +347,10 @@ struct Area {
 
 Area findColors(const Canvas& canvas, const std::vector<Color>& colors) {
     Area area;
+    const std::vector<uint8_t> rgb = canvas.rgb();
     for (int y = 40; y < canvas.height(); ++y) {
         for (int x = 0; x < canvas.width(); ++x) {
-            const uint8_t* pixel = canvas.rgb() + 3 * (y * canvas.width() + x);
+            const uint8_t* pixel = rgb.data() + 3 * (y * canvas.width() + x);
             for (const Color& color : colors) {
                 if (pixel[0] != color.r || pixel[1] != color.g || pixel[2] != color.b) continue;
                 area.count += 1, area.x += x, area.y += y;
@@ -369,7 +370,7 @@ std::string floats(const std::vector<float>& values) {
 Canvas sheetOf(const TestBundle& bundle) {
     auto sheet = tools::drawBundle(tools::checkBundle(bundle.dir()));
     if (!sheet) throw std::runtime_error("no sheet");
-    return *sheet;
+    return std::move(*sheet);
 }
 
 TEST(InspectSheet, DrawsCropMaskAndKeypointsWhereTheyLand) {

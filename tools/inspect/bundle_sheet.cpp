@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kColumns = 3, kRows = 2, kGap = 8;
 constexpr int kCell = 620;  // the longest side of a small frame
-constexpr int kTitle = Canvas::kLetterHeight + 6;
+constexpr int kTitle = Canvas::kTextHeight + 6;
 
 constexpr Color kBackground = {24, 24, 28}, kNoFrame = {44, 44, 50}, kText = {225, 225, 225};
 constexpr Color kOutline = {255, 214, 0}, kTop = {255, 64, 64}, kMask = {40, 230, 110};
@@ -158,8 +158,7 @@ Canvas BundleSheet::draw() {
 void BundleSheet::drawLegend(Canvas& canvas, int y) {
     int x = kGap;
     const auto entry = [&](const std::string& text, Color color) {
-        canvas.text(x, y, text, color);
-        x += (static_cast<int>(text.size()) + 3) * Canvas::kLetterWidth;
+        x += canvas.text(x, y, text, color) + 3 * kGap;
     };
     entry("crop outline", kOutline);
     entry("its top edge", kTop);

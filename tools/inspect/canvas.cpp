@@ -1,123 +1,113 @@
 #include "canvas.h"
 
-#include <algorithm>
 #include <cmath>
+#include <numbers>
+
+#include "failure.h"
 
 namespace zorv::tools {
 namespace {
 
-// Rows from top to bottom, three bits each, hence one octal digit per row.
-constexpr uint16_t kLetters[26] = {025755, 065656, 034443, 065556, 074647, 074644, 034553,
-                                   055755, 072227, 011152, 055655, 044447, 057755, 065555,
-                                   025552, 065644, 025573, 065655, 034216, 072222, 055557,
-                                   055552, 055775, 055255, 055222, 071247};
-constexpr uint16_t kDigits[10] = {075557, 026227, 071747, 071717, 055711,
-                                  074717, 074757, 071222, 075757, 075717};
+// A pixel is a 32-bit number, red in its third byte; see CAIRO_FORMAT_RGB24.
+constexpr int kShifts[3] = {16, 8, 0};
 
-uint16_t glyph(char c) {
-    if (c >= 'a' && c <= 'z') return kLetters[c - 'a'];
-    if (c >= 'A' && c <= 'Z') return kLetters[c - 'A'];
-    if (c >= '0' && c <= '9') return kDigits[c - '0'];
-    switch (c) {
-        case ' ':
-            return 0;
-        case '.':
-            return 000002;
-        case ',':
-            return 000024;
-        case ':':
-            return 002020;
-        case '-':
-            return 000700;
-        case '_':
-            return 000007;
-        case '/':
-            return 011244;
-        case '(':
-            return 024442;
-        case ')':
-            return 021112;
-        default:
-            return 077777;
-    }
+/// Numbers that cairo can place.
+bool drawable(double x, double y) {
+    return std::abs(x) < 1e6 && std::abs(y) < 1e6;
 }
 
 }  // namespace
 
 Canvas::Canvas(int width, int height, Color background)
-    : width_(width), height_(height), right_(width), bottom_(height) {
-    pixels_.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
+    : surface_(cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height)),
+      cairo_(cairo_create(surface_.get())) {
+    const cairo_status_t status = cairo_status(cairo_.get());
+    if (status != CAIRO_STATUS_SUCCESS) {
+        fail("cannot draw a picture of {} x {} pixels: {}", width, height,
+             cairo_status_to_string(status));
+    }
+    cairo_set_antialias(cairo_.get(), CAIRO_ANTIALIAS_NONE);
+    cairo_select_font_face(cairo_.get(), "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                           CAIRO_FONT_WEIGHT_NORMAL);
+    cairo_set_font_size(cairo_.get(), kTextHeight);
     fill(0, 0, width, height, background);
 }
 
+std::vector<uint8_t> Canvas::rgb() const {
+    cairo_surface_flush(surface_.get());
+    const unsigned char* data = cairo_image_surface_get_data(surface_.get());
+    const int stride = cairo_image_surface_get_stride(surface_.get());
+    std::vector<uint8_t> bytes;
+    bytes.reserve(static_cast<size_t>(width()) * static_cast<size_t>(height()) * 3);
+    for (int y = 0; y < height(); ++y) {
+        const auto* row = reinterpret_cast<const uint32_t*>(data + std::ptrdiff_t{y} * stride);
+        for (int x = 0; x < width(); ++x) {
+            for (const int shift : kShifts) bytes.push_back(row[x] >> shift & 0xff);
+        }
+    }
+    return bytes;
+}
+
 void Canvas::clip(int x, int y, int width, int height) {
-    left_ = std::max(x, 0), top_ = std::max(y, 0);
-    right_ = std::min(x + width, width_), bottom_ = std::min(y + height, height_);
+    unclip();
+    cairo_rectangle(cairo_.get(), x, y, width, height);
+    cairo_clip(cairo_.get());
+}
+
+void Canvas::use(Color color) {
+    cairo_set_source_rgb(cairo_.get(), color.r / 255.0, color.g / 255.0, color.b / 255.0);
 }
 
 void Canvas::blend(int x, int y, Color color, float share) {
-    if (x < left_ || x >= right_ || y < top_ || y >= bottom_) return;
-    uint8_t* pixel =
-        pixels_.data() +
-        (static_cast<size_t>(y) * static_cast<size_t>(width_) + static_cast<size_t>(x)) * 3;
+    if (x < 0 || y < 0 || x >= width() || y >= height()) return;
+    cairo_surface_flush(surface_.get());
+    const int stride = cairo_image_surface_get_stride(surface_.get());
+    unsigned char* data = cairo_image_surface_get_data(surface_.get());
+    auto& pixel = reinterpret_cast<uint32_t*>(data + std::ptrdiff_t{y} * stride)[x];
     const uint8_t channels[3] = {color.r, color.g, color.b};
+    uint32_t mixed = 0;
     for (int c = 0; c < 3; ++c) {
-        const float old = pixel[c], full = channels[c];
-        pixel[c] = static_cast<uint8_t>(std::lround(old + share * (full - old)));
+        const auto old = static_cast<float>(pixel >> kShifts[c] & 0xff);
+        const float value = old + share * (channels[c] - old);
+        mixed |= static_cast<uint32_t>(std::lround(value)) << kShifts[c];
     }
+    pixel = mixed;
+    cairo_surface_mark_dirty(surface_.get());
 }
 
 void Canvas::fill(int x, int y, int width, int height, Color color) {
-    for (int row = std::max(y, top_); row < std::min(y + height, bottom_); ++row) {
-        for (int column = x; column < x + width; ++column) blend(column, row, color);
-    }
+    use(color);
+    cairo_rectangle(cairo_.get(), x, y, width, height);
+    cairo_fill(cairo_.get());
 }
 
 void Canvas::line(double x0, double y0, double x1, double y1, Color color, int thickness) {
-    // Far ends are cut off: they cannot be seen and would take too long.
-    const double reach = 4.0 * (width_ + height_);
-    for (const double end : {x0, y0, x1, y1}) {
-        if (!(std::abs(end) < reach)) return;
-    }
-    const bool steep = std::abs(y1 - y0) > std::abs(x1 - x0);
-    const int steps =
-        std::max(1, static_cast<int>(std::ceil(std::max(std::abs(x1 - x0), std::abs(y1 - y0)))));
-    for (int i = 0; i <= steps; ++i) {
-        const double t = static_cast<double>(i) / steps;
-        const int x = static_cast<int>(std::lround(x0 + t * (x1 - x0)));
-        const int y = static_cast<int>(std::lround(y0 + t * (y1 - y0)));
-        for (int w = -(thickness / 2); w < thickness - thickness / 2; ++w) {
-            blend(steep ? x + w : x, steep ? y : y + w, color);
-        }
-    }
+    if (!drawable(x0, y0) || !drawable(x1, y1)) return;
+    use(color);
+    cairo_set_line_width(cairo_.get(), thickness);
+    cairo_move_to(cairo_.get(), x0 + 0.5, y0 + 0.5);
+    cairo_line_to(cairo_.get(), x1 + 0.5, y1 + 0.5);
+    cairo_stroke(cairo_.get());
 }
 
 void Canvas::dot(double x, double y, int radius, Color color) {
-    if (!(std::abs(x) < 1e6) || !(std::abs(y) < 1e6)) return;
-    const int cx = static_cast<int>(std::lround(x)), cy = static_cast<int>(std::lround(y));
-    constexpr Color kEdge = {0, 0, 0};
-    for (int dy = -radius - 1; dy <= radius + 1; ++dy) {
-        for (int dx = -radius - 1; dx <= radius + 1; ++dx) {
-            const double distance = std::hypot(dx, dy);
-            if (distance <= radius + 0.3) {
-                blend(cx + dx, cy + dy, color);
-            } else if (distance <= radius + 1.3) {
-                blend(cx + dx, cy + dy, kEdge, 0.7f);
-            }
-        }
-    }
+    if (!drawable(x, y)) return;
+    const auto disc = [&](int reach, Color paint) {
+        use(paint);
+        cairo_arc(cairo_.get(), x + 0.5, y + 0.5, reach + 0.5, 0, 2 * std::numbers::pi);
+        cairo_fill(cairo_.get());
+    };
+    disc(radius + 1, {0, 0, 0});
+    disc(radius, color);
 }
 
-void Canvas::text(int x, int y, const std::string& text, Color color) {
-    for (const char c : text) {
-        const uint16_t bits = glyph(c);
-        for (int bit = 0; bit < 15; ++bit) {
-            if (bits >> (14 - bit) & 1) {
-                fill(x + bit % 3 * kBlock, y + bit / 3 * kBlock, kBlock, kBlock, color);
-            }
-        }
-        x += kLetterWidth;
-    }
+int Canvas::text(int x, int y, const std::string& text, Color color) {
+    use(color);
+    cairo_text_extents_t extents;
+    cairo_text_extents(cairo_.get(), text.c_str(), &extents);
+    cairo_move_to(cairo_.get(), x, y + kTextHeight - 2);
+    cairo_show_text(cairo_.get(), text.c_str());
+    return static_cast<int>(std::ceil(extents.x_advance));
 }
 
 }  // namespace zorv::tools

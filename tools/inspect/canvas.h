@@ -1,7 +1,10 @@
-// A small RGB picture to draw on: lines, dots, capital letters.
+// A small RGB picture to draw on, by cairo.
 #pragma once
 
+#include <cairo.h>
+
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,29 +19,36 @@ class Canvas {
   public:
     Canvas(int width, int height, Color background);
 
-    int width() const { return width_; }
-    int height() const { return height_; }
-    const uint8_t* rgb() const { return pixels_.data(); }
+    int width() const { return cairo_image_surface_get_width(surface_.get()); }
+    int height() const { return cairo_image_surface_get_height(surface_.get()); }
+    /// height x width x 3 bytes.
+    std::vector<uint8_t> rgb() const;
 
-    /// Limits drawing to a rectangle.
+    /// Limits lines, dots and text to a rectangle.
     void clip(int x, int y, int width, int height);
-    void unclip() { clip(0, 0, width_, height_); }
+    void unclip() { cairo_reset_clip(cairo_.get()); }
 
-    /// Mixes `share` (0 .. 1) of a colour into a pixel.
+    /// Mixes `share` (0 .. 1) of a colour into a pixel of the picture.
     void blend(int x, int y, Color color, float share = 1);
     void fill(int x, int y, int width, int height, Color color);
     /// A line between pixel centres, `thickness` pixels wide.
     void line(double x0, double y0, double x1, double y1, Color color, int thickness);
     void dot(double x, double y, int radius, Color color);
-    /// Letters are drawn as capitals, 3 x 5 blocks of kBlock pixels each; (x, y) is the top left.
-    void text(int x, int y, const std::string& text, Color color);
+    /// (x, y) is the top left; returns how wide the text is.
+    int text(int x, int y, const std::string& text, Color color);
 
-    static constexpr int kBlock = 2, kLetterWidth = 4 * kBlock, kLetterHeight = 5 * kBlock;
+    static constexpr int kTextHeight = 12;
 
   private:
-    int width_, height_;
-    int left_ = 0, top_ = 0, right_, bottom_;
-    std::vector<uint8_t> pixels_;
+    struct Release {
+        void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
+        void operator()(cairo_t* cairo) const { cairo_destroy(cairo); }
+    };
+
+    void use(Color color);
+
+    std::unique_ptr<cairo_surface_t, Release> surface_;
+    std::unique_ptr<cairo_t, Release> cairo_;
 };
 
 }  // namespace zorv::tools

@@ -32,7 +32,7 @@ void inspect(const InspectOptions& options) {
             fail("no sheet of '{}': its manifest does not tell NT, W and H; see the report",
                  options.bundle);
         }
-        PngEncoder(sheet->width(), sheet->height()).save(sheetOutput->path(), sheet->rgb());
+        PngEncoder(sheet->width(), sheet->height()).save(sheetOutput->path(), sheet->rgb().data());
         sheetOutput->commit();
     }
     if (!report.good()) {
