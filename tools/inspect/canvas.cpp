@@ -68,7 +68,7 @@ void Canvas::blend(int x, int y, Color color, float share) {
     uint32_t mixed = 0;
     for (int c = 0; c < 3; ++c) {
         const auto old = static_cast<float>(pixel >> kShifts[c] & 0xff);
-        const float value = old + share * (channels[c] - old);
+        const float value = old + share * (static_cast<float>(channels[c]) - old);
         mixed |= static_cast<uint32_t>(std::lround(value)) << kShifts[c];
     }
     pixel = mixed;
