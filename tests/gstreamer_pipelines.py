@@ -124,7 +124,7 @@ def main():
             for pipeline, result in zip(pipelines, RESULTS, strict=True):
                 command = pipeline.replace("127.0.0.1:1935", f"127.0.0.1:{server.port}")
                 done = subprocess.run(["bash", "-e", "-c", command], cwd=folder, env=environment,
-                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=1200)
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600)
                 if done.returncode or b"ERROR" in done.stdout:
                     sys.exit(done.stdout.decode(errors="replace") + command)
                 if result == "live.mp4":
