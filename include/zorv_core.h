@@ -839,8 +839,8 @@ ZORV_API int zorv_utt_set_late(zorv_utt* utt, int policy);
  * one; never waits for the engine. Sound of an utterance that has failed, or that is longer than
  * the models can take, is discarded up to its end and keeps its number. Returns the utterance's
  * number; 0 without a text for n = 0; 0 with a text, and nothing appended, for NULL, n < 0, an
- * allocation failure, and on an engine that cannot speak (zorv_utt_ready is -1). Any thread; pushes
- * take turns.
+ * allocation failure, and on an engine that cannot speak (zorv_utt_ready is -1). Any thread; the
+ * samples of one push stay together.
  */
 ZORV_API uint64_t zorv_utt_push(zorv_utt* utt, const int16_t* pcm, int n);
 

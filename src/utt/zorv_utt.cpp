@@ -204,7 +204,6 @@ void zorv_utt::setLate(int policy) {
 
 std::uint64_t zorv_utt::push(const std::int16_t* pcm, std::size_t n, zorv::FailureText& fatal) {
     if (n == 0) return 0;
-    const MutexLock turn(pushMutex_);
     {
         const MutexLock lock(state_.mutex);
         if (refusesSpeech(fatal)) return 0;
@@ -215,7 +214,7 @@ std::uint64_t zorv_utt::push(const std::int16_t* pcm, std::size_t n, zorv::Failu
             return number;
         }
     }
-    // Pushes take turns: what did not fit does not fit now, either.
+    // Without the engine's lock. Another push may make room meanwhile; these pieces go behind it.
     zorv::UtteranceBook::Push prepared(pcm, n);
     const MutexLock lock(state_.mutex);
     if (refusesSpeech(fatal)) return 0;

@@ -98,8 +98,7 @@ struct zorv_utt {
     zorv::MotionDispatch dispatch_;
     zorv::RunLoop loop_;
 
-    /// Pushes and pulls take turns among themselves; each is taken before the engine's lock.
-    zorv::Mutex pushMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
+    /// Pulls take turns.
     zorv::Mutex pullMutex_ ZORV_ACQUIRED_BEFORE(state_.mutex);
     zorv::Pixels reading_ ZORV_GUARDED_BY(pullMutex_);  ///< the frame being copied to the host
 

@@ -141,7 +141,6 @@ void driveFault(Fault fault, const std::function<void()>& run) {
 }  // namespace
 
 const Family kContext = {zorv_last_error, [] { zorv_target_frame(nullptr, 0); }};
-const Family kFca = {zorv_fca_last_error, [] { zorv_fca_create(nullptr, nullptr, 1); }};
 const Family kStream = {zorv_stream_last_error, [] { zorv_stream_create(nullptr, "", 1, 0, 1); }};
 const Family kMotion = {zorv_motion_last_error, [] { zorv_motion_push(nullptr, nullptr, 1); }};
 const Family kA2x = {zorv_a2x_last_error, [] { zorv_a2x_push(nullptr, nullptr, 1); }};

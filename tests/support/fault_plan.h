@@ -30,7 +30,7 @@ struct Family {
     const char* (*lastError)();
     void (*misuse)();  ///< leaves a text of its own behind
 };
-extern const Family kContext, kFca, kStream, kMotion, kA2x, kUtterance, kTelemetry;
+extern const Family kContext, kStream, kMotion, kA2x, kUtterance, kTelemetry;
 
 /// Checks the text of a failure under the fault that is driven: one line that begins with the
 /// function's name, if one is given, and holds the fault's cause. From now on nothing fails.

@@ -112,7 +112,6 @@ TestBundle::TestBundle(const Options& options) : options_(options) {
 }
 
 void TestBundle::write() {
-    files_.clear();
     std::filesystem::create_directories(path("drive"));
     std::filesystem::create_directories(path("target_frames"));
     writeManifest();
@@ -125,7 +124,6 @@ void TestBundle::write() {
 
 void TestBundle::put(const std::string& name, const std::string& bytes) {
     writeFile(path(name), bytes);
-    files_.push_back(name);
 }
 
 void TestBundle::writeManifest() {
@@ -133,8 +131,8 @@ void TestBundle::writeManifest() {
     text << "{\n  \"format\": \"zorv-bundle-v0\",\n  \"agent\": \"tiny\",\n"
          << "  \"NT\": " << options_.nt << ",\n  \"H\": " << options_.height
          << ",\n  \"W\": " << options_.width << ",\n  \"crop\": " << options_.crop
-         << ",\n  \"unsharp\": {\"amount\": " << options_.sharpening
-         << ", \"sigma\": 1.0, \"ksize\": 5},\n  \"frames\": " << options_.driveFrames << "\n}\n";
+         << ",\n  \"unsharp\": {\"amount\": 0.5, \"sigma\": 1.0, \"ksize\": 5},\n  \"frames\": "
+         << options_.driveFrames << "\n}\n";
     put("manifest.json", text.str());
 }
 
@@ -142,7 +140,7 @@ void TestBundle::writeIdentity() {
     const int nt = options_.nt;
     const auto side = static_cast<std::size_t>(options_.crop);
     put("pooled64.f16", halfFrames(nt, 65536, 0.003f));
-    if (options_.withP) put("P.f16", halfFrames(nt, 3 * side * side, 0.05f));
+    put("P.f16", halfFrames(nt, 3 * side * side, 0.05f));
     if (options_.withFsRed) put("fs_red.f16", halfFrames(nt, 262144, 0.007f));
 
     put("M.f32", arrayBytes<float>(static_cast<std::size_t>(nt) * 6, [&](std::size_t i) {

@@ -44,8 +44,6 @@ struct TestBundleOptions {
     int height = 40;
     int crop = kTestCrop;
     int driveFrames = 4;
-    float sharpening = 0.5f;
-    bool withP = true;
     bool withFsRed = false;
 };
 
@@ -60,8 +58,6 @@ class TestBundle {
     const Options& options() const { return options_; }
     const std::string& dir() const { return dir_.path(); }
     std::string path(const std::string& name) const { return dir() + "/" + name; }
-    /// Every file of the bundle, relative to dir().
-    const std::vector<std::string>& files() const { return files_; }
 
     /// Writes all files as they were at first; undoes every change below.
     void write();
@@ -89,7 +85,6 @@ class TestBundle {
 
     Options options_;
     TempDir dir_;
-    std::vector<std::string> files_;
 };
 
 }  // namespace zorv::test

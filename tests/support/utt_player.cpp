@@ -38,7 +38,7 @@ class FakeSource final : public MotionSource {
         cursor_ = startFrame;
         ++script_.resets;
     }
-    void setEager(int value) override { script_.eager = value; }
+    void setEager(int) override {}
     void push(const float* samples, int n) override {
         EXPECT_FALSE(finished_) << "audio after the end";
         samples_.insert(samples_.end(), samples, samples + n);

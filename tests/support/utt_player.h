@@ -42,7 +42,6 @@ struct SourceScript {
     std::atomic<bool> hold{false};       ///< avail() blocks while set
     std::atomic<double> renderMs{0};     ///< of each frame, on the player's clock
     std::atomic<int> resets{0};
-    std::atomic<int> eager{0};
 };
 
 /// One frame per 640 samples: source = the bundle row, driving = the row + gain x the frame's
