@@ -11,7 +11,7 @@ from pathlib import Path
 from unittest import mock
 
 import numpy
-from support import BUNDLE, DEMO, ENCODER, EXPRESSION, MOTION, Case, voice
+from support import BUNDLE, DEMO, ENCODER, EXPRESSION, MOTION, QUIET_FORK, Case, voice
 
 import zorv
 
@@ -144,8 +144,8 @@ if what == "raise":
 """
         for what in ("fork", "interrupt", "raise", "exit"):
             with self.subTest(what):
-                done = subprocess.run([sys.executable, "-c", program, what], capture_output=True,
-                                      text=True, timeout=120)
+                done = subprocess.run([sys.executable, *QUIET_FORK, "-c", program, what],
+                                      capture_output=True, text=True, timeout=120)
                 self.assertEqual((done.returncode, done.stderr, done.stdout), (0, "", ""))
 
     def test_video(self):

@@ -7,7 +7,7 @@ import unittest
 from unittest import mock
 
 import numpy
-from support import BUNDLE, DEMO, ENCODER, EXPRESSION, MOTION, Case, voice
+from support import BUNDLE, DEMO, ENCODER, EXPRESSION, MOTION, QUIET_FORK, Case, voice
 
 import zorv
 
@@ -257,7 +257,8 @@ if what == "thread":
         for what in ("exit", "fork", "pulled", "dropped", "raise", "loop", "thread"):
             with self.subTest(what):
                 done = subprocess.run(
-                    [sys.executable, "-c", self.PROGRAM, what, os.path.dirname(__file__)],
+                    [sys.executable, *QUIET_FORK, "-c", self.PROGRAM, what,
+                     os.path.dirname(__file__)],
                     capture_output=True, text=True, timeout=200)
                 self.assertEqual((done.returncode, done.stderr, done.stdout), (0, "", ""))
 

@@ -10,6 +10,8 @@ BUNDLE = DEMO / "bundle"
 ENCODER = DEMO / "speech_encoder.onnx"
 MOTION = DEMO / "motion"
 EXPRESSION = DEMO / "expression"
+# For a Python that warns, from 3.12 on, of what the test is about: a fork beside threads.
+QUIET_FORK = ("-W", "ignore:This process")
 
 
 def voice(seconds, rate=16000):
