@@ -2,13 +2,13 @@
 import io
 import os
 import tempfile
-import threading
+import time
 import unittest
 import wave
 from pathlib import Path
 from unittest import mock
 
-from distributed import Client, LocalCluster
+from distributed import Client, LocalCluster, as_completed
 from support import BUNDLE, ENCODER, Case, voice
 
 import zorv
@@ -42,18 +42,19 @@ class Catalogue(Case):
             for job, length in zip(jobs, lengths):
                 write_sound(job.sound, voice(length))
             Path(jobs[7].sound).write_bytes(b"no sound")
-            killed = threading.Event()
+            numbers = client.run(os.getpid)
 
-            def kill_one():
-                while sum(Path(job.target).exists() for job in jobs) < 5:
-                    killed.wait(0.01)
-                os.kill(next(iter(client.run(os.getpid).values())), 9)
-                killed.set()
+            def with_a_death(futures):
+                """The worker that holds the fifth result dies before anyone asks for it."""
+                for count, future in enumerate(as_completed(futures)):
+                    if count == 5:
+                        os.kill(numbers[client.who_has([future])[future.key][0]], 9)
+                        while future.status == "finished":
+                            time.sleep(0.01)
+                    yield future
 
-            killer = threading.Thread(target=kill_one)
-            killer.start()
-            results = zorv.render_catalogue(jobs, client)
-            killer.join()
+            with mock.patch("distributed.as_completed", with_a_death):
+                results = zorv.render_catalogue(jobs, client)
             self.assertEqual([r.job for r in results], jobs)
             self.assertEqual([r.state for r in results],
                              ["failed" if i == 7 else "made" for i in range(CLIPS)])

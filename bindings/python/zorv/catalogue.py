@@ -11,7 +11,6 @@ from .clip import Clip
 from .video import unfinished, write_video
 
 
-
 class Job(NamedTuple):
     """One clip of a catalogue; every worker sees the same paths."""
 
@@ -64,12 +63,11 @@ def render_catalogue(jobs: Iterable[Job], client: Any) -> List[Result]:
         for future in ended:
             i = futures[future]
             _remove_unfinished(jobs[i].target)
-            error = future.exception() if future.status == "error" else None
-            if future.status == "finished":
-                text = future.result()
-                results[i] = Result(jobs[i], "failed" if text else "made", text)
-            else:
-                results[i] = Result(jobs[i], "failed", str(error or future.status))
+            try:
+                text = future.result()  # waits again if the worker died before it was told
+            except Exception as error:
+                text = str(error) or type(error).__name__
+            results[i] = Result(jobs[i], "failed" if text else "made", text)
             failed += results[i].state == "failed"
             progress.show(len(results), failed)
     finally:
