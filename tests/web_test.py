@@ -61,6 +61,8 @@ class Viewer:
         await self.peer.setLocalDescription(await self.peer.createOffer())
         # aiortc gives extensions of sound and picture the same number, and reads one as the other.
         sdp = re.sub("a=extmap:.*ssrc-audio-level\r\n", "", self.peer.localDescription.sdp)
+        # Browsers do not tell where they are.
+        sdp = re.sub(r"(a=candidate:\S+ \d+ \S+ \d+) \S+", r"\1 name-of-nobody.local", sdp)
         offer = {"type": "offer", "sdp": sdp}
         async with http.post(url + "session", json=offer) as answer:
             self.answer = await answer.json()
