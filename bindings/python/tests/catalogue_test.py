@@ -45,7 +45,7 @@ class Catalogue(Case):
             numbers = client.run(os.getpid)
 
             def with_a_death(futures):
-                """The worker that holds the fifth result dies before anyone asks for it."""
+                """The worker that holds the sixth result dies before anyone asks for it."""
                 for count, future in enumerate(as_completed(futures)):
                     if count == 5:
                         os.kill(numbers[client.who_has([future])[future.key][0]], 9)

@@ -62,11 +62,11 @@ def render_catalogue(jobs: Iterable[Job], client: Any) -> List[Result]:
         ended: Iterable[Any] = getattr(distributed, "as_completed")(futures)
         for future in ended:
             i = futures[future]
-            _remove_unfinished(jobs[i].target)
             try:
                 text = future.result()  # waits again if the worker died before it was told
             except Exception as error:
                 text = str(error) or type(error).__name__
+            _remove_unfinished(jobs[i].target)
             results[i] = Result(jobs[i], "failed" if text else "made", text)
             failed += results[i].state == "failed"
             progress.show(len(results), failed)
